@@ -1,0 +1,278 @@
+#include "firehose.hpp"
+
+#include "core-device.hpp"
+#include "core.hpp"
+#include "firehose_program.hpp"
+#include "modem_table.hpp"
+#include "write-all.hpp"
+#include "zepho-log.hpp"
+
+#include <cerrno>
+#include <fcntl.h>
+
+static constexpr char log_source[] = "../firehose.c";
+
+namespace {
+
+constexpr char ping_request[] = "<?xml version=\"1.0\"?>\n<data>\n<nop value=\"ping\"/>\n</data>\n";
+constexpr char configure_request[] =
+    "<?xml version=\"1.0\"?>\n<data>\n<configure MaxPayloadSizeToTargetInBytes=\"%u\" MemoryName=\"%s\" />\n</data>\n";
+constexpr char reset_request[] =
+    "<?xml version=\"1.0\"?>\n<data>\n<power value=\"reset\" DelayInSeconds=\"3\"/>\n</data>\n";
+constexpr char memory_name[] = "nand";
+constexpr char supported_payload[] = "MaxPayloadSizeToTargetInBytesSupported";
+constexpr int max_empty_chunks = 10;
+
+int open_endpoint(core_endpoint *endpoint)
+{
+    static core_device_info info;
+    memset(&info, 0, sizeof info);
+    snprintf(info.vid, sizeof info.vid, "%x", QDL_DEVICE.vid);
+    snprintf(info.pid, sizeof info.pid, "%x", QDL_DEVICE.pid);
+    return core_usb_endpoint_open(&info, endpoint);
+}
+
+int open_serial(const modem *m, int32_t *handle)
+{
+    const modem_port_record *const port = find_port(m, PORT_FIRMWARE_UPDATE);
+    const int err = core_device_open(port != nullptr ? port->port_name : "", handle);
+    // Descriptor 0 stands for no serial device: a port that got it is moved.
+    if (err == CORE_OK && *handle == 0) {
+        *handle = fcntl(0, F_DUPFD, 1);
+        core_device_close(0);
+    }
+    return err;
+}
+
+// Programs the package, or reads the OTP values; `*reset_sent` tells whether the package's own commands
+// already reset the modem.
+int run_session(firehose_device *device, const image_list *package, bool otp, bool *reset_sent)
+{
+    static constexpr char function[] = "firehose_update";
+    uint32_t payload = FIREHOSE_PAYLOAD_SIZE;
+    int err = send_nop(device);
+    if (err != CORE_OK) {
+        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error in nop handshake");
+        return err;
+    }
+    err = send_config(device, &payload);
+    if (err != CORE_OK) {
+        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error in config");
+        return err;
+    }
+    err = otp ? get_otp(device) : send_commands(package, device, payload, reset_sent);
+    if (err != CORE_OK)
+        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error sending commands %d", err);
+    return err;
+}
+
+int finish_session(firehose_device *device, const image_list *package, bool reset_sent)
+{
+    static constexpr char function[] = "firehose_update";
+    if (reset_sent) {
+        core_log(CORE_LOG_DBG, log_source, function, __LINE__, "reset command already sent");
+        return CORE_OK;
+    }
+    const int err = send_reset(device, package->platform != 0);
+    if (err != CORE_OK)
+        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error in sending reset");
+    return err;
+}
+
+// Takes the programmer's counter-offer out of a NAK.
+int take_counter_offer(const firehose_chunk &chunk, uint32_t *payload)
+{
+    static constexpr char function[] = "send_config";
+    if (!get_uint_attribute(chunk.text, supported_payload, payload)) {
+        core_log(CORE_LOG_ERR, log_source, function, __LINE__,
+                 "Failed to retrieve MaxPayloadSizeToTargetInBytesSupported attribute");
+        return CORE_EGENERIC;
+    }
+    if (*payload == 0) {
+        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "the programmer supports a payload of 0 bytes only");
+        return CORE_EPROTO;
+    }
+    return CORE_OK;
+}
+
+} // namespace
+
+int firehose_open(const modem *m, firehose_device *device)
+{
+    return m->is_pcie ? open_serial(m, &device->serial_handle) : open_endpoint(&device->endpoint);
+}
+
+void firehose_close(firehose_device *device)
+{
+    if (device->serial_handle != 0)
+        core_device_close(device->serial_handle);
+    else
+        core_usb_endpoint_close(&device->endpoint);
+}
+
+int firehose_read(firehose_device *device, unsigned timeout_ms, firehose_chunk *chunk)
+{
+    constexpr size_t room = sizeof chunk->text - 1;
+    memset(chunk, 0, sizeof *chunk);
+    if (device->serial_handle != 0)
+        return core_device_read_timeout(device->serial_handle, chunk->text, room, timeout_ms, &chunk->size);
+    int transferred = 0;
+    const int err = core_usb_endpoint_read(&device->endpoint, chunk->text, room, &transferred);
+    chunk->size = transferred > 0 ? static_cast<size_t>(transferred) : 0;
+    return err;
+}
+
+bool firehose_has_ack(const firehose_chunk *chunk)
+{
+    return strstr(chunk->text, "value=\"ACK\"") != nullptr;
+}
+
+bool firehose_has_nak(const firehose_chunk *chunk)
+{
+    return strstr(chunk->text, "value=\"NAK\"") != nullptr;
+}
+
+int idle_guard::check(const firehose_chunk *chunk)
+{
+    empty_chunks = chunk->size == 0 ? empty_chunks + 1 : 0;
+    if (empty_chunks < max_empty_chunks)
+        return CORE_OK;
+    log_err("the programmer sends empty answers only");
+    return CORE_EPROTO;
+}
+
+int firehose_write(firehose_device *device, const void *buf, size_t len)
+{
+    return write_all(buf, len, back_pressure::retry, [device](const void *rest, size_t size, size_t *written) {
+        if (device->serial_handle != 0)
+            return core_device_write(device->serial_handle, rest, size, written);
+        int transferred = 0;
+        const int err = core_usb_endpoint_write(&device->endpoint, rest, size, &transferred);
+        *written = transferred > 0 ? static_cast<size_t>(transferred) : 0;
+        return err;
+    });
+}
+
+int read_ack_nack(firehose_device *device)
+{
+    for (;;) {
+        firehose_chunk chunk;
+        if (firehose_read(device, timeouts::ack, &chunk) != CORE_OK || chunk.size == 0)
+            return CORE_EGENERIC;
+        log_dbg("%s", chunk.text);
+        if (firehose_has_ack(&chunk))
+            return CORE_OK;
+        if (firehose_has_nak(&chunk)) {
+            log_err("%s", chunk.text);
+            return CORE_EGENERIC;
+        }
+    }
+}
+
+int generic_ack_nack_request(firehose_device *device, const char *xml)
+{
+    log_dbg("sending request: %s", xml);
+    int err = firehose_write(device, xml, strlen(xml));
+    if (err != CORE_OK) {
+        log_err("error %u sending request:", static_cast<unsigned>(err));
+        log_err("%s", xml);
+        return err;
+    }
+    err = read_ack_nack(device);
+    if (err != CORE_OK)
+        log_err("error sending reading ack/nack %u", static_cast<unsigned>(err));
+    return err;
+}
+
+int send_nop(firehose_device *device)
+{
+    return generic_ack_nack_request(device, ping_request);
+}
+
+int get_config_xml(owned_text *out, uint32_t payload, const char *memory)
+{
+    *out = format_text(configure_request, payload, memory);
+    return *out != nullptr ? static_cast<int>(strlen(out->get())) : -1;
+}
+
+int send_config(firehose_device *device, uint32_t *payload)
+{
+    owned_text request;
+    if (get_config_xml(&request, *payload, memory_name) < 0) {
+        log_err("error in get_config_xml");
+        return CORE_ENOMEM;
+    }
+    if (const int err = firehose_write(device, request.get(), strlen(request.get())); err != CORE_OK) {
+        log_err("error sending config %u", static_cast<unsigned>(err));
+        return err;
+    }
+    for (;;) {
+        firehose_chunk chunk;
+        if (firehose_read(device, timeouts::configure, &chunk) != CORE_OK || chunk.size == 0)
+            return CORE_EGENERIC;
+        log_dbg("%s", chunk.text);
+        if (firehose_has_ack(&chunk))
+            return CORE_OK;
+        if (firehose_has_nak(&chunk)) {
+            log_dbg("%s", chunk.text);
+            return take_counter_offer(chunk, payload);
+        }
+    }
+}
+
+int send_reset(firehose_device *device, bool wait_for_bsp_target_reset)
+{
+    if (const int err = firehose_write(device, reset_request, sizeof reset_request - 1); err != CORE_OK) {
+        log_err("error sending reset %u", static_cast<unsigned>(err));
+        return err;
+    }
+    wait_reset_response(device, wait_for_bsp_target_reset); // the modem may be gone before it has answered
+    core_sleep(timeouts::after_reset);
+    return CORE_OK;
+}
+
+int wait_reset_response(firehose_device *device, bool wait_for_bsp_target_reset)
+{
+    bool ack_seen = false;
+    bool target_reset_seen = false;
+    idle_guard guard{};
+    for (;;) {
+        firehose_chunk chunk;
+        if (const int err = firehose_read(device, timeouts::reset_answer, &chunk); err != CORE_OK)
+            return err;
+        if (const int err = guard.check(&chunk); err != CORE_OK)
+            return err;
+        if (chunk.size == 0)
+            continue;
+        log_dbg("%s", chunk.text);
+        target_reset_seen = target_reset_seen || strstr(chunk.text, "bsp_target_reset") != nullptr;
+        ack_seen = ack_seen || firehose_has_ack(&chunk);
+        if (firehose_has_nak(&chunk)) {
+            log_err("%s", chunk.text);
+            return CORE_EGENERIC;
+        }
+        if (wait_for_bsp_target_reset && ack_seen && target_reset_seen) {
+            log_dbg("successfully received ack and bsp_target_reset about the reset command");
+            return CORE_OK;
+        }
+        if (!wait_for_bsp_target_reset && ack_seen) {
+            log_dbg("successfully received ack about the reset command");
+            return CORE_OK;
+        }
+        core_sleep(timeouts::reset_pause);
+    }
+}
+
+int firehose_update(const modem *m, const image_list *package, bool otp)
+{
+    firehose_device device{};
+    bool reset_sent = false;
+    if (const int err = firehose_open(m, &device); err != CORE_OK) {
+        log_err("error in opening the firehose device %d", err);
+        return err;
+    }
+    const int session_err = run_session(&device, package, otp, &reset_sent);
+    const int reset_err = finish_session(&device, package, reset_sent);
+    firehose_close(&device);
+    return session_err != CORE_OK ? session_err : reset_err;
+}

@@ -1,0 +1,69 @@
+// Firehose: the conversation with the running flash programmer, XML requests answered by XML chunks whose
+// response element is "ACK" or "NAK".
+//
+// In: a modem record (PCIe mark, download port) and the package. Out: 0 once every image is written and
+// acknowledged. The connection is opened and closed here; every run that got a connection ends with a power
+// reset. Waits: 5 s for an acknowledgement, 0.5 s for the answers to configure, reset and OTP on a serial
+// device, 30 s for a USB transfer.
+#pragma once
+
+#include "core-endpoint.hpp"
+#include "modem.hpp"
+#include "owners.hpp"
+#include "xml.hpp"
+
+// The connection; zeroed before use.
+struct firehose_device {
+    int32_t serial_handle;  // non-zero: all traffic goes over this descriptor; zero: over the endpoint
+    core_endpoint endpoint;
+};
+
+// Payload size that is proposed to every programmer, in bytes.
+constexpr uint32_t FIREHOSE_PAYLOAD_SIZE = 1048576;
+
+// The stage: open, ping, configure, then the package's commands (or the OTP read), reset, close. 0 or the
+// first failure.
+int firehose_update(const modem *m, const image_list *package, bool otp);
+
+// Opens the download device 05C6:9008, or the modem's download port when it is a PCIe modem.
+int firehose_open(const modem *m, firehose_device *device);
+void firehose_close(firehose_device *device);
+// Writes all `len` bytes. 0, CORE_EAGAIN after five back-pressures, or the error of the write.
+int firehose_write(firehose_device *device, const void *buf, size_t len);
+
+// One chunk of the programmer, as text. A chunk is examined by itself; nothing is carried over to the next.
+struct firehose_chunk {
+    char text[1024 + 1];
+    size_t size; // bytes received, at most 1024
+};
+// Reads one chunk; `timeout_ms` counts on a serial device only. 0 or the error of the read.
+int firehose_read(firehose_device *device, unsigned timeout_ms, firehose_chunk *chunk);
+bool firehose_has_ack(const firehose_chunk *chunk);
+bool firehose_has_nak(const firehose_chunk *chunk);
+
+// Counts chunks that brought nothing, so that a connection that delivers nothing at once cannot hold the
+// program for ever.
+struct idle_guard {
+    int empty_chunks;
+    // CORE_EPROTO (logged) when this is the tenth empty chunk in a row, else 0.
+    int check(const firehose_chunk *chunk);
+};
+
+// Waits for ACK: 0; CORE_EGENERIC after NAK, silence or a failed read.
+int read_ack_nack(firehose_device *device);
+// Sends a request and waits for its ACK.
+int generic_ack_nack_request(firehose_device *device, const char *xml);
+int send_nop(firehose_device *device);
+// Formats the configure request; its length, -1 on failure.
+int get_config_xml(owned_text *out, uint32_t payload, const char *memory_name);
+// Proposes `*payload`; a NAK that tells what the programmer supports is taken as a counter-offer and stored
+// in `*payload`. 0, CORE_EGENERIC, CORE_ENOMEM, CORE_EPROTO (a counter-offer of 0) or a write's error.
+int send_config(firehose_device *device, uint32_t *payload);
+// Sends the power reset and waits for its answer. 0, whatever that is, or the write's error.
+int send_reset(firehose_device *device, bool wait_for_bsp_target_reset);
+// 0; CORE_EGENERIC after NAK; or the error that ended the reading.
+int wait_reset_response(firehose_device *device, bool wait_for_bsp_target_reset);
+
+// Reads the OTP values of the module and logs each as one line.
+int get_otp(firehose_device *device);
+int print_otp_response(firehose_device *device);

@@ -1,0 +1,162 @@
+#include "handoff.hpp"
+
+#include "android-utils.hpp"
+#include "core-discovery.hpp"
+#include "core.hpp"
+#include "diag.hpp"
+#include "firehose.hpp"
+#include "modem_probing.hpp"
+#include "modem_table.hpp"
+#include "options.hpp"
+#include "owners.hpp"
+#include "package.hpp"
+#include "sahara.hpp"
+#include "timeouts.hpp"
+#include "update.hpp"
+#include "zepho-log.hpp"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+static constexpr char log_source[] = "../main.c";
+
+static constexpr char hand_off_function[] = "start_update_procedure"; // whose second half this is
+static constexpr char download_port[] = "/dev/ttyUSB0";
+
+int write_sysfs_file(const char *path, const char *text, size_t length)
+{
+    const owned_device file(open(path, O_WRONLY));
+    if (file.get() < 0) {
+        log_err("unable to open %s, %s", path, strerror(errno));
+        return -1;
+    }
+    if (pwrite(file.get(), text, length, 0) != static_cast<ssize_t>(length)) {
+        log_err("unable to write to %s, %s", path, strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+int trigger_edl_mode(const modem *m)
+{
+    static constexpr char mark[] = "wwan";
+    static constexpr size_t shortest = 6; // the mark, the index and what the port is for
+    const char *const name = strstr(m->modem_port[0].port_name, mark);
+    if (name == nullptr || strlen(name) < shortest) {
+        log_err("not able to detect mhi index");
+        return 0; // the caller waits for the download device as usual
+    }
+    char path[64];
+    snprintf(path, sizeof path, "/sys/bus/mhi/devices/mhi%c/trigger_edl", name[strlen(mark)]);
+    if (write_sysfs_file(path, "1", 1) != 0) {
+        log_err("unable to write trigger_edl file (mhi path %s)", path);
+        return -1;
+    }
+    return 0;
+}
+
+// Where the platform tells of no arrivals: looks for the download device in sysfs.
+static int find_download_device(modem *m)
+{
+    const bool found = wait_for_usb_device(QDL_VENDOR_TEXT, QDL_PRODUCT_TEXT, timeouts::download_device_tries);
+    if (keep_running == 0)
+        return CORE_ECANCELED;
+    if (!found) {
+        core_log(CORE_LOG_ERR, log_source, hand_off_function, __LINE__, "failed listening on the USB bus");
+        return CORE_ENOTSUPPORTED;
+    }
+    prepare_port_modem(m, true, download_port);
+    return CORE_OK;
+}
+
+// The download device has arrived: takes it over from the bus.
+static int scan_download_device(modem *modems, uint8_t max_modems)
+{
+    memset(modems, 0, sizeof *modems * max_modems);
+    int err = start_usb_bus_scan(&download_mode_list, modems, max_modems);
+    if (err != CORE_OK && err != CORE_ENODEV)
+        return err;
+    err = collect_modem_array_basic_information(modems, max_modems, true);
+    if (err != CORE_OK) {
+        core_log(CORE_LOG_ERR, log_source, hand_off_function, __LINE__, "modem not probed");
+        return err;
+    }
+    if (count_modems(modems, max_modems) != 1) {
+        core_log(CORE_LOG_ERR, log_source, hand_off_function, __LINE__,
+                 "the tool does not support multiple modems in QDL mode,                             "
+                 "please keep a single modem attached");
+        return CORE_EINVAL;
+    }
+    return CORE_OK;
+}
+
+static int wait_for_download_device(modem *modems, uint8_t max_modems)
+{
+    core_usb_event event{};
+    do {
+        event = {};
+        const int err = core_device_usb_id_event_listener(core_usb_id_find_match, &download_mode_list, &event,
+                                                          timeouts::download_device_event);
+        if (keep_running == 0)
+            return CORE_ECANCELED;
+        if (err == CORE_ENOTSUPPORTED)
+            return find_download_device(&modems[0]);
+        if (err != CORE_OK) {
+            core_log(CORE_LOG_ERR, log_source, hand_off_function, __LINE__, "failed listening on the USB bus");
+            return err;
+        }
+    } while (event.removed);
+    return scan_download_device(modems, max_modems);
+}
+
+// A modem that was told to restart into download mode is asked again until it is there.
+static int upload_programmer(const modem *m)
+{
+    int err = sahara_send_programmer(m, &package);
+    while (err == CORE_EAGAIN) {
+        core_sleep(timeouts::sahara_retry_pause);
+        if (keep_running == 0)
+            return CORE_ECANCELED;
+        err = sahara_send_programmer(m, &package);
+    }
+    if (err != CORE_OK)
+        core_log(CORE_LOG_ERR, log_source, hand_off_function, __LINE__, "unable to send the programmer through SAHARA");
+    return err;
+}
+
+static int write_images(const modem *m)
+{
+    const int err = firehose_update(m, &package, options.otp);
+    if (err != CORE_OK)
+        core_log(CORE_LOG_ERR, log_source, hand_off_function, __LINE__, "unable to update the modem through FIREHOSE");
+    return err;
+}
+
+int hand_off(modem *modems, uint8_t max_modems, bool already_in_qdl)
+{
+    modem *const m = &modems[0];
+    if (options.pcie && already_in_qdl)
+        return write_images(m);
+    if (!already_in_qdl) {
+        const int err = m->is_pcie ? trigger_edl_mode(m) : switch_QDload_mode(m);
+        if (err != CORE_OK) {
+            core_log(CORE_LOG_ERR, log_source, hand_off_function, __LINE__,
+                     "unable to set the modem to firmware update mode");
+            return err;
+        }
+    }
+    if (options.enter_qdl) {
+        core_log(CORE_LOG_INF, log_source, hand_off_function, __LINE__, "Entered QDL mode, stopping");
+        return CORE_OK;
+    }
+    if (!already_in_qdl) {
+        if (const int err = wait_for_download_device(modems, max_modems); err != CORE_OK)
+            return err;
+    }
+    if (already_in_qdl || !m->is_pcie) {
+        if (const int err = upload_programmer(m); err != CORE_OK)
+            return err;
+    }
+    return write_images(m);
+}

@@ -1,0 +1,282 @@
+// Building the image list from the package's files; the reading of single lines is in xml.cpp.
+#include "xml.hpp"
+
+#include "core-file.hpp"
+#include "core.hpp"
+#include "owners.hpp"
+#include "zepho-log.hpp"
+
+#include <cerrno>
+#include <cinttypes>
+#include <libgen.h>
+
+static constexpr char log_source[] = "../xml.c";
+
+namespace {
+
+constexpr char line_end[] = "\n";
+
+// Reads an open file whole into memory of its own, with a terminating zero behind it.
+int read_text(int file, owned_text *text, const char *function)
+{
+    int64_t size = 0;
+    if (const int err = core_file_get_size(file, &size); err != CORE_OK) {
+        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "unable to get bin file size %u",
+                 static_cast<unsigned>(err));
+        return err;
+    }
+    if (static_cast<uint64_t>(size) < SIZE_MAX)
+        text->reset(static_cast<char *>(calloc(static_cast<size_t>(size) + 1, 1)));
+    if (*text == nullptr) {
+        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "out of memory");
+        return CORE_ENOMEM;
+    }
+    const auto total = static_cast<size_t>(size);
+    size_t done = 0;
+    while (done < total) {
+        size_t count = 0;
+        int err = core_file_read(file, text->get() + done, total - done, &count);
+        if (err == CORE_OK && count == 0)
+            err = CORE_EINVAL; // the file has shrunk meanwhile
+        if (err != CORE_OK) {
+            core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error %u reading %" PRIu64 " bytes (read %u bytes)",
+                     static_cast<unsigned>(err), static_cast<uint64_t>(total), static_cast<unsigned>(count));
+            return err;
+        }
+        done += count;
+    }
+    return CORE_OK;
+}
+
+// The lines of the description: an element line, then the line with its file name.
+int parse_content_lines(char *text, image_list *list)
+{
+    static constexpr char function[] = "parse_content_xml";
+    const struct {
+        line_type type;
+        char *path;
+        const char *name_missing;
+        const char *missing;
+    } entries[] = {
+        {LINE_DEVICE_PROGRAMMER, list->programmer_path, "programmer_path file_name not found",
+         "programmer_path not found"},
+        {LINE_PARTITION_FILE, list->partition_file_path, "partition_file_path file_name not found",
+         "partition_file_path not found"},
+    };
+    static constexpr size_t path_size = sizeof list->programmer_path;
+    char *position = nullptr;
+    strtok_r(text, line_end, &position); // the XML declaration
+    while (const char *const line = strtok_r(nullptr, line_end, &position)) {
+        const line_type type = get_line_type(line, false);
+        for (const auto &entry : entries) {
+            if (entry.type != type)
+                continue;
+            const char *const next = strtok_r(nullptr, line_end, &position);
+            if (next == nullptr || get_line_type(next, false) != LINE_FILE_NAME)
+                break;
+            if (!get_value(entry.path, path_size, next, LINE_FILE_NAME)) {
+                core_log(CORE_LOG_ERR, log_source, function, __LINE__, "%s", entry.name_missing);
+                return CORE_ENOENT;
+            }
+            break;
+        }
+    }
+    for (const auto &entry : entries) {
+        if (entry.path[0] == '\0') {
+            core_log(CORE_LOG_ERR, log_source, function, __LINE__, "%s", entry.missing);
+            return CORE_ENOENT;
+        }
+    }
+    return CORE_OK;
+}
+
+// Puts the base directory in front of a path of the list.
+int join_base(const char *base_dir, char (&path)[1024])
+{
+    const owned_text joined = format_text("%s/%s", base_dir, path);
+    if (joined == nullptr) {
+        core_log(CORE_LOG_ERR, log_source, "build_image_array_from_xml", __LINE__, "out of memory");
+        return CORE_ENOMEM;
+    }
+    strlcpy(path, joined.get(), sizeof path);
+    return CORE_OK;
+}
+
+// Without a description, the first rawprogram file that the programmer's directory lists is taken.
+int find_partition_file(const char *base_dir, image_list *list)
+{
+    static constexpr char function[] = "build_image_array_from_xml";
+    const owned_directory directory(opendir(base_dir));
+    if (directory == nullptr) {
+        const int err = errno;
+        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "failed to open fw directory %s, errno: %d (%s)",
+                 base_dir, err, strerror(err));
+        return CORE_ENOENT;
+    }
+    while (const dirent *const entry = readdir(directory.get())) {
+        if (strstr(entry->d_name, "rawprogram_nand") == nullptr || strstr(entry->d_name, ".xml") == nullptr)
+            continue;
+        strlcpy(list->partition_file_path, entry->d_name, sizeof list->partition_file_path);
+        return join_base(base_dir, list->partition_file_path);
+    }
+    if (list->partition_file_path[0] == '\0') {
+        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "unable to find partition_file_path");
+        return CORE_EINVAL;
+    }
+    return CORE_OK;
+}
+
+// Finds the rawprogram file; `*base_dir` receives the directory that all names are relative to.
+int find_package_files(image_list *list, owned_text *storage, const char **base_dir)
+{
+    static constexpr char function[] = "build_image_array_from_xml";
+    const bool has_description = list->content_xml_path[0] != '\0';
+    storage->reset(strdup(has_description ? list->content_xml_path : list->programmer_path));
+    if (*storage == nullptr) {
+        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "out of memory");
+        return CORE_ENOMEM;
+    }
+    *base_dir = dirname(storage->get());
+    if (!has_description)
+        return find_partition_file(*base_dir, list);
+    if (const int err = parse_content_xml(list->content_xml_path, list); err != CORE_OK) {
+        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "unable to parse content xml file %s, err = %u",
+                 list->content_xml_path, static_cast<unsigned>(err));
+        return err;
+    }
+    if ((*base_dir)[0] == '\0')
+        return CORE_OK;
+    if (const int err = join_base(*base_dir, list->partition_file_path); err != CORE_OK)
+        return err;
+    return join_base(*base_dir, list->programmer_path);
+}
+
+int add_image(image_list *list, const char *line)
+{
+    static image fresh; // 3 KiB, too much for a small stack
+    memset(&fresh, 0, sizeof fresh);
+    strlcpy(fresh.command, line, sizeof fresh.command);
+    get_string_attribute(line, "label", fresh.label, sizeof fresh.label);
+    get_string_attribute(line, "filename", fresh.filename, sizeof fresh.filename);
+    get_uint_attribute(line, "SECTOR_SIZE_IN_BYTES", &fresh.sector_size_in_bytes);
+    const int slot = find_free_image_slot(list->images, static_cast<int>(list->image_count));
+    if (slot < 0) {
+        core_log(CORE_LOG_ERR, log_source, "build_image_array_from_xml", __LINE__,
+                 "Images > MAX_IMAGE_NUMBER, increase the define");
+        return CORE_ENOMEM;
+    }
+    memcpy(&list->images[slot], &fresh, sizeof fresh);
+    return CORE_OK;
+}
+
+int parse_partition_lines(char *text, image_list *list)
+{
+    static constexpr char function[] = "build_image_array_from_xml";
+    char *position = nullptr;
+    if (!is_valid_xml(strtok_r(text, line_end, &position))) {
+        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "file %s", list->partition_file_path);
+        return CORE_EINVAL;
+    }
+    bool in_comment = false;
+    while (const char *const line = strtok_r(nullptr, line_end, &position)) {
+        switch (get_line_type(line, in_comment)) {
+        case LINE_COMMENT_START:
+            in_comment = true;
+            break;
+        case LINE_COMMENT_END:
+            in_comment = false;
+            break;
+        case LINE_COMMAND:
+            if (in_comment)
+                break;
+            if (const int err = add_image(list, line); err != CORE_OK)
+                return err;
+            break;
+        default:
+            break;
+        }
+    }
+    return CORE_OK;
+}
+
+bool validate_image(const char *base_dir, image *img)
+{
+    static constexpr char function[] = "validate_image_list";
+    const owned_text path = format_text("%s/%s", base_dir, img->filename);
+    if (path == nullptr) {
+        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "memory error");
+        return false;
+    }
+    const auto fail = [img](int line, const char *format, int err) {
+        char message[64];
+        snprintf(message, sizeof message, format, static_cast<unsigned>(err));
+        core_log(CORE_LOG_ERR, log_source, function, line, "%s", message);
+        dump_image(img);
+        return false;
+    };
+    if (core_file_exists(path.get()) != CORE_OK)
+        return fail(__LINE__, "file does not exist for image", 0);
+    owned_file file;
+    if (const int err = core_file_open(path.get(), file.receive()); err != CORE_OK)
+        return fail(__LINE__, "unable to open file err = %u, for image", err);
+    int64_t size = 0;
+    if (const int err = core_file_get_size(file.get(), &size); err != CORE_OK)
+        return fail(__LINE__, "unable to get file size err = %u, for image", err);
+    img->file_size = static_cast<uint64_t>(size);
+    if (const int err = file.close(); err != CORE_OK)
+        return fail(__LINE__, "unable to close file err = %u, for image", err);
+    strlcpy(img->filename, path.get(), sizeof img->filename);
+    return true;
+}
+
+} // namespace
+
+int parse_content_xml(const char *path, image_list *list)
+{
+    if (path == nullptr || list == nullptr) {
+        log_err("invalid args");
+        return CORE_EINVAL;
+    }
+    owned_file file;
+    if (const int err = core_file_open(path, file.receive()); err != CORE_OK) {
+        log_err("unable to open xml file %s, error = %u", path, static_cast<unsigned>(err));
+        return CORE_EINVAL;
+    }
+    owned_text text;
+    if (const int err = read_text(file.get(), &text, __func__); err != CORE_OK)
+        return err;
+    return parse_content_lines(text.get(), list);
+}
+
+bool validate_image_list(const char *base_dir, image *images, uint32_t count)
+{
+    for (uint32_t i = 0; i < count; ++i) {
+        if (!is_empty_image(&images[i]) && images[i].filename[0] != '\0' && !validate_image(base_dir, &images[i]))
+            return false;
+    }
+    return true;
+}
+
+int build_image_array_from_xml(image_list *list)
+{
+    owned_text storage;
+    const char *base_dir = nullptr;
+    if (const int err = find_package_files(list, &storage, &base_dir); err != CORE_OK)
+        return err;
+    owned_file file;
+    if (const int err = core_file_open(list->partition_file_path, file.receive()); err != CORE_OK) {
+        log_err("unable to open partition file %s, err = %u", list->partition_file_path, static_cast<unsigned>(err));
+        return err;
+    }
+    owned_text text;
+    if (const int err = read_text(file.get(), &text, __func__); err != CORE_OK)
+        return err;
+    if (const int err = parse_partition_lines(text.get(), list); err != CORE_OK)
+        return err;
+    if (!validate_image_list(base_dir, list->images, list->image_count)) {
+        log_err("image list validation failure");
+        return CORE_EINVAL;
+    }
+    dump_image_list(list->images, list->image_count);
+    return CORE_OK;
+}

@@ -1,0 +1,126 @@
+#include "package.hpp"
+
+#include "core-file.hpp"
+#include "core.hpp"
+#include "options.hpp"
+#include "zepho-log.hpp"
+#include "zepho-module.hpp"
+
+#include <cerrno>
+#include <libgen.h>
+
+static constexpr char log_source[] = "../main.c";
+
+static constexpr char version_prefix[] = "PKG VER : ";
+
+image_list package;
+
+// Looks for the two kinds of package that a directory may hold, in this order.
+static int find_package_in_directory(const char *directory)
+{
+    static constexpr char function[] = "fw_package_init";
+    const struct {
+        const char *file;
+        char *path;
+    } sources[] = {
+        {"/contents.xml", package.content_xml_path},
+        {"/prog_nand_firehose_9x06.mbn", package.programmer_path},
+    };
+    for (const auto &source : sources) {
+        const owned_text path = format_text("%s%s%s", directory, "/", source.file);
+        if (path == nullptr) {
+            core_log(CORE_LOG_ERR, log_source, function, __LINE__, "string join error: %s", strerror(errno));
+            return CORE_ENOMEM;
+        }
+        if (core_file_exists(path.get()) == CORE_OK) {
+            strlcpy(source.path, path.get(), sizeof package.content_xml_path);
+            return CORE_OK;
+        }
+    }
+    core_log(CORE_LOG_ERR, log_source, function, __LINE__, "firmware not supported: %s", directory);
+    return CORE_ENOENT;
+}
+
+static int find_package()
+{
+    if (options.firmware_directory != nullptr)
+        return find_package_in_directory(options.firmware_directory);
+    if (options.meta[0] != '\0') {
+        strlcpy(package.content_xml_path, options.meta, sizeof package.content_xml_path);
+        return CORE_OK;
+    }
+    CORE_ASSERT(strlen(options.flat));
+    strlcpy(package.programmer_path, options.flat, sizeof package.programmer_path);
+    return CORE_OK;
+}
+
+int fw_package_init()
+{
+    if (const int err = find_package(); err != CORE_OK)
+        return err;
+    package.image_count = MAX_IMAGE_NUMBER;
+    package.new_pkgver = get_new_pkgver(&package).release();
+    if (package.new_pkgver == nullptr) {
+        log_err("unable to get package version of the firmware to be flashed");
+        return CORE_ENOENT;
+    }
+    if (const int err = get_platform(package.new_pkgver, &package.platform); err != CORE_OK)
+        log_err("unsupported platform: %s; reason: %d", package.new_pkgver, err);
+    const int err = build_image_array_from_xml(&package);
+    if (err != CORE_OK)
+        log_err("error in building the image list");
+    return err;
+}
+
+owned_text get_new_pkgver(const image_list *list)
+{
+    const bool has_description = list->content_xml_path[0] != '\0';
+    const owned_text source(strdup(has_description ? list->content_xml_path : list->programmer_path));
+    if (source == nullptr) {
+        log_err("out of memory");
+        return nullptr;
+    }
+    const owned_text path = format_text("%s/%s", dirname(source.get()), "information.contents");
+    if (path == nullptr) {
+        log_err("%s: error in generating path for information.contents file", __func__);
+        return nullptr;
+    }
+    const owned_stream file(fopen(path.get(), "r"));
+    if (file == nullptr) {
+        log_err("%s: cannot open the file %s", __func__, path.get());
+        return nullptr;
+    }
+    return search_pkgv(file.get());
+}
+
+owned_text search_pkgv(FILE *file)
+{
+    constexpr size_t prefix_length = sizeof version_prefix - 1;
+    char line[1024];
+    do {
+        if (fgets(line, sizeof line, file) == nullptr) {
+            log_err("%s: no PKG VER found in the information.contents file", __func__);
+            return nullptr;
+        }
+    } while (strncmp(line, version_prefix, prefix_length) != 0);
+    // The last character of the line goes, whatever it is: the line feed, where there is one.
+    const size_t size = strlen(line) - prefix_length;
+    if (size == 0) {
+        log_err("%s: empty PKG VER in the information.contents file", __func__);
+        return nullptr;
+    }
+    owned_text version(static_cast<char *>(malloc(size)));
+    if (version == nullptr) {
+        log_err("memory failure");
+        return nullptr;
+    }
+    strlcpy(version.get(), line + prefix_length, size);
+    log_dbg("PKG VER to be flashed: %s", version.get());
+    return version;
+}
+
+void fw_package_free()
+{
+    free(package.new_pkgver);
+    package.new_pkgver = nullptr;
+}

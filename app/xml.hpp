@@ -1,0 +1,74 @@
+// The package's own description: two XML files read line by line, without a general XML parser. The package
+// description names the programmer and the rawprogram file; the rawprogram file's element lines are the
+// commands to run, in order.
+//
+// In: the path of the description, or of the programmer alone. Out: the image list filled and every image file
+// checked. Files are read whole and closed again. Nothing waits.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+constexpr uint32_t MAX_IMAGE_NUMBER = 200;
+
+// One element line of the rawprogram file; a record of zero bytes is a free slot.
+struct image {
+    uint32_t sector_size_in_bytes; // 0 when the line has none
+    char label[1024];              // empty when the line has none
+    char filename[1024];           // the full path once validated; empty for a line without a file
+    char command[1024];            // the line as read, cut to 1023 characters
+    uint64_t file_size;            // in bytes, filled by validation
+};
+
+// The package of one run.
+struct image_list {
+    char content_xml_path[1024];    // empty when only the programmer was given
+    char programmer_path[1024];
+    char partition_file_path[1024];
+    image images[MAX_IMAGE_NUMBER]; // used slots first, in the order of the rawprogram file
+    uint32_t image_count;           // how many slots to walk, at most MAX_IMAGE_NUMBER
+    uint32_t platform;              // platform id of the package version
+    char *new_pkgver;               // the package version, owned (free(3))
+};
+
+enum line_type : int32_t {
+    LINE_NULL = -1,
+    LINE_COMMENT_START = 3,    // "<!--" without "-->"
+    LINE_COMMENT_END = 4,      // "-->" without "<!--"
+    LINE_COMMENT = 5,          // both
+    LINE_PARTITION_FILE = 6,   // "<partition_file"
+    LINE_DEVICE_PROGRAMMER = 7,// "<device_programmer"
+    LINE_FILE_NAME = 8,        // "<file_name"
+    LINE_COMMAND = 9,          // any other element line
+    LINE_OTHER = 100,          // no element, or the "<data>" frame
+};
+
+// Classifies one line; inside a comment only comment marks and commands are told apart.
+line_type get_line_type(const char *line, bool in_comment);
+
+// Copies the value of `name="..."` into `dest` of `max_dest_size` bytes, which the caller zeroed: no terminator
+// is added. False when it is absent, empty or too long. The name is looked for anywhere in the line.
+bool get_string_attribute(const char *line, const char *name, char *dest, int max_dest_size);
+// Reads the decimal value of `name="..."`, at most UINT32_MAX. False when it is absent or no such number.
+bool get_uint_attribute(const char *line, const char *name, uint32_t *value);
+// Copies the text between "<file_name>" and "</file_name>", cut to `dest_size`. False for any other line type
+// or a malformed line.
+bool get_value(char *dest, size_t dest_size, const char *line, line_type type);
+// True for a null line, a line with "<?xml", or any line with '>'.
+bool is_valid_xml(const char *line);
+
+// Fills programmer_path and partition_file_path from the description. 0, CORE_EINVAL (arguments, or a file
+// that cannot be opened), CORE_ENOENT (an entry is missing), CORE_ENOMEM or the read's error.
+int parse_content_xml(const char *path, image_list *list);
+// The whole build, from content_xml_path or, when that is empty, from the programmer's directory. 0,
+// CORE_EINVAL, CORE_ENOENT, CORE_ENOMEM (also for too many images) or a file's error.
+int build_image_array_from_xml(image_list *list);
+// Checks every image that names a file below `base_dir` and completes its path and size.
+bool validate_image_list(const char *base_dir, image *images, uint32_t count);
+
+// Debug lines that describe one image, or every used one.
+void dump_image(const image *img);
+void dump_image_list(const image *images, uint32_t count);
+bool is_empty_image(const image *img);
+// Index of the first free slot, or -1.
+int find_free_image_slot(const image *images, int count);

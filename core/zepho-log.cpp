@@ -1,0 +1,269 @@
+#include "zepho-log.hpp"
+
+#include "core.hpp"
+#include "zepho-json.hpp"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <syslog.h>
+
+static constexpr char log_source[] = "zepho-log.c";
+
+static int plain_print(int level, const char *file, const char *function, int line, char *message);
+
+int log_level = CORE_LOG_INF;
+bool core_messages_enabled = true;
+bool is_log_native_enabled = false;
+core_log_print_fn print_function = stdout_print;
+core_log_pprint_fn pretty_print_function = plain_print;
+
+static FILE *output_stream = nullptr;
+
+namespace {
+struct free_deleter {
+    void operator()(char *text) const { free(text); }
+};
+using owned_text = std::unique_ptr<char[], free_deleter>;
+} // namespace
+
+const char *core_log_level_name(int level)
+{
+    static constexpr const char *names[] = {"EMR", "ALR", "CRT", "ERR", "WRN", "NOT", "INF", "DBG", "VRB"};
+    return level >= CORE_LOG_EMR && level <= CORE_LOG_VRB ? names[level] : "???";
+}
+
+// The prefix of a text line, empty at the default threshold and for anonymous messages.
+static void build_prefix(char (&prefix)[CORE_LOG_PREFIX_SIZE + 1], int level, const char *file,
+                         const char *function, int line)
+{
+    prefix[0] = '\0';
+    if (log_level == CORE_LOG_INF || file == nullptr || function == nullptr || line == 0)
+        return;
+    timespec now{};
+    if (core_get_time(&now) != 0) {
+        print_function(CORE_LOG_ERR, "%s", "could not get time for logs\n");
+        now = {};
+    }
+    snprintf(prefix, CORE_LOG_PREFIX_SIZE, "%lld.%.9ld %s %-s:%03d:%s() ", static_cast<long long>(now.tv_sec),
+             static_cast<long>(now.tv_nsec), core_log_level_name(level), file, line, function);
+}
+
+static int newline_print(int level, const char *file, const char *function, int line, char *message)
+{
+    char prefix[CORE_LOG_PREFIX_SIZE + 1] = {};
+    build_prefix(prefix, level, file, function, line);
+    const size_t length = strnlen(message, CORE_LOG_MESSAGE_SIZE);
+    const char last = length > 0 ? message[length - 1] : '\0';
+    if (last == '\n' || last == '\r')
+        return print_function(level, "%s%s", prefix, message);
+    return print_function(level, "%s%s\n", prefix, message);
+}
+
+static int plain_print(int level, const char *file, const char *function, int line, char *message)
+{
+    char prefix[CORE_LOG_PREFIX_SIZE + 1] = {};
+    build_prefix(prefix, level, file, function, line);
+    return print_function(level, "%s%s", prefix, message);
+}
+
+int core_log(int level, const char *file, const char *function, int line, const char *format, ...)
+{
+    if (!core_messages_enabled && file != nullptr && strstr(file, "core-") != nullptr)
+        return 0;
+    if (level > log_level)
+        return 0;
+    char message[CORE_LOG_MESSAGE_SIZE + 1] = {};
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(message, sizeof message, format, arguments);
+    va_end(arguments);
+    return pretty_print_function(level, file, function, line, message);
+}
+
+static void make_unbuffered()
+{
+    errno = 0;
+    if (setvbuf(stdout, nullptr, _IONBF, 0) != 0)
+        log_wrn("could not disable buffering on stdout: error %d\n", errno);
+    errno = 0;
+    if (setvbuf(stderr, nullptr, _IONBF, 0) != 0)
+        log_wrn("could not disable buffering on stderr: error %d\n", errno);
+}
+
+void core_log_set_pprint(int mode)
+{
+    switch (mode) {
+    case CORE_LOG_PPRINT_NEWLINE:
+        pretty_print_function = newline_print;
+        break;
+    case CORE_LOG_PPRINT_JSON:
+        make_unbuffered();
+        pretty_print_function = core_log_json;
+        break;
+    default:
+        pretty_print_function = plain_print;
+        break;
+    }
+}
+
+bool core_log_is_json()
+{
+    return pretty_print_function == core_log_json;
+}
+
+void core_log_set_level(int level)
+{
+    log_level = level;
+}
+
+int core_log_get_level()
+{
+    return log_level;
+}
+
+void core_log_enable_core_messages(bool enabled)
+{
+    core_messages_enabled = enabled;
+}
+
+int core_log_set_print(core_log_print_fn function)
+{
+    if (function == file_print && output_stream == nullptr) {
+        log_err("No output file path set");
+        return -1;
+    }
+    print_function = function;
+    return 0;
+}
+
+int core_log_set_output(const char *path, bool append)
+{
+    errno = 0;
+    FILE *const stream = fopen(path, append ? "a" : "w");
+    if (stream == nullptr) {
+        const int err = errno;
+        log_err("could not open file %s for logging: error %d, %s\n", path, err, strerror(err));
+        return map_errno_to_core_err(err);
+    }
+    if (output_stream != nullptr)
+        fclose(output_stream);
+    output_stream = stream;
+    print_function = file_print;
+    return 0;
+}
+
+void core_log_close_output()
+{
+    if (output_stream == nullptr)
+        return;
+    fflush(output_stream);
+    fclose(output_stream);
+    output_stream = nullptr;
+    print_function = stdout_print;
+}
+
+// A program may log one more line after this, so the closed file is forgotten, not left to be written to.
+void core_log_deinit()
+{
+    core_log_close_output();
+}
+
+int stdout_print(int level, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    const int result = vfprintf(level <= CORE_LOG_ERR ? stderr : stdout, format, arguments);
+    va_end(arguments);
+    return result;
+}
+
+int file_print(int, const char *format, ...)
+{
+    CORE_ASSERT(output_stream != NULL);
+    va_list arguments;
+    va_start(arguments, format);
+    const int result = vfprintf(output_stream, format, arguments);
+    va_end(arguments);
+    return result;
+}
+
+int syslog_print(int level, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    vsyslog(level, format, arguments);
+    va_end(arguments);
+    return 0;
+}
+
+void core_print_buffer_to_level(const void *buffer, uint32_t length, uint32_t bytes_per_line, int level)
+{
+    if (level > log_level)
+        return;
+    if (buffer == nullptr) {
+        core_log(CORE_LOG_ERR, nullptr, nullptr, 0, "Passed buffer pointer is null\n");
+        return;
+    }
+    core_log(level, nullptr, nullptr, 0, "Printing buffer %p of %u bytes\n", buffer, length);
+    const size_t row = bytes_per_line != 0 ? bytes_per_line : 1;
+    const owned_text text(static_cast<char *>(calloc(row * 3 + 1, 1)));
+    if (text == nullptr) {
+        core_log(CORE_LOG_ERR, nullptr, nullptr, 0, "String allocation error\n");
+        return;
+    }
+    const auto *bytes = static_cast<const uint8_t *>(buffer);
+    for (size_t start = 0; start < length; start += row) {
+        const size_t count = length - start < row ? length - start : row;
+        for (size_t i = 0; i < count; ++i)
+            snprintf(text.get() + 3 * i, 4, "%02X ", bytes[start + i]);
+        core_log(level, nullptr, nullptr, 0, "[%04u] %s\n", static_cast<unsigned>(start), text.get());
+    }
+}
+
+void core_print_buffer(const void *buffer, uint32_t length, uint32_t bytes_per_line)
+{
+    core_print_buffer_to_level(buffer, length, bytes_per_line, CORE_LOG_DBG);
+}
+
+void core_print_ombra_version()
+{
+    log_inf("\rOmbra version %s.%s.%s-%s\n", "2", "0", "2", "0");
+}
+
+void log_strip_newline(char *text)
+{
+    const size_t length = strlen(text);
+    if (length > 0 && text[length - 1] == '\n')
+        text[length - 1] = '\0';
+}
+
+static void print_progress_event(const char *file, int line, int64_t current, int64_t max,
+                                 const char *description)
+{
+    json_progress progress{current, max, description};
+    core_log_json(CORE_LOG_INF, file, JSON_TYPE_PROGRESS, line, reinterpret_cast<char *>(&progress));
+}
+
+void core_log_progress(const char *file, const char *function, int line, int64_t current, int64_t max,
+                       const char *description)
+{
+    if (core_log_is_json()) {
+        print_progress_event(file, line, current, max, description);
+        return;
+    }
+    if (log_level >= CORE_LOG_DBG || max <= 0)
+        return;
+    const auto percent = static_cast<uint64_t>(current) * 100 / static_cast<uint64_t>(max);
+    core_log_set_pprint(CORE_LOG_PPRINT_PLAIN);
+    core_log(CORE_LOG_INF, file, function, line, "%.2f%% completed\r", static_cast<double>(percent));
+    core_log_set_pprint(CORE_LOG_PPRINT_NEWLINE);
+}
+
+void core_log_progress_complete(const char *file, const char *, int line, int64_t max, const char *description)
+{
+    if (core_log_is_json())
+        print_progress_event(file, line, max, max, description);
+}

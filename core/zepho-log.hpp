@@ -1,0 +1,113 @@
+// The log core: every message of every module passes through core_log, which filters by severity, shapes the
+// line with the pretty printer in force and hands it to the print function in force.
+//
+// Two text printers (newline, plain) and the JSON event stream are pretty printers; standard output/standard
+// error, a log file and the system log are print functions. State is process-wide, for one thread; nothing
+// here waits or stops the program. Only the buffer dump and an unregistered JSON buffer allocate.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+// Severities; 0..7 are the priorities of syslog(3).
+enum core_log_level : int {
+    CORE_LOG_EMR = 0,
+    CORE_LOG_ALR = 1,
+    CORE_LOG_CRT = 2,
+    CORE_LOG_ERR = 3,
+    CORE_LOG_WRN = 4,
+    CORE_LOG_NOT = 5,
+    CORE_LOG_INF = 6,
+    CORE_LOG_DBG = 7,
+    CORE_LOG_VRB = 8,
+};
+
+// Modes of core_log_set_pprint.
+enum core_log_pprint_mode : int {
+    CORE_LOG_PPRINT_NEWLINE = 0, // every message ends in a line feed
+    CORE_LOG_PPRINT_PLAIN = 1,   // messages as they are: progress lines
+    CORE_LOG_PPRINT_JSON = 2,    // one JSON object per message
+};
+
+#if defined(__GNUC__)
+#define CORE_PRINTF(format_index, first) __attribute__((format(printf, format_index, first)))
+#else
+#define CORE_PRINTF(format_index, first)
+#endif
+
+// A print function writes one formatted text to its sink and returns what printf(3) would.
+typedef int (*core_log_print_fn)(int level, const char *format, ...) CORE_PRINTF(2, 3); // NOLINT(modernize-use-using): takes the attribute
+// A pretty printer shapes one message; it may change `message` in place.
+using core_log_pprint_fn = int (*)(int level, const char *file, const char *function, int line, char *message);
+
+// Longest message and longest prefix, in bytes without terminator; longer ones are cut.
+constexpr size_t CORE_LOG_MESSAGE_SIZE = 1024;
+constexpr size_t CORE_LOG_PREFIX_SIZE = 256;
+
+extern int log_level;                            // threshold, at first CORE_LOG_INF
+extern bool core_messages_enabled;               // false drops the messages of "core-" sources
+extern bool is_log_native_enabled;               // true while the system log is the print function
+extern core_log_print_fn print_function;         // at first stdout_print
+extern core_log_pprint_fn pretty_print_function; // at first the plain printer
+
+// Each source file names itself once, as `log_source`, and logs through these.
+#define log_at(level, ...) core_log(level, log_source, __func__, __LINE__, __VA_ARGS__)
+#define log_err(...) log_at(CORE_LOG_ERR, __VA_ARGS__)
+#define log_wrn(...) log_at(CORE_LOG_WRN, __VA_ARGS__)
+#define log_inf(...) log_at(CORE_LOG_INF, __VA_ARGS__)
+#define log_dbg(...) log_at(CORE_LOG_DBG, __VA_ARGS__)
+
+// Logs one message (printf(3) format) when `level` is not above the threshold. `file`, `function` and `line`
+// may be null or 0 for an anonymous line. Returns the pretty printer's result, 0 when nothing was printed.
+int core_log(int level, const char *file, const char *function, int line, const char *format, ...)
+    CORE_PRINTF(5, 6);
+
+// Chooses the pretty printer by mode; any mode but 0 and 2 is the plain printer. JSON mode first makes
+// standard output and standard error unbuffered.
+void core_log_set_pprint(int mode);
+
+// True while log messages become JSON objects.
+bool core_log_is_json();
+
+void core_log_set_level(int level);
+int core_log_get_level();
+// False drops the messages whose source file name contains "core-".
+void core_log_enable_core_messages(bool enabled);
+
+// Installs a print function. 0, or -1 (file_print without an open log file; nothing changes).
+int core_log_set_print(core_log_print_fn function);
+
+// Opens a log file and installs file_print. 0, or the mapped errno of fopen(3).
+int core_log_set_output(const char *path, bool append);
+// Flushes and closes the log file, if one is open, and goes back to stdout_print.
+void core_log_close_output();
+// The last call of a program: closes the log file, if one is open.
+void core_log_deinit();
+
+// The print functions. stdout_print: levels 0..3 to standard error, the rest to standard output.
+int stdout_print(int level, const char *format, ...) CORE_PRINTF(2, 3);
+int file_print(int level, const char *format, ...) CORE_PRINTF(2, 3);
+int syslog_print(int level, const char *format, ...) CORE_PRINTF(2, 3);
+
+// The upper-case three-letter name of a level, "???" for a number that is none.
+const char *core_log_level_name(int level);
+
+// Hexadecimal dump of `length` bytes, `bytes_per_line` (not 0) a line, as anonymous messages of `level`.
+void core_print_buffer_to_level(const void *buffer, uint32_t length, uint32_t bytes_per_line, int level);
+// The same at CORE_LOG_DBG.
+void core_print_buffer(const void *buffer, uint32_t length, uint32_t bytes_per_line);
+
+// Logs the version banner of the portability library at CORE_LOG_INF.
+void core_print_ombra_version();
+
+// Removes one trailing line feed from `text` in place.
+void log_strip_newline(char *text);
+
+// Reports that `current` of `max` bytes of `description` are done, before the next block is sent.
+// Text output: a percentage line that overwrites itself, below the debug threshold only (the callers log
+// their own line at debug level). JSON: one PROGRESS event. Neither current nor max may be negative.
+void core_log_progress(const char *file, const char *function, int line, int64_t current, int64_t max,
+                       const char *description);
+// Reports that all `max` bytes are acknowledged: one PROGRESS event with current = max; JSON only.
+void core_log_progress_complete(const char *file, const char *function, int line, int64_t max,
+                                const char *description);

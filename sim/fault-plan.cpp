@@ -1,0 +1,150 @@
+#include "fault-plan.hpp"
+
+#include "numbers.hpp"
+
+#include <algorithm>
+#include <array>
+
+namespace sim {
+
+struct kind_row {
+    std::string_view name;
+    fault_kind kind;
+};
+
+static constexpr std::array<kind_row, 9> kinds = {{
+    {"silence", fault_kind::silence},
+    {"skip", fault_kind::skip},
+    {"nak", fault_kind::nak},
+    {"garbage", fault_kind::garbage},
+    {"hangup", fault_kind::hangup},
+    {"truncate", fault_kind::truncate},
+    {"repeat", fault_kind::repeat},
+    {"late", fault_kind::late},
+    {"stall", fault_kind::stall},
+}};
+
+static constexpr unsigned bit(fault_kind kind) { return 1U << static_cast<unsigned>(kind); }
+
+static constexpr unsigned no_answer = bit(fault_kind::silence) | bit(fault_kind::skip) |
+                                      bit(fault_kind::hangup) | bit(fault_kind::late);
+static constexpr unsigned any_message =
+    no_answer | bit(fault_kind::garbage) | bit(fault_kind::truncate) | bit(fault_kind::repeat);
+static constexpr unsigned any_answer = any_message | bit(fault_kind::nak);
+static constexpr unsigned on_input = bit(fault_kind::hangup) | bit(fault_kind::stall);
+
+struct step_row {
+    std::string_view name;
+    unsigned allowed; // bits of the kinds that make sense at the step
+};
+
+static constexpr std::array<step_row, 18> steps = {{
+    {"diag", no_answer},
+    {"sahara.hello", any_message},
+    {"sahara.read", any_message},
+    {"sahara.data-in", on_input},
+    {"sahara.end", any_answer},
+    {"sahara.done", any_answer},
+    {"sahara.qdl", any_message},
+    {"firehose.log", any_message},
+    {"firehose.nop", any_answer},
+    {"firehose.configure", any_answer},
+    {"firehose.program", any_answer},
+    {"firehose.data-in", on_input},
+    {"firehose.data", any_answer},
+    {"firehose.erase", any_answer},
+    {"firehose.other", any_answer},
+    {"firehose.otp", any_answer},
+    {"firehose.reset", any_answer},
+    {"firehose.target-reset", any_answer},
+}};
+
+static std::optional<unsigned> allowed_at(std::string_view step) {
+    if (step.starts_with("at.") && step.size() > 3)
+        return any_answer;
+    const auto row = std::ranges::find(steps, step, &step_row::name);
+    return row == steps.end() ? std::nullopt : std::optional<unsigned>(row->allowed);
+}
+
+// KIND[:VALUE], where late needs a value and truncate may have one.
+static std::string parse_kind(std::string_view text, fault &out) {
+    const size_t colon = text.find(':');
+    const auto row = std::ranges::find(kinds, text.substr(0, colon), &kind_row::name);
+    if (row == kinds.end())
+        return "unknown fault kind";
+    out.kind = row->kind;
+    if (colon == std::string_view::npos)
+        return out.kind == fault_kind::late ? "late needs milliseconds, as in late:400" : "";
+    if (out.kind != fault_kind::late && out.kind != fault_kind::truncate)
+        return "this fault kind takes no value";
+    const auto value = parse_number(text.substr(colon + 1), UINT32_MAX);
+    if (!value)
+        return "bad value";
+    out.value = static_cast<uint32_t>(*value);
+    return "";
+}
+
+static std::string parse_time(std::string_view text, fault &out) {
+    if (text == "all") {
+        out.every_time = true;
+        return "";
+    }
+    const auto value = parse_number(text, UINT64_MAX);
+    if (!value)
+        return "bad number after @";
+    out.at = *value;
+    return "";
+}
+
+static std::string check_place(const fault &it, bool has_time) {
+    const auto allowed = allowed_at(it.step);
+    if (!allowed)
+        return "unknown step";
+    if ((*allowed & bit(it.kind)) == 0)
+        return "this fault kind is not possible at this step";
+    const bool counts_bytes = *allowed == on_input;
+    if (counts_bytes && (!has_time || it.every_time))
+        return "a data-in fault needs @BYTES";
+    if (!counts_bytes && it.at == 0)
+        return "@N counts from 1";
+    return "";
+}
+
+std::string parse_fault(std::string_view text, fault &out) {
+    const size_t equals = text.find('=');
+    if (equals == std::string_view::npos)
+        return "STEP=KIND expected";
+    out = {};
+    out.step = text.substr(0, equals);
+    const std::string_view rest = text.substr(equals + 1);
+    const size_t at = rest.find('@');
+    const bool has_time = at != std::string_view::npos;
+    std::string wrong = parse_kind(rest.substr(0, at), out);
+    if (wrong.empty() && has_time)
+        wrong = parse_time(rest.substr(at + 1), out);
+    return wrong.empty() ? check_place(out, has_time) : wrong;
+}
+
+std::string_view fault_name(fault_kind kind) { return std::ranges::find(kinds, kind, &kind_row::kind)->name; }
+
+std::optional<fault> fault_plan::strike(std::string_view step) {
+    auto found = times_.find(step);
+    if (found == times_.end())
+        found = times_.emplace(std::string(step), 0).first;
+    const uint64_t time = ++found->second;
+    for (const fault &it : faults_)
+        if (it.step == step && (it.every_time || it.at == time))
+            return it;
+    return std::nullopt;
+}
+
+std::optional<fault> fault_plan::on_data(std::string_view step) const {
+    const auto found = std::ranges::find(faults_, step, &fault::step);
+    return found == faults_.end() ? std::nullopt : std::optional<fault>(*found);
+}
+
+void fault_plan::forget_data(std::string_view step) {
+    std::erase_if(faults_, [step](const fault &it) { return it.step == step; });
+}
+
+} // namespace sim

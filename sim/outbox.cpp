@@ -1,0 +1,107 @@
+#include "outbox.hpp"
+
+#include <utility>
+
+namespace sim {
+
+// Neither a packet, nor an answer, nor a final response.
+static const octets garbage_bytes = {0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A,
+                                     0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A};
+
+static octets shortened(const octets &bytes, uint32_t keep) {
+    const size_t wanted = keep == 0 ? bytes.size() / 2 : keep;
+    const size_t size = std::min(wanted, bytes.size());
+    return octets(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size));
+}
+
+bool outbox::post(message it) {
+    const auto struck = faults_.strike(it.step);
+    if (struck && !silent_)
+        return spoil(it, *struck);
+    if (!silent_)
+        queue(it, it.bytes);
+    return !silent_;
+}
+
+bool outbox::spoil(const message &it, const fault &what) {
+    log_.event("fault", json_members().text("step", it.step).text("fault", fault_name(what.kind)));
+    switch (what.kind) {
+    case fault_kind::silence:
+        fall_silent();
+        return false;
+    case fault_kind::nak:
+        queue(it, it.refusal);
+        return false;
+    case fault_kind::garbage:
+        queue(it, garbage_bytes);
+        return false;
+    case fault_kind::hangup:
+        hang_up();
+        return false;
+    case fault_kind::truncate:
+        queue(it, shortened(it.bytes, what.value));
+        return false;
+    case fault_kind::repeat:
+        queue(it, it.bytes);
+        queue(it, it.bytes);
+        return true;
+    case fault_kind::late: {
+        message later = it;
+        later.delay_ms += what.value;
+        queue(later, it.bytes);
+        return true;
+    }
+    case fault_kind::skip:
+    case fault_kind::stall:
+        break;
+    }
+    return false;
+}
+
+void outbox::queue(const message &it, octets bytes) {
+    if (bytes.empty())
+        return;
+    const size_t total = bytes.size();
+    if (how_ != delivery::bytes) {
+        queue_.push_back({std::string(it.kind), it.fields, std::move(bytes), it.delay_ms, false, total});
+        return;
+    }
+    for (size_t i = 0; i < total; i++)
+        queue_.push_back({std::string(it.kind), i == 0 ? it.fields : json_members(), {bytes[i]},
+                          i == 0 ? it.delay_ms : 0, false, i == 0 ? total : 0});
+}
+
+void outbox::hang_up() {
+    if (!silent_)
+        queue_.push_back({"hangup", {}, {}, 0, true, 0});
+    fall_silent();
+}
+
+outbox::entry outbox::pop() {
+    entry it = std::move(queue_.front());
+    queue_.pop_front();
+    return it;
+}
+
+void outbox::note(const entry &it) {
+    if (it.hang_up)
+        log_.event("hangup");
+    else if (it.total != 0)
+        log_.sent(it.kind, it.total, it.fields);
+}
+
+write_unit outbox::take() {
+    entry first = pop();
+    note(first);
+    write_unit unit{std::move(first.bytes), first.hang_up};
+    if (how_ != delivery::glued || unit.hang_up)
+        return unit;
+    while (!queue_.empty() && queue_.front().delay_ms == 0 && !queue_.front().hang_up) {
+        const entry next = pop();
+        note(next);
+        unit.bytes.insert(unit.bytes.end(), next.bytes.begin(), next.bytes.end());
+    }
+    return unit;
+}
+
+} // namespace sim

@@ -1,0 +1,79 @@
+// What the device wants to say, in order, and what the plan of faults makes of
+// it. Engines post whole messages; a front (a pseudo-terminal, a USB function)
+// takes write units: each unit is one write, or one USB transfer. A front must
+// wait `delay_ms` before a unit and let the host read the unit before it takes
+// the next one, so that two messages never arrive glued by accident.
+#pragma once
+
+#include "bytes.hpp"
+#include "fault-plan.hpp"
+#include "json-line.hpp"
+#include "transcript.hpp"
+
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace sim {
+
+// whole: a message is a unit; bytes: every byte is a unit; glued: the messages
+// that wait together without a delay between them are one unit.
+enum class delivery { whole, bytes, glued };
+
+struct message {
+    std::string_view step; // a step name of the fault plan
+    std::string_view kind; // for the transcript
+    octets bytes;
+    octets refusal; // what a "nak" fault sends instead
+    json_members fields{};
+    uint32_t delay_ms = 0;
+};
+
+struct write_unit {
+    octets bytes;
+    bool hang_up = false; // no bytes: close the line
+};
+
+class outbox {
+  public:
+    outbox(delivery how, fault_plan &faults, transcript &log) : how_(how), faults_(faults), log_(log) {}
+
+    // True when the message goes out whole and unharmed (repeated or late included).
+    bool post(message it);
+
+    // Closes the line after everything that was posted so far.
+    void hang_up();
+    // From now on nothing is sent any more.
+    void fall_silent() { silent_ = true; }
+
+    bool empty() const { return queue_.empty(); }
+    // The delay of the next unit. Only when not empty.
+    uint32_t delay_ms() const { return queue_.front().delay_ms; }
+    // The next unit; it is written to the transcript as sent. Only when not empty.
+    write_unit take();
+
+  private:
+    struct entry {
+        std::string kind;
+        json_members fields;
+        octets bytes;
+        uint32_t delay_ms = 0;
+        bool hang_up = false;
+        size_t total = 0; // length of the whole message; 0: already in the transcript
+    };
+
+    void queue(const message &it, octets bytes);
+    bool spoil(const message &it, const fault &what);
+    entry pop();
+    void note(const entry &it);
+
+    delivery how_;
+    fault_plan &faults_;
+    transcript &log_;
+    std::deque<entry> queue_;
+    bool silent_ = false;
+};
+
+} // namespace sim
