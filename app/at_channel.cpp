@@ -42,7 +42,9 @@ answer read_answer(int device, at_command *command, at_response *response, int *
     const auto log = [](int level, int line, const char *text) {
         core_log(level, log_source, function, line, "%s", text);
     };
+    constexpr int max_idle_reads = 10; // a port that is ready but delivers nothing must not hold the program
     size_t received = 0;
+    int idle_reads = 0;
     for (;;) {
         size_t bytes = 0;
         const size_t room = sizeof response->text - 1 - received;
@@ -69,7 +71,8 @@ answer read_answer(int device, at_command *command, at_response *response, int *
         received += bytes;
         if (at_classify_response(response))
             return answer::complete;
-        if (bytes == 0) {
+        idle_reads = bytes == 0 ? idle_reads + 1 : 0;
+        if (room == 0 || idle_reads == max_idle_reads) {
             log(CORE_LOG_ERR, __LINE__, room == 0 ? "response too long" : "read failed");
             *err = CORE_EPROTO;
             return answer::failed;

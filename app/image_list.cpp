@@ -72,7 +72,7 @@ int parse_content_lines(char *text, image_list *list)
             if (entry.type != type)
                 continue;
             const char *const next = strtok_r(nullptr, line_end, &position);
-            if (next == nullptr || get_line_type(next, false) != LINE_FILE_NAME)
+            if (get_line_type(next, false) != LINE_FILE_NAME)
                 break;
             if (!get_value(entry.path, path_size, next, LINE_FILE_NAME)) {
                 core_log(CORE_LOG_ERR, log_source, function, __LINE__, "%s", entry.name_missing);

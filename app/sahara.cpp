@@ -254,9 +254,9 @@ int open_programmer(const char *path, owned_file *file, uint64_t *size)
     return CORE_OK;
 }
 
-enum class hello { good, retry, ended };
+enum class hello { answered, retry };
 
-// Reads one HELLO and answers it; `*result` is set when the handshake ends here.
+// Reads one HELLO and answers it, unless it has to be asked for again; `*result` is the handshake's then.
 hello receive_hello(int port, uint32_t platform, int *result)
 {
     static constexpr char function[] = "hello_handshake";
@@ -272,7 +272,7 @@ hello receive_hello(int port, uint32_t platform, int *result)
             sahara::send_hello_response(port, default_version, default_compatible_version);
             *result = CORE_OK;
         }
-        return hello::ended;
+        return hello::answered;
     }
     if (count < header_size) {
         core_log(CORE_LOG_ERR, log_source, function, __LINE__, "bogus packet size %u", static_cast<unsigned>(count));
@@ -288,18 +288,18 @@ hello receive_hello(int port, uint32_t platform, int *result)
     if (*result != CORE_OK) {
         core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error reading the HELLO packet remainder %d", *result);
         *result = CORE_EPROTO;
-        return hello::ended;
+        return hello::answered;
     }
     if (count < hello_size - header_size) {
         core_log(CORE_LOG_ERR, log_source, function, __LINE__, "bogus HELLO packet size %u",
                  static_cast<unsigned>(count));
         *result = CORE_EPROTO;
-        return hello::ended;
+        return hello::answered;
     }
     *result = get_u32(packet, 20) == hello_mode_restart
                   ? sahara::send_zepho_qdl_cmd(port)
                   : sahara::send_hello_response(port, get_u32(packet, 8), get_u32(packet, 12));
-    return hello::good;
+    return hello::answered;
 }
 
 // Throws away what the modem sent long ago; a lone HELLO is kept.

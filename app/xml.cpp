@@ -101,13 +101,14 @@ line_type get_line_type(const char *line, bool in_comment)
         log_err("null line");
         return LINE_NULL;
     }
-    if (!contains(line, "<") || !contains(line, ">"))
-        return LINE_OTHER;
+    // Comment marks first: a line of "<!--" or "-->" alone has not both brackets of an element.
     const bool ends_comment = contains(line, "-->");
     if (contains(line, "<!--"))
         return ends_comment ? LINE_COMMENT : LINE_COMMENT_START;
     if (ends_comment)
         return LINE_COMMENT_END;
+    if (!contains(line, "<") || !contains(line, ">"))
+        return LINE_OTHER;
     for (const auto &element : elements) {
         if (!in_comment && contains(line, element.text))
             return element.type;

@@ -177,8 +177,9 @@ int core_delete_directory(const char *path) // NOLINT(misc-no-recursion): as dee
         if (is_dot_entry(entry->d_name))
             continue;
         char child[path_size];
-        snprintf(child, sizeof child, "%s/%s", path, entry->d_name);
-        if (delete_entry(child) != CORE_OK)
+        const int length = snprintf(child, sizeof child, "%s/%s", path, entry->d_name);
+        // A name that was cut is another entry's, and may be this directory's own.
+        if (length < 0 || static_cast<size_t>(length) >= sizeof child || delete_entry(child) != CORE_OK)
             return CORE_EIO;
     }
     return rmdir(path) == 0 ? CORE_OK : CORE_EIO;

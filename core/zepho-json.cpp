@@ -92,7 +92,7 @@ size_t escape_one(const unsigned char *&text, char *out)
         return 3;
     }
     if (length > 1) {
-        memcpy(out, text, length);
+        memcpy(out, text, length); // NOLINT(bugprone-not-null-terminated-result): a part of a text
         text += length;
         return length;
     }
@@ -110,9 +110,17 @@ size_t escape_one(const unsigned char *&text, char *out)
     return 1;
 }
 
+// The product wraps around in 64 bits, and the quotient in the 8 bits of a percentage.
+int percentage(int64_t current, int64_t max)
+{
+    if (max <= 0)
+        return -1;
+    return static_cast<int8_t>(static_cast<int64_t>(static_cast<uint64_t>(current) * 100) / max);
+}
+
 int print_progress(int level, time_stamp now, const json_progress &progress)
 {
-    const int percent = progress.max > 0 ? static_cast<int8_t>(progress.current * 100 / progress.max) : -1;
+    const int percent = percentage(progress.current, progress.max);
     char description[message_size];
     json_escape(progress.description, description, sizeof description);
     return print_function(level,
@@ -177,6 +185,8 @@ int print_custom(int level, time_stamp now, const json_entry *entries)
                  static_cast<unsigned>(size), static_cast<unsigned>(needed));
         return 0;
     }
+    if (needed == 0 || buffer[0] == '\0')
+        return 0; // nothing was composed, which has been logged
     char type_text[name_size];
     json_escape(type, type_text, sizeof type_text);
     return print_function(level, "{\"timestamp\": \"%llu.%.9ld\", \"type\": \"%s\", %s}\n", now.seconds,
@@ -190,16 +200,11 @@ class body_writer {
 
     void append(const char *piece)
     {
-        const size_t length = strlen(piece);
-        total += length;
-        if (total > size)
+        total += strlen(piece);
+        if (total >= size) // the terminator needs a byte as well
             stopped = true;
-        if (stopped)
-            return;
-        const size_t room = size - used;
-        used += strlcpy(buffer + used, piece, room);
-        if (used >= size)
-            used = size - 1;
+        if (!stopped)
+            used += strlcpy(buffer + used, piece, size - used);
     }
 
     void stop() { stopped = true; }
@@ -265,8 +270,8 @@ void append_piece(body_writer &body, size_t limit, const char *name, const char 
 {
     char piece[array_piece_size + 1];
     const char *const quote = quoted ? "\"" : "";
-    const int length = snprintf(piece, limit, "\"%s\": %s%s%s%s", name, quote, value, quote, separator);
-    if (length < 0 || static_cast<size_t>(length) >= limit) {
+    const int length = snprintf(piece, limit + 1, "\"%s\": %s%s%s%s", name, quote, value, quote, separator);
+    if (length < 0 || static_cast<size_t>(length) > limit) {
         core_log(CORE_LOG_ERR, log_source, "json_compose", __LINE__, "truncated message\n");
         body.stop();
         return;
@@ -341,6 +346,7 @@ size_t json_compose(const json_entry *entries, char *buffer, size_t size)
             continue; // written together with its array
         if (entry.type > JSON_END) {
             log_err("unknown type value %u for entry %u\n", entry.type, i);
+            body.trim_separator();
             return 0;
         }
         if (entry.type != JSON_ARRAY)

@@ -47,7 +47,7 @@ static void build_prefix(char (&prefix)[CORE_LOG_PREFIX_SIZE + 1], int level, co
         print_function(CORE_LOG_ERR, "%s", "could not get time for logs\n");
         now = {};
     }
-    snprintf(prefix, CORE_LOG_PREFIX_SIZE, "%lld.%.9ld %s %-s:%03d:%s() ", static_cast<long long>(now.tv_sec),
+    snprintf(prefix, sizeof prefix, "%lld.%.9ld %s %-s:%03d:%s() ", static_cast<long long>(now.tv_sec),
              static_cast<long>(now.tv_nsec), core_log_level_name(level), file, line, function);
 }
 
@@ -83,14 +83,12 @@ int core_log(int level, const char *file, const char *function, int line, const 
     return pretty_print_function(level, file, function, line, message);
 }
 
-static void make_unbuffered()
+static void make_unbuffered(FILE *stream, const char *name)
 {
     errno = 0;
-    if (setvbuf(stdout, nullptr, _IONBF, 0) != 0)
-        log_wrn("could not disable buffering on stdout: error %d\n", errno);
-    errno = 0;
-    if (setvbuf(stderr, nullptr, _IONBF, 0) != 0)
-        log_wrn("could not disable buffering on stderr: error %d\n", errno);
+    if (setvbuf(stream, nullptr, _IONBF, 0) != 0)
+        core_log(CORE_LOG_WRN, log_source, "core_log_set_pprint", __LINE__,
+                 "could not disable buffering on %s: error %d\n", name, errno);
 }
 
 void core_log_set_pprint(int mode)
@@ -100,7 +98,8 @@ void core_log_set_pprint(int mode)
         pretty_print_function = newline_print;
         break;
     case CORE_LOG_PPRINT_JSON:
-        make_unbuffered();
+        make_unbuffered(stdout, "stdout");
+        make_unbuffered(stderr, "stderr");
         pretty_print_function = core_log_json;
         break;
     default:

@@ -1,5 +1,6 @@
 #include "outbox.hpp"
 
+#include <algorithm>
 #include <utility>
 
 namespace sim {
@@ -30,16 +31,16 @@ bool outbox::spoil(const message &it, const fault &what) {
         fall_silent();
         return false;
     case fault_kind::nak:
-        queue(it, it.refusal);
+        queue_other(it, "nak", it.refusal);
         return false;
     case fault_kind::garbage:
-        queue(it, garbage_bytes);
+        queue_other(it, "garbage", garbage_bytes);
         return false;
     case fault_kind::hangup:
         hang_up();
         return false;
     case fault_kind::truncate:
-        queue(it, shortened(it.bytes, what.value));
+        queue_other(it, "truncated", shortened(it.bytes, what.value));
         return false;
     case fault_kind::repeat:
         queue(it, it.bytes);
@@ -63,17 +64,25 @@ void outbox::queue(const message &it, octets bytes) {
         return;
     const size_t total = bytes.size();
     if (how_ != delivery::bytes) {
-        queue_.push_back({std::string(it.kind), it.fields, std::move(bytes), it.delay_ms, false, total});
+        queue_.push_back({log_.stage(), it.kind, it.fields, std::move(bytes), it.delay_ms, false, total});
         return;
     }
     for (size_t i = 0; i < total; i++)
-        queue_.push_back({std::string(it.kind), i == 0 ? it.fields : json_members(), {bytes[i]},
+        queue_.push_back({log_.stage(), it.kind, i == 0 ? it.fields : json_members(), {bytes[i]},
                           i == 0 ? it.delay_ms : 0, false, i == 0 ? total : 0});
+}
+
+// Something else than the message: its fields would not be true.
+void outbox::queue_other(const message &it, const char *kind, octets bytes) {
+    message other = it;
+    other.kind = kind;
+    other.fields = json_members().text("instead_of", it.kind);
+    queue(other, std::move(bytes));
 }
 
 void outbox::hang_up() {
     if (!silent_)
-        queue_.push_back({"hangup", {}, {}, 0, true, 0});
+        queue_.push_back({log_.stage(), "hangup", {}, {}, 0, true, 0});
     fall_silent();
 }
 
@@ -87,7 +96,7 @@ void outbox::note(const entry &it) {
     if (it.hang_up)
         log_.event("hangup");
     else if (it.total != 0)
-        log_.sent(it.kind, it.total, it.fields);
+        log_.sent(it.stage, it.kind, it.total, it.fields);
 }
 
 write_unit outbox::take() {

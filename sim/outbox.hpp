@@ -23,8 +23,8 @@ namespace sim {
 enum class delivery { whole, bytes, glued };
 
 struct message {
-    std::string_view step; // a step name of the fault plan
-    std::string_view kind; // for the transcript
+    std::string step;      // a step name of the fault plan
+    std::string kind;      // for the transcript
     octets bytes;
     octets refusal; // what a "nak" fault sends instead
     json_members fields{};
@@ -56,6 +56,7 @@ class outbox {
 
   private:
     struct entry {
+        std::string stage;
         std::string kind;
         json_members fields;
         octets bytes;
@@ -65,6 +66,7 @@ class outbox {
     };
 
     void queue(const message &it, octets bytes);
+    void queue_other(const message &it, const char *kind, octets bytes);
     bool spoil(const message &it, const fault &what);
     entry pop();
     void note(const entry &it);

@@ -11,28 +11,29 @@ bool transcript::open(const std::string &path) {
     return file_ != nullptr;
 }
 
-json_members transcript::head(std::string_view direction, std::string_view kind) const {
+json_members transcript::head(std::string_view direction, std::string_view stage, std::string_view kind) const {
     json_members line;
     line.fraction("t", static_cast<double>(monotonic_us() - start_us_) / 1e6)
         .text("dir", direction)
-        .text("stage", stage_)
+        .text("stage", stage)
         .text("kind", kind);
     return line;
 }
 
 void transcript::received(std::string_view kind, uint64_t length, const json_members &fields) {
     if (wanted())
-        write(head("rx", kind).number("length", length).append(fields));
+        write(head("rx", stage_, kind).number("length", length).append(fields));
 }
 
-void transcript::sent(std::string_view kind, uint64_t length, const json_members &fields) {
+void transcript::sent(std::string_view stage, std::string_view kind, uint64_t length,
+                      const json_members &fields) {
     if (wanted())
-        write(head("tx", kind).number("length", length).append(fields));
+        write(head("tx", stage, kind).number("length", length).append(fields));
 }
 
 void transcript::event(std::string_view kind, const json_members &fields) {
     if (wanted())
-        write(head("event", kind).append(fields));
+        write(head("event", stage_, kind).append(fields));
 }
 
 void transcript::write(const json_members &line) {

@@ -32,9 +32,11 @@ class transcript {
     void set_sink(std::function<void(const std::string &)> sink) { sink_ = std::move(sink); }
 
     void set_stage(std::string_view stage) { stage_ = stage; }
+    const std::string &stage() const { return stage_; }
 
     void received(std::string_view kind, uint64_t length, const json_members &fields = {});
-    void sent(std::string_view kind, uint64_t length, const json_members &fields = {});
+    // A message is sent later than it was made: `stage` is that of its making.
+    void sent(std::string_view stage, std::string_view kind, uint64_t length, const json_members &fields = {});
     void event(std::string_view kind, const json_members &fields = {});
 
   private:
@@ -43,7 +45,7 @@ class transcript {
     };
 
     bool wanted() const { return file_ != nullptr || sink_ != nullptr; }
-    json_members head(std::string_view direction, std::string_view kind) const;
+    json_members head(std::string_view direction, std::string_view stage, std::string_view kind) const;
     void write(const json_members &line);
 
     std::unique_ptr<std::FILE, close_file> file_;

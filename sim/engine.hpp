@@ -1,0 +1,80 @@
+// What the device's stages have in common. An engine is given the bytes that
+// arrive, however they are cut, posts its answers to the outbox and reports how
+// far it came. It knows nothing of the line it speaks over and never waits.
+#pragma once
+
+#include "bytes.hpp"
+#include "flash-store.hpp"
+#include "outbox.hpp"
+#include "settings.hpp"
+#include "transcript.hpp"
+
+#include <cstdint>
+#include <string>
+
+namespace sim {
+
+enum class progress {
+    busy,         // in the middle of the stage
+    done,         // the stage is complete
+    reset,        // the host reset the device before the stage was complete
+    host_error,   // the host sent what no device can accept
+    system_error, // a file could not be written
+};
+
+// What every engine works with; it outlives the engines.
+struct workbench {
+    const settings &wanted;
+    fault_plan &faults;
+    transcript &log;
+    outbox &out;
+    flash_store &store;
+};
+
+class engine {
+  public:
+    explicit engine(workbench &bench) : bench_(bench) {}
+    virtual ~engine() = default;
+    engine(const engine &) = delete;
+    engine &operator=(const engine &) = delete;
+
+    // The stage begins; what it sends by itself is to be `delay_ms` late.
+    virtual void begin(uint32_t delay_ms) = 0;
+    // Consumes bytes from the front and answers how many: all, unless the stage
+    // ended or input_limit() fell to 0 before.
+    virtual size_t receive(view bytes) = 0;
+    // True while a message may be complete or may go on: call settled() when
+    // the host has been quiet for a moment.
+    virtual bool wants_quiet() const { return false; }
+    virtual void settled() {}
+    // How many bytes the engine takes at most before it stalls or hangs up;
+    // 0: it has stopped reading.
+    virtual uint64_t input_limit() const { return UINT64_MAX; }
+
+    progress state() const { return state_; }
+    const std::string &trouble() const { return trouble_; } // for the two errors
+    uint32_t next_delay_ms() const { return next_delay_ms_; } // for the stage that follows
+
+  protected:
+    void finish(progress how) { state_ = how; }
+    void blame_host(std::string what) {
+        trouble_ = std::move(what);
+        state_ = progress::host_error;
+    }
+    bool stored(bool good) {
+        if (!good) {
+            trouble_ = bench_.store.error();
+            state_ = progress::system_error;
+        }
+        return good;
+    }
+
+    workbench &bench_;
+    uint32_t next_delay_ms_ = 0;
+
+  private:
+    progress state_ = progress::busy;
+    std::string trouble_;
+};
+
+} // namespace sim

@@ -1,0 +1,81 @@
+// kestrel-sim: the simulated modem on a pseudo-terminal.
+
+#include "device.hpp"
+#include "options.hpp"
+#include "port-link.hpp"
+#include "pty-port.hpp"
+#include "pty-server.hpp"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+constexpr int exit_system_error = 1;
+constexpr int exit_usage = 2;
+
+int stop_pipe[2] = {-1, -1}; // a signal handler can reach nothing but globals
+
+void ask_to_stop(int) {
+    const int saved = errno;
+    const ssize_t ignored = write(stop_pipe[1], "", 1);
+    static_cast<void>(ignored);
+    errno = saved;
+}
+
+bool catch_signals() {
+    if (pipe2(stop_pipe, O_CLOEXEC | O_NONBLOCK) != 0)
+        return false;
+    struct sigaction action {};
+    action.sa_handler = ask_to_stop;
+    return sigaction(SIGTERM, &action, nullptr) == 0 && sigaction(SIGINT, &action, nullptr) == 0;
+}
+
+int complain(int status, const std::string &text) {
+    std::fprintf(stderr, "kestrel-sim: %s\n", text.c_str());
+    return status;
+}
+
+int system_error(const std::string &what) {
+    return complain(exit_system_error, what + ": " + std::strerror(errno));
+}
+
+int run(const sim::program_options &options) {
+    sim::transcript log;
+    if (!options.transcript.empty() && !log.open(options.transcript))
+        return system_error(options.transcript);
+    if (!catch_signals())
+        return system_error("signals");
+    sim::pty_port port;
+    if (!port.open())
+        return complain(exit_system_error, port.error());
+    sim::port_link link;
+    if (!options.link.empty() && !link.make(options.link, port.path()))
+        return system_error(options.link);
+    sim::device modem(options.device, log);
+    if (!modem.start())
+        return complain(exit_system_error, modem.trouble());
+    std::printf("%s\n", port.path().c_str());
+    std::fflush(stdout);
+    const sim::served result = sim::serve(modem, port, options.limits, stop_pipe[0]);
+    const int status = static_cast<int>(result.how);
+    return status == 0 ? 0 : complain(status, result.trouble);
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    sim::program_options options;
+    const std::string wrong = sim::parse_options(argc, argv, options);
+    if (!wrong.empty())
+        return complain(exit_usage, wrong + " (try --help)");
+    if (!options.help && !options.version)
+        return run(options);
+    std::fputs((options.help ? sim::help_text() : sim::version_text()).c_str(), stdout);
+    return 0;
+}
