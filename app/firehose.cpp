@@ -29,7 +29,10 @@ int open_endpoint(core_endpoint *endpoint)
     memset(&info, 0, sizeof info);
     snprintf(info.vid, sizeof info.vid, "%x", QDL_DEVICE.vid);
     snprintf(info.pid, sizeof info.pid, "%x", QDL_DEVICE.pid);
-    return core_usb_endpoint_open(&info, endpoint);
+    const int err = core_usb_endpoint_open(&info, endpoint);
+    if (err != CORE_OK)
+        core_usb_endpoint_close(endpoint); // a kernel driver that did not let go leaves it open
+    return err;
 }
 
 int open_serial(const modem *m, int32_t *handle)

@@ -132,11 +132,12 @@ int send_block(const upload &u, uint64_t offset, uint64_t length, bool *ended)
 {
     static constexpr char function[] = "send_programmer";
     *ended = true;
-    // A block never holds more than the file does; what goes beyond it is a short read.
+    // A block never holds more than the file does. What goes beyond it is a short read, and so is a length of
+    // 4 GiB or more: one read never brings as much.
     const uint64_t readable = length < u.file_size ? length : u.file_size;
-    const bool oversized = length > UINT32_MAX || readable > SIZE_MAX;
-    const owned_bytes block(oversized ? nullptr : static_cast<unsigned char *>(malloc(readable > 0 ? readable : 1)));
-    if (block == nullptr && !oversized) {
+    const owned_bytes block(
+        readable >= SIZE_MAX ? nullptr : static_cast<unsigned char *>(malloc(static_cast<size_t>(readable) + 1)));
+    if (block == nullptr) {
         core_log(CORE_LOG_ERR, log_source, function, __LINE__, "memory failure");
         return CORE_ENOMEM;
     }
@@ -145,10 +146,8 @@ int send_block(const upload &u, uint64_t offset, uint64_t length, bool *ended)
         return err;
     }
     size_t count = 0;
-    int err = CORE_OK;
-    if (!oversized)
-        err = core_file_read(u.file, block.get(), static_cast<size_t>(readable), &count);
-    if (err != CORE_OK || oversized || count != length) {
+    int err = core_file_read(u.file, block.get(), static_cast<size_t>(readable), &count);
+    if (err != CORE_OK || count != length) {
         core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error %u reading %" PRIu64 " bytes (read %u bytes)",
                  static_cast<unsigned>(err), length, static_cast<unsigned>(count));
         return err; // 0 after a short read, on purpose

@@ -179,7 +179,10 @@ int update_after_listening(modem *modems, uint8_t max_modems, bool json)
             log_err("failed USB bus scan");
             return err;
         }
-        if (count_modems(modems, max_modems) > 1)
+        const uint8_t count = count_modems(modems, max_modems);
+        if (count == 0)
+            continue; // gone again
+        if (count > 1)
             return refuse_several_modems(modems, max_modems, __func__);
         return update_attached_modem(modems, max_modems);
     }

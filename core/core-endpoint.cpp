@@ -93,22 +93,23 @@ void report_not_opened(const char *function, int line, const core_usb_id &id)
     core_log(CORE_LOG_ERR, log_source, function, line, "could not open device 0x%04X:0x%04X\n", id.vid, id.pid);
 }
 
-// Parses the identifier texts of `info`, clears the record and starts libusb.
+// Clears the record, so that it may be closed whatever comes, parses the identifier texts of `info` and starts
+// libusb.
 int prepare(const core_device_info *info, core_endpoint *ep, usb_session *session, core_usb_id *id,
             const char *function)
 {
-    if (info->vid[0] == '\0' || info->pid[0] == '\0')
-        return CORE_EINVAL;
-    if (!core_usb_id_from_str(id, info->vid, info->pid)) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "could not convert %s:%s\n", info->vid, info->pid);
-        return CORE_EGENERIC;
-    }
     ep->context = nullptr;
     ep->handle = nullptr;
     ep->interface = 0;
     ep->in_endpoint = CORE_ENDPOINT_NONE;
     ep->out_endpoint = CORE_ENDPOINT_NONE;
     ep->max_packet_size = 0;
+    if (info->vid[0] == '\0' || info->pid[0] == '\0')
+        return CORE_EINVAL;
+    if (!core_usb_id_from_str(id, info->vid, info->pid)) {
+        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "could not convert %s:%s\n", info->vid, info->pid);
+        return CORE_EGENERIC;
+    }
     const int err = session->start();
     if (err != 0)
         core_log(CORE_LOG_ERR, log_source, function, __LINE__, "could not start libusb: error %d\n", err);
