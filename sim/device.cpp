@@ -14,7 +14,9 @@ device::device(settings wanted, transcript &log)
     : wanted_(std::move(wanted)), log_(log), faults_(wanted_.faults), out_(wanted_.how, faults_, log_),
       store_(wanted_.flash, wanted_.discard), bench_{wanted_, faults_, log_, out_, store_} {}
 
-const char *device::stage_name() const { return stage_names[static_cast<size_t>(stage_)]; }
+const char *device::stage_name() const {
+    return stage_names[static_cast<size_t>(stage_)];
+}
 
 bool device::start() {
     if (!store_.prepare()) {
@@ -41,7 +43,9 @@ void device::enter(stage next, uint32_t delay_ms) {
     engine_->begin(delay_ms);
 }
 
-uint64_t device::input_limit() const { return ended() ? UINT64_MAX : engine_->input_limit(); }
+uint64_t device::input_limit() const {
+    return ended() ? UINT64_MAX : engine_->input_limit();
+}
 
 void device::receive(view bytes) {
     while (!bytes.empty() && !ended()) {

@@ -52,7 +52,7 @@ class engine {
     virtual uint64_t input_limit() const { return UINT64_MAX; }
 
     progress state() const { return state_; }
-    const std::string &trouble() const { return trouble_; } // for the two errors
+    const std::string &trouble() const { return trouble_; }   // for the two errors
     uint32_t next_delay_ms() const { return next_delay_ms_; } // for the stage that follows
 
   protected:

@@ -24,10 +24,12 @@ static constexpr std::array<kind_row, 9> kinds = {{
     {"stall", fault_kind::stall},
 }};
 
-static constexpr unsigned bit(fault_kind kind) { return 1U << static_cast<unsigned>(kind); }
+static constexpr unsigned bit(fault_kind kind) {
+    return 1U << static_cast<unsigned>(kind);
+}
 
-static constexpr unsigned no_answer = bit(fault_kind::silence) | bit(fault_kind::skip) |
-                                      bit(fault_kind::hangup) | bit(fault_kind::late);
+static constexpr unsigned no_answer =
+    bit(fault_kind::silence) | bit(fault_kind::skip) | bit(fault_kind::hangup) | bit(fault_kind::late);
 static constexpr unsigned any_message =
     no_answer | bit(fault_kind::garbage) | bit(fault_kind::truncate) | bit(fault_kind::repeat);
 static constexpr unsigned any_answer = any_message | bit(fault_kind::nak);
@@ -125,7 +127,9 @@ std::string parse_fault(std::string_view text, fault &out) {
     return wrong.empty() ? check_place(out, has_time) : wrong;
 }
 
-std::string_view fault_name(fault_kind kind) { return std::ranges::find(kinds, kind, &kind_row::kind)->name; }
+std::string_view fault_name(fault_kind kind) {
+    return std::ranges::find(kinds, kind, &kind_row::kind)->name;
+}
 
 std::optional<fault> fault_plan::strike(std::string_view step) {
     auto found = times_.find(step);

@@ -22,9 +22,9 @@ enum class fault_kind { silence, skip, nak, garbage, hangup, truncate, repeat, l
 struct fault {
     std::string step;
     fault_kind kind = fault_kind::silence;
-    uint32_t value = 0;     // late: milliseconds; truncate: bytes kept, 0 = half
+    uint32_t value = 0; // late: milliseconds; truncate: bytes kept, 0 = half
     bool every_time = false;
-    uint64_t at = 1;        // the N-th time, or for a data-in step the byte count
+    uint64_t at = 1; // the N-th time, or for a data-in step the byte count
 };
 
 // Empty text: parsed into `out`. Otherwise what is wrong with it.

@@ -153,32 +153,36 @@ void firehose_engine::handle_request() {
 }
 
 void firehose_engine::acknowledge(const firehose_request &request, const element_row &row) {
-    if (request.element.empty())
-        return answer(row.step, "nak", nak);
-    answer(row.step, "ack", ack);
+    const bool good = !request.element.empty();
+    answer(row.step, good ? "ack" : "nak", good ? ack : nak);
 }
 
 void firehose_engine::configure(const firehose_request &request, const element_row &row) {
     const auto asked = number_attribute(request.line, "MaxPayloadSizeToTargetInBytes", UINT32_MAX);
-    if (!asked)
-        return answer(row.step, "nak", nak);
     const auto &offer = bench_.wanted.payload;
-    if (!offer || *offer == *asked)
-        return answer(row.step, "ack", ack);
-    answer(row.step, "nak",
-           "<response value=\"NAK\" MaxPayloadSizeToTargetInBytesSupported=\"" + std::to_string(*offer) + "\" />");
+    if (!asked)
+        answer(row.step, "nak", nak);
+    else if (!offer || *offer == *asked)
+        answer(row.step, "ack", ack);
+    else
+        answer(row.step, "nak",
+               "<response value=\"NAK\" MaxPayloadSizeToTargetInBytesSupported=\"" + std::to_string(*offer) +
+                   "\" />");
 }
 
 void firehose_engine::program(const firehose_request &request, const element_row &row) {
     const auto size = number_attribute(request.line, "SECTOR_SIZE_IN_BYTES", UINT32_MAX);
     const auto sectors = number_attribute(request.line, "num_partition_sectors", most_sectors);
-    if (!size || !sectors)
-        return answer(row.step, "nak", nak);
-    if (!stored(bench_.store.open_image()))
+    if (!size || !sectors) {
+        answer(row.step, "nak", nak);
+        return;
+    }
+    // Without the ACK the host has no leave to send data: its next bytes are
+    // another request.
+    if (answer(row.step, "ack", ack) != posted::whole || !stored(bench_.store.open_image()))
         return;
     data_left_ = *size * *sectors;
     in_data_ = true;
-    answer(row.step, "ack", ack);
     if (data_left_ == 0)
         return finish_data();
     guard_.check();
@@ -208,9 +212,10 @@ void firehose_engine::finish_data() {
 }
 
 void firehose_engine::power(const firehose_request &request, const element_row &row) {
-    if (attribute(request.line, "value") != "reset")
-        return answer("firehose.other", "ack", ack);
-    answer(row.step, "ack", ack);
+    const bool resets = attribute(request.line, "value") == "reset";
+    const posted sent = answer(resets ? row.step : "firehose.other", "ack", ack);
+    if (!resets || sent == posted::refused)
+        return;
     if (bench_.wanted.platform != 0)
         say_log("firehose.target-reset", "INFO: bsp_target_reset() 1");
     finish(progress::done);
@@ -222,10 +227,10 @@ void firehose_engine::storage_info(const firehose_request &, const element_row &
     answer(row.step, "ack", ack);
 }
 
-void firehose_engine::say(std::string_view step, std::string_view kind, const std::string &element) {
+posted firehose_engine::say(std::string_view step, std::string_view kind, const std::string &element) {
     const std::string text = chunk(element);
-    bench_.out.post({std::string(step), std::string(kind), to_octets(text), to_octets(chunk(nak)),
-                     json_members().text("text", text), 0});
+    return bench_.out.post({std::string(step), std::string(kind), to_octets(text), to_octets(chunk(nak)),
+                            json_members().text("text", text), 0});
 }
 
 void firehose_engine::say_log(std::string_view step, const std::string &value) {
@@ -237,10 +242,11 @@ void firehose_engine::say_logs(uint32_t count) {
         say_log("firehose.log", "INFO: programmer line " + std::to_string(i));
 }
 
-void firehose_engine::answer(std::string_view step, std::string_view kind, const std::string &text) {
+posted firehose_engine::answer(std::string_view step, std::string_view kind, const std::string &text) {
     say_logs(bench_.wanted.log_before);
-    say(step, kind, text);
+    const posted sent = say(step, kind, text);
     say_logs(bench_.wanted.log_after);
+    return sent;
 }
 
 } // namespace sim

@@ -52,10 +52,10 @@ class firehose_engine : public engine {
     size_t take_data(view bytes);
     void finish_data();
 
-    void say(std::string_view step, std::string_view kind, const std::string &text);
+    posted say(std::string_view step, std::string_view kind, const std::string &text);
     void say_log(std::string_view step, const std::string &value);
     void say_logs(uint32_t count);
-    void answer(std::string_view step, std::string_view kind, const std::string &text);
+    posted answer(std::string_view step, std::string_view kind, const std::string &text);
 
     std::string request_;   // the request so far
     size_t searched_ = 0;   // of request_, known not to hold its end

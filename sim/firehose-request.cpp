@@ -26,7 +26,8 @@ static std::string_view element_line(std::string_view frame) {
 std::optional<firehose_request> parse_request(std::string_view text) {
     const size_t start = text.find(frame_start);
     const size_t end = text.find(frame_end);
-    if (!text.starts_with("<?xml") || start == std::string_view::npos || end == std::string_view::npos || end < start)
+    if (!text.starts_with("<?xml") || start == std::string_view::npos || end == std::string_view::npos ||
+        end < start)
         return std::nullopt;
     firehose_request out;
     const size_t inside = start + frame_start.size();

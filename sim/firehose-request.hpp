@@ -11,7 +11,7 @@
 namespace sim {
 
 struct firehose_request {
-    std::string element; // "program"; empty when the frame holds no element
+    std::string element;   // "program"; empty when the frame holds no element
     std::string_view line; // the element from '<' to '>'
 };
 

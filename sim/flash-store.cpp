@@ -16,7 +16,8 @@ static const std::string programmer_name = "programmer.bin";
 static std::string harmless(std::string_view element) {
     std::string name;
     for (const char c : element.substr(0, 32)) {
-        const bool plain = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-';
+        const bool plain =
+            (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-';
         name += plain ? c : '_';
     }
     return name.empty() ? "unknown" : name;
@@ -66,7 +67,9 @@ bool flash_store::create(descriptor &file, const std::string &name) {
     return file.open() || failed(name);
 }
 
-bool flash_store::close(descriptor &file, const std::string &name) { return file.reset() == 0 || failed(name); }
+bool flash_store::close(descriptor &file, const std::string &name) {
+    return file.reset() == 0 || failed(name);
+}
 
 bool flash_store::keep_request(std::string_view element, std::string_view text) {
     requests_++;
@@ -98,19 +101,24 @@ bool flash_store::write_image(view bytes) {
     return failed(numbered("program", ".bin"));
 }
 
-bool flash_store::close_image() { return close(image_, numbered("program", ".bin")); }
+bool flash_store::close_image() {
+    return close(image_, numbered("program", ".bin"));
+}
 
 std::optional<uint32_t> flash_store::image_crc() const {
     return discard_ ? std::nullopt : std::optional<uint32_t>(image_crc_.value());
 }
 
-bool flash_store::open_programmer() { return !keeps_data() || create(programmer_, programmer_name); }
+bool flash_store::open_programmer() {
+    return !keeps_data() || create(programmer_, programmer_name);
+}
 
 bool flash_store::write_programmer(uint64_t offset, view bytes) {
     if (!programmer_.open())
         return true;
     while (!bytes.empty()) {
-        const ssize_t done = ::pwrite(programmer_.get(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
+        const ssize_t done =
+            ::pwrite(programmer_.get(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
         if (done < 0 && errno == EINTR)
             continue;
         if (done < 0)
@@ -121,6 +129,8 @@ bool flash_store::write_programmer(uint64_t offset, view bytes) {
     return true;
 }
 
-bool flash_store::close_programmer() { return close(programmer_, programmer_name); }
+bool flash_store::close_programmer() {
+    return close(programmer_, programmer_name);
+}
 
 } // namespace sim

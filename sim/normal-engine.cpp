@@ -63,7 +63,8 @@ void normal_engine::answer_command(const std::string &command) {
     if (answer.empty()) // a command the table leaves without any answer
         return;
     const std::string whole = echo + answer;
-    bench_.out.post({"at." + word, "at", to_octets(whole), to_octets(refusal), json_members().text("text", whole), 0});
+    bench_.out.post(
+        {"at." + word, "at", to_octets(whole), to_octets(refusal), json_members().text("text", whole), 0});
 }
 
 void normal_engine::take_frame() {

@@ -78,8 +78,10 @@ static std::string path(std::string &out, const char *text) {
 
 static constexpr std::array<choice<stage>, 3> start_stages = {
     {{"normal", stage::normal}, {"sahara", stage::sahara}, {"firehose", stage::firehose}}};
-static constexpr std::array<choice<stage>, 4> last_stages = {
-    {{"diag", stage::normal}, {"sahara", stage::sahara}, {"firehose", stage::firehose}, {"reset", stage::firehose}}};
+static constexpr std::array<choice<stage>, 4> last_stages = {{{"diag", stage::normal},
+                                                              {"sahara", stage::sahara},
+                                                              {"firehose", stage::firehose},
+                                                              {"reset", stage::firehose}}};
 static constexpr std::array<choice<uint32_t>, 2> request_widths = {{{"32", 32}, {"64", 64}}};
 static constexpr std::array<choice<read_order>, 4> orders = {{{"forward", read_order::forward},
                                                               {"backward", read_order::backward},
@@ -201,11 +203,13 @@ static std::string check_together(const settings &device) {
     return "";
 }
 
-static std::string complaint(char **argv, int code, int index, const std::vector<struct option> &table) {
+static std::string complaint(char **argv, int code) {
     const std::string word = argv[optind > 0 ? optind - 1 : 0];
     if (code == ':')
         return "option " + word + " needs a value";
-    if (index >= 0 && table[static_cast<size_t>(index)].has_arg == no_argument && word.find('=') != std::string::npos)
+    const size_t equals = word.find('=');
+    const auto without_value = [&](const option_row &row) { return word.substr(2, equals - 2) == row.name; };
+    if (equals != std::string::npos && equals > 2 && std::ranges::any_of(rows, without_value))
         return "option " + word + " takes no value";
     return "unknown option " + word;
 }
@@ -217,7 +221,7 @@ std::string parse_options(int argc, char **argv, program_options &out) {
     int index = -1;
     for (int code = 0; (code = getopt_long(argc, argv, ":", table.data(), &index)) != -1; index = -1) {
         if (code != 0)
-            return complaint(argv, code, index, table);
+            return complaint(argv, code);
         const option_row &row = rows[static_cast<size_t>(index)];
         const std::string wrong = row.set(out, optarg);
         if (!wrong.empty())
@@ -259,8 +263,9 @@ protocol.
 static constexpr size_t help_column = 28;
 
 std::string help_text() {
-    std::string text = "Usage: kestrel-sim [OPTION]...\n"
-                       "A simulated modem on a pseudo-terminal, whose path is printed on standard output.\n\n";
+    std::string text =
+        "Usage: kestrel-sim [OPTION]...\n"
+        "A simulated modem on a pseudo-terminal, whose path is printed on standard output.\n\n";
     for (const option_row &row : rows) {
         std::string line = "  --";
         line.append(row.name);
@@ -275,6 +280,8 @@ std::string help_text() {
     return text + faults_help;
 }
 
-std::string version_text() { return "kestrel-sim 1.6.1-0\n"; }
+std::string version_text() {
+    return "kestrel-sim 1.6.1-0\n";
+}
 
 } // namespace sim

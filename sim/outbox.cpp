@@ -15,48 +15,48 @@ static octets shortened(const octets &bytes, uint32_t keep) {
     return octets(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size));
 }
 
-bool outbox::post(message it) {
+posted outbox::post(message it) {
     const auto struck = faults_.strike(it.step);
     if (struck && !silent_)
         return spoil(it, *struck);
     if (!silent_)
         queue(it, it.bytes);
-    return !silent_;
+    return silent_ ? posted::spoiled : posted::whole;
 }
 
-bool outbox::spoil(const message &it, const fault &what) {
+posted outbox::spoil(const message &it, const fault &what) {
     log_.event("fault", json_members().text("step", it.step).text("fault", fault_name(what.kind)));
     switch (what.kind) {
     case fault_kind::silence:
         fall_silent();
-        return false;
+        return posted::spoiled;
     case fault_kind::nak:
         queue_other(it, "nak", it.refusal);
-        return false;
+        return posted::refused;
     case fault_kind::garbage:
         queue_other(it, "garbage", garbage_bytes);
-        return false;
+        return posted::spoiled;
     case fault_kind::hangup:
         hang_up();
-        return false;
+        return posted::spoiled;
     case fault_kind::truncate:
         queue_other(it, "truncated", shortened(it.bytes, what.value));
-        return false;
+        return posted::spoiled;
     case fault_kind::repeat:
         queue(it, it.bytes);
         queue(it, it.bytes);
-        return true;
+        return posted::whole;
     case fault_kind::late: {
         message later = it;
         later.delay_ms += what.value;
         queue(later, it.bytes);
-        return true;
+        return posted::whole;
     }
     case fault_kind::skip:
     case fault_kind::stall:
         break;
     }
-    return false;
+    return posted::spoiled;
 }
 
 void outbox::queue(const message &it, octets bytes) {
@@ -68,8 +68,13 @@ void outbox::queue(const message &it, octets bytes) {
         return;
     }
     for (size_t i = 0; i < total; i++)
-        queue_.push_back({log_.stage(), it.kind, i == 0 ? it.fields : json_members(), {bytes[i]},
-                          i == 0 ? it.delay_ms : 0, false, i == 0 ? total : 0});
+        queue_.push_back({log_.stage(),
+                          it.kind,
+                          i == 0 ? it.fields : json_members(),
+                          {bytes[i]},
+                          i == 0 ? it.delay_ms : 0,
+                          false,
+                          i == 0 ? total : 0});
 }
 
 // Something else than the message: its fields would not be true.

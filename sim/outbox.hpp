@@ -23,8 +23,8 @@ namespace sim {
 enum class delivery { whole, bytes, glued };
 
 struct message {
-    std::string step;      // a step name of the fault plan
-    std::string kind;      // for the transcript
+    std::string step; // a step name of the fault plan
+    std::string kind; // for the transcript
     octets bytes;
     octets refusal; // what a "nak" fault sends instead
     json_members fields{};
@@ -36,12 +36,15 @@ struct write_unit {
     bool hang_up = false; // no bytes: close the line
 };
 
+// What becomes of a message: it goes out whole (perhaps late or twice), or
+// harmed or not at all, or a refusal goes out instead.
+enum class posted { whole, spoiled, refused };
+
 class outbox {
   public:
     outbox(delivery how, fault_plan &faults, transcript &log) : how_(how), faults_(faults), log_(log) {}
 
-    // True when the message goes out whole and unharmed (repeated or late included).
-    bool post(message it);
+    posted post(message it);
 
     // Closes the line after everything that was posted so far.
     void hang_up();
@@ -67,7 +70,7 @@ class outbox {
 
     void queue(const message &it, octets bytes);
     void queue_other(const message &it, const char *kind, octets bytes);
-    bool spoil(const message &it, const fault &what);
+    posted spoil(const message &it, const fault &what);
     entry pop();
     void note(const entry &it);
 

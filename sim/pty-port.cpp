@@ -45,7 +45,9 @@ bool pty_port::open() {
 bool pty_port::drained() const {
     // poll and not FIONREAD: it first carries over what the kernel still holds
     // between the two ends, so a unit just written is never taken for read.
-    struct pollfd waiting {slave_.get(), POLLIN, 0};
+    struct pollfd waiting {
+        slave_.get(), POLLIN, 0
+    };
     return !slave_.open() || ::poll(&waiting, 1, 0) == 0;
 }
 

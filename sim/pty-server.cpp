@@ -45,16 +45,16 @@ class server {
     serve_limits limits_;
     int stop_fd_;
     std::vector<uint8_t> room_;
-    octets unsent_;              // the rest of the unit being written
-    bool scheduled_ = false;     // the next unit has its times:
-    uint64_t due_ = 0;           // not before
-    uint64_t wake_ = never;      // when to look again
+    octets unsent_;          // the rest of the unit being written
+    bool scheduled_ = false; // the next unit has its times:
+    uint64_t due_ = 0;       // not before
+    uint64_t wake_ = never;  // when to look again
     uint64_t deadline_ = never;
     uint64_t last_input_ = 0;
-    uint64_t drain_until_ = 0;   // no longer wait for the host to read
-    uint64_t drained_at_ = 0;    // 0: what was written is not known to be read
-    bool answered_ = false;      // a unit was written since the last input
-    uint64_t leave_at_ = 0;      // at the end: when to stop lingering; 0: not yet
+    uint64_t drain_until_ = 0; // no longer wait for the host to read
+    uint64_t drained_at_ = 0;  // 0: what was written is not known to be read
+    bool answered_ = false;    // a unit was written since the last input
+    uint64_t leave_at_ = 0;    // at the end: when to stop lingering; 0: not yet
     served result_;
 };
 
@@ -157,7 +157,9 @@ bool server::wait() {
     if (leave_at_ == 0)
         wake_ = std::min(wake_, deadline_);
     const uint64_t pause = wake_ > now ? wake_ - now : 0;
-    const struct timespec limit {static_cast<time_t>(pause / 1000000), static_cast<long>(pause % 1000000 * 1000)};
+    const struct timespec limit {
+        static_cast<time_t>(pause / 1000000), static_cast<long>(pause % 1000000 * 1000)
+    };
     const int input = modem_.input_limit() == 0 ? 0 : POLLIN;
     const int output = unsent_.empty() ? 0 : POLLOUT;
     struct pollfd fds[2] = {{port_.master(), static_cast<short>(input | output), 0}, {stop_fd_, POLLIN, 0}};

@@ -55,7 +55,9 @@ static octets done_response(uint32_t status) {
 }
 
 // What the platform's boot loader reports after the one image it asked for.
-static uint32_t good_done_status(uint32_t platform) { return platform == 0 ? 0 : 1; }
+static uint32_t good_done_status(uint32_t platform) {
+    return platform == 0 ? 0 : 1;
+}
 
 sahara_engine::sahara_engine(workbench &bench)
     : engine(bench), mode_(bench.wanted.hello_mode),
@@ -75,7 +77,9 @@ void sahara_engine::say_hello(uint32_t delay_ms) {
                                     .number("version", bench_.wanted.hello_version)
                                     .number("compatible", bench_.wanted.hello_compatible)
                                     .number("mode", mode_);
-    said_hello_ = bench_.out.post({"sahara.hello", "hello", hello(bench_.wanted, mode_), {}, fields, delay_ms});
+    said_hello_ =
+        posted::whole ==
+        bench_.out.post({"sahara.hello", "hello", hello(bench_.wanted, mode_), {}, fields, delay_ms});
 }
 
 uint64_t sahara_engine::input_limit() const {
@@ -150,7 +154,8 @@ void sahara_engine::take_packet() {
     if (known == known_packets.end())
         return blame_host("unknown packet " + std::to_string(command));
     if (read_le32(packet_, 4) != known->length)
-        return blame_host(std::string(known->kind) + " packet with length " + std::to_string(read_le32(packet_, 4)));
+        return blame_host(std::string(known->kind) + " packet with length " +
+                          std::to_string(read_le32(packet_, 4)));
     if (packet_.size() < known->length)
         return;
     using handler = void (sahara_engine::*)();
@@ -208,7 +213,10 @@ void sahara_engine::next_request() {
 }
 
 void sahara_engine::ask(const read_request &wanted) {
-    bench_.out.post({"sahara.read", "read_data", read_data(bench_.wanted, wanted), {},
+    bench_.out.post({"sahara.read",
+                     "read_data",
+                     read_data(bench_.wanted, wanted),
+                     {},
                      json_members()
                          .number("image_id", bench_.wanted.image_id)
                          .number("offset", wanted.offset)
@@ -230,19 +238,24 @@ void sahara_engine::take_done() {
         return;
     const uint32_t good = good_done_status(bench_.wanted.platform);
     const uint32_t status = bench_.wanted.done_status.value_or(good);
-    const bool sent = bench_.out.post({"sahara.done", "done_response", done_response(status), done_response(1 - good),
-                                       json_members().number("status", status)});
+    const posted sent =
+        bench_.out.post({"sahara.done", "done_response", done_response(status), done_response(1 - good),
+                         json_members().number("status", status), 0});
     // Only a host that was told so goes on to the programmer; another one
     // gives up and resets the boot loader, which therefore stays here.
-    if (sent && status == good)
+    if (sent == posted::whole && status == good)
         finish(progress::done);
     else
         phase_ = phase::left;
 }
 
-void sahara_engine::take_state_reset() { begin(0); }
+void sahara_engine::take_state_reset() {
+    begin(0);
+}
 
-void sahara_engine::take_reset() { finish(progress::reset); }
+void sahara_engine::take_reset() {
+    finish(progress::reset);
+}
 
 void sahara_engine::take_download_request() {
     if (!awaits(phase::hello, "enter download mode"))

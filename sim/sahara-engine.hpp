@@ -46,13 +46,13 @@ class sahara_engine : public engine {
     bool awaits(phase wanted, const char *packet);
 
     phase phase_ = phase::hello;
-    uint32_t mode_;        // of the HELLO to come
+    uint32_t mode_; // of the HELLO to come
     bool said_hello_ = false;
-    octets packet_;        // the packet so far
+    octets packet_; // the packet so far
     std::vector<read_request> reads_;
     size_t next_read_ = 0; // the request after the one being served
     uint64_t block_left_ = 0;
-    uint64_t total_ = 0;   // bytes received since the HELLO response
+    uint64_t total_ = 0; // bytes received since the HELLO response
     data_guard guard_;
 };
 

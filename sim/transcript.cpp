@@ -11,7 +11,8 @@ bool transcript::open(const std::string &path) {
     return file_ != nullptr;
 }
 
-json_members transcript::head(std::string_view direction, std::string_view stage, std::string_view kind) const {
+json_members transcript::head(std::string_view direction, std::string_view stage,
+                              std::string_view kind) const {
     json_members line;
     line.fraction("t", static_cast<double>(monotonic_us() - start_us_) / 1e6)
         .text("dir", direction)

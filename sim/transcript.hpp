@@ -36,7 +36,8 @@ class transcript {
 
     void received(std::string_view kind, uint64_t length, const json_members &fields = {});
     // A message is sent later than it was made: `stage` is that of its making.
-    void sent(std::string_view stage, std::string_view kind, uint64_t length, const json_members &fields = {});
+    void sent(std::string_view stage, std::string_view kind, uint64_t length,
+              const json_members &fields = {});
     void event(std::string_view kind, const json_members &fields = {});
 
   private:

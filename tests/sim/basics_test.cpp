@@ -34,7 +34,8 @@ TEST(Crc32, DoesNotDependOnThePieces) {
 TEST(JsonLine, MembersKeepTheirOrder) {
     json_members line;
     line.fraction("t", 1.5).text("kind", "data").number("length", UINT64_MAX).hex32("crc32", 0xAB);
-    EXPECT_EQ(line.object(), R"({"t":1.500000,"kind":"data","length":18446744073709551615,"crc32":"000000ab"})");
+    EXPECT_EQ(line.object(),
+              R"({"t":1.500000,"kind":"data","length":18446744073709551615,"crc32":"000000ab"})");
 }
 
 TEST(JsonLine, OtherBytesAreEscaped) {
@@ -101,7 +102,9 @@ TEST(ReadPlan, ShuffleHoldsEveryBlockOnceInAFixedOrder) {
     EXPECT_EQ(order, offsets(plan_reads(16, 2, read_order::shuffle)));
 }
 
-TEST(ReadPlan, NothingToAskFor) { EXPECT_TRUE(plan_reads(0, 4, read_order::twice).empty()); }
+TEST(ReadPlan, NothingToAskFor) {
+    EXPECT_TRUE(plan_reads(0, 4, read_order::twice).empty());
+}
 
 } // namespace
 } // namespace sim

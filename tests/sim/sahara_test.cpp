@@ -84,9 +84,8 @@ TEST(Sahara, RequestsOf64Bits) {
     talk it(wanted);
     it.heard();
     it.say(hello_response);
-    EXPECT_EQ(it.say(to_octets("abcd")),
-              (units{{18, 0, 0, 0, 32, 0, 0, 0, 0x15, 0, 0, 0, 0, 0, 0, 0,
-                      4,  0, 0, 0, 0,  0, 0, 0, 4,    0, 0, 0, 0, 0, 0, 0}}));
+    EXPECT_EQ(it.say(to_octets("abcd")), (units{{18, 0, 0, 0, 32, 0, 0, 0, 0x15, 0, 0, 0, 0, 0, 0, 0,
+                                                 4,  0, 0, 0, 0,  0, 0, 0, 4,    0, 0, 0, 0, 0, 0, 0}}));
 }
 
 TEST(Sahara, BackwardBlocksLandAtTheirOffsets) {
@@ -224,7 +223,8 @@ INSTANTIATE_TEST_SUITE_P(
                     broken_row{"sahara: HELLO response with another version", changed(hello_response, 12, 2)},
                     broken_row{"sahara: HELLO response with a status, mode or reserved field that is not 0",
                                changed(hello_response, 47, 1)},
-                    broken_row{"sahara: enter download mode although the HELLO mode is not 2", enter_download}));
+                    broken_row{"sahara: enter download mode although the HELLO mode is not 2",
+                               enter_download}));
 
 TEST(SaharaFault, SkippedHelloComesAfterTheStateReset) {
     talk it(with_fault("sahara.hello=skip"));
@@ -234,8 +234,8 @@ TEST(SaharaFault, SkippedHelloComesAfterTheStateReset) {
 
 TEST(SaharaFault, GarbageInsteadOfHello) {
     talk it(with_fault("sahara.hello=garbage"));
-    EXPECT_EQ(it.heard(), (units{{0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A,
-                                  0xA5, 0x5A}}));
+    EXPECT_EQ(it.heard(), (units{{0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A,
+                                  0xA5, 0x5A, 0xA5, 0x5A}}));
 }
 
 TEST(SaharaFault, RepeatedHello) {
@@ -284,7 +284,8 @@ TEST(SaharaFault, NakIsAnEndStatusOfOne) {
     talk it(with_fault("sahara.end=nak"));
     it.heard();
     it.say(hello_response);
-    EXPECT_EQ(it.say(to_octets("abcdefghij")).back(), (octets{4, 0, 0, 0, 16, 0, 0, 0, 13, 0, 0, 0, 1, 0, 0, 0}));
+    EXPECT_EQ(it.say(to_octets("abcdefghij")).back(),
+              (octets{4, 0, 0, 0, 16, 0, 0, 0, 13, 0, 0, 0, 1, 0, 0, 0}));
 }
 
 TEST(SaharaFault, NakIsTheOtherDoneStatus) {

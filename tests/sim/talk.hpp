@@ -12,8 +12,9 @@ namespace sim {
 
 class talk {
   public:
-    explicit talk(settings wanted) : modem((log.set_sink([this](const std::string &line) { lines.push_back(line); }),
-                                            std::move(wanted)), log) {
+    explicit talk(settings wanted)
+        : modem((log.set_sink([this](const std::string &line) { lines.push_back(line); }), std::move(wanted)),
+                log) {
         started = modem.start();
     }
 

@@ -1,0 +1,204 @@
+"""The built program on a real pseudo-terminal. KESTREL_SIM names the program."""
+
+import json
+import os
+import select
+import signal
+import subprocess
+
+import pytest
+
+SIM = os.environ["KESTREL_SIM"]
+
+HELLO = bytes.fromhex("01000000 30000000 02000000 01000000 00040000 00000000") + bytes(24)
+HELLO_RESPONSE = bytes.fromhex("02000000 30000000 02000000 01000000") + bytes(32)
+READ_0 = bytes.fromhex("03000000 14000000 0d000000 00000000 00100000")
+READ_1 = bytes.fromhex("03000000 14000000 0d000000 00100000 02000000")
+END_IMAGE = bytes.fromhex("04000000 10000000 0d000000 00000000")
+DONE = bytes.fromhex("05000000 08000000")
+DONE_RESPONSE = bytes.fromhex("06000000 0c000000 01000000")
+ACK = b'<?xml version="1.0" encoding="UTF-8" ?>\n<data>\n<response value="ACK" />\n</data>'
+TARGET_RESET = (
+    b'<?xml version="1.0" encoding="UTF-8" ?>\n<data>\n<log value="INFO: bsp_target_reset() 1"/>\n</data>'
+)
+FRAME = b'<?xml version="1.0"?>\n<data>\n%s\n</data>\n'
+
+
+class Run:
+    """The program and the host's end of its line."""
+
+    def __init__(self, *options):
+        self.process = subprocess.Popen(
+            [SIM, "--timeout", "8", *options], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True
+        )
+        self.path = self.process.stdout.readline().rstrip("\n")
+        self.fd = None
+
+    def __enter__(self):
+        self.open()
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+        if self.process.poll() is None:
+            self.process.kill()
+        self.process.communicate()
+
+    def open(self):
+        self.fd = os.open(self.path, os.O_RDWR | os.O_NOCTTY | os.O_NONBLOCK)
+
+    def close(self):
+        if self.fd is not None:
+            os.close(self.fd)
+        self.fd = None
+
+    def say(self, data):
+        while data:
+            data = data[os.write(self.fd, data):]
+
+    def hear(self, most=1024):
+        ready, _, _ = select.select([self.fd], [], [], 3)
+        return os.read(self.fd, most) if ready else b"(nothing)"
+
+    def ask(self, data):
+        self.say(data)
+        return self.hear()
+
+    def leave(self):
+        self.close()
+        _, errors = self.process.communicate(timeout=5)
+        return self.process.returncode, errors
+
+
+def refuse(*options):
+    done = subprocess.run([SIM, *options], capture_output=True, text=True, timeout=5, check=False)
+    assert done.stdout == ""
+    return done.returncode, done.stderr
+
+
+def test_whole_update(tmp_path):
+    flash = tmp_path / "flash"
+    transcript = tmp_path / "transcript"
+    with Run("--flash", str(flash), "--transcript", str(transcript), "--programmer-size", "4098") as run:
+        assert run.ask(b"ATE0\r") == b"ATE0\r\r\nOK\r\n"
+        assert run.ask(b"AT#CGMM\r") == b"\r\n#CGMM: KX910C1-WW\r\n\r\nOK\r\n"
+        run.say(bytes.fromhex("4b650100540f7e"))
+        run.close()
+        run.open()
+        assert run.hear() == HELLO
+        assert run.ask(HELLO_RESPONSE) == READ_0
+        assert run.ask(b"p" * 4096) == READ_1
+        assert run.ask(b"qr") == END_IMAGE
+        assert run.ask(DONE) == DONE_RESPONSE
+        run.close()
+        run.open()
+        assert run.ask(FRAME % b'<nop value="ping"/>') == ACK
+        line = b'<program SECTOR_SIZE_IN_BYTES="512" num_partition_sectors="2" label="x"/>'
+        assert run.ask(FRAME % line) == ACK
+        assert run.ask(b"d" * 1024) == ACK
+        assert run.ask(FRAME % b'<power value="reset" DelayInSeconds="3"/>') == ACK
+        assert run.hear() == TARGET_RESET
+        assert run.leave() == (0, "")
+    assert sorted(p.name for p in flash.iterdir()) == [
+        "000-program.bin", "000-program.xml", "001-power.xml", "programmer.bin",
+    ]
+    assert (flash / "programmer.bin").read_bytes() == b"p" * 4096 + b"qr"
+    assert (flash / "000-program.bin").read_bytes() == b"d" * 1024
+    assert (flash / "000-program.xml").read_bytes() == FRAME % line
+    lines = [json.loads(text) for text in transcript.read_text().splitlines()]
+    assert [(it["dir"], it["stage"], it["kind"]) for it in lines if it["dir"] != "event"] == [
+        ("rx", "normal", "at"), ("tx", "normal", "at"), ("rx", "normal", "at"), ("tx", "normal", "at"),
+        ("rx", "normal", "download_mode"), ("tx", "sahara", "hello"), ("rx", "sahara", "hello_response"),
+        ("tx", "sahara", "read_data"), ("rx", "sahara", "data"), ("tx", "sahara", "read_data"),
+        ("rx", "sahara", "data"), ("tx", "sahara", "end_image"), ("rx", "sahara", "done"),
+        ("tx", "sahara", "done_response"), ("rx", "firehose", "nop"), ("tx", "firehose", "ack"),
+        ("rx", "firehose", "program"), ("tx", "firehose", "ack"), ("rx", "firehose", "data"),
+        ("tx", "firehose", "ack"), ("rx", "firehose", "power"), ("tx", "firehose", "ack"),
+        ("tx", "firehose", "log"),
+    ]
+    assert [it["kind"] for it in lines if it["dir"] == "event"] == ["stage", "stage", "stage", "end"]
+    times = [it["t"] for it in lines]
+    assert times == sorted(times)
+
+
+def test_transcript_is_readable_while_the_run_goes_on(tmp_path):
+    transcript = tmp_path / "transcript"
+    with Run("--transcript", str(transcript)) as run:
+        run.ask(b"ATE0\r")
+        kinds = [json.loads(text)["kind"] for text in transcript.read_text().splitlines()]
+        assert kinds == ["stage", "at", "at"]
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
+def test_signal_ends_it_cleanly_and_removes_the_link(tmp_path, number):
+    link = tmp_path / "port"
+    with Run("--link", str(link)) as run:
+        assert os.readlink(link) == run.path
+        run.process.send_signal(number)
+        assert run.leave() == (0, "")
+    assert not link.is_symlink()
+
+
+def test_link_replaces_an_old_link_but_no_file(tmp_path):
+    link = tmp_path / "port"
+    link.symlink_to("/nowhere")
+    with Run("--link", str(link)) as run:
+        assert os.readlink(link) == run.path
+    taken = tmp_path / "file"
+    taken.write_text("x")
+    assert refuse("--link", str(taken)) == (1, f"kestrel-sim: {taken}: File exists\n")
+
+
+def test_time_out():
+    with Run("--timeout", "0.1") as run:
+        _, errors = run.process.communicate(timeout=5)
+        assert (run.process.returncode, errors) == (3, "kestrel-sim: time-out in stage normal\n")
+
+
+def test_broken_host():
+    with Run("--start", "sahara") as run:
+        run.hear()
+        run.say(DONE)
+        assert run.leave() == (4, "kestrel-sim: sahara: DONE at the wrong time\n")
+
+
+def test_stay_serves_a_second_round():
+    with Run("--start", "firehose", "--stay", "--platform", "0") as run:
+        assert run.ask(FRAME % b'<power value="reset" DelayInSeconds="3"/>') == ACK
+        assert run.ask(b"AT\r") == b"AT\r\r\nOK\r\n"
+
+
+def test_until_sahara_leaves_after_the_done_response():
+    with Run("--start", "sahara", "--until", "sahara", "--programmer-size", "0") as run:
+        run.hear()
+        assert run.ask(HELLO_RESPONSE) == END_IMAGE
+        assert run.ask(DONE) == DONE_RESPONSE
+        assert run.leave() == (0, "")
+
+
+def test_mode_2_acknowledgement_and_new_hello_are_two_reads():
+    with Run("--start", "sahara", "--hello-mode", "2") as run:
+        assert run.hear()[20:24] == bytes([2, 0, 0, 0])
+        assert run.ask(bytes.fromhex("f0000000 08000000")) == bytes.fromhex("f1000000 08000000")
+        assert run.hear() == HELLO
+
+
+def test_usage_errors():
+    assert refuse("--platform", "9") == (2, "kestrel-sim: --platform 9: bad value (try --help)\n")
+    assert refuse("--nonsense") == (2, "kestrel-sim: unknown option --nonsense (try --help)\n")
+
+
+def test_folder_and_file_that_cannot_be_made(tmp_path):
+    taken = tmp_path / "file"
+    taken.write_text("x")
+    assert refuse("--flash", str(taken)) == (1, f"kestrel-sim: {taken}: Not a directory\n")
+    missing = tmp_path / "no" / "transcript"
+    assert refuse("--transcript", str(missing)) == (1, f"kestrel-sim: {missing}: No such file or directory\n")
+
+
+def test_help_and_version():
+    done = subprocess.run([SIM, "--help"], capture_output=True, text=True, timeout=5, check=True)
+    assert done.stdout.startswith("Usage: kestrel-sim [OPTION]...\n")
+    assert "--fault STEP=KIND[:VALUE][@N]" in done.stdout
+    done = subprocess.run([SIM, "--version"], capture_output=True, text=True, timeout=5, check=True)
+    assert done.stdout == "kestrel-sim 1.6.1-0\n"
