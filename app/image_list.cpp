@@ -151,6 +151,13 @@ int find_package_files(image_list *list, owned_text *storage, const char **base_
     return join_base(*base_dir, list->programmer_path);
 }
 
+// Opening creates what is missing; an empty list made that way would be a run that flashes nothing and succeeds.
+int open_partition_file(const char *path, owned_file *file)
+{
+    const int err = core_file_exists(path);
+    return err == CORE_OK ? core_file_open(path, file->receive()) : err;
+}
+
 int add_image(image_list *list, const char *line)
 {
     static image fresh; // 3 KiB, too much for a small stack
@@ -264,7 +271,7 @@ int build_image_array_from_xml(image_list *list)
     if (const int err = find_package_files(list, &storage, &base_dir); err != CORE_OK)
         return err;
     owned_file file;
-    if (const int err = core_file_open(list->partition_file_path, file.receive()); err != CORE_OK) {
+    if (const int err = open_partition_file(list->partition_file_path, &file); err != CORE_OK) {
         log_err("unable to open partition file %s, err = %u", list->partition_file_path, static_cast<unsigned>(err));
         return err;
     }

@@ -39,6 +39,8 @@ class data_guard {
         faults_.forget_data(step_);
         if (planned_->kind == fault_kind::hangup)
             out_.hang_up();
+        if (planned_->kind == fault_kind::halt)
+            out_.halt_input();
         out_.fall_silent();
     }
 

@@ -40,13 +40,18 @@ class device {
     // What waits to be sent.
     bool idle() const { return out_.empty(); }
     uint32_t delay_ms() const { return out_.delay_ms(); }
+    bool event_is_next() const { return out_.is_event(); }
     write_unit take() { return out_.take(); }
 
     bool ended() const { return stage_ == stage::ended; }
     // Only when ended.
     ending how() const { return how_; }
     const std::string &trouble() const { return trouble_; } // one line for the two errors
+    stage where() const { return stage_; }
     const char *stage_name() const;
+
+    // The line was cut on the way to the present stage: what still waits of an earlier one is lost.
+    void forget_earlier() { out_.keep_only(stage_name()); }
 
   private:
     void enter(stage next, uint32_t delay_ms);

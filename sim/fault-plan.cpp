@@ -12,7 +12,7 @@ struct kind_row {
     fault_kind kind;
 };
 
-static constexpr std::array<kind_row, 9> kinds = {{
+static constexpr std::array<kind_row, 10> kinds = {{
     {"silence", fault_kind::silence},
     {"skip", fault_kind::skip},
     {"nak", fault_kind::nak},
@@ -22,6 +22,7 @@ static constexpr std::array<kind_row, 9> kinds = {{
     {"repeat", fault_kind::repeat},
     {"late", fault_kind::late},
     {"stall", fault_kind::stall},
+    {"halt", fault_kind::halt},
 }};
 
 static constexpr unsigned bit(fault_kind kind) {
@@ -31,9 +32,9 @@ static constexpr unsigned bit(fault_kind kind) {
 static constexpr unsigned no_answer =
     bit(fault_kind::silence) | bit(fault_kind::skip) | bit(fault_kind::hangup) | bit(fault_kind::late);
 static constexpr unsigned any_message =
-    no_answer | bit(fault_kind::garbage) | bit(fault_kind::truncate) | bit(fault_kind::repeat);
+    no_answer | bit(fault_kind::halt) | bit(fault_kind::garbage) | bit(fault_kind::truncate) | bit(fault_kind::repeat);
 static constexpr unsigned any_answer = any_message | bit(fault_kind::nak);
-static constexpr unsigned on_input = bit(fault_kind::hangup) | bit(fault_kind::stall);
+static constexpr unsigned on_input = bit(fault_kind::hangup) | bit(fault_kind::stall) | bit(fault_kind::halt);
 
 struct step_row {
     std::string_view name;

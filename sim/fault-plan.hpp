@@ -4,8 +4,8 @@
 //
 // and strikes when the device is about to take STEP for the N-th time (the
 // first time without @N, every time with @all). Two steps count received data
-// bytes instead: sahara.data-in and firehose.data-in, written STEP=hangup@BYTES
-// or STEP=stall@BYTES. Nothing here waits; the plan only answers questions.
+// bytes instead: sahara.data-in and firehose.data-in, written STEP=hangup@BYTES,
+// STEP=stall@BYTES or STEP=halt@BYTES. Nothing here waits; the plan only answers questions.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@
 
 namespace sim {
 
-enum class fault_kind { silence, skip, nak, garbage, hangup, truncate, repeat, late, stall };
+enum class fault_kind { silence, skip, nak, garbage, hangup, truncate, repeat, late, stall, halt };
 
 struct fault {
     std::string step;

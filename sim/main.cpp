@@ -1,10 +1,11 @@
-// kestrel-sim: the simulated modem on a pseudo-terminal.
+// kestrel-sim: the simulated modem, on a pseudo-terminal or on the kernel's virtual USB bus.
 
 #include "device.hpp"
 #include "options.hpp"
 #include "port-link.hpp"
 #include "pty-port.hpp"
 #include "pty-server.hpp"
+#include "usb-server.hpp"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -45,26 +46,48 @@ int system_error(const std::string &what) {
     return complain(exit_system_error, what + ": " + std::strerror(errno));
 }
 
-int run(const sim::program_options &options) {
-    sim::transcript log;
-    if (!options.transcript.empty() && !log.open(options.transcript))
-        return system_error(options.transcript);
-    if (!catch_signals())
-        return system_error("signals");
+// Where the modem can be reached; whoever started the program waits for it.
+void announce(const std::string &place) {
+    std::printf("%s\n", place.c_str());
+    std::fflush(stdout);
+}
+
+int result_status(const sim::served &result) {
+    const int status = static_cast<int>(result.how);
+    return status == 0 ? 0 : complain(status, result.trouble);
+}
+
+int run_on_usb(const sim::program_options &options, sim::device &modem, sim::transcript &log) {
+    sim::vhci_port port;
+    if (!port.plug_in())
+        return complain(exit_system_error, port.error());
+    if (!modem.start())
+        return complain(exit_system_error, modem.trouble());
+    announce(port.name());
+    return result_status(sim::serve_usb(modem, port, options.usb, options.limits, log, stop_pipe[0]));
+}
+
+int run_on_pty(const sim::program_options &options, sim::device &modem) {
     sim::pty_port port;
     if (!port.open())
         return complain(exit_system_error, port.error());
     sim::port_link link;
     if (!options.link.empty() && !link.make(options.link, port.path()))
         return system_error(options.link);
-    sim::device modem(options.device, log);
     if (!modem.start())
         return complain(exit_system_error, modem.trouble());
-    std::printf("%s\n", port.path().c_str());
-    std::fflush(stdout);
-    const sim::served result = sim::serve(modem, port, options.limits, stop_pipe[0]);
-    const int status = static_cast<int>(result.how);
-    return status == 0 ? 0 : complain(status, result.trouble);
+    announce(port.path());
+    return result_status(sim::serve(modem, port, options.limits, stop_pipe[0]));
+}
+
+int run(const sim::program_options &options) {
+    sim::transcript log;
+    if (!options.transcript.empty() && !log.open(options.transcript))
+        return system_error(options.transcript);
+    if (!catch_signals())
+        return system_error("signals");
+    sim::device modem(options.device, log);
+    return options.usb.wanted ? run_on_usb(options, modem, log) : run_on_pty(options, modem);
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <vector>
 
 namespace sim {
@@ -71,6 +72,18 @@ static std::string add_fault(target &out, const char *text) {
     return wrong;
 }
 
+// VID:PID, each in one to four hexadecimal digits.
+static std::string usb_identifier(usb_id &out, std::string_view text) {
+    const size_t colon = text.find(':');
+    const auto half = [](std::string_view digits, uint16_t &value) {
+        const auto [end, wrong] = std::from_chars(digits.data(), digits.data() + digits.size(), value, 16);
+        return wrong == std::errc() && end == digits.data() + digits.size() && digits.size() <= 4 && value != 0;
+    };
+    const bool good = colon != std::string_view::npos && half(text.substr(0, colon), out.vid) &&
+                      half(text.substr(colon + 1), out.pid);
+    return good ? "" : "two hexadecimal numbers expected, as in fff0:1001";
+}
+
 static std::string path(std::string &out, const char *text) {
     out = text;
     return out.empty() ? "a path is needed" : "";
@@ -120,6 +133,12 @@ static const auto rows = std::to_array<option_row>({
      [](target &o, const char *v) { return path(o.transcript, v); }},
     {"link", "PATH", "make PATH a symbolic link to the port while running",
      [](target &o, const char *v) { return path(o.link, v); }},
+    {"usb", nullptr, "be a device on the kernel's virtual USB bus (module vhci_hcd) instead of a pseudo-terminal",
+     [](target &o, const char *) { o.usb.wanted = true; return std::string(); }},
+    {"usb-id", "VID:PID", "with --usb: identifier in normal mode (default fff0:1001)",
+     [](target &o, const char *v) { return usb_identifier(o.usb.id, v); }},
+    {"usb-away", "MS", "with --usb: how long a switch or a reset takes it off the bus (default 1000)",
+     [](target &o, const char *v) { return number(o.usb.away_ms, v, 0, 600000); }},
     {"timeout", "SECONDS", "give up after this time, exit status 3 (default: never)",
      [](target &o, const char *v) { return seconds(o.limits.timeout_ms, v); }},
     {"gap", "MS", "pause between two messages that follow each other (default 1)",
@@ -190,7 +209,8 @@ static std::vector<struct option> getopt_table() {
 }
 
 // What the options say together.
-static std::string check_together(const settings &device) {
+static std::string check_together(const target &options) {
+    const settings &device = options.device;
     if (device.start > device.until)
         return "--start lies behind --until";
     if (device.discard && device.flash.empty())
@@ -200,6 +220,11 @@ static std::string check_together(const settings &device) {
         return "--read-size is too small for --programmer-size";
     if (device.request_bits == 32 && std::max(device.programmer_size, device.read_size) > max32)
         return "sizes of 4 GiB and more need --request-bits 64";
+    if (options.usb.wanted && !options.link.empty())
+        return "--link is for a pseudo-terminal, not for --usb";
+    const auto halts = [](const fault &it) { return it.kind == fault_kind::halt; };
+    if (!options.usb.wanted && std::ranges::any_of(device.faults, halts))
+        return "the fault kind halt needs --usb";
     return "";
 }
 
@@ -229,7 +254,7 @@ std::string parse_options(int argc, char **argv, program_options &out) {
     }
     if (optind < argc)
         return std::string("unexpected argument ") + argv[optind];
-    return out.help || out.version ? "" : check_together(out.device);
+    return out.help || out.version ? "" : check_together(out);
 }
 
 static const char *const faults_help = R"(
@@ -247,13 +272,15 @@ A fault strikes when the device is about to take STEP for the N-th time
             truncate    half the message; truncate:BYTES: its first bytes
             repeat      the message twice
             late:MS     the message that much later
-            hangup      the port is closed
+            hangup      the port is closed; with --usb the device is unplugged
+            halt        with --usb: the endpoint answers STALL instead
             nak         a refusal instead: ERROR, NAK, an error status
                         (not sahara.hello, .read, .qdl, firehose.log)
   diag takes silence, skip, late:MS and hangup: the modem does not switch, or
   later. While data arrive, after BYTES bytes of the stage in all:
             sahara.data-in=hangup@BYTES     firehose.data-in=hangup@BYTES
             sahara.data-in=stall@BYTES      firehose.data-in=stall@BYTES
+            sahara.data-in=halt@BYTES       firehose.data-in=halt@BYTES
 
 Exit status: 0 the conversation came to its end, or a signal or a planned
 hang-up ended it; 1 system error; 2 usage; 3 time-out; 4 the host broke the
@@ -265,7 +292,8 @@ static constexpr size_t help_column = 28;
 std::string help_text() {
     std::string text =
         "Usage: kestrel-sim [OPTION]...\n"
-        "A simulated modem on a pseudo-terminal, whose path is printed on standard output.\n\n";
+        "A simulated modem on a pseudo-terminal, whose path is printed on standard output,\n"
+        "or on a virtual USB bus.\n\n";
     for (const option_row &row : rows) {
         std::string line = "  --";
         line.append(row.name);

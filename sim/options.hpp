@@ -1,8 +1,9 @@
 // The command line of kestrel-sim.
 #pragma once
 
-#include "pty-server.hpp"
+#include "serving.hpp"
 #include "settings.hpp"
+#include "usb-server.hpp"
 
 #include <string>
 
@@ -11,6 +12,7 @@ namespace sim {
 struct program_options {
     settings device;
     serve_limits limits;
+    usb_settings usb;
     std::string transcript; // path; empty: none
     std::string link;       // path; empty: none
     bool help = false;

@@ -39,6 +39,9 @@ posted outbox::spoil(const message &it, const fault &what) {
     case fault_kind::hangup:
         hang_up();
         return posted::spoiled;
+    case fault_kind::halt:
+        queue_event("halt", {.halt_in = true});
+        return posted::spoiled;
     case fault_kind::truncate:
         queue_other(it, "truncated", shortened(it.bytes, what.value));
         return posted::spoiled;
@@ -64,16 +67,15 @@ void outbox::queue(const message &it, octets bytes) {
         return;
     const size_t total = bytes.size();
     if (how_ != delivery::bytes) {
-        queue_.push_back({log_.stage(), it.kind, it.fields, std::move(bytes), it.delay_ms, false, total});
+        queue_.push_back({log_.stage(), it.kind, it.fields, {.bytes = std::move(bytes)}, it.delay_ms, total});
         return;
     }
     for (size_t i = 0; i < total; i++)
         queue_.push_back({log_.stage(),
                           it.kind,
                           i == 0 ? it.fields : json_members(),
-                          {bytes[i]},
+                          {.bytes = {bytes[i]}},
                           i == 0 ? it.delay_ms : 0,
-                          false,
                           i == 0 ? total : 0});
 }
 
@@ -85,9 +87,10 @@ void outbox::queue_other(const message &it, const char *kind, octets bytes) {
     queue(other, std::move(bytes));
 }
 
-void outbox::hang_up() {
+// The last thing that happens on the line.
+void outbox::queue_event(const char *kind, write_unit unit) {
     if (!silent_)
-        queue_.push_back({log_.stage(), "hangup", {}, {}, 0, true, 0});
+        queue_.push_back({log_.stage(), kind, {}, std::move(unit), 0, 0});
     fall_silent();
 }
 
@@ -98,8 +101,8 @@ outbox::entry outbox::pop() {
 }
 
 void outbox::note(const entry &it) {
-    if (it.hang_up)
-        log_.event("hangup");
+    if (it.is_event())
+        log_.event(it.kind);
     else if (it.total != 0)
         log_.sent(it.stage, it.kind, it.total, it.fields);
 }
@@ -107,13 +110,13 @@ void outbox::note(const entry &it) {
 write_unit outbox::take() {
     entry first = pop();
     note(first);
-    write_unit unit{std::move(first.bytes), first.hang_up};
-    if (how_ != delivery::glued || unit.hang_up)
-        return unit;
-    while (!queue_.empty() && queue_.front().delay_ms == 0 && !queue_.front().hang_up) {
+    if (how_ != delivery::glued || first.is_event())
+        return std::move(first.unit);
+    write_unit unit = std::move(first.unit);
+    while (!queue_.empty() && queue_.front().delay_ms == 0 && !queue_.front().is_event()) {
         const entry next = pop();
         note(next);
-        unit.bytes.insert(unit.bytes.end(), next.bytes.begin(), next.bytes.end());
+        unit.bytes.insert(unit.bytes.end(), next.unit.bytes.begin(), next.unit.bytes.end());
     }
     return unit;
 }

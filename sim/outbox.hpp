@@ -31,9 +31,12 @@ struct message {
     uint32_t delay_ms = 0;
 };
 
+// Bytes, or something that the front is to do to the line instead.
 struct write_unit {
-    octets bytes;
-    bool hang_up = false; // no bytes: close the line
+    octets bytes{};
+    bool hang_up = false;  // close the line
+    bool halt_in = false;  // USB: the host's next fetch is answered with STALL
+    bool halt_out = false; // USB: and so is what the host is sending
 };
 
 // What becomes of a message: it goes out whole (perhaps late or twice), or
@@ -47,11 +50,20 @@ class outbox {
     posted post(message it);
 
     // Closes the line after everything that was posted so far.
-    void hang_up();
+    void hang_up() { queue_event("hangup", {.hang_up = true}); }
+    // USB: halts the endpoint that the host sends to.
+    void halt_input() { queue_event("halt", {.halt_out = true}); }
     // From now on nothing is sent any more.
     void fall_silent() { silent_ = true; }
 
+    // Drops what was posted in other stages and did not go out yet.
+    void keep_only(std::string_view stage) {
+        std::erase_if(queue_, [stage](const entry &it) { return it.stage != stage; });
+    }
+
     bool empty() const { return queue_.empty(); }
+    // Whether the next unit is something else than bytes. Only when not empty.
+    bool is_event() const { return queue_.front().is_event(); }
     // The delay of the next unit. Only when not empty.
     uint32_t delay_ms() const { return queue_.front().delay_ms; }
     // The next unit; it is written to the transcript as sent. Only when not empty.
@@ -62,13 +74,15 @@ class outbox {
         std::string stage;
         std::string kind;
         json_members fields;
-        octets bytes;
+        write_unit unit;
         uint32_t delay_ms = 0;
-        bool hang_up = false;
-        size_t total = 0; // length of the whole message; 0: already in the transcript
+        size_t total = 0; // length of the whole message; 0: already in the transcript, or an event
+
+        bool is_event() const { return unit.hang_up || unit.halt_in || unit.halt_out; }
     };
 
     void queue(const message &it, octets bytes);
+    void queue_event(const char *kind, write_unit unit);
     void queue_other(const message &it, const char *kind, octets bytes);
     posted spoil(const message &it, const fault &what);
     entry pop();

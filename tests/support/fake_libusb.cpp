@@ -134,6 +134,9 @@ void libusb_exit(libusb_context *context)
     delete context;
 }
 
+// The enumeration as last named parameter is libusb's own declaration.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wvarargs"
 int libusb_set_option(libusb_context *, libusb_option option, ...)
 {
     va_list arguments;
@@ -143,6 +146,7 @@ int libusb_set_option(libusb_context *, libusb_option option, ...)
     EXPECT_EQ(option, LIBUSB_OPTION_LOG_LEVEL);
     return 0;
 }
+#pragma GCC diagnostic pop
 
 libusb_device_handle *libusb_open_device_with_vid_pid(libusb_context *, uint16_t vid, uint16_t pid)
 {

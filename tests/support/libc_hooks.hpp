@@ -1,6 +1,7 @@
 // Stand-ins for a few C library calls: failures that no device or file here shows by itself, and pauses that
 // need no time. Included by one source file of a test program, whose definitions then take the place of the C
-// library's. Everything is set for the calling thread alone, so that a thread that plays the modem is not hit.
+// library's. Everything is set for the calling thread alone, so that a thread that plays the modem is not
+// hit.
 #pragma once
 
 #include <cerrno>
@@ -40,10 +41,23 @@ inline thread_local script<int> write_errors;
 // Pauses of at least 10 ms return at once and are recorded, in milliseconds.
 inline thread_local bool skip_pauses;
 inline thread_local script<unsigned> pauses;
-// When set, the calls on regular files (read, fstat) and on terminals (tcgetattr) fail with this errno.
+// When set, the calls on regular files (read, lseek, fstat) and on terminals (tcgetattr) fail with this errno.
 inline thread_local int file_read_error;
+inline thread_local int file_seek_error;
 inline thread_local int file_size_error;
 inline thread_local int terminal_error;
+
+// Back to the C library's own ways, for a test that is not alone in its process.
+inline void reset()
+{
+    write_errors = {};
+    skip_pauses = false;
+    pauses = {};
+    file_read_error = 0;
+    file_seek_error = 0;
+    file_size_error = 0;
+    terminal_error = 0;
+}
 
 inline std::vector<unsigned> recorded_pauses()
 {
@@ -85,6 +99,18 @@ ssize_t read(int handle, void *data, size_t size)
     return syscall(SYS_read, handle, data, size);
 }
 
+off_t lseek(int handle, off_t offset, int whence) __THROW
+{
+    if (libc_hooks::file_seek_error != 0) {
+        errno = libc_hooks::file_seek_error;
+        return -1;
+    }
+    using function = off_t (*)(int, off_t, int);
+    void *const wide = dlsym(RTLD_NEXT, "lseek64"); // where there are two, this is the one of 64 bits
+    static const auto real = reinterpret_cast<function>(wide != nullptr ? wide : dlsym(RTLD_NEXT, "lseek"));
+    return real(handle, offset, whence);
+}
+
 int fstat(int handle, struct stat *status) __THROW
 {
     if (libc_hooks::file_size_error != 0) {
@@ -111,7 +137,8 @@ int usleep(useconds_t microseconds)
         libc_hooks::pauses.add(microseconds / 1000);
         return 0;
     }
-    timespec pause{static_cast<time_t>(microseconds / 1000000), static_cast<long>(microseconds % 1000000) * 1000};
+    timespec pause{static_cast<time_t>(microseconds / 1000000),
+                   static_cast<long>(microseconds % 1000000) * 1000};
     return nanosleep(&pause, nullptr);
 }
 

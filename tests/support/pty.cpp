@@ -86,8 +86,10 @@ bool pty::wait_drained(milliseconds limit)
 {
     const auto end = clock_type::now() + limit;
     do {
+        // The count alone would miss bytes on their way between the two sides; poll(2) waits for those.
+        pollfd watched{held_slave_, POLLIN, 0};
         int waiting = 0;
-        if (ioctl(held_slave_, FIONREAD, &waiting) == 0 && waiting == 0)
+        if (poll(&watched, 1, 0) == 0 && ioctl(held_slave_, FIONREAD, &waiting) == 0 && waiting == 0)
             return true;
         usleep(1000);
     } while (clock_type::now() < end);

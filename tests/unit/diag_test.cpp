@@ -13,18 +13,25 @@
 
 namespace {
 
-// What the next writes of exactly the rest of the frame may do; the real write where nothing is scripted.
+// How many bytes the next writes take; the real write where nothing is scripted.
 struct write_step {
     ssize_t taken; // -1 for an error
     int error;
 };
 std::deque<write_step> write_script;
-std::vector<std::string> offered;
+std::vector<std::string> offered; // what the code under test wanted to write, write by write
+
+void script_writes(std::deque<write_step> script)
+{
+    write_script = std::move(script);
+    offered.clear();
+}
 
 } // namespace
 
 // Takes the place of the C library's, to take only a part or to fail.
-extern "C" ssize_t write(int handle, const void *data, size_t size) {
+extern "C" ssize_t write(int handle, const void *data, size_t size)
+{
     static const auto real =
         reinterpret_cast<ssize_t (*)(int, const void *, size_t)>(dlsym(RTLD_NEXT, "write"));
     if (write_script.empty())
@@ -41,7 +48,8 @@ extern "C" ssize_t write(int handle, const void *data, size_t size) {
 
 static const std::string frame("\x4B\x65\x01\x00\x54\x0F\x7E", 7);
 
-static modem modem_with_port(const std::string &path, uint32_t type) {
+static modem modem_with_port(const std::string &path, uint32_t type)
+{
     modem m{};
     m.probing_mode = PROBING_PORT;
     m.modem_port_size = 1;
@@ -50,14 +58,23 @@ static modem modem_with_port(const std::string &path, uint32_t type) {
     return m;
 }
 
-static void add_port(modem *m, const std::string &path, uint32_t type) {
+static void add_port(modem *m, const std::string &path, uint32_t type)
+{
     modem_port_record &record = m->modem_port[m->modem_port_size++];
     strlcpy(record.port_name, path.c_str(), sizeof record.port_name);
     record.port_type = type;
 }
 
+// What came on the port: the bytes that are due, and whatever is too much.
+static std::string received(pty *port, size_t due = 7)
+{
+    const std::string bytes = port->receive(due);
+    return bytes + port->receive_until_quiet();
+}
+
 // How many descriptors of this process are open on `path`.
-static int open_descriptors(const std::string &path) {
+static int open_descriptors(const std::string &path)
+{
     int count = 0;
     for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
         std::error_code gone;
@@ -66,14 +83,16 @@ static int open_descriptors(const std::string &path) {
     return count;
 }
 
-TEST(SwitchToDownloadMode, WritesTheSevenBytesOfTheFrame) {
+TEST(SwitchToDownloadMode, WritesTheSevenBytesOfTheFrame)
+{
     pty port;
     const modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), 0);
-    EXPECT_EQ(port.receive_until_quiet(), frame);
+    EXPECT_EQ(received(&port), frame);
 }
 
-TEST(SwitchToDownloadMode, SaysNothingWhenAllIsWell) {
+TEST(SwitchToDownloadMode, SaysNothingWhenAllIsWell)
+{
     log_capture log;
     pty port;
     const modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
@@ -81,7 +100,8 @@ TEST(SwitchToDownloadMode, SaysNothingWhenAllIsWell) {
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST(SwitchToDownloadMode, ClosesThePortAgain) {
+TEST(SwitchToDownloadMode, ClosesThePortAgain)
+{
     pty port;
     const int before = open_descriptors(port.path());
     const modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
@@ -89,7 +109,8 @@ TEST(SwitchToDownloadMode, ClosesThePortAgain) {
     EXPECT_EQ(open_descriptors(port.path()), before);
 }
 
-TEST(SwitchToDownloadMode, FindsTheDiagnosticPortBehindOthers) {
+TEST(SwitchToDownloadMode, FindsTheDiagnosticPortBehindOthers)
+{
     pty at;
     pty diagnostic;
     modem m = modem_with_port(at.path(), PORT_AT);
@@ -97,21 +118,23 @@ TEST(SwitchToDownloadMode, FindsTheDiagnosticPortBehindOthers) {
     add_port(&m, "/nonexistent/update", PORT_FIRMWARE_UPDATE);
     add_port(&m, diagnostic.path(), PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), 0);
-    EXPECT_EQ(diagnostic.receive_until_quiet(), frame);
+    EXPECT_EQ(received(&diagnostic), frame);
     EXPECT_EQ(at.receive_until_quiet(), "");
 }
 
-TEST(SwitchToDownloadMode, TakesTheFirstOfTwoDiagnosticPorts) {
+TEST(SwitchToDownloadMode, TakesTheFirstOfTwoDiagnosticPorts)
+{
     pty first;
     pty second;
     modem m = modem_with_port(first.path(), PORT_DIAGNOSTIC);
     add_port(&m, second.path(), PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), 0);
-    EXPECT_EQ(first.receive_until_quiet(), frame);
+    EXPECT_EQ(received(&first), frame);
     EXPECT_EQ(second.receive_until_quiet(), "");
 }
 
-TEST(SwitchToDownloadMode, OpensNothingWithoutADiagnosticPort) {
+TEST(SwitchToDownloadMode, OpensNothingWithoutADiagnosticPort)
+{
     log_capture log;
     pty port;
     const modem m = modem_with_port(port.path(), PORT_AT);
@@ -120,14 +143,16 @@ TEST(SwitchToDownloadMode, OpensNothingWithoutADiagnosticPort) {
     EXPECT_EQ(port.receive_until_quiet(), "");
 }
 
-TEST(SwitchToDownloadMode, RefusesAModemWithoutPorts) {
+TEST(SwitchToDownloadMode, RefusesAModemWithoutPorts)
+{
     log_capture log;
     const modem m{};
     EXPECT_EQ(switch_QDload_mode(&m), -19);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), std::vector<std::string>{"no diagnostic port found"});
 }
 
-TEST(SwitchToDownloadMode, IgnoresAPortBehindTheCount) {
+TEST(SwitchToDownloadMode, IgnoresAPortBehindTheCount)
+{
     pty port;
     modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
     m.modem_port_size = 0;
@@ -135,7 +160,8 @@ TEST(SwitchToDownloadMode, IgnoresAPortBehindTheCount) {
     EXPECT_EQ(port.receive_until_quiet(), "");
 }
 
-TEST(SwitchToDownloadMode, NamesAPortThatCannotBeOpened) {
+TEST(SwitchToDownloadMode, NamesAPortThatCannotBeOpened)
+{
     log_capture log;
     const modem m = modem_with_port("/nonexistent/port", PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), -102);
@@ -144,7 +170,8 @@ TEST(SwitchToDownloadMode, NamesAPortThatCannotBeOpened) {
     EXPECT_EQ(log.messages().back().function, "switch_QDload_mode");
 }
 
-TEST(SwitchToDownloadMode, ReportsAFullPort) {
+TEST(SwitchToDownloadMode, ReportsAFullPort)
+{
     log_capture log;
     const modem m = modem_with_port("/dev/full", PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), -28);
@@ -152,58 +179,64 @@ TEST(SwitchToDownloadMode, ReportsAFullPort) {
     EXPECT_EQ(log.messages().back().function, "switch_QDload_mode");
 }
 
-TEST(SwitchToDownloadMode, GoesOnAfterAShortWrite) {
+TEST(SwitchToDownloadMode, GoesOnAfterAShortWrite)
+{
     pty port;
-    write_script = {{3, 0}, {1, 0}, {3, 0}};
+    script_writes({{3, 0}, {1, 0}, {3, 0}});
     const modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), 0);
     EXPECT_EQ(offered, (std::vector<std::string>{frame, frame.substr(3), frame.substr(4)}));
-    EXPECT_EQ(port.receive_until_quiet(), frame);
+    EXPECT_EQ(received(&port), frame);
 }
 
-TEST(SwitchToDownloadMode, WritesByteByByteIntoASlowPort) {
+TEST(SwitchToDownloadMode, WritesByteByByteIntoASlowPort)
+{
     pty port;
-    write_script.assign(7, {1, 0});
+    script_writes(std::deque<write_step>(7, write_step{1, 0}));
     const modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), 0);
-    EXPECT_EQ(port.receive_until_quiet(), frame);
+    EXPECT_EQ(received(&port), frame);
 }
 
-TEST(SwitchToDownloadMode, EndsWithTheErrorOfAnyWrite) {
+TEST(SwitchToDownloadMode, EndsWithTheErrorOfAnyWrite)
+{
     log_capture log;
     pty port;
-    write_script = {{3, 0}, {-1, EIO}};
+    script_writes({{3, 0}, {-1, EIO}});
     const modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), -5);
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "error in writing the switch command");
-    EXPECT_EQ(port.receive_until_quiet(), frame.substr(0, 3));
+    EXPECT_EQ(received(&port, 3), frame.substr(0, 3));
 }
 
-TEST(SwitchToDownloadMode, DoesNotRepeatTheFrameOnAPortThatIsFull) {
+TEST(SwitchToDownloadMode, DoesNotRepeatTheFrameOnAPortThatIsFull)
+{
     log_capture log;
     pty port;
-    write_script = {{-1, EAGAIN}};
+    script_writes({{-1, EAGAIN}});
     const modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), -11);
     EXPECT_EQ(offered.size(), 1U);
     EXPECT_EQ(port.receive_until_quiet(), "");
 }
 
-TEST(SwitchToDownloadMode, GivesUpOnAPortThatTakesNothingTenTimes) {
+TEST(SwitchToDownloadMode, GivesUpOnAPortThatTakesNothingTenTimes)
+{
     log_capture log;
     pty port;
-    write_script.assign(10, {0, 0});
+    script_writes(std::deque<write_step>(10, write_step{0, 0}));
     const modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), -71);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), std::vector<std::string>{"error in writing the switch command"});
     EXPECT_EQ(offered.size(), 10U);
 }
 
-TEST(SwitchToDownloadMode, ClosesThePortAfterAFailedWrite) {
+TEST(SwitchToDownloadMode, ClosesThePortAfterAFailedWrite)
+{
     log_capture log;
     pty port;
     const int before = open_descriptors(port.path());
-    write_script = {{-1, EIO}};
+    script_writes({{-1, EIO}});
     const modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), -5);
     EXPECT_EQ(open_descriptors(port.path()), before);

@@ -8,7 +8,8 @@
 
 // Takes the place of the C library's, so that no test has to wait for a pause.
 static std::vector<useconds_t> pauses;
-extern "C" int usleep(useconds_t microseconds) {
+extern "C" int usleep(useconds_t microseconds)
+{
     pauses.push_back(microseconds);
     return 0;
 }
@@ -25,7 +26,8 @@ class sink {
   public:
     explicit sink(std::deque<step> script) : steps(std::move(script)) { pauses.clear(); }
 
-    int write(const std::string &data, back_pressure on_full) {
+    int write(const std::string &data, back_pressure on_full)
+    {
         return write_all(data.data(), data.size(), on_full,
                          [this](const void *bytes, size_t size, size_t *written) {
                              offered.emplace_back(static_cast<const char *>(bytes), size);
@@ -51,103 +53,120 @@ using texts = std::vector<std::string>;
 
 } // namespace
 
-TEST(WriteAll, WritesTheWholeBufferAtOnce) {
+TEST(WriteAll, WritesTheWholeBufferAtOnce)
+{
     sink port({{0, 5}});
     EXPECT_EQ(port.write("hello", back_pressure::fail), 0);
     EXPECT_EQ(port.offered, texts{"hello"});
 }
 
-TEST(WriteAll, GoesOnFromTheFirstUnwrittenByte) {
+TEST(WriteAll, GoesOnFromTheFirstUnwrittenByte)
+{
     sink port({{0, 2}, {0, 1}, {0, 2}});
     EXPECT_EQ(port.write("hello", back_pressure::fail), 0);
     EXPECT_EQ(port.offered, (texts{"hello", "llo", "lo"}));
 }
 
-TEST(WriteAll, WritesByteByByteIntoASlowPort) {
+TEST(WriteAll, WritesByteByByteIntoASlowPort)
+{
     sink port({{0, 1}, {0, 1}, {0, 1}, {0, 1}, {0, 1}});
     EXPECT_EQ(port.write("hello", back_pressure::fail), 0);
     EXPECT_EQ(port.taken, "hello");
 }
 
-TEST(WriteAll, WritesNothingForAnEmptyBuffer) {
+TEST(WriteAll, WritesNothingForAnEmptyBuffer)
+{
     sink port({});
     EXPECT_EQ(port.write("", back_pressure::fail), 0);
     EXPECT_TRUE(port.offered.empty());
 }
 
-TEST(WriteAll, EndsWithTheFirstError) {
+TEST(WriteAll, EndsWithTheFirstError)
+{
     sink port({{0, 2}, {-5, 0}});
     EXPECT_EQ(port.write("hello", back_pressure::retry), -5);
     EXPECT_EQ(port.offered, (texts{"hello", "llo"}));
     EXPECT_TRUE(pauses.empty());
 }
 
-TEST(WriteAll, EndsWithATimeOut) {
+TEST(WriteAll, EndsWithATimeOut)
+{
     sink port({{-110, 0}});
     EXPECT_EQ(port.write("hello", back_pressure::retry), -110);
 }
 
-TEST(WriteAll, EndsWithAHangUp) {
+TEST(WriteAll, EndsWithAHangUp)
+{
     sink port({{0, 4}, {-125, 0}});
     EXPECT_EQ(port.write("hello", back_pressure::retry), -125);
 }
 
-TEST(WriteAll, FailsAtOnceOnAFullPortWhereThatIsAsked) {
+TEST(WriteAll, FailsAtOnceOnAFullPortWhereThatIsAsked)
+{
     sink port({{-11, 0}});
     EXPECT_EQ(port.write("hello", back_pressure::fail), -11);
     EXPECT_TRUE(pauses.empty());
 }
 
-TEST(WriteAll, PausesOneSecondAfterEveryTryAgain) {
+TEST(WriteAll, PausesOneSecondAfterEveryTryAgain)
+{
     sink port({{-11, 0}, {-11, 0}, {0, 5}});
     EXPECT_EQ(port.write("hello", back_pressure::retry), 0);
     EXPECT_EQ(pauses, (std::vector<useconds_t>{1000000, 1000000}));
 }
 
-TEST(WriteAll, OffersTheSameBytesAgainAfterATryAgain) {
+TEST(WriteAll, OffersTheSameBytesAgainAfterATryAgain)
+{
     sink port({{0, 3}, {-11, 0}, {0, 2}});
     EXPECT_EQ(port.write("hello", back_pressure::retry), 0);
     EXPECT_EQ(port.offered, (texts{"hello", "lo", "lo"}));
 }
 
-TEST(WriteAll, IgnoresACountThatComesWithATryAgain) {
+TEST(WriteAll, IgnoresACountThatComesWithATryAgain)
+{
     sink port({{-11, 4}, {0, 5}});
     EXPECT_EQ(port.write("hello", back_pressure::retry), 0);
     EXPECT_EQ(port.offered, (texts{"hello", "hello"}));
 }
 
-TEST(WriteAll, SurvivesFourTryAgains) {
+TEST(WriteAll, SurvivesFourTryAgains)
+{
     sink port({{-11, 0}, {-11, 0}, {-11, 0}, {-11, 0}, {0, 5}});
     EXPECT_EQ(port.write("hello", back_pressure::retry), 0);
     EXPECT_EQ(port.taken, "hello");
 }
 
-TEST(WriteAll, GivesUpAfterTheFifthTryAgain) {
+TEST(WriteAll, GivesUpAfterTheFifthTryAgain)
+{
     sink port({{-11, 0}, {-11, 0}, {-11, 0}, {-11, 0}, {-11, 0}});
     EXPECT_EQ(port.write("hello", back_pressure::retry), -11);
     EXPECT_TRUE(port.steps.empty());
 }
 
-TEST(WriteAll, CountsTryAgainsAcrossSuccessfulWrites) {
+TEST(WriteAll, CountsTryAgainsAcrossSuccessfulWrites)
+{
     sink port({{-11, 0}, {0, 1}, {-11, 0}, {0, 1}, {-11, 0}, {0, 1}, {-11, 0}, {0, 1}, {-11, 0}});
     EXPECT_EQ(port.write("hello", back_pressure::retry), -11);
     EXPECT_EQ(port.taken, "hell");
 }
 
-TEST(WriteAll, CountsTryAgainsAnewForEveryBuffer) {
+TEST(WriteAll, CountsTryAgainsAnewForEveryBuffer)
+{
     sink port({{-11, 0}, {-11, 0}, {-11, 0}, {-11, 0}, {0, 1}, {-11, 0}, {0, 1}});
     EXPECT_EQ(port.write("a", back_pressure::retry), 0);
     EXPECT_EQ(port.write("b", back_pressure::retry), 0);
     EXPECT_EQ(port.taken, "ab");
 }
 
-TEST(WriteAll, GivesUpOnAPortThatTakesNothingTenTimesInARow) {
+TEST(WriteAll, GivesUpOnAPortThatTakesNothingTenTimesInARow)
+{
     sink port(std::deque<step>(10, step{0, 0}));
     EXPECT_EQ(port.write("hello", back_pressure::fail), -71);
     EXPECT_TRUE(port.steps.empty());
 }
 
-TEST(WriteAll, GoesOnWhenAPortTakesNothingNineTimes) {
+TEST(WriteAll, GoesOnWhenAPortTakesNothingNineTimes)
+{
     std::deque<step> script(9, step{0, 0});
     script.push_back({0, 5});
     sink port(script);
@@ -155,7 +174,8 @@ TEST(WriteAll, GoesOnWhenAPortTakesNothingNineTimes) {
     EXPECT_EQ(port.taken, "hello");
 }
 
-TEST(WriteAll, CountsEmptyWritesAnewAfterAByte) {
+TEST(WriteAll, CountsEmptyWritesAnewAfterAByte)
+{
     std::deque<step> script(9, step{0, 0});
     script.push_back({0, 1});
     script.insert(script.end(), 9, step{0, 0});

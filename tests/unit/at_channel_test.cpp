@@ -1,0 +1,1073 @@
+#include "at_channel.hpp"
+
+#include "core-device.hpp"
+#include "core.hpp"
+#include "log_capture.hpp"
+#include "scripted_modem.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <deque>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
+
+namespace {
+
+using texts = std::vector<std::string>;
+
+// One thing that happens while the code waits for bytes.
+struct event {
+    enum kind { bytes, time_out, hang_up, device_error, read_error } what;
+    std::string data;
+};
+event comes(const std::string &data)
+{
+    return {event::bytes, data};
+}
+const event silence = {event::time_out, ""};
+const event hang_up = {event::hang_up, ""};
+const event device_error = {event::device_error, ""};
+const event read_error = {event::read_error, ""};
+const event nothing_to_read = {event::bytes, ""};
+
+// A device of this number is played by the functions below, by a strict script: a wait behind its end fails,
+// and so does an event that nobody waited for.
+constexpr int fake_device = 4711;
+struct fake_port {
+    std::deque<event> events;
+    std::deque<ssize_t> write_limits; // bytes that the next writes take, negative for an errno
+    std::string stale;                // what was sent before the command
+    std::vector<int> waits;           // time-outs of the waits for input
+    std::string written;
+    bool readable = false;
+};
+fake_port port;
+
+template <typename Function> Function real(const char *name)
+{
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+
+} // namespace
+
+extern "C" int poll(pollfd *watched, nfds_t count, int timeout)
+{
+    static const auto real_poll = real<int (*)(pollfd *, nfds_t, int)>("poll");
+    if (count != 1 || watched->fd != fake_device)
+        return real_poll(watched, count, timeout);
+    if ((watched->events & POLLOUT) != 0) {
+        watched->revents = POLLOUT;
+        return 1;
+    }
+    port.waits.push_back(timeout);
+    if (port.events.empty()) {
+        ADD_FAILURE() << "a wait that nobody expects";
+        watched->revents = POLLHUP;
+        return 1;
+    }
+    switch (port.events.front().what) {
+    case event::time_out:
+        port.events.pop_front();
+        watched->revents = 0;
+        return 0;
+    case event::hang_up:
+        port.events.pop_front();
+        watched->revents = POLLIN | POLLHUP;
+        return 1;
+    case event::device_error:
+        port.events.pop_front();
+        watched->revents = POLLERR;
+        return 1;
+    default:
+        watched->revents = POLLIN;
+        port.readable = true;
+        return 1;
+    }
+}
+
+extern "C" ssize_t read(int handle, void *buffer, size_t size)
+{
+    static const auto real_read = real<ssize_t (*)(int, void *, size_t)>("read");
+    if (handle != fake_device)
+        return real_read(handle, buffer, size);
+    std::string *source = &port.stale;
+    if (port.readable) {
+        port.readable = false;
+        if (port.events.front().what == event::read_error) {
+            port.events.pop_front();
+            errno = EIO;
+            return -1;
+        }
+        source = &port.events.front().data;
+    } else if (source->empty()) {
+        errno = EAGAIN;
+        return -1;
+    }
+    const size_t count = std::min(size, source->size());
+    memcpy(buffer, source->data(), count);
+    source->erase(0, count);
+    if (source != &port.stale && source->empty())
+        port.events.pop_front();
+    return static_cast<ssize_t>(count);
+}
+
+extern "C" ssize_t write(int handle, const void *data, size_t size)
+{
+    static const auto real_write = real<ssize_t (*)(int, const void *, size_t)>("write");
+    if (handle != fake_device)
+        return real_write(handle, data, size);
+    ssize_t count = static_cast<ssize_t>(size);
+    if (!port.write_limits.empty()) {
+        count = port.write_limits.front();
+        port.write_limits.pop_front();
+    }
+    if (count < 0) {
+        errno = static_cast<int>(-count);
+        return -1;
+    }
+    port.written.append(static_cast<const char *>(data), static_cast<size_t>(count));
+    return count;
+}
+
+namespace {
+
+// One command on the fake port, with what happens after it.
+class exchange {
+  public:
+    explicit exchange(std::deque<event> events, uint32_t type = AT_RAW)
+        : command{"AT#CGSN", "#CGSN:", type, 500, 3}
+    {
+        port = {};
+        port.events = std::move(events);
+    }
+    exchange(const exchange &) = delete;
+    exchange &operator=(const exchange &) = delete;
+    ~exchange()
+    {
+        EXPECT_EQ(port.events.size(), leaves_bytes ? 1U : 0U) << "what the code should have waited for";
+        EXPECT_TRUE(port.write_limits.empty()) << "writes that never came";
+    }
+
+    int send() { return at_send_command(fake_device, &command, &response); }
+    std::string text() const { return response.text; }
+    std::string final() const { return response.final; }
+
+    at_command command;
+    at_response response{};
+    bool leaves_bytes = false; // the last event is not read to its end
+};
+
+at_response response_of(const std::string &text)
+{
+    at_response response{};
+    memcpy(response.text, text.data(), std::min(text.size(), sizeof response.text - 1));
+    return response;
+}
+
+} // namespace
+
+// ---- final responses
+
+namespace {
+
+struct final_row {
+    const char *name;
+    const char *text;
+    uint32_t ok;
+    const char *final;
+    const char *rest;
+};
+
+void PrintTo(const final_row &row, std::ostream *stream)
+{
+    *stream << row.name;
+}
+
+class FinalResponse : public testing::TestWithParam<final_row> {};
+
+constexpr final_row final_rows[] = {
+    {"Ok", "\r\nOK\r\n", 1, "OK", "\r\n"},
+    {"Busy", "\r\nBUSY\r\n", 1, "BUSY", "\r\n"},
+    {"Connect", "\r\nCONNECT 115200\r\n", 1, "CONNECT", "\r\n"},
+    {"Error", "\r\nERROR\r\n", 0, "ERROR", "\r\n"},
+    {"CmsError", "\r\n+CMS ERROR: 500\r\n", 0, "ERROR", "\r\n+CMS "},
+    {"CmeError", "\r\n+CME ERROR: 10\r\n", 0, "ERROR", "\r\n+CME "},
+    {"OkBehindInformation", "\r\n#CGSN: 123\r\n\r\nOK\r\n", 1, "OK", "\r\n#CGSN: 123\r\n\r\n"},
+    {"TheFirstOfTwo", "one OK two OK", 1, "OK", "one "},
+    {"OkBeforeAnEarlierError", "ERROR then OK", 1, "OK", "ERROR then "},
+    {"OkBeforeAnEarlierBusy", "BUSY then OK", 1, "OK", "BUSY then "},
+    {"BusyBeforeAnEarlierConnect", "CONNECT then BUSY", 1, "BUSY", "CONNECT then "},
+    {"ConnectBeforeAnEarlierError", "ERROR then CONNECT", 1, "CONNECT", "ERROR then "},
+    {"OkInsideAWord", "\r\nTOKEN\r\n", 1, "OK", "\r\nT"},
+    {"OkAlone", "OK", 1, "OK", ""},
+};
+
+} // namespace
+
+TEST_P(FinalResponse, IsFoundWithItsVerdict)
+{
+    at_response response = response_of(GetParam().text);
+    EXPECT_TRUE(at_classify_response(&response));
+    EXPECT_EQ(response.ok, GetParam().ok);
+    EXPECT_STREQ(response.final, GetParam().final);
+}
+
+TEST_P(FinalResponse, IsCutOffTheText)
+{
+    at_response response = response_of(GetParam().text);
+    EXPECT_TRUE(at_classify_response(&response));
+    EXPECT_STREQ(response.text, GetParam().rest);
+}
+
+INSTANTIATE_TEST_SUITE_P(Row, FinalResponse, testing::ValuesIn(final_rows),
+                         [](const auto &row) { return row.param.name; });
+
+namespace {
+
+class NoFinalResponse : public testing::TestWithParam<const char *> {};
+
+} // namespace
+
+TEST_P(NoFinalResponse, LeavesTheResponseAsItIs)
+{
+    at_response response = response_of(GetParam());
+    EXPECT_FALSE(at_classify_response(&response));
+    EXPECT_STREQ(response.text, GetParam());
+    EXPECT_STREQ(response.final, "");
+    EXPECT_EQ(response.ok, 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Text, NoFinalResponse,
+                         testing::Values("", "\r\n", "O", "\r\nO\r\nK", "ok", "error", "+CME ERRO",
+                                         "NO CARRIER"));
+
+// ---- sending
+
+TEST(SendCommand, SendsTheCommandAndACarriageReturn)
+{
+    exchange at({comes("\r\nOK\r\n")});
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(port.written, "AT#CGSN\r");
+}
+
+TEST(SendCommand, SendsACommandOf127Characters)
+{
+    exchange at({comes("\r\nOK\r\n")});
+    const std::string longest(127, 'x');
+    strlcpy(at.command.command, longest.c_str(), sizeof at.command.command);
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(port.written, longest + "\r");
+}
+
+TEST(SendCommand, SendsTheRestAfterAShortWrite)
+{
+    exchange at({comes("\r\nOK\r\n")});
+    port.write_limits = {3, 1, 4};
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(port.written, "AT#CGSN\r");
+}
+
+TEST(SendCommand, EndsWithTheErrorOfAWrite)
+{
+    log_capture log;
+    exchange at({});
+    port.write_limits = {3, -EIO};
+    EXPECT_EQ(at.send(), -5);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "write failed");
+    EXPECT_EQ(log.messages().back().file, "../at_channel.c");
+    EXPECT_EQ(log.messages().back().function, "at_send_command");
+}
+
+TEST(SendCommand, DoesNotRepeatAFailedWrite)
+{
+    exchange at({});
+    port.write_limits = {3, -EAGAIN};
+    EXPECT_EQ(at.send(), -11);
+    EXPECT_EQ(port.written, "AT#");
+    EXPECT_EQ(at.command.retries, 3);
+}
+
+TEST(SendCommand, GivesUpOnAPortThatTakesNothing)
+{
+    log_capture log;
+    exchange at({});
+    port.write_limits.assign(10, 0);
+    EXPECT_EQ(at.send(), -71);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"write failed"});
+}
+
+TEST(SendCommand, DiscardsWhatCameBeforeTheCommand)
+{
+    exchange at({comes("\r\n123\r\nOK\r\n")});
+    port.stale = "\r\nRING\r\nOK\r\n" + std::string(200, 'x');
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(at.text(), "\r\n123\r\n");
+}
+
+// ---- the answer
+
+TEST(SendCommand, FillsTheResponse)
+{
+    exchange at({comes("\r\n#CGSN: 123\r\n\r\nOK\r\n")});
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(at.response.ok, 1U);
+    EXPECT_EQ(at.final(), "OK");
+}
+
+TEST(SendCommand, LogsEveryRead)
+{
+    log_capture log;
+    exchange at({comes("\r\n1"), comes("\r\nOK\r\n")});
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(log.texts(CORE_LOG_DBG),
+              (texts{"err -11 bytes 0", "read done err = 0 bytes = 3", "response:\n\r\n1\n",
+                     "read done err = 0 bytes = 6", "response:\n\r\n1\r\nOK\r\n\n"}));
+    EXPECT_EQ(log.messages()[0].function, "flush_port");
+    EXPECT_EQ(log.messages()[1].file, "../at_channel.c");
+    EXPECT_EQ(log.messages()[1].function, "at_send_command");
+}
+
+TEST(SendCommand, EmptiesATextThatIsNotExpected)
+{
+    exchange at({comes("\r\n#CGSN: 123\r\n\r\nOK\r\n")}, AT_NO_INFORMATION);
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(at.text(), "");
+    EXPECT_EQ(at.response.ok, 1U);
+}
+
+TEST(SendCommand, LeavesARawTextAsReceived)
+{
+    exchange at({comes("\r\n#CGSN: 123\r\n\r\nOK\r\n")}, AT_RAW);
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(at.text(), "\r\n#CGSN: 123\r\n\r\n");
+}
+
+TEST(SendCommand, TrimsASingleLine)
+{
+    exchange at({comes("\r\n#CGSN: 123\r\n\r\nOK\r\n")}, AT_SINGLE_LINE);
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(at.text(), "#CGSN: 123\r\n");
+}
+
+TEST(SendCommand, TrimsSeveralLines)
+{
+    exchange at({comes("\r\none\r\ntwo\r\n\r\nOK\r\n")}, AT_SEVERAL_LINES);
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(at.text(), "one\r\ntwo\r\n");
+}
+
+TEST(SendCommand, LeavesTheTextOfAnUnknownType)
+{
+    exchange at({comes("\r\n1\r\nOK\r\n")}, 4);
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(at.text(), "\r\n1\r\n");
+}
+
+TEST(SendCommand, TakesARefusalForNoFailure)
+{
+    log_capture log;
+    exchange at({comes("\r\n+CME ERROR: 10\r\n")}, AT_SINGLE_LINE);
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(at.response.ok, 0U);
+    EXPECT_EQ(at.final(), "ERROR");
+    EXPECT_TRUE(log.texts(CORE_LOG_ERR).empty());
+}
+
+TEST(SendCommand, KeepsTheTextBeforeARefusalUntrimmed)
+{
+    exchange at({comes("\r\n+CME ERROR: 10\r\n")}, AT_SINGLE_LINE);
+    at.send();
+    EXPECT_EQ(at.text(), "\r\n+CME ");
+}
+
+TEST(SendCommand, DoesNotSendARefusedCommandAgain)
+{
+    exchange at({comes("\r\nERROR\r\n")});
+    at.send();
+    EXPECT_EQ(port.written, "AT#CGSN\r");
+    EXPECT_EQ(at.command.retries, 0);
+}
+
+TEST(SendCommand, KeepsTheEchoInTheText)
+{
+    exchange at({comes("AT#CGSN\r\r\n#CGSN: 123\r\n\r\nOK\r\n")}, AT_SINGLE_LINE);
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(at.text(), "AT#CGSN\r\r\n#CGSN: 123\r\n");
+}
+
+TEST(SendCommand, TakesAnEmptyInformation)
+{
+    exchange at({comes("\r\nOK\r\n")}, AT_SINGLE_LINE);
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(at.text(), "");
+}
+
+// ---- answers in pieces
+
+TEST(SendCommand, CollectsAnAnswerThatComesByteByByte)
+{
+    std::deque<event> events;
+    for (const char byte : std::string("\r\n#CGSN: 123\r\n\r\nOK"))
+        events.push_back(comes(std::string(1, byte)));
+    exchange at(events, AT_SINGLE_LINE);
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(at.text(), "#CGSN: 123\r\n");
+}
+
+TEST(SendCommand, WaitsForTheWholeFinalResponse)
+{
+    exchange at({comes("\r\n123\r\n\r\nO"), comes("K\r\n")});
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(at.text(), "\r\n123\r\n\r\n");
+}
+
+TEST(SendCommand, GivesEveryReadTheWholeTimeOut)
+{
+    exchange at({comes("\r\n1"), comes("2"), comes("3\r\nOK\r\n")});
+    at.command.timeout = 1234;
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(port.waits, (std::vector<int>{1234, 1234, 1234}));
+}
+
+TEST(SendCommand, DropsWhatIsGluedToTheFinalResponse)
+{
+    exchange at({comes("\r\n123\r\nOK\r\n\r\nRING\r\n")});
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(at.text(), "\r\n123\r\n");
+}
+
+TEST(SendCommand, EndsAtTheFirstOfTwoAnswers)
+{
+    exchange at({comes("\r\n1\r\nOK\r\n\r\n2\r\nOK\r\n")});
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(at.text(), "\r\n1\r\n");
+}
+
+TEST(SendCommand, EndsAtASuccessWordInsideAnInformationLine)
+{
+    exchange at({comes("\r\nBROKEN\r\n")});
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(at.text(), "\r\nBR");
+}
+
+TEST(SendCommand, FailsWhenAnAnswerStopsShort)
+{
+    log_capture log;
+    exchange at({comes("\r\n#CGSN: 1"), silence});
+    EXPECT_EQ(at.send(), -110);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"response without final response"});
+    EXPECT_EQ(log.messages().back().function, "at_send_command");
+}
+
+TEST(SendCommand, TakesASingleByteForAnAnswerThatStopsShort)
+{
+    exchange at({comes("\r"), silence});
+    EXPECT_EQ(at.send(), -110);
+    EXPECT_EQ(port.written, "AT#CGSN\r");
+}
+
+TEST(SendCommand, DoesNotSendAgainWhenAnAnswerStopsShort)
+{
+    exchange at({comes("\r\n#CGSN: 1"), silence});
+    at.send();
+    EXPECT_EQ(port.written, "AT#CGSN\r");
+    EXPECT_EQ(at.command.retries, 0);
+    EXPECT_EQ(at.response.ok, 0U);
+}
+
+TEST(SendCommand, FindsNoFinalResponseBehindAZeroByte)
+{
+    log_capture log;
+    exchange at({comes(std::string("\r\n1\0\r\nOK\r\n", 10)), silence});
+    EXPECT_EQ(at.send(), -110);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"response without final response"});
+}
+
+TEST(SendCommand, TakesAnAnswerThatFillsTheBuffer)
+{
+    exchange at({comes(std::string(1021, 'x') + "OK")});
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(at.text(), std::string(1021, 'x'));
+}
+
+TEST(SendCommand, TrimsAnAnswerThatFillsTheBuffer)
+{
+    exchange at({comes(std::string(1021, 'x') + "OK")}, AT_SINGLE_LINE);
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(at.text(), std::string(1021, 'x') + "\r\n");
+}
+
+TEST(SendCommand, RefusesAnAnswerLongerThanTheBuffer)
+{
+    log_capture log;
+    exchange at({comes(std::string(1023, 'x') + "\r\nOK\r\n")});
+    at.leaves_bytes = true;
+    EXPECT_EQ(at.send(), -71);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"response too long"});
+    EXPECT_EQ(at.response.ok, 0U);
+}
+
+TEST(SendCommand, TimesOutBehindAFullBuffer)
+{
+    log_capture log;
+    exchange at({comes(std::string(1023, 'x')), silence});
+    EXPECT_EQ(at.send(), -110);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"response without final response"});
+}
+
+TEST(SendCommand, KeepsALongAnswerTerminated)
+{
+    exchange at({comes(std::string(1000, 'x')), comes(std::string(100, 'y'))});
+    at.leaves_bytes = true;
+    EXPECT_EQ(at.send(), -71);
+    EXPECT_EQ(at.text(), std::string(1000, 'x') + std::string(23, 'y'));
+}
+
+TEST(SendCommand, GoesOnAfterAnEmptyRead)
+{
+    exchange at({comes("\r\n12"), nothing_to_read, comes("3\r\nOK\r\n")});
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(at.text(), "\r\n123\r\n");
+}
+
+TEST(SendCommand, GoesOnAfterNineEmptyReads)
+{
+    std::deque<event> events(9, nothing_to_read);
+    events.push_back(comes("\r\nOK\r\n"));
+    exchange at(events);
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(at.response.ok, 1U);
+}
+
+TEST(SendCommand, GivesUpAfterTenEmptyReads)
+{
+    log_capture log;
+    exchange at(std::deque<event>(10, nothing_to_read));
+    EXPECT_EQ(at.send(), -71);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"read failed"});
+}
+
+TEST(SendCommand, CountsEmptyReadsAnewAfterAByte)
+{
+    std::deque<event> events(9, nothing_to_read);
+    events.push_back(comes("\r\n"));
+    events.insert(events.end(), 9, nothing_to_read);
+    events.push_back(comes("OK"));
+    exchange at(events);
+    EXPECT_EQ(at.send(), 0);
+}
+
+// ---- failed reads
+
+TEST(SendCommand, EndsWithAHangUp)
+{
+    log_capture log;
+    exchange at({hang_up});
+    EXPECT_EQ(at.send(), -125);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"read failed"});
+    EXPECT_EQ(log.messages().back().function, "at_send_command");
+}
+
+TEST(SendCommand, EndsWithAHangUpInsideAnAnswer)
+{
+    log_capture log;
+    exchange at({comes("\r\n#CG"), hang_up});
+    EXPECT_EQ(at.send(), -125);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"read failed"});
+}
+
+TEST(SendCommand, EndsWithADeviceError)
+{
+    log_capture log;
+    exchange at({device_error});
+    EXPECT_EQ(at.send(), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "read failed");
+}
+
+TEST(SendCommand, EndsWithTheErrorOfARead)
+{
+    log_capture log;
+    exchange at({read_error});
+    EXPECT_EQ(at.send(), -5);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "read failed");
+}
+
+TEST(SendCommand, DoesNotSendAgainAfterAFailedRead)
+{
+    exchange at({read_error});
+    at.send();
+    EXPECT_EQ(port.written, "AT#CGSN\r");
+    EXPECT_EQ(at.response.ok, 0U);
+}
+
+// ---- silence
+
+TEST(SendCommand, IsSentAsOftenAsItsRetriesSay)
+{
+    exchange at({silence, silence, silence});
+    EXPECT_EQ(at.send(), -110);
+    EXPECT_EQ(port.written, "AT#CGSN\rAT#CGSN\rAT#CGSN\r");
+    EXPECT_EQ(at.response.ok, 0U);
+}
+
+TEST(SendCommand, CountsItsRetriesDown)
+{
+    log_capture log;
+    exchange at({silence, silence, silence});
+    at.send();
+    EXPECT_EQ(at.command.retries, 0);
+    texts counted;
+    for (const std::string &text : log.texts(CORE_LOG_DBG)) {
+        if (text.substr(0, 7) == "command")
+            counted.push_back(text);
+    }
+    EXPECT_EQ(counted, (texts{"command timeout, remaining 2 retries", "command timeout, remaining 1 retries",
+                              "command timeout, remaining 0 retries"}));
+}
+
+TEST(SendCommand, TakesSilenceForNoError)
+{
+    log_capture log;
+    exchange at({silence, silence, silence});
+    at.send();
+    EXPECT_TRUE(log.texts(CORE_LOG_ERR).empty());
+}
+
+TEST(SendCommand, WaitsTheTimeOutForEveryAttempt)
+{
+    exchange at({silence, silence, silence});
+    at.send();
+    EXPECT_EQ(port.waits, (std::vector<int>{500, 500, 500}));
+}
+
+TEST(SendCommand, IsSentOnceWithoutRetries)
+{
+    log_capture log;
+    exchange at({silence});
+    at.command.retries = 0;
+    EXPECT_EQ(at.send(), -110);
+    EXPECT_EQ(port.written, "AT#CGSN\r");
+    EXPECT_EQ(log.texts(CORE_LOG_DBG).back(), "command timeout, remaining 0 retries");
+}
+
+TEST(SendCommand, IsSentOnceWithOneRetry)
+{
+    exchange at({silence});
+    at.command.retries = 1;
+    EXPECT_EQ(at.send(), -110);
+    EXPECT_EQ(port.written, "AT#CGSN\r");
+}
+
+TEST(SendCommand, TakesTheAnswerToALaterAttempt)
+{
+    exchange at({silence, silence, comes("\r\n123\r\nOK\r\n")});
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_EQ(at.text(), "\r\n123\r\n");
+    EXPECT_EQ(at.command.retries, 0);
+}
+
+TEST(SendCommand, FailsWhenALaterAnswerStopsShort)
+{
+    exchange at({silence, comes("\r\n12"), silence});
+    EXPECT_EQ(at.send(), -110);
+    EXPECT_EQ(port.written, "AT#CGSN\rAT#CGSN\r");
+}
+
+TEST(SendCommand, IsNotSentAgainAfterAnEmptyReadAndSilence)
+{
+    exchange at({nothing_to_read, silence});
+    EXPECT_EQ(at.send(), -110);
+    EXPECT_EQ(port.written, "AT#CGSN\r");
+}
+
+// ---- on a terminal
+
+namespace {
+
+// An open terminal with a modem behind it.
+class terminal {
+  public:
+    explicit terminal(std::vector<modem_answer> script) : modem(std::move(script))
+    {
+        EXPECT_EQ(core_device_open(modem.path().c_str(), &device), 0);
+    }
+    terminal(const terminal &) = delete;
+    terminal &operator=(const terminal &) = delete;
+    ~terminal() { core_device_close(device); }
+
+    int send() { return at_send_command(device, &command, &response); }
+
+    scripted_modem modem;
+    int device = -1;
+    at_command command{"AT+GMM", "", AT_SINGLE_LINE, 10000, 3};
+    at_response response{};
+};
+
+} // namespace
+
+TEST(SendCommandOnATerminal, GetsItsAnswer)
+{
+    terminal at({{{"\r\nKA100\r\n\r\nOK\r\n"}}});
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_STREQ(at.response.text, "KA100\r\n");
+    EXPECT_EQ(at.modem.commands(), texts{"AT+GMM"});
+}
+
+TEST(SendCommandOnATerminal, GetsAnAnswerInPieces)
+{
+    terminal at({{{"AT+G", "MM\r", "\r\nKA1", "00\r", "\n\r\nO", "K", "\r\n"}}});
+    EXPECT_EQ(at.send(), 0);
+    EXPECT_STREQ(at.response.text, "AT+GMM\r\r\nKA100\r\n");
+}
+
+TEST(SendCommandOnATerminal, EndsWithATimeOutOfASilentModem)
+{
+    terminal at({{{}}, {{}}});
+    at.command.timeout = 50;
+    at.command.retries = 2;
+    EXPECT_EQ(at.send(), -110);
+    EXPECT_EQ(at.modem.commands(), (texts{"AT+GMM", "AT+GMM"}));
+}
+
+TEST(SendCommandOnATerminal, NoticesThatTheModemLeaves)
+{
+    log_capture log;
+    terminal at({{{"\r\nKA"}, true}});
+    EXPECT_EQ(at.send(), -125);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "read failed");
+}
+
+TEST(SendCommandOnATerminal, NoticesThatTheModemHasLeft)
+{
+    log_capture log;
+    pty left;
+    int device = -1;
+    ASSERT_EQ(core_device_open(left.path().c_str(), &device), 0);
+    left.hang_up();
+    at_command command{"AT+GMM", "", AT_SINGLE_LINE, 10000, 3};
+    at_response response{};
+    EXPECT_EQ(at_send_command(device, &command, &response), -125);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "write failed");
+    core_device_close(device);
+}
+
+// ---- flushing
+
+TEST(FlushPort, DiscardsEverythingThatWaits)
+{
+    port = {};
+    port.stale = std::string(1000, 'x');
+    flush_port(fake_device);
+    EXPECT_EQ(port.stale, "");
+}
+
+TEST(FlushPort, DoesNotWait)
+{
+    port = {};
+    flush_port(fake_device);
+    EXPECT_TRUE(port.waits.empty());
+}
+
+TEST(FlushPort, LogsItsLastRead)
+{
+    log_capture log;
+    port = {};
+    port.stale = "stale";
+    flush_port(fake_device);
+    ASSERT_EQ(log.messages().size(), 1U);
+    EXPECT_EQ(log.messages()[0].level, CORE_LOG_DBG);
+    EXPECT_EQ(log.messages()[0].text, "err -11 bytes 0");
+    EXPECT_EQ(log.messages()[0].file, "../at_channel.c");
+    EXPECT_EQ(log.messages()[0].function, "flush_port");
+}
+
+TEST(FlushPort, EndsWhereNothingIsReadWithoutAnError)
+{
+    log_capture log;
+    const int device = open("/dev/null", O_RDWR);
+    flush_port(device);
+    EXPECT_EQ(log.texts(CORE_LOG_DBG), texts{"err 0 bytes 0"});
+    close(device);
+}
+
+TEST(FlushPort, EndsWithAnyError)
+{
+    log_capture log;
+    flush_port(-1);
+    EXPECT_EQ(log.texts(CORE_LOG_DBG), texts{"err -102 bytes 0"});
+}
+
+// ---- trimming
+
+namespace {
+
+struct trim_row {
+    const char *name;
+    const char *text;
+    const char *trimmed;
+};
+
+void PrintTo(const trim_row &row, std::ostream *stream)
+{
+    *stream << row.name;
+}
+
+class CleanResponse : public testing::TestWithParam<trim_row> {};
+
+constexpr trim_row trim_rows[] = {
+    {"LinesAround", "\r\n#CGSN: 123\r\n\r\n", "#CGSN: 123\r\n"},
+    {"NothingAround", "123", "123\r\n"},
+    {"OneLineEnd", "123\r\n", "123\r\n"},
+    {"EveryKindOfWhiteSpace", " \t\n\v\f\r123 \t\n\v\f\r", "123\r\n"},
+    {"WhiteSpaceInside", "\r\none\r\n\r\n two\r\n", "one\r\n\r\n two\r\n"},
+    {"OtherControlCharacters", "\x08\x0E\x7F", "\x08\x0E\x7F\r\n"},
+    {"HighBytes", "\xA0\xFF", "\xA0\xFF\r\n"},
+    {"WhiteSpaceOnly", "\r\n \r\n", ""},
+    {"NothingAtAll", "", ""},
+};
+
+} // namespace
+
+TEST_P(CleanResponse, LeavesOneLineEnd)
+{
+    at_response response = response_of(GetParam().text);
+    EXPECT_EQ(clean_command_response(&response), 0);
+    EXPECT_STREQ(response.text, GetParam().trimmed);
+}
+
+INSTANTIATE_TEST_SUITE_P(Row, CleanResponse, testing::ValuesIn(trim_rows),
+                         [](const auto &row) { return row.param.name; });
+
+TEST(CleanResponseText, IsZeroBehindItsEnd)
+{
+    at_response response = response_of("\r\n123\r\nleft behind");
+    response.text[7] = '\0';
+    EXPECT_EQ(clean_command_response(&response), 0);
+    EXPECT_EQ(std::string(response.text, sizeof response.text), "123\r\n" + std::string(1019, '\0'));
+}
+
+TEST(CleanResponseText, IsCutToMakeRoomForTheLineEnd)
+{
+    at_response response = response_of(std::string(1023, 'x'));
+    EXPECT_EQ(clean_command_response(&response), 0);
+    EXPECT_EQ(response.text, std::string(1021, 'x') + "\r\n");
+}
+
+TEST(CleanResponseText, IsLoggedBeforeAndAfter)
+{
+    log_capture log;
+    at_response response = response_of("\r\n123\r\n\r\n");
+    clean_command_response(&response);
+    EXPECT_EQ(log.texts(CORE_LOG_DBG), (texts{"\r\n123\r\n\r\n", "123\r\n"}));
+    EXPECT_EQ(log.messages()[0].file, "../at_channel.c");
+    EXPECT_EQ(log.messages()[0].function, "clean_command_response");
+}
+
+// ---- information lines
+
+namespace {
+
+// Takes lines out of a text.
+class lines {
+  public:
+    explicit lines(const std::string &text, const char *prefix = "") : response(response_of(text))
+    {
+        strlcpy(command.prefix, prefix, sizeof command.prefix);
+    }
+
+    int next(size_t size = 128) { return at_get_line(&command, &response, line, size); }
+
+    at_command command{};
+    at_response response;
+    char line[128] = {'o', 'l', 'd'};
+};
+
+} // namespace
+
+TEST(GetLine, TakesALine)
+{
+    lines text("KA100\r\n");
+    EXPECT_EQ(text.next(), 0);
+    EXPECT_STREQ(text.line, "KA100");
+}
+
+TEST(GetLine, RemovesTheLineFromTheText)
+{
+    lines text("one\r\ntwo\r\n");
+    text.next();
+    EXPECT_STREQ(text.response.text, "two\r\n");
+}
+
+TEST(GetLine, ClearsTheTextWithTheLastLine)
+{
+    lines text("one\r\n\r\n \r\n");
+    EXPECT_EQ(text.next(), 0);
+    EXPECT_EQ(std::string(text.response.text, sizeof text.response.text), std::string(1024, '\0'));
+}
+
+TEST(GetLine, TakesOneLineAfterTheOther)
+{
+    lines text("one\r\n\r\ntwo\r\nthree\r\n");
+    EXPECT_EQ(text.next(), 0);
+    EXPECT_STREQ(text.line, "one");
+    EXPECT_EQ(text.next(), 0);
+    EXPECT_STREQ(text.line, "two");
+    EXPECT_EQ(text.next(), 0);
+    EXPECT_STREQ(text.line, "three");
+    EXPECT_EQ(text.next(), -22);
+}
+
+TEST(GetLine, SkipsThePrefix)
+{
+    lines text("#CGSN: 123\r\n", "#CGSN:");
+    EXPECT_EQ(text.next(), 0);
+    EXPECT_STREQ(text.line, "123");
+}
+
+TEST(GetLine, SkipsAnEchoBeforeThePrefix)
+{
+    lines text("AT#CGSN\r\r\n#CGSN: 123\r\n", "#CGSN:");
+    EXPECT_EQ(text.next(), 0);
+    EXPECT_STREQ(text.line, "123");
+}
+
+TEST(GetLine, DoesNotNeedThePrefix)
+{
+    lines text("KA100\r\n", "#CGMM:");
+    EXPECT_EQ(text.next(), 0);
+    EXPECT_STREQ(text.line, "KA100");
+}
+
+TEST(GetLine, TakesTheFirstPrefix)
+{
+    lines text("#A: one\r\n#A: two\r\n", "#A:");
+    EXPECT_EQ(text.next(), 0);
+    EXPECT_STREQ(text.line, "one");
+}
+
+TEST(GetLine, KeepsAPrefixThatIsNotAskedFor)
+{
+    lines text("#CGSN: 123\r\n");
+    EXPECT_EQ(text.next(), 0);
+    EXPECT_STREQ(text.line, "#CGSN: 123");
+}
+
+TEST(GetLine, SkipsWhiteSpaceBeforeALine)
+{
+    lines text(" \t\v\f\r\nKA100\r\n");
+    EXPECT_EQ(text.next(), 0);
+    EXPECT_STREQ(text.line, "KA100");
+}
+
+TEST(GetLine, KeepsWhiteSpaceInsideAndBehindALine)
+{
+    lines text("a b\tc \r\n");
+    EXPECT_EQ(text.next(), 0);
+    EXPECT_STREQ(text.line, "a b\tc ");
+}
+
+TEST(GetLine, KeepsALoneLineFeedInALine)
+{
+    lines text("one\ntwo\r\n");
+    EXPECT_EQ(text.next(), 0);
+    EXPECT_STREQ(text.line, "one\ntwo");
+}
+
+TEST(GetLine, LogsTheLine)
+{
+    log_capture log;
+    lines text("KA100\r\n");
+    text.next();
+    ASSERT_EQ(log.messages().size(), 1U);
+    EXPECT_EQ(log.messages()[0].level, CORE_LOG_DBG);
+    EXPECT_EQ(log.messages()[0].text, "KA100");
+    EXPECT_EQ(log.messages()[0].file, "../at_channel.c");
+    EXPECT_EQ(log.messages()[0].function, "at_get_line");
+}
+
+TEST(GetLine, FindsNoneInAnEmptyText)
+{
+    log_capture log;
+    lines text("");
+    EXPECT_EQ(text.next(), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_DBG), texts{"no more lines"});
+}
+
+TEST(GetLine, FindsNoneInWhiteSpace)
+{
+    log_capture log;
+    lines text("\r\n \r\n");
+    EXPECT_EQ(text.next(), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_DBG), texts{"no more lines"});
+}
+
+TEST(GetLine, FindsNoneBehindAPrefixAlone)
+{
+    log_capture log;
+    lines text("#CGSN: \r\n", "#CGSN:");
+    EXPECT_EQ(text.next(), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_DBG), texts{"no more lines"});
+}
+
+TEST(GetLine, ClearsTheBufferOnFailure)
+{
+    lines text("");
+    text.next();
+    EXPECT_EQ(std::string(text.line, sizeof text.line), std::string(128, '\0'));
+}
+
+TEST(GetLine, RefusesALineWithoutItsEnd)
+{
+    log_capture log;
+    lines text("KA100");
+    EXPECT_EQ(text.next(), -71);
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST(GetLine, RefusesALineThatEndsInALineFeedAlone)
+{
+    lines text("KA100\n");
+    EXPECT_EQ(text.next(), -71);
+}
+
+TEST(GetLine, FillsTheBufferButItsTerminator)
+{
+    lines text("1234567\r\n");
+    EXPECT_EQ(text.next(8), 0);
+    EXPECT_STREQ(text.line, "1234567");
+}
+
+TEST(GetLine, RefusesALineAsLongAsTheBuffer)
+{
+    log_capture log;
+    lines text("12345678\r\n");
+    EXPECT_EQ(text.next(8), -12);
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST(GetLine, KeepsTheTextOfARefusedLine)
+{
+    lines text("12345678\r\n");
+    text.next(8);
+    EXPECT_STREQ(text.response.text, "12345678\r\n");
+}
+
+TEST(GetLine, RefusesABufferWithoutSize)
+{
+    lines text("1\r\n");
+    EXPECT_EQ(text.next(0), -12);
+    EXPECT_STREQ(text.line, "old");
+}
+
+TEST(GetLine, ReadsWhatSendingLeft)
+{
+    exchange at({comes("\r\n#CGSN: 123\r\n\r\nOK\r\n")}, AT_SINGLE_LINE);
+    ASSERT_EQ(at.send(), 0);
+    char line[128];
+    EXPECT_EQ(at_get_line(&at.command, &at.response, line, sizeof line), 0);
+    EXPECT_STREQ(line, "123");
+    EXPECT_EQ(at_get_line(&at.command, &at.response, line, sizeof line), -22);
+}

@@ -1,0 +1,998 @@
+#include "firehose.hpp"
+
+#include "core-device.hpp"
+#include "core.hpp"
+#include "fake_programmer.hpp"
+#include "libc_hooks.hpp"
+#include "log_capture.hpp"
+#include "pty.hpp"
+#include "temp_dir.hpp"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <memory>
+#include <thread>
+
+using std::chrono::milliseconds;
+using texts = std::vector<std::string>;
+using pauses = std::vector<unsigned>;
+
+// "%u" of CORE_EIO, CORE_EAGAIN, CORE_EGENERIC and CORE_ETIMEDOUT.
+static const std::string io_error_unsigned = "4294967291";
+static const std::string try_again_unsigned = "4294967285";
+static const std::string failure_unsigned = "4294967194";
+static const std::string timed_out_unsigned = "4294967186";
+
+static const std::string ack_and_nak_chunk =
+    "<data><response value=\"NAK\" /></data><data><response value=\"ACK\" /></data>";
+static const std::string target_reset_chunk = "<data><log value=\"bsp_target_reset() 1\" /></data>";
+
+namespace {
+
+class Usb : public testing::Test {
+  protected:
+    Usb() { libc_hooks::skip_pauses = true; }
+    ~Usb() override { libc_hooks::reset(); }
+    fake_programmer programmer;
+    log_capture log;
+};
+
+class Serial : public testing::Test {
+  protected:
+    Serial()
+    {
+        EXPECT_EQ(core_device_open(port.path().c_str(), &device.serial_handle), 0);
+        EXPECT_NE(device.serial_handle, 0);
+    }
+    ~Serial() override
+    {
+        libc_hooks::reset();
+        firehose_close(&device);
+    }
+
+    pty port;
+    firehose_device device{};
+    log_capture log;
+};
+
+class Update : public Usb {
+  protected:
+    Update()
+    {
+        m->is_pcie = false;
+        package->image_count = MAX_IMAGE_NUMBER;
+        package->platform = 0;
+    }
+    void add_command(const char *line)
+    {
+        image &img = package->images[next++];
+        strlcpy(img.command, line, sizeof img.command);
+    }
+    int run(bool otp = false) { return firehose_update(m.get(), package.get(), otp); }
+    void greets()
+    {
+        programmer.takes(ping_request);
+        programmer.answers(ack_chunk);
+        programmer.takes(configure_request);
+        programmer.answers(ack_chunk);
+    }
+    void resets()
+    {
+        programmer.takes(reset_request);
+        programmer.answers(ack_chunk);
+    }
+
+    std::unique_ptr<modem> m = std::make_unique<modem>();
+    std::unique_ptr<image_list> package = std::make_unique<image_list>();
+    uint32_t next = 0;
+};
+
+class PcieUpdate : public testing::Test {
+  protected:
+    PcieUpdate()
+    {
+        m->is_pcie = true;
+        strlcpy(m->modem_port[0].port_name, port.path().c_str(), sizeof m->modem_port[0].port_name);
+        m->modem_port[0].port_type = PORT_FIRMWARE_UPDATE;
+        m->modem_port_size = 1;
+        package->image_count = MAX_IMAGE_NUMBER;
+        libc_hooks::skip_pauses = true;
+        fake_libusb::instance().reset();
+    }
+    ~PcieUpdate() override
+    {
+        libc_hooks::reset();
+        fake_libusb::instance().verify();
+        EXPECT_TRUE(fake_libusb::instance().calls.empty());
+    }
+    static size_t open_descriptors()
+    {
+        const std::filesystem::directory_iterator entries("/proc/self/fd");
+        return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+    }
+
+    pty port;
+    std::unique_ptr<modem> m = std::make_unique<modem>();
+    std::unique_ptr<image_list> package = std::make_unique<image_list>();
+    log_capture log;
+};
+
+} // namespace
+
+// --- open and close
+
+TEST_F(Usb, OpensTheDownloadDevice)
+{
+    programmer.open();
+    EXPECT_EQ(programmer.usb.calls, (texts{"init", "option 3", "open 05c6:9008"}));
+}
+
+TEST_F(Usb, OpenReportsAMissingDevice)
+{
+    programmer.usb.devices[0].pid = 0x9009;
+    const auto m = std::make_unique<modem>();
+    firehose_device device{};
+    EXPECT_EQ(firehose_open(m.get(), &device), -19);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"could not open device 0x05C6:0x9008\n"});
+}
+
+TEST_F(Usb, OpenLeavesNothingOpenWhenTheKernelDriverDoesNotLetGo)
+{
+    programmer.usb.devices[0].interfaces[0].driver_active = true;
+    programmer.usb.devices[0].interfaces[0].detach_result = -1;
+    programmer.usb.devices[0].interfaces.push_back(programmer.usb.devices[0].interfaces[0]);
+    programmer.usb.devices[0].interfaces[1].number = 1;
+    programmer.usb.devices[0].interfaces[1].driver_active = false;
+    const auto m = std::make_unique<modem>();
+    firehose_device device{};
+    EXPECT_EQ(firehose_open(m.get(), &device), -1);
+    EXPECT_EQ(programmer.usb.open_handles, 0);
+}
+
+TEST_F(Usb, CloseReleasesTheDevice)
+{
+    const auto m = std::make_unique<modem>();
+    firehose_device device{};
+    EXPECT_EQ(firehose_open(m.get(), &device), 0);
+    firehose_close(&device);
+    EXPECT_EQ(programmer.usb.open_handles, 0);
+    EXPECT_EQ(programmer.usb.open_contexts, 0);
+}
+
+TEST_F(PcieUpdate, OpensTheDownloadPort)
+{
+    firehose_device device{};
+    EXPECT_EQ(firehose_open(m.get(), &device), 0);
+    EXPECT_GT(device.serial_handle, 0);
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(device.serial_handle)),
+              port.path());
+    firehose_close(&device);
+}
+
+TEST_F(PcieUpdate, OpenReportsAPortThatIsMissing)
+{
+    strlcpy(m->modem_port[0].port_name, "/nonexistent/port", sizeof m->modem_port[0].port_name);
+    firehose_device device{};
+    EXPECT_EQ(firehose_open(m.get(), &device), -2);
+}
+
+TEST_F(PcieUpdate, OpenFailsWithoutADownloadPort)
+{
+    m->modem_port[0].port_type = PORT_DIAGNOSTIC;
+    firehose_device device{};
+    EXPECT_EQ(firehose_open(m.get(), &device), -2);
+}
+
+TEST_F(PcieUpdate, OpenNeverUsesDescriptorZero)
+{
+    // Zero stands for "no serial device".
+    close(0);
+    firehose_device device{};
+    EXPECT_EQ(firehose_open(m.get(), &device), 0);
+    EXPECT_GT(device.serial_handle, 0);
+    EXPECT_FALSE(std::filesystem::exists("/proc/self/fd/0"));
+    firehose_close(&device);
+}
+
+TEST_F(PcieUpdate, CloseClosesThePort)
+{
+    const size_t before = open_descriptors();
+    firehose_device device{};
+    EXPECT_EQ(firehose_open(m.get(), &device), 0);
+    firehose_close(&device);
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+// --- firehose_read
+
+TEST_F(Usb, ReadAsksFor1024BytesWithTheEndpointsOwnTimeOut)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers("<data/>");
+    firehose_chunk chunk;
+    EXPECT_EQ(firehose_read(device, 500, &chunk), 0);
+    EXPECT_EQ(std::string(chunk.text), "<data/>");
+    EXPECT_EQ(chunk.size, 7U);
+    EXPECT_EQ(programmer.usb.calls[4], "in 81 1024");
+    EXPECT_EQ(programmer.usb.timeouts, std::vector<unsigned>{30000});
+}
+
+TEST_F(Usb, ReadTerminatesAChunkOfExactly1024Bytes)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers(std::string(1024, 'x'));
+    firehose_chunk chunk;
+    memset(&chunk, 'y', sizeof chunk);
+    EXPECT_EQ(firehose_read(device, 500, &chunk), 0);
+    EXPECT_EQ(chunk.size, 1024U);
+    EXPECT_EQ(std::string(chunk.text), std::string(1024, 'x'));
+}
+
+TEST_F(Usb, ReadReportsATimeOut)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers_nothing(fake_programmer::timed_out);
+    firehose_chunk chunk;
+    EXPECT_EQ(firehose_read(device, 500, &chunk), -110);
+    EXPECT_EQ(chunk.size, 0U);
+}
+
+TEST_F(Serial, ReadTakesAtMost1024Bytes)
+{
+    port.send(std::string(1024, 'x') + "rest");
+    firehose_chunk chunk;
+    EXPECT_EQ(firehose_read(&device, 500, &chunk), 0);
+    EXPECT_EQ(std::string(chunk.text), std::string(1024, 'x'));
+    EXPECT_EQ(firehose_read(&device, 500, &chunk), 0);
+    EXPECT_EQ(std::string(chunk.text), "rest");
+}
+
+TEST_F(Serial, ReadReportsSilence)
+{
+    firehose_chunk chunk;
+    EXPECT_EQ(firehose_read(&device, 20, &chunk), -110);
+    EXPECT_EQ(chunk.size, 0U);
+}
+
+// --- firehose_write
+
+TEST_F(Usb, WriteGoesOnWhereTheDeviceStopped)
+{
+    firehose_device *const device = programmer.open();
+    programmer.takes_with("abcdefgh", 0, 3);
+    programmer.takes_with("defgh", 0, 4);
+    programmer.takes("h");
+    EXPECT_EQ(firehose_write(device, "abcdefgh", 8), 0);
+}
+
+TEST_F(Usb, WriteEndsWithATimeOut)
+{
+    firehose_device *const device = programmer.open();
+    programmer.takes_with("abcdefgh", fake_programmer::timed_out, 3);
+    EXPECT_EQ(firehose_write(device, "abcdefgh", 8), -110);
+    EXPECT_EQ(libc_hooks::recorded_pauses(), pauses{});
+}
+
+TEST_F(Usb, WriteEndsWithTheErrorOfAClaim)
+{
+    firehose_device *const device = programmer.open();
+    programmer.usb.claim_result = -6;
+    EXPECT_EQ(firehose_write(device, "abcdefgh", 8), -6);
+}
+
+TEST_F(Usb, WriteGivesUpOnADeviceThatTakesNothingTenTimes)
+{
+    firehose_device *const device = programmer.open();
+    for (int i = 0; i < 10; ++i)
+        programmer.takes_with("abc", fake_programmer::gone, 0);
+    EXPECT_EQ(firehose_write(device, "abc", 3), -71);
+}
+
+TEST_F(Serial, WriteGivesUpAfterFiveBackPressuresOneSecondApart)
+{
+    libc_hooks::skip_pauses = true;
+    for (int i = 0; i < 5; ++i)
+        libc_hooks::write_errors.add(EAGAIN);
+    EXPECT_EQ(firehose_write(&device, "abc", 3), -11);
+    EXPECT_EQ(libc_hooks::recorded_pauses(), (pauses{1000, 1000, 1000, 1000, 1000}));
+    EXPECT_EQ(port.receive_until_quiet(), "");
+}
+
+TEST_F(Serial, WriteSucceedsAfterFourBackPressures)
+{
+    libc_hooks::skip_pauses = true;
+    for (int i = 0; i < 4; ++i)
+        libc_hooks::write_errors.add(EAGAIN);
+    EXPECT_EQ(firehose_write(&device, "abc", 3), 0);
+    EXPECT_EQ(libc_hooks::recorded_pauses(), (pauses{1000, 1000, 1000, 1000}));
+    EXPECT_EQ(port.receive_until_quiet(), "abc");
+}
+
+TEST_F(Serial, WriteCountsBackPressuresAcrossProgress)
+{
+    // More than the terminal holds at once, so that it is written in pieces.
+    const std::string data(200000, 'd');
+    libc_hooks::skip_pauses = true;
+    libc_hooks::write_errors.add(EAGAIN);
+    libc_hooks::write_errors.add(EAGAIN);
+    libc_hooks::write_errors.add(0);
+    for (int i = 0; i < 3; ++i)
+        libc_hooks::write_errors.add(EAGAIN);
+    std::string received;
+    std::thread reader([&] {
+        received = port.receive(1, milliseconds(5000));
+        received += port.receive_until_quiet(milliseconds(300));
+    });
+    EXPECT_EQ(firehose_write(&device, data.data(), data.size()), -11);
+    reader.join();
+    EXPECT_GT(received.size(), 0U);
+    EXPECT_LT(received.size(), data.size());
+}
+
+TEST_F(Serial, WriteEndsAtOnceWithAnotherError)
+{
+    libc_hooks::write_errors.add(EIO);
+    EXPECT_EQ(firehose_write(&device, "abc", 3), -5);
+    EXPECT_EQ(port.receive_until_quiet(), "");
+}
+
+// --- read_ack_nack
+
+TEST_F(Usb, AckEndsTheWait)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers(ack_chunk);
+    log.clear();
+    EXPECT_EQ(read_ack_nack(device), 0);
+    EXPECT_EQ(log.texts(CORE_LOG_DBG), texts{ack_chunk});
+    EXPECT_EQ(log.messages().back().file, "../firehose.c");
+    EXPECT_EQ(log.messages().back().function, "read_ack_nack");
+}
+
+TEST_F(Usb, LogChunksBeforeTheAckAreSkipped)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers(log_chunk);
+    programmer.answers(log_chunk);
+    programmer.answers(ack_chunk);
+    EXPECT_EQ(read_ack_nack(device), 0);
+    EXPECT_EQ(log.count(CORE_LOG_DBG, log_chunk), 2);
+}
+
+TEST_F(Usb, NakIsLoggedWholeAsAnError)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers(nak_chunk);
+    EXPECT_EQ(read_ack_nack(device), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{nak_chunk});
+    EXPECT_TRUE(log.has(CORE_LOG_DBG, nak_chunk));
+}
+
+TEST_F(Usb, AckWinsOverANakInTheSameChunk)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers(ack_and_nak_chunk);
+    EXPECT_EQ(read_ack_nack(device), 0);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{});
+}
+
+TEST_F(Usb, EmptyChunkFailsTheWait)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers_nothing();
+    EXPECT_EQ(read_ack_nack(device), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{});
+}
+
+TEST_F(Usb, ReadErrorFailsTheWait)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers_nothing(fake_programmer::timed_out);
+    EXPECT_EQ(read_ack_nack(device), -102);
+}
+
+TEST_F(Usb, AckAtTheEndOfAFullChunkIsSeen)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers(std::string(1013, ' ') + "value=\"ACK\"");
+    EXPECT_EQ(read_ack_nack(device), 0);
+}
+
+TEST_F(Usb, AckAcrossTwoChunksIsNotSeen)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers("<response value=\"A");
+    programmer.answers("CK\" />");
+    programmer.answers_nothing();
+    EXPECT_EQ(read_ack_nack(device), -102);
+}
+
+TEST_F(Usb, AckBehindAZeroByteIsNotSeen)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers(std::string("log\0value=\"ACK\"", 15));
+    programmer.answers_nothing();
+    EXPECT_EQ(read_ack_nack(device), -102);
+}
+
+TEST_F(Usb, AckIsCaseSensitive)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers("<response value=\"ack\" />");
+    programmer.answers(nak_chunk);
+    EXPECT_EQ(read_ack_nack(device), -102);
+}
+
+TEST_F(Serial, AckWaitFailsAfterFiveSecondsOfSilence)
+{
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(read_ack_nack(&device), -102);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(5000));
+}
+
+TEST_F(Serial, AckWaitFailsAfterAHangUp)
+{
+    port.hang_up();
+    EXPECT_EQ(read_ack_nack(&device), -102);
+}
+
+TEST_F(Serial, AckThatComesByteByByteIsNotSeen)
+{
+    std::thread modem([&] {
+        for (const char c : ack_chunk) {
+            port.send(std::string(1, c));
+            EXPECT_TRUE(port.wait_drained());
+        }
+        port.hang_up();
+    });
+    EXPECT_EQ(read_ack_nack(&device), -102);
+    modem.join();
+}
+
+TEST_F(Serial, AckWaitSkipsLogChunks)
+{
+    std::thread modem([&] {
+        port.send(log_chunk);
+        EXPECT_TRUE(port.wait_drained());
+        port.send(ack_chunk);
+    });
+    EXPECT_EQ(read_ack_nack(&device), 0);
+    modem.join();
+}
+
+// --- generic_ack_nack_request, send_nop
+
+TEST_F(Usb, PingIs57BytesWithoutATerminator)
+{
+    firehose_device *const device = programmer.open();
+    programmer.takes(ping_request);
+    programmer.answers(ack_chunk);
+    log.clear();
+    EXPECT_EQ(send_nop(device), 0);
+    EXPECT_EQ(programmer.usb.calls[4], "out 01 57");
+    EXPECT_EQ(log.texts(CORE_LOG_DBG), (texts{"sending request: " + ping_request, ack_chunk}));
+    EXPECT_EQ(log.messages().front().function, "generic_ack_nack_request");
+}
+
+TEST_F(Serial, PingGoesOverTheSerialDevice)
+{
+    port.send(ack_chunk);
+    EXPECT_EQ(send_nop(&device), 0);
+    EXPECT_EQ(port.receive_until_quiet(), ping_request);
+}
+
+TEST_F(Usb, RequestThatCannotBeSentIsLoggedInTwoLines)
+{
+    firehose_device *const device = programmer.open();
+    programmer.takes_with("<x/>", fake_programmer::timed_out, 0);
+    EXPECT_EQ(generic_ack_nack_request(device, "<x/>"), -110);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), (texts{"bulk transfer error -7\n",
+                                              "error " + timed_out_unsigned + " sending request:", "<x/>"}));
+}
+
+TEST_F(Usb, RequestThatIsRefusedFails)
+{
+    firehose_device *const device = programmer.open();
+    programmer.takes("<x/>");
+    programmer.answers(nak_chunk);
+    EXPECT_EQ(generic_ack_nack_request(device, "<x/>"), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR),
+              (texts{nak_chunk, "error sending reading ack/nack " + failure_unsigned}));
+}
+
+TEST_F(Serial, RequestGivesUpOnBackPressure)
+{
+    libc_hooks::skip_pauses = true;
+    for (int i = 0; i < 5; ++i)
+        libc_hooks::write_errors.add(EAGAIN);
+    EXPECT_EQ(send_nop(&device), -11);
+    EXPECT_TRUE(log.has(CORE_LOG_ERR, "error " + try_again_unsigned + " sending request:"));
+}
+
+// --- get_config_xml, send_config
+
+TEST(ConfigXml, HoldsPayloadAndMemoryName)
+{
+    owned_text text;
+    EXPECT_EQ(get_config_xml(&text, 4294967295U, "eMMC"), 112);
+    EXPECT_STREQ(text.get(),
+                 "<?xml version=\"1.0\"?>\n<data>\n<configure "
+                 "MaxPayloadSizeToTargetInBytes=\"4294967295\" MemoryName=\"eMMC\" />\n</data>\n");
+}
+
+TEST_F(Usb, ConfigureIs109Bytes)
+{
+    firehose_device *const device = programmer.open();
+    programmer.takes(configure_request);
+    programmer.answers(ack_chunk);
+    uint32_t payload = 1048576;
+    log.clear();
+    EXPECT_EQ(send_config(device, &payload), 0);
+    EXPECT_EQ(programmer.usb.calls[4], "out 01 109");
+    EXPECT_EQ(log.texts(CORE_LOG_DBG), texts{ack_chunk}); // and no "sending request"
+    EXPECT_EQ(log.messages().front().function, "send_config");
+}
+
+TEST_F(Usb, ConfigureAckKeepsThePayload)
+{
+    firehose_device *const device = programmer.open();
+    programmer.takes(configure_request);
+    programmer.answers(log_chunk);
+    programmer.answers("<response value=\"ACK\" MaxPayloadSizeToTargetInBytesSupported=\"16384\"/>");
+    uint32_t payload = 1048576;
+    EXPECT_EQ(send_config(device, &payload), 0);
+    EXPECT_EQ(payload, 1048576U);
+}
+
+TEST_F(Usb, ConfigureNakWithACounterOfferIsTaken)
+{
+    const std::string offer = "<response value=\"NAK\" MaxPayloadSizeToTargetInBytesSupported=\"16384\"/>";
+    firehose_device *const device = programmer.open();
+    programmer.takes(configure_request);
+    programmer.answers(offer);
+    uint32_t payload = 1048576;
+    EXPECT_EQ(send_config(device, &payload), 0);
+    EXPECT_EQ(payload, 16384U);
+    EXPECT_EQ(log.count(CORE_LOG_DBG, offer), 2);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{});
+}
+
+TEST_F(Usb, ConfigureNakWithoutACounterOfferFails)
+{
+    firehose_device *const device = programmer.open();
+    programmer.takes(configure_request);
+    programmer.answers(nak_chunk);
+    uint32_t payload = 1048576;
+    EXPECT_EQ(send_config(device, &payload), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR),
+              texts{"Failed to retrieve MaxPayloadSizeToTargetInBytesSupported attribute"});
+    EXPECT_EQ(log.messages().back().function, "send_config");
+}
+
+TEST_F(Usb, ConfigureNakWithAnUnreadableCounterOfferFails)
+{
+    firehose_device *const device = programmer.open();
+    programmer.takes(configure_request);
+    programmer.answers("<response value=\"NAK\" MaxPayloadSizeToTargetInBytesSupported=\"16k\"/>");
+    uint32_t payload = 1048576;
+    EXPECT_EQ(send_config(device, &payload), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR).back(),
+              "Failed to retrieve MaxPayloadSizeToTargetInBytesSupported attribute");
+}
+
+TEST_F(Usb, ConfigureNakWithACounterOfferOfZeroFails)
+{
+    firehose_device *const device = programmer.open();
+    programmer.takes(configure_request);
+    programmer.answers("<response value=\"NAK\" MaxPayloadSizeToTargetInBytesSupported=\"0\"/>");
+    uint32_t payload = 1048576;
+    EXPECT_EQ(send_config(device, &payload), -71);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"the programmer supports a payload of 0 bytes only"});
+}
+
+TEST_F(Usb, ConfigureAckWinsOverANakInTheSameChunk)
+{
+    firehose_device *const device = programmer.open();
+    programmer.takes(configure_request);
+    programmer.answers(ack_and_nak_chunk);
+    uint32_t payload = 1048576;
+    EXPECT_EQ(send_config(device, &payload), 0);
+    EXPECT_EQ(payload, 1048576U);
+}
+
+TEST_F(Usb, ConfigureFailsOnAnEmptyChunk)
+{
+    firehose_device *const device = programmer.open();
+    programmer.takes(configure_request);
+    programmer.answers_nothing();
+    uint32_t payload = 1048576;
+    EXPECT_EQ(send_config(device, &payload), -102);
+}
+
+TEST_F(Usb, ConfigureFailsOnAReadError)
+{
+    firehose_device *const device = programmer.open();
+    programmer.takes(configure_request);
+    programmer.answers_nothing(fake_programmer::timed_out);
+    uint32_t payload = 1048576;
+    EXPECT_EQ(send_config(device, &payload), -102);
+}
+
+TEST_F(Usb, ConfigureReportsAFailedWrite)
+{
+    firehose_device *const device = programmer.open();
+    programmer.takes_with(configure_request, fake_programmer::timed_out, 0);
+    uint32_t payload = 1048576;
+    EXPECT_EQ(send_config(device, &payload), -110);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "error sending config " + timed_out_unsigned);
+}
+
+TEST_F(Serial, ConfigureFailsAfterHalfASecondOfSilence)
+{
+    uint32_t payload = 1048576;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(send_config(&device, &payload), -102);
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, milliseconds(500));
+    EXPECT_LT(waited, milliseconds(4000));
+    EXPECT_EQ(port.receive_until_quiet(), configure_request);
+}
+
+// --- send_reset, wait_reset_response
+
+TEST_F(Usb, ResetIs79BytesAndEndsWithAPauseOfOneSecond)
+{
+    firehose_device *const device = programmer.open();
+    programmer.takes(reset_request);
+    programmer.answers(ack_chunk);
+    log.clear();
+    EXPECT_EQ(send_reset(device, false), 0);
+    EXPECT_EQ(programmer.usb.calls[4], "out 01 79");
+    EXPECT_EQ(libc_hooks::recorded_pauses(), pauses{1000});
+    EXPECT_EQ(log.texts(CORE_LOG_DBG),
+              (texts{ack_chunk, "successfully received ack about the reset command"}));
+    EXPECT_EQ(log.messages().back().function, "wait_reset_response");
+}
+
+TEST_F(Usb, ResetIgnoresANak)
+{
+    firehose_device *const device = programmer.open();
+    programmer.takes(reset_request);
+    programmer.answers(nak_chunk);
+    EXPECT_EQ(send_reset(device, false), 0);
+    EXPECT_EQ(libc_hooks::recorded_pauses(), pauses{1000});
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{nak_chunk});
+}
+
+TEST_F(Usb, ResetReportsAFailedWriteWithoutAPause)
+{
+    firehose_device *const device = programmer.open();
+    programmer.takes_with(reset_request, fake_programmer::timed_out, 0);
+    EXPECT_EQ(send_reset(device, false), -110);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "error sending reset " + timed_out_unsigned);
+    EXPECT_EQ(log.messages().back().function, "send_reset");
+    EXPECT_EQ(libc_hooks::recorded_pauses(), pauses{});
+}
+
+TEST_F(Serial, ResetSucceedsAfterSilence)
+{
+    libc_hooks::skip_pauses = true;
+    EXPECT_EQ(send_reset(&device, true), 0);
+    EXPECT_EQ(port.receive_until_quiet(), reset_request);
+    EXPECT_EQ(libc_hooks::recorded_pauses(), pauses{1000});
+}
+
+TEST_F(Serial, ResetWaitEndsAfterHalfASecondOfSilence)
+{
+    EXPECT_EQ(wait_reset_response(&device, false), -110);
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(Usb, ResetWaitPausesBetweenChunks)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers(log_chunk);
+    programmer.answers(log_chunk);
+    programmer.answers(ack_chunk);
+    EXPECT_EQ(wait_reset_response(device, false), 0);
+    EXPECT_EQ(libc_hooks::recorded_pauses(), (pauses{500, 500}));
+}
+
+TEST_F(Usb, ResetWaitForTheTargetGoesOnAfterTheAck)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers(ack_chunk);
+    programmer.answers(log_chunk);
+    programmer.answers(target_reset_chunk);
+    log.clear();
+    EXPECT_EQ(wait_reset_response(device, true), 0);
+    EXPECT_EQ(log.texts(CORE_LOG_DBG).back(),
+              "successfully received ack and bsp_target_reset about the reset command");
+    EXPECT_EQ(libc_hooks::recorded_pauses(), (pauses{500, 500}));
+}
+
+TEST_F(Usb, ResetWaitForTheTargetTakesTheAckAfterwards)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers(target_reset_chunk);
+    programmer.answers(ack_chunk);
+    EXPECT_EQ(wait_reset_response(device, true), 0);
+}
+
+TEST_F(Usb, ResetWaitForTheTargetTakesBothInOneChunk)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers(target_reset_chunk + ack_chunk);
+    EXPECT_EQ(wait_reset_response(device, true), 0);
+    EXPECT_EQ(libc_hooks::recorded_pauses(), pauses{});
+}
+
+TEST_F(Usb, ResetWaitForTheTargetEndsWithTheReadError)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers(ack_chunk);
+    programmer.answers_nothing(fake_programmer::timed_out);
+    EXPECT_EQ(wait_reset_response(device, true), -110);
+    EXPECT_FALSE(log.has(CORE_LOG_DBG, "successfully received ack about the reset command"));
+}
+
+TEST_F(Usb, ResetWaitWithoutTheTargetIgnoresItsReset)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers(target_reset_chunk);
+    programmer.answers_nothing(fake_programmer::timed_out);
+    EXPECT_EQ(wait_reset_response(device, false), -110);
+}
+
+TEST_F(Usb, ResetWaitEndsWithANakEvenNextToAnAck)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers(ack_and_nak_chunk);
+    EXPECT_EQ(wait_reset_response(device, false), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{ack_and_nak_chunk});
+    EXPECT_EQ(log.texts(CORE_LOG_DBG).back(), ack_and_nak_chunk); // and no success
+}
+
+TEST_F(Usb, ResetWaitReadsAgainAtOnceAfterAnEmptyChunk)
+{
+    firehose_device *const device = programmer.open();
+    for (int i = 0; i < 9; ++i)
+        programmer.answers_nothing();
+    programmer.answers(ack_chunk);
+    EXPECT_EQ(wait_reset_response(device, false), 0);
+    EXPECT_EQ(libc_hooks::recorded_pauses(), pauses{});
+}
+
+TEST_F(Usb, ResetWaitGivesUpAfterTenEmptyChunksInARow)
+{
+    firehose_device *const device = programmer.open();
+    for (int i = 0; i < 10; ++i)
+        programmer.answers_nothing(fake_programmer::gone);
+    EXPECT_EQ(wait_reset_response(device, false), -71);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "the programmer sends empty answers only");
+}
+
+TEST_F(Usb, ResetWaitCountsEmptyChunksInARowOnly)
+{
+    firehose_device *const device = programmer.open();
+    for (int round = 0; round < 2; ++round) {
+        for (int i = 0; i < 9; ++i)
+            programmer.answers_nothing();
+        programmer.answers(log_chunk);
+    }
+    programmer.answers(ack_chunk);
+    EXPECT_EQ(wait_reset_response(device, false), 0);
+}
+
+// --- firehose_update
+
+TEST_F(Update, RunsPingConfigureCommandsAndReset)
+{
+    greets();
+    add_command("<erase physical_partition_number=\"0\"/>");
+    programmer.takes("<?xml version=\"1.0\"?>\n<data>\n<erase physical_partition_number=\"0\"/>\n</data>\n");
+    programmer.answers(ack_chunk);
+    resets();
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(programmer.usb.calls[2], "open 05c6:9008");
+    EXPECT_EQ(programmer.usb.calls.back(), "exit");
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{});
+    EXPECT_EQ(log.texts(CORE_LOG_DBG).back(), "successfully received ack about the reset command");
+}
+
+TEST_F(Update, OffersOneMegabyte)
+{
+    EXPECT_EQ(FIREHOSE_PAYLOAD_SIZE, 1048576U);
+    greets();
+    resets();
+    EXPECT_EQ(run(), 0);
+}
+
+TEST_F(Update, ReportsADeviceThatCannotBeOpened)
+{
+    programmer.usb.devices.clear();
+    EXPECT_EQ(run(), -19);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "error in opening the firehose device -19");
+    EXPECT_EQ(log.messages().back().function, "firehose_update");
+}
+
+TEST_F(Update, ResetsAfterAPingThatIsRefused)
+{
+    programmer.takes(ping_request);
+    programmer.answers(nak_chunk);
+    resets();
+    EXPECT_EQ(run(), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), (texts{nak_chunk, "error sending reading ack/nack " + failure_unsigned,
+                                              "error in nop handshake"}));
+}
+
+TEST_F(Update, ReturnsThePingsFailureWhenTheResetFailsToo)
+{
+    programmer.takes(ping_request);
+    programmer.answers_nothing();
+    programmer.takes_with(reset_request, fake_programmer::timed_out, 0);
+    EXPECT_EQ(run(), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "error in sending reset");
+}
+
+TEST_F(Update, ResetsAfterAConfigureThatIsRefused)
+{
+    programmer.takes(ping_request);
+    programmer.answers(ack_chunk);
+    programmer.takes(configure_request);
+    programmer.answers(nak_chunk);
+    resets();
+    EXPECT_EQ(run(), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "error in config");
+}
+
+TEST_F(Update, ResetsAfterACounterOfferOfZero)
+{
+    programmer.takes(ping_request);
+    programmer.answers(ack_chunk);
+    programmer.takes(configure_request);
+    programmer.answers("<response value=\"NAK\" MaxPayloadSizeToTargetInBytesSupported=\"0\"/>");
+    resets();
+    EXPECT_EQ(run(), -71);
+}
+
+TEST_F(Update, ResetsAfterACommandThatIsRefused)
+{
+    greets();
+    add_command("<erase physical_partition_number=\"0\"/>");
+    programmer.takes("<?xml version=\"1.0\"?>\n<data>\n<erase physical_partition_number=\"0\"/>\n</data>\n");
+    programmer.answers(nak_chunk);
+    resets();
+    EXPECT_EQ(run(), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "error sending commands -102");
+}
+
+TEST_F(Update, SendsNoSecondReset)
+{
+    greets();
+    add_command("<power value=\"reset\"/>");
+    programmer.takes("<?xml version=\"1.0\"?>\n<data>\n<power value=\"reset\"/>\n</data>\n");
+    programmer.answers(ack_chunk);
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(log.texts(CORE_LOG_DBG).back(), "reset command already sent");
+    EXPECT_EQ(log.messages().back().function, "firehose_update");
+}
+
+TEST_F(Update, SendsNoSecondResetAfterOneThatFailed)
+{
+    greets();
+    add_command("<power value=\"reset\"/>");
+    programmer.takes("<?xml version=\"1.0\"?>\n<data>\n<power value=\"reset\"/>\n</data>\n");
+    programmer.answers_nothing(fake_programmer::timed_out);
+    EXPECT_EQ(run(), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_DBG).back(), "reset command already sent");
+}
+
+TEST_F(Update, ReportsAFailedReset)
+{
+    greets();
+    programmer.takes_with(reset_request, fake_programmer::timed_out, 0);
+    EXPECT_EQ(run(), -110);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "error in sending reset");
+    EXPECT_EQ(log.messages().back().function, "firehose_update");
+}
+
+TEST_F(Update, WaitsForTheTargetOnPlatform1)
+{
+    package->platform = 1;
+    greets();
+    resets();
+    programmer.answers(target_reset_chunk);
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(libc_hooks::recorded_pauses(), (pauses{500, 1000}));
+}
+
+TEST_F(Update, WaitsForTheTargetOnPlatform2)
+{
+    package->platform = 2;
+    greets();
+    resets();
+    programmer.answers_nothing(fake_programmer::timed_out);
+    EXPECT_EQ(run(), 0);
+}
+
+TEST_F(Update, UsesTheNegotiatedPayloadForData)
+{
+    const temp_dir dir;
+    add_command("<program label=\"a\"/>");
+    strlcpy(package->images[0].filename, dir.write("a.bin", std::string(1500, 'a')).c_str(), 1024);
+    package->images[0].sector_size_in_bytes = 500;
+    package->images[0].file_size = 1500;
+    programmer.takes(ping_request);
+    programmer.answers(ack_chunk);
+    programmer.takes(configure_request);
+    programmer.answers("<response value=\"NAK\" MaxPayloadSizeToTargetInBytesSupported=\"1000\"/>");
+    programmer.takes("<?xml version=\"1.0\"?>\n<data>\n<program label=\"a\"/>\n</data>\n");
+    programmer.answers(ack_chunk);
+    programmer.takes(std::string(1000, 'a'));
+    programmer.takes(std::string(500, 'a'));
+    programmer.answers(ack_chunk);
+    resets();
+    EXPECT_EQ(run(), 0);
+}
+
+TEST_F(Update, ReadsOtpValuesInPlaceOfTheCommands)
+{
+    add_command("<erase physical_partition_number=\"0\"/>");
+    greets();
+    programmer.takes("<?xml version=\"1.0\"?>\n<data>\n<getstorageinfo  physical_partition_number=\"0\"/>\n"
+                     "</data>\n");
+    programmer.answers("<log value=\"OTP 1\"/>");
+    programmer.answers(ack_chunk);
+    resets();
+    EXPECT_EQ(run(true), 0);
+    EXPECT_EQ(log.texts(CORE_LOG_INF), texts{"OTP 1"});
+}
+
+TEST_F(Update, ResetsAfterAnOtpReadThatFailed)
+{
+    greets();
+    programmer.takes("<?xml version=\"1.0\"?>\n<data>\n<getstorageinfo  physical_partition_number=\"0\"/>\n"
+                     "</data>\n");
+    programmer.answers_nothing(fake_programmer::timed_out);
+    resets();
+    EXPECT_EQ(run(true), -110);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "error sending commands -110");
+}
+
+TEST_F(PcieUpdate, RunsOverThePort)
+{
+    const size_t before = open_descriptors();
+    std::thread modem([&] {
+        EXPECT_EQ(port.receive(57), ping_request);
+        port.send(ack_chunk);
+        EXPECT_EQ(port.receive(109), configure_request);
+        port.send(ack_chunk);
+        EXPECT_EQ(port.receive(79), reset_request);
+        port.send(ack_chunk);
+    });
+    EXPECT_EQ(firehose_update(m.get(), package.get(), false), 0);
+    modem.join();
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{});
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST_F(PcieUpdate, ReportsAPortThatCannotBeOpened)
+{
+    strlcpy(m->modem_port[0].port_name, "/nonexistent/port", sizeof m->modem_port[0].port_name);
+    EXPECT_EQ(firehose_update(m.get(), package.get(), false), -2);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "error in opening the firehose device -2");
+}
+
+TEST_F(PcieUpdate, SurvivesAHangUp)
+{
+    const size_t before = open_descriptors();
+    std::thread modem([&] {
+        EXPECT_EQ(port.receive(57), ping_request);
+        port.hang_up();
+    });
+    EXPECT_EQ(firehose_update(m.get(), package.get(), false), -102);
+    modem.join();
+    EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "error in sending reset");
+    EXPECT_EQ(open_descriptors() + 2, before); // the terminal's own two are closed
+}
