@@ -154,8 +154,11 @@ int find_package_files(image_list *list, owned_text *storage, const char **base_
 // Opening creates what is missing; an empty list made that way would be a run that flashes nothing and succeeds.
 int open_partition_file(const char *path, owned_file *file)
 {
-    const int err = core_file_exists(path);
-    return err == CORE_OK ? core_file_open(path, file->receive()) : err;
+    if (core_file_exists(path) == CORE_OK)
+        return core_file_open(path, file->receive());
+    core_log(CORE_LOG_ERR, log_source, "build_image_array_from_xml", __LINE__, "error %d %s opening file '%s'\n", ENOENT,
+             strerror(ENOENT), path);
+    return CORE_ENOENT;
 }
 
 int add_image(image_list *list, const char *line)

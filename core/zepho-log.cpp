@@ -261,7 +261,8 @@ void core_log_progress(const char *file, const char *function, int line, int64_t
     core_log_set_pprint(CORE_LOG_PPRINT_NEWLINE);
 }
 
-void core_log_progress_complete(const char *file, const char *, int line, int64_t max, const char *description)
+void core_log_progress_complete(const char *file, const char *, int line, int64_t max,
+                                const char *description)
 {
     if (core_log_is_json())
         print_progress_event(file, line, max, max, description);

@@ -58,7 +58,7 @@ int result_status(const sim::served &result) {
 }
 
 int run_on_usb(const sim::program_options &options, sim::device &modem, sim::transcript &log) {
-    sim::vhci_port port;
+    sim::vhci_port port(options.usb.first_port);
     if (!port.plug_in())
         return complain(exit_system_error, port.error());
     if (!modem.start())

@@ -18,6 +18,7 @@ namespace sim {
 struct usb_settings {
     bool wanted = false;
     usb_id id = {0xFFF0, 0x1001}; // in normal mode
+    uint32_t first_port = 0;      // of the host controller, to try first
     uint32_t away_ms = 1000;      // between leaving the bus and coming back
 };
 

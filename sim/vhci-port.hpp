@@ -17,6 +17,9 @@ std::optional<unsigned> find_free_port(std::string_view status, unsigned from);
 
 class vhci_port {
   public:
+    // `first`: the port to try first.
+    explicit vhci_port(unsigned first = 0) : number_(first) {}
+
     // Takes a free port, the one it had before if possible. False: see error().
     bool plug_in();
     void pull_out() { socket_.reset(); }
@@ -31,7 +34,7 @@ class vhci_port {
     bool fail(std::string what);
 
     descriptor socket_;
-    unsigned number_ = 0;
+    unsigned number_;
     std::string error_;
 };
 

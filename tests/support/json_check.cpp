@@ -13,7 +13,8 @@ class reader {
   public:
     explicit reader(const std::string &text) : source(text) {}
 
-    bool read_document(json_value *value) {
+    bool read_document(json_value *value)
+    {
         skip_blanks();
         if (!read_value(value, 0))
             return false;
@@ -28,7 +29,8 @@ class reader {
     size_t at = 0;
     std::string reason;
 
-    bool fail(const char *text) {
+    bool fail(const char *text)
+    {
         if (reason.empty())
             reason = text;
         return false;
@@ -36,19 +38,22 @@ class reader {
 
     int peek() const { return at < source.size() ? static_cast<unsigned char>(source[at]) : -1; }
 
-    bool take(char c) {
+    bool take(char c)
+    {
         if (peek() != static_cast<unsigned char>(c))
             return false;
         ++at;
         return true;
     }
 
-    void skip_blanks() {
+    void skip_blanks()
+    {
         while (peek() == ' ' || peek() == '\t' || peek() == '\n' || peek() == '\r')
             ++at;
     }
 
-    bool read_value(json_value *value, int depth) {
+    bool read_value(json_value *value, int depth)
+    {
         if (depth > max_depth)
             return fail("nested too deeply");
         switch (peek()) {
@@ -70,7 +75,8 @@ class reader {
         }
     }
 
-    bool read_word(json_value *value, const char *word, json_value::kind type) {
+    bool read_word(json_value *value, const char *word, json_value::kind type)
+    {
         if (source.compare(at, strlen(word), word) != 0)
             return fail("no such literal");
         at += strlen(word);
@@ -79,14 +85,16 @@ class reader {
         return true;
     }
 
-    bool read_digits() {
+    bool read_digits()
+    {
         const size_t start = at;
         while (peek() >= '0' && peek() <= '9')
             ++at;
         return at > start || fail("a digit is missing");
     }
 
-    bool read_number(json_value *value) {
+    bool read_number(json_value *value)
+    {
         const size_t start = at;
         take('-');
         if (!take('0') && !read_digits())
@@ -104,7 +112,8 @@ class reader {
         return true;
     }
 
-    bool read_array(json_value *value, int depth) {
+    bool read_array(json_value *value, int depth)
+    {
         value->type = json_value::kind::array;
         take('[');
         skip_blanks();
@@ -121,7 +130,8 @@ class reader {
         return take(']') || fail("an array does not end");
     }
 
-    bool read_object(json_value *value, int depth) {
+    bool read_object(json_value *value, int depth)
+    {
         value->type = json_value::kind::object;
         take('{');
         skip_blanks();
@@ -149,7 +159,8 @@ class reader {
         return take('}') || fail("an object does not end");
     }
 
-    bool read_text(std::string *text) {
+    bool read_text(std::string *text)
+    {
         take('"');
         while (!take('"')) {
             if (peek() < 0x20)
@@ -161,7 +172,8 @@ class reader {
         return true;
     }
 
-    bool read_escape(std::string *text) {
+    bool read_escape(std::string *text)
+    {
         static constexpr char letters[] = "\"\\/bfnrt";
         static constexpr char meanings[] = "\"\\/\b\f\n\r\t";
         const int c = peek();
@@ -177,7 +189,8 @@ class reader {
         return true;
     }
 
-    bool read_hex(uint32_t *value) {
+    bool read_hex(uint32_t *value)
+    {
         *value = 0;
         for (int i = 0; i < 4; ++i) {
             static constexpr char digits[] = "0123456789abcdef0123456789ABCDEF";
@@ -191,7 +204,8 @@ class reader {
         return true;
     }
 
-    bool read_code_point(std::string *text) {
+    bool read_code_point(std::string *text)
+    {
         uint32_t code = 0;
         if (!read_hex(&code))
             return false;
@@ -211,7 +225,8 @@ class reader {
         return true;
     }
 
-    static void append_utf8(std::string *text, uint32_t code) {
+    static void append_utf8(std::string *text, uint32_t code)
+    {
         const auto put = [text](uint32_t byte) { text->push_back(static_cast<char>(byte)); };
         if (code < 0x80) {
             put(code);
@@ -232,7 +247,8 @@ class reader {
 
     // Decodes one UTF-8 character by its bits and then checks the number, so that it shares no table with the
     // code that it checks.
-    bool read_character(std::string *text) {
+    bool read_character(std::string *text)
+    {
         const auto first = static_cast<uint32_t>(peek());
         size_t more = 0;
         uint32_t code = first;
@@ -266,20 +282,23 @@ class reader {
 
 } // namespace
 
-const json_value *json_value::find(const std::string &name) const {
+const json_value *json_value::find(const std::string &name) const
+{
     const auto found = std::find_if(members.begin(), members.end(),
                                     [&name](const auto &member) { return member.name == name; });
     return found != members.end() ? &found->value : nullptr;
 }
 
-std::vector<std::string> json_value::names() const {
+std::vector<std::string> json_value::names() const
+{
     std::vector<std::string> all;
     for (const auto &member : members)
         all.push_back(member.name);
     return all;
 }
 
-bool json_read(const std::string &source, json_value *value, std::string *error) {
+bool json_read(const std::string &source, json_value *value, std::string *error)
+{
     *value = {};
     reader document(source);
     if (document.read_document(value))
@@ -288,7 +307,8 @@ bool json_read(const std::string &source, json_value *value, std::string *error)
     return false;
 }
 
-std::string json_line_fault(const std::string &line) {
+std::string json_line_fault(const std::string &line)
+{
     if (line.empty() || line.find('\n') != line.size() - 1)
         return "not one line";
     json_value value;

@@ -41,7 +41,8 @@ inline thread_local script<int> write_errors;
 // Pauses of at least 10 ms return at once and are recorded, in milliseconds.
 inline thread_local bool skip_pauses;
 inline thread_local script<unsigned> pauses;
-// When set, the calls on regular files (read, lseek, fstat) and on terminals (tcgetattr) fail with this errno.
+// When set, the calls on regular files (read, lseek, fstat) and on terminals (tcgetattr) fail with this
+// errno.
 inline thread_local int file_read_error;
 inline thread_local int file_seek_error;
 inline thread_local int file_size_error;

@@ -42,7 +42,8 @@ static int poll_errno = 0;
 static short poll_events = 0;
 static std::function<void(int)> before_poll; // gets the number of the poll, from 1
 
-extern "C" int inotify_init() noexcept {
+extern "C" int inotify_init() noexcept
+{
     ++inotify_inits;
     if (inotify_init_fails) {
         errno = EMFILE;
@@ -51,13 +52,15 @@ extern "C" int inotify_init() noexcept {
     return inotify_init1(0);
 }
 
-extern "C" int inotify_add_watch(int descriptor, const char *name, uint32_t mask) noexcept {
+extern "C" int inotify_add_watch(int descriptor, const char *name, uint32_t mask) noexcept
+{
     watched_directory = name;
     watched_mask = mask;
     return static_cast<int>(syscall(SYS_inotify_add_watch, descriptor, name, mask));
 }
 
-extern "C" int access(const char *name, int type) noexcept {
+extern "C" int access(const char *name, int type) noexcept
+{
     if (every_node_is_missing) {
         errno = ENOENT;
         return -1;
@@ -65,7 +68,8 @@ extern "C" int access(const char *name, int type) noexcept {
     return faccessat(AT_FDCWD, name, type, 0);
 }
 
-extern "C" char *strdup(const char *text) noexcept {
+extern "C" char *strdup(const char *text) noexcept
+{
     if (strdups_until_failure == 0) {
         errno = ENOMEM;
         return nullptr;
@@ -79,7 +83,8 @@ extern "C" char *strdup(const char *text) noexcept {
     return copy;
 }
 
-extern "C" int poll(pollfd *watched, nfds_t count, int timeout) {
+extern "C" int poll(pollfd *watched, nfds_t count, int timeout)
+{
     poll_timeouts.push_back(timeout);
     const int number = ++polls;
     if (before_poll)
@@ -96,7 +101,8 @@ extern "C" int poll(pollfd *watched, nfds_t count, int timeout) {
     return ppoll(watched, count, timeout < 0 ? nullptr : &limit, nullptr);
 }
 
-extern "C" ssize_t read(int descriptor, void *buffer, size_t size) {
+extern "C" ssize_t read(int descriptor, void *buffer, size_t size)
+{
     if (failing_reads > 0) {
         --failing_reads;
         errno = EIO;
@@ -105,13 +111,15 @@ extern "C" ssize_t read(int descriptor, void *buffer, size_t size) {
     return syscall(SYS_read, descriptor, buffer, size);
 }
 
-static void handle_signal(int signo) {
+static void handle_signal(int signo)
+{
     core_signal_handler(signo);
 }
 
 namespace {
 
-auto open_descriptors() {
+auto open_descriptors()
+{
     const std::filesystem::directory_iterator entries("/proc/self/fd");
     return std::distance(begin(entries), end(entries));
 }
@@ -125,7 +133,8 @@ class WaitForSerial : public testing::Test {
     void create(const std::string &name) const { dir.write(name, ""); }
 
     // Ends the wait with the poll of this number, so that a wait that should go on fails no slower.
-    static void stop_at(int number) {
+    static void stop_at(int number)
+    {
         if (polls >= number)
             core_signal_handler(SIGINT);
     }
@@ -137,7 +146,8 @@ class WaitForSerial : public testing::Test {
 
 } // namespace
 
-TEST_F(WaitForSerial, RefusesANullName) {
+TEST_F(WaitForSerial, RefusesANullName)
+{
     EXPECT_EQ(core_wait_for_serial(nullptr), -22);
     ASSERT_EQ(log.messages().size(), 1U);
     EXPECT_EQ(log.messages()[0].level, CORE_LOG_ERR);
@@ -146,27 +156,31 @@ TEST_F(WaitForSerial, RefusesANullName) {
     EXPECT_EQ(log.messages()[0].function, "core_wait_for_serial");
 }
 
-TEST_F(WaitForSerial, EndsAtOnceWhenThePortExists) {
+TEST_F(WaitForSerial, EndsAtOnceWhenThePortExists)
+{
     create("ttyUSB0");
     EXPECT_EQ(wait(), 0);
     EXPECT_EQ(polls, 0);
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(WaitForSerial, MakesNoInotifyDescriptorWhenThePortExists) {
+TEST_F(WaitForSerial, MakesNoInotifyDescriptorWhenThePortExists)
+{
     create("ttyUSB0");
     wait();
     EXPECT_EQ(inotify_inits, 0);
 }
 
-TEST_F(WaitForSerial, WatchesTheDirectoryForCreationsOnly) {
+TEST_F(WaitForSerial, WatchesTheDirectoryForCreationsOnly)
+{
     before_poll = [this](int) { create("ttyUSB0"); };
     EXPECT_EQ(wait(), 0);
     EXPECT_EQ(watched_directory, dir.path());
     EXPECT_EQ(watched_mask, 0x100U);
 }
 
-TEST_F(WaitForSerial, WatchesTheCurrentDirectoryForABareName) {
+TEST_F(WaitForSerial, WatchesTheCurrentDirectoryForABareName)
+{
     ASSERT_EQ(chdir(dir.path().c_str()), 0);
     before_poll = [this](int) { create("ttyUSB0"); };
     EXPECT_EQ(core_wait_for_serial("ttyUSB0"), 0);
@@ -174,7 +188,8 @@ TEST_F(WaitForSerial, WatchesTheCurrentDirectoryForABareName) {
     ASSERT_EQ(chdir("/"), 0);
 }
 
-TEST_F(WaitForSerial, EndsWhenThePortIsCreated) {
+TEST_F(WaitForSerial, EndsWhenThePortIsCreated)
+{
     before_poll = [this](int) { create("ttyUSB0"); };
     EXPECT_EQ(wait(), 0);
     EXPECT_EQ(polls, 1);
@@ -184,7 +199,8 @@ TEST_F(WaitForSerial, EndsWhenThePortIsCreated) {
     EXPECT_EQ(log.messages()[0].function, "core_wait_for_serial");
 }
 
-TEST_F(WaitForSerial, EndsWithinASecondWhenBlocked) {
+TEST_F(WaitForSerial, EndsWithinASecondWhenBlocked)
+{
     clock_type::time_point created;
     std::thread creator([&] {
         while (polls == 0)
@@ -198,12 +214,14 @@ TEST_F(WaitForSerial, EndsWithinASecondWhenBlocked) {
     EXPECT_LT(ended - created, std::chrono::seconds(1));
 }
 
-TEST_F(WaitForSerial, EndsForALinkOfTheName) {
+TEST_F(WaitForSerial, EndsForALinkOfTheName)
+{
     before_poll = [this](int) { EXPECT_EQ(symlink("/dev/null", port.c_str()), 0); };
     EXPECT_EQ(wait(), 0);
 }
 
-TEST_F(WaitForSerial, NoticesAPortThatIsAlreadyGoneAgain) {
+TEST_F(WaitForSerial, NoticesAPortThatIsAlreadyGoneAgain)
+{
     before_poll = [this](int number) {
         if (number > 1)
             return stop_at(5);
@@ -214,7 +232,8 @@ TEST_F(WaitForSerial, NoticesAPortThatIsAlreadyGoneAgain) {
     EXPECT_TRUE(log.has(CORE_LOG_DBG, port + " is created\n"));
 }
 
-TEST_F(WaitForSerial, FindsThePortAmongOtherEvents) {
+TEST_F(WaitForSerial, FindsThePortAmongOtherEvents)
+{
     every_node_is_missing = true; // so that only the events tell
     before_poll = [this](int number) {
         if (number > 1)
@@ -226,7 +245,8 @@ TEST_F(WaitForSerial, FindsThePortAmongOtherEvents) {
     EXPECT_EQ(polls, 1);
 }
 
-TEST_F(WaitForSerial, FindsThePortInALaterBuffer) {
+TEST_F(WaitForSerial, FindsThePortInALaterBuffer)
+{
     every_node_is_missing = true;
     before_poll = [this](int number) {
         if (number > 1)
@@ -239,7 +259,8 @@ TEST_F(WaitForSerial, FindsThePortInALaterBuffer) {
     EXPECT_GT(polls, 3);
 }
 
-TEST_F(WaitForSerial, TestsTheNameAgainInEveryPass) {
+TEST_F(WaitForSerial, TestsTheNameAgainInEveryPass)
+{
     before_poll = [this](int number) {
         if (number == 1)
             std::filesystem::rename(dir.write("other", ""), port); // a move is no creation
@@ -250,7 +271,8 @@ TEST_F(WaitForSerial, TestsTheNameAgainInEveryPass) {
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(WaitForSerial, IsNotEndedByOtherNames) {
+TEST_F(WaitForSerial, IsNotEndedByOtherNames)
+{
     before_poll = [this](int number) {
         if (number == 1) {
             for (const char *const name : {"other", "ttyUSB", "ttyUSB00", "xttyUSB0", "TTYUSB0"})
@@ -262,13 +284,15 @@ TEST_F(WaitForSerial, IsNotEndedByOtherNames) {
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(WaitForSerial, LooksForSigintOnceASecond) {
+TEST_F(WaitForSerial, LooksForSigintOnceASecond)
+{
     before_poll = [](int) { core_signal_handler(SIGINT); };
     wait();
     EXPECT_EQ(poll_timeouts, std::vector<int>{1000});
 }
 
-TEST_F(WaitForSerial, EndsWithinASecondOfSigint) {
+TEST_F(WaitForSerial, EndsWithinASecondOfSigint)
+{
     // The flag is set, as by a signal that another thread received, while the wait is blocked.
     clock_type::time_point set;
     std::thread interrupter([&] {
@@ -284,7 +308,8 @@ TEST_F(WaitForSerial, EndsWithinASecondOfSigint) {
     EXPECT_EQ(polls, 1);
 }
 
-TEST_F(WaitForSerial, EndsSilentlyWhenSigintInterruptsIt) {
+TEST_F(WaitForSerial, EndsSilentlyWhenSigintInterruptsIt)
+{
     ASSERT_NE(signal(SIGINT, handle_signal), SIG_ERR);
     before_poll = [](int) {
         core_signal_handler(SIGINT);
@@ -294,7 +319,8 @@ TEST_F(WaitForSerial, EndsSilentlyWhenSigintInterruptsIt) {
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(WaitForSerial, IsInterruptedByTheSignalItself) {
+TEST_F(WaitForSerial, IsInterruptedByTheSignalItself)
+{
     ASSERT_NE(signal(SIGINT, handle_signal), SIG_ERR);
     const pthread_t waiting = pthread_self();
     std::atomic<bool> done{false};
@@ -316,31 +342,36 @@ TEST_F(WaitForSerial, IsInterruptedByTheSignalItself) {
     EXPECT_LT(end - start, std::chrono::milliseconds(900));
 }
 
-TEST_F(WaitForSerial, DoesNotWaitWhenSigintCameBefore) {
+TEST_F(WaitForSerial, DoesNotWaitWhenSigintCameBefore)
+{
     core_signal_handler(SIGINT);
     EXPECT_EQ(wait(), -19);
     EXPECT_EQ(polls, 0);
 }
 
-TEST_F(WaitForSerial, PrefersAPortThatExistsToSigint) {
+TEST_F(WaitForSerial, PrefersAPortThatExistsToSigint)
+{
     create("ttyUSB0");
     core_signal_handler(SIGINT);
     EXPECT_EQ(wait(), 0);
 }
 
-TEST_F(WaitForSerial, ReportsADirectoryThatDoesNotExist) {
+TEST_F(WaitForSerial, ReportsADirectoryThatDoesNotExist)
+{
     EXPECT_EQ(core_wait_for_serial("/nonexistent/ttyUSB0"), -102);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"inotify_add_watch\n"});
     EXPECT_EQ(log.messages()[0].function, "core_wait_for_serial");
 }
 
-TEST_F(WaitForSerial, ReportsAMissingInotifyDescriptor) {
+TEST_F(WaitForSerial, ReportsAMissingInotifyDescriptor)
+{
     inotify_init_fails = true;
     EXPECT_EQ(wait(), -102);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"inotify_init\n"});
 }
 
-TEST_F(WaitForSerial, ReportsANameThatCannotBeCopiedForItsDirectory) {
+TEST_F(WaitForSerial, ReportsANameThatCannotBeCopiedForItsDirectory)
+{
     strdups_until_failure = 0;
     const int result = wait();
     strdups_until_failure = -1;
@@ -349,7 +380,8 @@ TEST_F(WaitForSerial, ReportsANameThatCannotBeCopiedForItsDirectory) {
               strings{"could not copy port '" + port + "' for dirname: error 12 Cannot allocate memory"});
 }
 
-TEST_F(WaitForSerial, ReportsANameThatCannotBeCopiedForItsLastPart) {
+TEST_F(WaitForSerial, ReportsANameThatCannotBeCopiedForItsLastPart)
+{
     strdups_until_failure = 1;
     const int result = wait();
     strdups_until_failure = -1;
@@ -358,7 +390,8 @@ TEST_F(WaitForSerial, ReportsANameThatCannotBeCopiedForItsLastPart) {
               strings{"could not copy port '" + port + "' for basename: error 12 Cannot allocate memory"});
 }
 
-TEST_F(WaitForSerial, ReportsAPollThatFails) {
+TEST_F(WaitForSerial, ReportsAPollThatFails)
+{
     poll_errno = EINVAL;
     EXPECT_EQ(wait(), -102);
     ASSERT_EQ(log.messages().size(), 1U);
@@ -367,19 +400,22 @@ TEST_F(WaitForSerial, ReportsAPollThatFails) {
     EXPECT_EQ(log.messages()[0].function, "core_wait_for_serial");
 }
 
-TEST_F(WaitForSerial, ReportsAPollInterruptedByAnotherSignal) {
+TEST_F(WaitForSerial, ReportsAPollInterruptedByAnotherSignal)
+{
     poll_errno = EINTR;
     EXPECT_EQ(wait(), -102);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"Poll error 4, Interrupted system call\n"});
 }
 
-TEST_F(WaitForSerial, ReportsAnErrorOfTheDescriptor) {
+TEST_F(WaitForSerial, ReportsAnErrorOfTheDescriptor)
+{
     poll_events = POLLERR | POLLIN;
     EXPECT_EQ(wait(), -102);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"Poll device error\n"});
 }
 
-TEST_F(WaitForSerial, GoesOnAfterAReadThatFails) {
+TEST_F(WaitForSerial, GoesOnAfterAReadThatFails)
+{
     failing_reads = 1;
     every_node_is_missing = true;
     before_poll = [this](int number) {
@@ -393,14 +429,16 @@ TEST_F(WaitForSerial, GoesOnAfterAReadThatFails) {
               (strings{"Read error 5, Input/output error\n", port + " is created\n"}));
 }
 
-TEST_F(WaitForSerial, ReleasesItsDescriptorsInTheEnd) {
+TEST_F(WaitForSerial, ReleasesItsDescriptorsInTheEnd)
+{
     const auto before = open_descriptors();
     before_poll = [this](int) { create("ttyUSB0"); };
     EXPECT_EQ(wait(), 0);
     EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST_F(WaitForSerial, ReleasesItsDescriptorsAfterAFailure) {
+TEST_F(WaitForSerial, ReleasesItsDescriptorsAfterAFailure)
+{
     const auto before = open_descriptors();
     EXPECT_EQ(core_wait_for_serial("/nonexistent/ttyUSB0"), -102);
     poll_errno = EINVAL;

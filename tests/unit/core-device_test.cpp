@@ -47,11 +47,13 @@ static int given_lines = 0;
 static bool setting_lines_fails = false;
 static std::vector<int> set_lines;
 
-template <typename fn> static fn real_function(const char *name) {
+template <typename fn> static fn real_function(const char *name)
+{
     return reinterpret_cast<fn>(dlsym(RTLD_NEXT, name));
 }
 
-extern "C" ssize_t write(int handle, const void *buffer, size_t size) {
+extern "C" ssize_t write(int handle, const void *buffer, size_t size)
+{
     if (write_results.empty())
         return syscall(SYS_write, handle, buffer, size);
     written_blocks.emplace_back(static_cast<const char *>(buffer), size);
@@ -63,14 +65,20 @@ extern "C" ssize_t write(int handle, const void *buffer, size_t size) {
     return -1;
 }
 
-extern "C" int usleep(useconds_t time) {
+extern "C" int usleep(useconds_t time)
+{
     slept.push_back(time);
     return 0;
 }
 
-extern "C" int poll(pollfd *watched, nfds_t count, int timeout) {
-    if (polls_are_noted)
-        noted_polls.emplace_back(watched->events, timeout);
+extern "C" int poll(pollfd *watched, nfds_t count, int timeout)
+{
+    if (polls_are_noted) {
+        // The C library's declaration says that poll(2) only writes here; volatile keeps the compiler calm.
+        const volatile pollfd *const asked = watched;
+        const short events = asked->events;
+        noted_polls.emplace_back(events, timeout);
+    }
     if (poll_errno != 0) {
         errno = poll_errno;
         return -1;
@@ -81,7 +89,8 @@ extern "C" int poll(pollfd *watched, nfds_t count, int timeout) {
     return ppoll(watched, count, timeout < 0 ? nullptr : &limit, nullptr);
 }
 
-extern "C" int tcgetattr(int handle, termios *attributes) noexcept {
+extern "C" int tcgetattr(int handle, termios *attributes) noexcept
+{
     if (getattr_calls_until_failure == 0) {
         errno = EIO;
         return -1;
@@ -91,15 +100,18 @@ extern "C" int tcgetattr(int handle, termios *attributes) noexcept {
     return real_function<int (*)(int, termios *)>("tcgetattr")(handle, attributes);
 }
 
-extern "C" speed_t cfgetispeed(const termios *attributes) noexcept {
+extern "C" speed_t cfgetispeed(const termios *attributes) noexcept
+{
     return ispeed_stays ? B9600 : real_function<speed_t (*)(const termios *)>("cfgetispeed")(attributes);
 }
 
-extern "C" speed_t cfgetospeed(const termios *attributes) noexcept {
+extern "C" speed_t cfgetospeed(const termios *attributes) noexcept
+{
     return ospeed_stays ? B9600 : real_function<speed_t (*)(const termios *)>("cfgetospeed")(attributes);
 }
 
-extern "C" int tcsetattr(int handle, int actions, const termios *attributes) noexcept {
+extern "C" int tcsetattr(int handle, int actions, const termios *attributes) noexcept
+{
     if (setattr_fails) {
         errno = EIO;
         return -1;
@@ -107,7 +119,8 @@ extern "C" int tcsetattr(int handle, int actions, const termios *attributes) noe
     return real_function<int (*)(int, int, const termios *)>("tcsetattr")(handle, actions, attributes);
 }
 
-extern "C" int cfsetispeed(termios *attributes, speed_t speed) noexcept {
+extern "C" int cfsetispeed(termios *attributes, speed_t speed) noexcept
+{
     if (ispeed_fails) {
         errno = EINVAL;
         return -1;
@@ -115,7 +128,8 @@ extern "C" int cfsetispeed(termios *attributes, speed_t speed) noexcept {
     return real_function<int (*)(termios *, speed_t)>("cfsetispeed")(attributes, speed);
 }
 
-extern "C" int cfsetospeed(termios *attributes, speed_t speed) noexcept {
+extern "C" int cfsetospeed(termios *attributes, speed_t speed) noexcept
+{
     if (ospeed_fails) {
         errno = EINVAL;
         return -1;
@@ -123,7 +137,8 @@ extern "C" int cfsetospeed(termios *attributes, speed_t speed) noexcept {
     return real_function<int (*)(termios *, speed_t)>("cfsetospeed")(attributes, speed);
 }
 
-extern "C" int ioctl(int handle, unsigned long request, ...) noexcept {
+extern "C" int ioctl(int handle, unsigned long request, ...) noexcept
+{
     va_list arguments;
     va_start(arguments, request);
     void *const argument = va_arg(arguments, void *);
@@ -146,7 +161,8 @@ extern "C" int ioctl(int handle, unsigned long request, ...) noexcept {
 namespace {
 
 // A descriptor that is open no more.
-int closed_handle() {
+int closed_handle()
+{
     const int handle = open("/dev/null", O_RDONLY);
     close(handle);
     return handle;
@@ -155,7 +171,8 @@ int closed_handle() {
 // Two ends of a pipe that does not block; each end may be closed early.
 class pipe_ends {
   public:
-    pipe_ends() {
+    pipe_ends()
+    {
         int ends[2] = {-1, -1};
         EXPECT_EQ(pipe2(ends, O_NONBLOCK), 0);
         out = ends[0];
@@ -163,18 +180,21 @@ class pipe_ends {
     }
     pipe_ends(const pipe_ends &) = delete;
     pipe_ends &operator=(const pipe_ends &) = delete;
-    ~pipe_ends() {
+    ~pipe_ends()
+    {
         close_end(out);
         close_end(in);
     }
 
-    static void close_end(int &end) {
+    static void close_end(int &end)
+    {
         if (end != -1)
             close(end);
         end = -1;
     }
 
-    void fill() const {
+    void fill() const
+    {
         const std::string block(4096, 'x');
         while (write(in, block.data(), block.size()) > 0)
             continue;
@@ -187,7 +207,8 @@ class pipe_ends {
 class Device : public testing::Test {
   protected:
     Device() { EXPECT_EQ(core_device_open(port.path().c_str(), &handle), 0); }
-    ~Device() override {
+    ~Device() override
+    {
         write_results.clear();
         polls_are_noted = poll_expires = false;
         poll_errno = 0;
@@ -196,20 +217,23 @@ class Device : public testing::Test {
         close(handle);
     }
 
-    termios attributes() const {
+    termios attributes() const
+    {
         termios now{};
         EXPECT_EQ(tcgetattr(handle, &now), 0);
         return now;
     }
 
     // Sends bytes and waits until they have arrived: the terminal hands them on in its own time.
-    void bring(const std::string &bytes) {
+    void bring(const std::string &bytes)
+    {
         port.send(bytes);
         pollfd watched{handle, POLLIN, 0};
         EXPECT_EQ(poll(&watched, 1, 5000), 1);
     }
 
-    const logged_message &only_message() const {
+    const logged_message &only_message() const
+    {
         EXPECT_EQ(log.messages().size(), 1U);
         static const logged_message none{};
         return log.messages().empty() ? none : log.messages()[0];
@@ -235,13 +259,15 @@ class BytesAvailable : public Device {};
 
 } // namespace
 
-TEST_F(DeviceOpen, OpensForReadingAndWritingWithoutBlocking) {
+TEST_F(DeviceOpen, OpensForReadingAndWritingWithoutBlocking)
+{
     const int flags = fcntl(handle, F_GETFL);
     EXPECT_EQ(flags & O_ACCMODE, O_RDWR);
     EXPECT_NE(flags & O_NONBLOCK, 0);
 }
 
-TEST_F(DeviceOpen, TouchesNoTerminalSettings) {
+TEST_F(DeviceOpen, TouchesNoTerminalSettings)
+{
     termios before = attributes();
     before.c_lflag |= ECHO | ICANON;
     before.c_oflag |= OPOST;
@@ -253,7 +279,8 @@ TEST_F(DeviceOpen, TouchesNoTerminalSettings) {
     EXPECT_EQ(attributes().c_oflag, before.c_oflag);
 }
 
-TEST_F(DeviceOpen, ReportsAMissingDevice) {
+TEST_F(DeviceOpen, ReportsAMissingDevice)
+{
     int missing = 77;
     EXPECT_EQ(core_device_open("/nonexistent/tty", &missing), -2);
     EXPECT_EQ(missing, -1);
@@ -264,7 +291,8 @@ TEST_F(DeviceOpen, ReportsAMissingDevice) {
     EXPECT_EQ(only_message().function, "core_device_open");
 }
 
-TEST_F(DeviceOpen, ReportsADirectoryAsGenericFailure) {
+TEST_F(DeviceOpen, ReportsADirectoryAsGenericFailure)
+{
     const temp_dir dir;
     int missing = 77;
     EXPECT_EQ(core_device_open(dir.path().c_str(), &missing), -102);
@@ -272,7 +300,8 @@ TEST_F(DeviceOpen, ReportsADirectoryAsGenericFailure) {
     EXPECT_EQ(only_message().text, "could not open device " + dir.path() + ": error 21 Is a directory\n");
 }
 
-TEST_F(DeviceOpen, CreatesNothing) {
+TEST_F(DeviceOpen, CreatesNothing)
+{
     const temp_dir dir;
     int missing = 77;
     EXPECT_EQ(core_device_open(dir.at("new").c_str(), &missing), -2);
@@ -280,7 +309,8 @@ TEST_F(DeviceOpen, CreatesNothing) {
 }
 
 // A session leader without a terminal, as a daemon is, would get the port as its controlling terminal.
-TEST(DeviceOpenDeathTest, MakesNoControllingTerminalOfThePort) {
+TEST(DeviceOpenDeathTest, MakesNoControllingTerminalOfThePort)
+{
     const pty port;
     const auto open_as_session_leader = [&port] {
         setsid();
@@ -292,7 +322,8 @@ TEST(DeviceOpenDeathTest, MakesNoControllingTerminalOfThePort) {
     EXPECT_EXIT(open_as_session_leader(), testing::ExitedWithCode(0), "");
 }
 
-TEST_F(DeviceClose, ClosesTheHandle) {
+TEST_F(DeviceClose, ClosesTheHandle)
+{
     int second = -1;
     core_device_open(port.path().c_str(), &second);
     EXPECT_EQ(core_device_close(second), 0);
@@ -300,14 +331,16 @@ TEST_F(DeviceClose, ClosesTheHandle) {
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(DeviceClose, ReportsAHandleThatIsNotOpen) {
+TEST_F(DeviceClose, ReportsAHandleThatIsNotOpen)
+{
     EXPECT_EQ(core_device_close(closed_handle()), -102);
     EXPECT_EQ(only_message().level, CORE_LOG_DBG);
     EXPECT_EQ(only_message().text, "could not close handle: error 9 Bad file descriptor\n");
     EXPECT_EQ(only_message().function, "core_device_close");
 }
 
-TEST_F(FlowControl, MakesTheTerminalRaw) {
+TEST_F(FlowControl, MakesTheTerminalRaw)
+{
     termios cooked = attributes();
     cooked.c_iflag |= ICRNL | IXON | ISTRIP;
     cooked.c_oflag |= OPOST;
@@ -323,31 +356,36 @@ TEST_F(FlowControl, MakesTheTerminalRaw) {
     EXPECT_EQ(now.c_cc[VTIME], 0);
 }
 
-TEST_F(FlowControl, IsSet) {
+TEST_F(FlowControl, IsSet)
+{
     EXPECT_EQ(core_set_hw_flow_control(handle, true), 0);
     EXPECT_NE(attributes().c_cflag & CRTSCTS, 0U);
 }
 
-TEST_F(FlowControl, IsCleared) {
+TEST_F(FlowControl, IsCleared)
+{
     core_set_hw_flow_control(handle, true);
     EXPECT_EQ(core_set_hw_flow_control(handle, false), 0);
     EXPECT_EQ(attributes().c_cflag & CRTSCTS, 0U);
 }
 
-TEST_F(FlowControl, IsClearedByRawMode) {
+TEST_F(FlowControl, IsClearedByRawMode)
+{
     core_set_hw_flow_control(handle, true);
     EXPECT_EQ(core_device_set_raw_mode(handle), 0);
     EXPECT_EQ(attributes().c_cflag & CRTSCTS, 0U);
 }
 
-TEST_F(FlowControl, KeepsTheSpeed) {
+TEST_F(FlowControl, KeepsTheSpeed)
+{
     core_device_set_baud_rate(handle, 460800);
     EXPECT_EQ(core_set_hw_flow_control(handle, true), 0);
     const termios now = attributes();
     EXPECT_EQ(cfgetospeed(&now), static_cast<speed_t>(B460800));
 }
 
-TEST_F(FlowControl, IgnoresARegularFile) {
+TEST_F(FlowControl, IgnoresARegularFile)
+{
     const temp_dir dir;
     const int file = open(dir.write("f", "").c_str(), O_RDWR);
     EXPECT_EQ(core_set_hw_flow_control(file, true), 0);
@@ -355,32 +393,37 @@ TEST_F(FlowControl, IgnoresARegularFile) {
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(FlowControl, ReportsAHandleThatIsNotOpen) {
+TEST_F(FlowControl, ReportsAHandleThatIsNotOpen)
+{
     EXPECT_EQ(core_set_hw_flow_control(closed_handle(), false), -102);
     EXPECT_EQ(only_message().level, CORE_LOG_ERR);
     EXPECT_EQ(only_message().text, "could not get device configuration: error 9 Bad file descriptor\n");
     EXPECT_EQ(only_message().function, "core_set_hw_flow_control");
 }
 
-TEST_F(FlowControl, ReportsATerminalThatHungUp) {
+TEST_F(FlowControl, ReportsATerminalThatHungUp)
+{
     port.hang_up();
     EXPECT_EQ(core_device_set_raw_mode(handle), -5);
     EXPECT_EQ(only_message().text, "could not get device configuration: error 5 Input/output error\n");
 }
 
-TEST_F(FlowControl, ReportsSettingsThatAreNotTaken) {
+TEST_F(FlowControl, ReportsSettingsThatAreNotTaken)
+{
     setattr_fails = true;
     EXPECT_EQ(core_set_hw_flow_control(handle, false), -5);
     EXPECT_EQ(only_message().level, CORE_LOG_ERR);
     EXPECT_EQ(only_message().text, "could not set device config: error 5 Input/output error\n");
 }
 
-TEST_F(SerialState, NeedsARecord) {
+TEST_F(SerialState, NeedsARecord)
+{
     EXPECT_EQ(core_get_serial_state(handle, nullptr), -22);
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(SerialState, IsZeroWhereThereAreNoModemLines) {
+TEST_F(SerialState, IsZeroWhereThereAreNoModemLines)
+{
     const int file = open("/dev/null", O_RDWR);
     core_serial_state state{1, 1, 1, 1};
     EXPECT_EQ(core_get_serial_state(file, &state), 0);
@@ -394,7 +437,8 @@ TEST_F(SerialState, IsZeroWhereThereAreNoModemLines) {
     EXPECT_EQ(only_message().function, "core_get_serial_state");
 }
 
-TEST(SerialStateRecord, IsFourBytesInTheOrderOfTheLines) {
+TEST(SerialStateRecord, IsFourBytesInTheOrderOfTheLines)
+{
     const core_serial_state state{1, 2, 3, 4};
     unsigned char bytes[4];
     static_assert(sizeof state == sizeof bytes);
@@ -411,13 +455,15 @@ struct line_row {
     core_serial_state state;
 };
 
-static void PrintTo(const line_row &row, std::ostream *out) {
+static void PrintTo(const line_row &row, std::ostream *out)
+{
     *out << row.lines;
 }
 
 class ModemLines : public testing::TestWithParam<line_row> {};
 
-TEST_P(ModemLines, AreReadIntoTheRecord) {
+TEST_P(ModemLines, AreReadIntoTheRecord)
+{
     lines_are_given = true;
     given_lines = GetParam().lines;
     core_serial_state state{7, 7, 7, 7};
@@ -447,13 +493,15 @@ struct signal_row {
     int after;
 };
 
-static void PrintTo(const signal_row &row, std::ostream *out) {
+static void PrintTo(const signal_row &row, std::ostream *out)
+{
     *out << row.name;
 }
 
 class OwnLines : public testing::TestWithParam<signal_row> {};
 
-TEST_P(OwnLines, AreWrittenBack) {
+TEST_P(OwnLines, AreWrittenBack)
+{
     lines_are_given = true;
     given_lines = GetParam().before;
     EXPECT_EQ(core_set_control_signals(0, GetParam().dtr, GetParam().rts), 0);
@@ -471,7 +519,8 @@ INSTANTIATE_TEST_SUITE_P(Table, OwnLines,
                                                     TIOCM_CTS}),
                          [](const auto &row) { return std::string(row.param.name); });
 
-TEST_F(ControlSignals, SucceedEvenIfTheLinesCannotBeRead) {
+TEST_F(ControlSignals, SucceedEvenIfTheLinesCannotBeRead)
+{
     const int file = open("/dev/null", O_RDWR);
     EXPECT_EQ(core_set_control_signals(file, true, true), 0);
     close(file);
@@ -480,7 +529,8 @@ TEST_F(ControlSignals, SucceedEvenIfTheLinesCannotBeRead) {
     EXPECT_EQ(only_message().function, "core_set_control_signals");
 }
 
-TEST_F(ControlSignals, SucceedEvenIfTheLinesCannotBeWritten) {
+TEST_F(ControlSignals, SucceedEvenIfTheLinesCannotBeWritten)
+{
     lines_are_given = setting_lines_fails = true;
     EXPECT_EQ(core_set_control_signals(handle, true, true), 0);
     EXPECT_EQ(only_message().level, CORE_LOG_DBG);
@@ -492,13 +542,15 @@ struct rate_row {
     speed_t speed;
 };
 
-static void PrintTo(const rate_row &row, std::ostream *out) {
+static void PrintTo(const rate_row &row, std::ostream *out)
+{
     *out << row.rate;
 }
 
 class SupportedRate : public Device, public testing::WithParamInterface<rate_row> {};
 
-TEST_P(SupportedRate, IsSetBothWays) {
+TEST_P(SupportedRate, IsSetBothWays)
+{
     EXPECT_EQ(core_device_set_baud_rate(handle, GetParam().rate), 0);
     const termios now = attributes();
     EXPECT_EQ(cfgetispeed(&now), GetParam().speed);
@@ -515,7 +567,8 @@ INSTANTIATE_TEST_SUITE_P(Table, SupportedRate,
 
 class UnsupportedRate : public Device, public testing::WithParamInterface<unsigned> {};
 
-TEST_P(UnsupportedRate, IsRefusedAndThePortNotTouched) {
+TEST_P(UnsupportedRate, IsRefusedAndThePortNotTouched)
+{
     core_device_set_baud_rate(handle, 230400);
     log.clear();
     EXPECT_EQ(core_device_set_baud_rate(handle, GetParam()), -22);
@@ -529,7 +582,8 @@ INSTANTIATE_TEST_SUITE_P(Table, UnsupportedRate,
                          testing::Values(0U, 9600U, 57600U, 115199U, 115201U, 500000U, 1000000U, 4000000U,
                                          4294967295U));
 
-TEST_F(BaudRate, ReportsAHandleThatIsNotOpen) {
+TEST_F(BaudRate, ReportsAHandleThatIsNotOpen)
+{
     EXPECT_EQ(core_device_set_baud_rate(closed_handle(), 115200), -102);
     EXPECT_EQ(log.texts(CORE_LOG_DBG), strings{"setting baudrate 115200\n"});
     EXPECT_EQ(log.texts(CORE_LOG_ERR),
@@ -537,7 +591,8 @@ TEST_F(BaudRate, ReportsAHandleThatIsNotOpen) {
     EXPECT_EQ(log.messages().back().function, "core_device_set_baud_rate");
 }
 
-TEST_F(BaudRate, ReportsAHandleThatIsNoTerminal) {
+TEST_F(BaudRate, ReportsAHandleThatIsNoTerminal)
+{
     const int file = open("/dev/null", O_RDWR);
     EXPECT_EQ(core_device_set_baud_rate(file, 115200), -102);
     close(file);
@@ -545,19 +600,22 @@ TEST_F(BaudRate, ReportsAHandleThatIsNoTerminal) {
               strings{"could not get device configuration: error 25 Inappropriate ioctl for device\n"});
 }
 
-TEST_F(BaudRate, ReportsAnInputSpeedThatIsRefused) {
+TEST_F(BaudRate, ReportsAnInputSpeedThatIsRefused)
+{
     ispeed_fails = true;
     EXPECT_EQ(core_device_set_baud_rate(handle, 115200), -22);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"cfsetispeed error 22 Invalid argument\n"});
 }
 
-TEST_F(BaudRate, ReportsAnOutputSpeedThatIsRefused) {
+TEST_F(BaudRate, ReportsAnOutputSpeedThatIsRefused)
+{
     ospeed_fails = true;
     EXPECT_EQ(core_device_set_baud_rate(handle, 115200), -22);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"cfsetospeed error 22 Invalid argument\n"});
 }
 
-TEST_F(BaudRate, ReportsSettingsThatAreNotTaken) {
+TEST_F(BaudRate, ReportsSettingsThatAreNotTaken)
+{
     setattr_fails = true;
     EXPECT_EQ(core_device_set_baud_rate(handle, 115200), -5);
     EXPECT_EQ(
@@ -566,28 +624,32 @@ TEST_F(BaudRate, ReportsSettingsThatAreNotTaken) {
     EXPECT_TRUE(log.texts(CORE_LOG_ERR).empty());
 }
 
-TEST_F(BaudRate, ReportsSettingsThatCannotBeReadBack) {
+TEST_F(BaudRate, ReportsSettingsThatCannotBeReadBack)
+{
     getattr_calls_until_failure = 1;
     EXPECT_EQ(core_device_set_baud_rate(handle, 115200), -5);
     EXPECT_EQ(log.texts(CORE_LOG_ERR),
               strings{"could not get device configuration: error 5 Input/output error\n"});
 }
 
-TEST_F(BaudRate, AcceptsAPortThatIgnoresTheInputSpeed) {
+TEST_F(BaudRate, AcceptsAPortThatIgnoresTheInputSpeed)
+{
     ispeed_stays = true;
     EXPECT_EQ(core_device_set_baud_rate(handle, 115200), 0);
     EXPECT_EQ(log.texts(CORE_LOG_DBG), (strings{"setting baudrate 115200\n", "baud rate has not changed\n"}));
     EXPECT_TRUE(log.texts(CORE_LOG_ERR).empty());
 }
 
-TEST_F(BaudRate, AcceptsAPortThatIgnoresTheOutputSpeed) {
+TEST_F(BaudRate, AcceptsAPortThatIgnoresTheOutputSpeed)
+{
     ospeed_stays = true;
     EXPECT_EQ(core_device_set_baud_rate(handle, 115200), 0);
     EXPECT_EQ(log.texts(CORE_LOG_DBG), (strings{"setting baudrate 115200\n", "baud rate has not changed\n"}));
     EXPECT_TRUE(log.texts(CORE_LOG_ERR).empty());
 }
 
-TEST_F(DeviceRead, TakesWhatIsThere) {
+TEST_F(DeviceRead, TakesWhatIsThere)
+{
     bring("abc");
     char buffer[16];
     size_t count = 77;
@@ -595,7 +657,8 @@ TEST_F(DeviceRead, TakesWhatIsThere) {
     EXPECT_EQ(std::string(buffer, count), "abc");
 }
 
-TEST_F(DeviceRead, TakesNoMoreThanTheBufferHolds) {
+TEST_F(DeviceRead, TakesNoMoreThanTheBufferHolds)
+{
     bring("abcdef");
     char buffer[4] = {'z', 'z', 'z', 'z'};
     size_t count = 77;
@@ -606,7 +669,8 @@ TEST_F(DeviceRead, TakesNoMoreThanTheBufferHolds) {
     EXPECT_EQ(std::string(buffer, count), "def");
 }
 
-TEST_F(DeviceRead, HasNothingSilently) {
+TEST_F(DeviceRead, HasNothingSilently)
+{
     char byte = 'z';
     size_t count = 77;
     EXPECT_EQ(core_device_read(handle, &byte, 1, &count), -11);
@@ -614,7 +678,8 @@ TEST_F(DeviceRead, HasNothingSilently) {
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(DeviceRead, SucceedsWithNoBytesAtAnEnd) {
+TEST_F(DeviceRead, SucceedsWithNoBytesAtAnEnd)
+{
     pipe_ends ends;
     pipe_ends::close_end(ends.in);
     char byte = 'z';
@@ -623,7 +688,8 @@ TEST_F(DeviceRead, SucceedsWithNoBytesAtAnEnd) {
     EXPECT_EQ(count, 0U);
 }
 
-TEST_F(DeviceRead, ReportsAHandleThatIsNotOpen) {
+TEST_F(DeviceRead, ReportsAHandleThatIsNotOpen)
+{
     char byte = 'z';
     size_t count = 77;
     EXPECT_EQ(core_device_read(closed_handle(), &byte, 1, &count), -102);
@@ -633,7 +699,8 @@ TEST_F(DeviceRead, ReportsAHandleThatIsNotOpen) {
     EXPECT_EQ(only_message().function, "core_device_read");
 }
 
-TEST_F(DeviceRead, ReportsADirectory) {
+TEST_F(DeviceRead, ReportsADirectory)
+{
     const int directory = open("/", O_RDONLY);
     char byte = 'z';
     size_t count = 77;
@@ -642,35 +709,41 @@ TEST_F(DeviceRead, ReportsADirectory) {
     EXPECT_EQ(only_message().text, "could not read data from handle: error 21 Is a directory\n");
 }
 
-TEST_F(DevicePoll, SeesInput) {
+TEST_F(DevicePoll, SeesInput)
+{
     port.send("a");
     EXPECT_EQ(core_device_poll(handle, 5000), 0);
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(DevicePoll, ExpiresSilently) {
+TEST_F(DevicePoll, ExpiresSilently)
+{
     EXPECT_EQ(core_device_poll(handle, 1), -110);
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(DevicePoll, MayLookWithoutWaiting) {
+TEST_F(DevicePoll, MayLookWithoutWaiting)
+{
     EXPECT_EQ(core_device_poll(handle, 0), -110);
     EXPECT_EQ(_core_device_poll(handle, 0, POLLOUT), 0);
 }
 
-TEST_F(DevicePoll, WatchesForInputForTheGivenTime) {
+TEST_F(DevicePoll, WatchesForInputForTheGivenTime)
+{
     polls_are_noted = poll_expires = true;
     EXPECT_EQ(core_device_poll(handle, 1234), -110);
     EXPECT_EQ(noted_polls, (std::vector<std::pair<short, int>>{{POLLIN, 1234}}));
 }
 
-TEST_F(DevicePoll, IsNotReadyByAnEventThatWasNotAskedFor) {
+TEST_F(DevicePoll, IsNotReadyByAnEventThatWasNotAskedFor)
+{
     bring("a");
     const int result = _core_device_poll(handle, 0, POLLPRI);
     EXPECT_EQ(result, -110);
 }
 
-TEST_F(DevicePoll, SeesAHangUp) {
+TEST_F(DevicePoll, SeesAHangUp)
+{
     port.hang_up();
     EXPECT_EQ(core_device_poll(handle, 1000), -125);
     EXPECT_EQ(only_message().level, CORE_LOG_DBG);
@@ -678,14 +751,16 @@ TEST_F(DevicePoll, SeesAHangUp) {
     EXPECT_EQ(only_message().function, "_core_device_poll");
 }
 
-TEST_F(DevicePoll, PutsAHangUpBeforeInput) {
+TEST_F(DevicePoll, PutsAHangUpBeforeInput)
+{
     pipe_ends ends;
     ASSERT_EQ(write(ends.in, "a", 1), 1);
     pipe_ends::close_end(ends.in);
     EXPECT_EQ(core_device_poll(ends.out, 1000), -125);
 }
 
-TEST_F(DevicePoll, SeesADeviceError) {
+TEST_F(DevicePoll, SeesADeviceError)
+{
     pipe_ends ends;
     pipe_ends::close_end(ends.out);
     EXPECT_EQ(_core_device_poll(ends.in, 1000, POLLOUT), -102);
@@ -693,18 +768,21 @@ TEST_F(DevicePoll, SeesADeviceError) {
     EXPECT_EQ(only_message().text, "poll device error\n");
 }
 
-TEST_F(DevicePoll, TakesAHandleThatIsNotOpenAsATimeOut) {
+TEST_F(DevicePoll, TakesAHandleThatIsNotOpenAsATimeOut)
+{
     EXPECT_EQ(core_device_poll(closed_handle(), 1000), -110);
 }
 
-TEST_F(DevicePoll, ReportsAFailure) {
+TEST_F(DevicePoll, ReportsAFailure)
+{
     poll_errno = EINVAL;
     EXPECT_EQ(core_device_poll(handle, 1000), -22);
     EXPECT_EQ(only_message().level, CORE_LOG_ERR);
     EXPECT_EQ(only_message().text, "Poll error 22, Invalid argument");
 }
 
-TEST_F(DevicePoll, MapsAFailureWithoutARow) {
+TEST_F(DevicePoll, MapsAFailureWithoutARow)
+{
     poll_errno = ENOMEM;
     EXPECT_EQ(core_device_poll(handle, 1000), -102);
     EXPECT_EQ(only_message().text, "Poll error 12, Cannot allocate memory");
@@ -712,7 +790,8 @@ TEST_F(DevicePoll, MapsAFailureWithoutARow) {
 
 static void ignore_signal(int) {}
 
-TEST_F(DevicePoll, IsInterruptedSilently) {
+TEST_F(DevicePoll, IsInterruptedSilently)
+{
     struct sigaction action {};
     action.sa_handler = ignore_signal; // without SA_RESTART, so that poll(2) ends
     ASSERT_EQ(sigaction(SIGALRM, &action, nullptr), 0);
@@ -725,7 +804,8 @@ TEST_F(DevicePoll, IsInterruptedSilently) {
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(ReadTimeout, TakesWhatIsThere) {
+TEST_F(ReadTimeout, TakesWhatIsThere)
+{
     port.send("abc");
     char buffer[16];
     size_t count = 77;
@@ -733,7 +813,8 @@ TEST_F(ReadTimeout, TakesWhatIsThere) {
     EXPECT_EQ(std::string(buffer, count), "abc");
 }
 
-TEST_F(ReadTimeout, TakesEachPieceAsItComes) {
+TEST_F(ReadTimeout, TakesEachPieceAsItComes)
+{
     std::string received;
     for (const char *const piece : {"A", "T\r", "\n", "OK"}) {
         port.send(piece);
@@ -745,7 +826,8 @@ TEST_F(ReadTimeout, TakesEachPieceAsItComes) {
     EXPECT_EQ(received, "A|T\r|\n|OK|");
 }
 
-TEST_F(ReadTimeout, ExpiresWithNoBytes) {
+TEST_F(ReadTimeout, ExpiresWithNoBytes)
+{
     char byte = 'z';
     size_t count = 77;
     EXPECT_EQ(core_device_read_timeout(handle, &byte, 1, 1, &count), -110);
@@ -753,7 +835,8 @@ TEST_F(ReadTimeout, ExpiresWithNoBytes) {
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(ReadTimeout, WaitsForInputForTheGivenTime) {
+TEST_F(ReadTimeout, WaitsForInputForTheGivenTime)
+{
     polls_are_noted = poll_expires = true;
     char byte = 'z';
     size_t count = 77;
@@ -761,7 +844,8 @@ TEST_F(ReadTimeout, WaitsForInputForTheGivenTime) {
     EXPECT_EQ(noted_polls, (std::vector<std::pair<short, int>>{{POLLIN, 5000}}));
 }
 
-TEST_F(ReadTimeout, ReportsAHangUp) {
+TEST_F(ReadTimeout, ReportsAHangUp)
+{
     port.hang_up();
     char byte = 'z';
     size_t count = 77;
@@ -769,14 +853,16 @@ TEST_F(ReadTimeout, ReportsAHangUp) {
     EXPECT_EQ(count, 0U);
 }
 
-TEST_F(DeviceWrite, WritesTheBytes) {
+TEST_F(DeviceWrite, WritesTheBytes)
+{
     size_t count = 77;
     EXPECT_EQ(core_device_write(handle, "AT\r\0\xFF", 5, &count), 0);
     EXPECT_EQ(count, 5U);
     EXPECT_EQ(port.receive(5), std::string("AT\r\0\xFF", 5));
 }
 
-TEST_F(DeviceWrite, WaitsFiveSecondsForRoom) {
+TEST_F(DeviceWrite, WaitsFiveSecondsForRoom)
+{
     polls_are_noted = poll_expires = true;
     size_t count = 77;
     EXPECT_EQ(core_device_write(handle, "AT", 2, &count), -110);
@@ -784,7 +870,8 @@ TEST_F(DeviceWrite, WaitsFiveSecondsForRoom) {
     EXPECT_EQ(count, 0U);
 }
 
-TEST_F(DeviceWrite, WritesNothingWithoutRoom) {
+TEST_F(DeviceWrite, WritesNothingWithoutRoom)
+{
     poll_expires = true;
     write_results = {2};
     size_t count = 77;
@@ -792,14 +879,16 @@ TEST_F(DeviceWrite, WritesNothingWithoutRoom) {
     EXPECT_TRUE(written_blocks.empty());
 }
 
-TEST_F(DeviceWrite, ReportsAHangUp) {
+TEST_F(DeviceWrite, ReportsAHangUp)
+{
     port.hang_up();
     size_t count = 77;
     EXPECT_EQ(core_device_write(handle, "AT", 2, &count), -125);
     EXPECT_EQ(count, 0U);
 }
 
-TEST_F(DeviceWrite, MayBeShort) {
+TEST_F(DeviceWrite, MayBeShort)
+{
     write_results = {2};
     size_t count = 77;
     EXPECT_EQ(core_device_write(handle, "ATE0", 4, &count), 0);
@@ -808,14 +897,16 @@ TEST_F(DeviceWrite, MayBeShort) {
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(DeviceWrite, MayTakeNothing) {
+TEST_F(DeviceWrite, MayTakeNothing)
+{
     write_results = {0};
     size_t count = 77;
     EXPECT_EQ(core_device_write(handle, "ATE0", 4, &count), 0);
     EXPECT_EQ(count, 0U);
 }
 
-TEST_F(DeviceWrite, ReportsAFailure) {
+TEST_F(DeviceWrite, ReportsAFailure)
+{
     const int full = open("/dev/full", O_RDWR | O_NONBLOCK);
     size_t count = 77;
     EXPECT_EQ(core_device_write(full, "AT", 2, &count), -28);
@@ -826,53 +917,61 @@ TEST_F(DeviceWrite, ReportsAFailure) {
     EXPECT_EQ(only_message().function, "core_device_write");
 }
 
-TEST_F(RetryingWrite, WritesAllAtOnce) {
+TEST_F(RetryingWrite, WritesAllAtOnce)
+{
     EXPECT_EQ(core_device_recoursive_write(handle, "abc\0d", 5), 0);
     EXPECT_EQ(port.receive_until_quiet(), std::string("abc\0d", 5));
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(RetryingWrite, WritesNothingOfNoBytes) {
+TEST_F(RetryingWrite, WritesNothingOfNoBytes)
+{
     write_results = {77};
     EXPECT_EQ(core_device_recoursive_write(handle, "", 0), 0);
     EXPECT_TRUE(written_blocks.empty());
 }
 
-TEST_F(RetryingWrite, WaitsFiveSecondsForRoomOnce) {
+TEST_F(RetryingWrite, WaitsFiveSecondsForRoomOnce)
+{
     polls_are_noted = true;
     write_results = {3, 0, 5};
     EXPECT_EQ(core_device_recoursive_write(handle, "abcdefgh", 8), 0);
     EXPECT_EQ(noted_polls, (std::vector<std::pair<short, int>>{{POLLOUT, 5000}}));
 }
 
-TEST_F(RetryingWrite, WritesNothingWithoutRoom) {
+TEST_F(RetryingWrite, WritesNothingWithoutRoom)
+{
     poll_expires = true;
     write_results = {8};
     EXPECT_EQ(core_device_recoursive_write(handle, "abcdefgh", 8), -110);
     EXPECT_TRUE(written_blocks.empty());
 }
 
-TEST_F(RetryingWrite, ReportsAHangUp) {
+TEST_F(RetryingWrite, ReportsAHangUp)
+{
     port.hang_up();
     write_results = {8};
     EXPECT_EQ(core_device_recoursive_write(handle, "abcdefgh", 8), -125);
     EXPECT_TRUE(written_blocks.empty());
 }
 
-TEST_F(RetryingWrite, WritesTheWholeBufferAgainAfterAPart) {
+TEST_F(RetryingWrite, WritesTheWholeBufferAgainAfterAPart)
+{
     write_results = {3, 8};
     EXPECT_EQ(core_device_recoursive_write(handle, "abcdefgh", 8), 0);
     EXPECT_EQ(written_blocks, (strings{"abcdefgh", "abcdefgh"}));
     EXPECT_TRUE(slept.empty());
 }
 
-TEST_F(RetryingWrite, StopsWhenThePartsAddUp) {
+TEST_F(RetryingWrite, StopsWhenThePartsAddUp)
+{
     write_results = {3, 3, 2, 77};
     EXPECT_EQ(core_device_recoursive_write(handle, "abcdefgh", 8), 0);
     EXPECT_EQ(written_blocks.size(), 3U);
 }
 
-TEST_F(RetryingWrite, GivesUpAfterTenWritesThatTookNothing) {
+TEST_F(RetryingWrite, GivesUpAfterTenWritesThatTookNothing)
+{
     write_results.assign(20, 0);
     EXPECT_EQ(core_device_recoursive_write(handle, "abcdefgh", 8), -5);
     EXPECT_EQ(written_blocks.size(), 10U);
@@ -881,20 +980,23 @@ TEST_F(RetryingWrite, GivesUpAfterTenWritesThatTookNothing) {
     EXPECT_EQ(only_message().function, "core_device_recoursive_write");
 }
 
-TEST_F(RetryingWrite, PausesTenMillisecondsAfterEachThatTookNothing) {
+TEST_F(RetryingWrite, PausesTenMillisecondsAfterEachThatTookNothing)
+{
     write_results.assign(20, 0);
     core_device_recoursive_write(handle, "abcdefgh", 8);
     EXPECT_EQ(slept, std::vector<useconds_t>(10, 10000));
 }
 
-TEST_F(RetryingWrite, SucceedsAtTheTenthTry) {
+TEST_F(RetryingWrite, SucceedsAtTheTenthTry)
+{
     write_results.assign(9, 0);
     write_results.push_back(8);
     EXPECT_EQ(core_device_recoursive_write(handle, "abcdefgh", 8), 0);
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(RetryingWrite, HasTenNewTriesAfterAPart) {
+TEST_F(RetryingWrite, HasTenNewTriesAfterAPart)
+{
     write_results.assign(9, 0);
     write_results.push_back(3);
     write_results.insert(write_results.end(), 9, 0);
@@ -903,28 +1005,32 @@ TEST_F(RetryingWrite, HasTenNewTriesAfterAPart) {
     EXPECT_EQ(written_blocks.size(), 20U);
 }
 
-TEST_F(RetryingWrite, ReportsWhatWasWrittenWhenItGivesUp) {
+TEST_F(RetryingWrite, ReportsWhatWasWrittenWhenItGivesUp)
+{
     write_results = {3};
     write_results.insert(write_results.end(), 10, 0);
     EXPECT_EQ(core_device_recoursive_write(handle, "abcdefgh", 8), -5);
     EXPECT_EQ(only_message().text, "write returned zero (written 3 bytes out of 8)\n");
 }
 
-TEST_F(RetryingWrite, ReportsAFailure) {
+TEST_F(RetryingWrite, ReportsAFailure)
+{
     write_results = {3, -EIO};
     EXPECT_EQ(core_device_recoursive_write(handle, "abcdefgh", 8), -5);
     EXPECT_EQ(only_message().level, CORE_LOG_ERR);
     EXPECT_EQ(only_message().text, "could not write data to handle: error 5 Input/output error\n");
 }
 
-TEST_F(RetryingWrite, ReportsAFullDeviceAsAFailure) {
+TEST_F(RetryingWrite, ReportsAFullDeviceAsAFailure)
+{
     write_results = {3, -EAGAIN};
     EXPECT_EQ(core_device_recoursive_write(handle, "abcdefgh", 8), -11);
     EXPECT_EQ(only_message().text,
               "could not write data to handle: error 11 Resource temporarily unavailable\n");
 }
 
-TEST_F(RetryingWrite, HasNoRoomInAFullPipe) {
+TEST_F(RetryingWrite, HasNoRoomInAFullPipe)
+{
     const pipe_ends ends;
     ends.fill();
     polls_are_noted = poll_expires = true;
@@ -932,20 +1038,23 @@ TEST_F(RetryingWrite, HasNoRoomInAFullPipe) {
     EXPECT_EQ(noted_polls.size(), 1U);
 }
 
-TEST_F(BytesAvailable, AreCounted) {
+TEST_F(BytesAvailable, AreCounted)
+{
     bring("abcde");
     int count = 77;
     EXPECT_EQ(core_device_get_bytes_available(handle, &count), 0);
     EXPECT_EQ(count, 5);
 }
 
-TEST_F(BytesAvailable, MayBeNone) {
+TEST_F(BytesAvailable, MayBeNone)
+{
     int count = 77;
     EXPECT_EQ(core_device_get_bytes_available(handle, &count), 0);
     EXPECT_EQ(count, 0);
 }
 
-TEST_F(BytesAvailable, ReportAHandleThatIsNotOpen) {
+TEST_F(BytesAvailable, ReportAHandleThatIsNotOpen)
+{
     int count = 77;
     EXPECT_EQ(core_device_get_bytes_available(closed_handle(), &count), -102);
     EXPECT_EQ(only_message().level, CORE_LOG_ERR);
@@ -957,7 +1066,8 @@ namespace {
 
 class HasVidPid : public testing::Test {
   protected:
-    HasVidPid() {
+    HasVidPid()
+    {
         memcpy(info.vid, "05c6", 5);
         memcpy(info.pid, "9008", 5);
     }
@@ -967,45 +1077,54 @@ class HasVidPid : public testing::Test {
 
 } // namespace
 
-TEST_F(HasVidPid, AcceptsEqualTexts) {
+TEST_F(HasVidPid, AcceptsEqualTexts)
+{
     EXPECT_TRUE(core_device_has_vid_pid(&info, "05c6", "9008"));
 }
 
-TEST_F(HasVidPid, RefusesAnotherVendor) {
+TEST_F(HasVidPid, RefusesAnotherVendor)
+{
     EXPECT_FALSE(core_device_has_vid_pid(&info, "05c7", "9008"));
 }
 
-TEST_F(HasVidPid, RefusesAnotherProduct) {
+TEST_F(HasVidPid, RefusesAnotherProduct)
+{
     EXPECT_FALSE(core_device_has_vid_pid(&info, "05c6", "900e"));
 }
 
-TEST_F(HasVidPid, ComparesWithTheCase) {
+TEST_F(HasVidPid, ComparesWithTheCase)
+{
     EXPECT_FALSE(core_device_has_vid_pid(&info, "05C6", "9008"));
 }
 
-TEST_F(HasVidPid, RefusesALongerText) {
+TEST_F(HasVidPid, RefusesALongerText)
+{
     EXPECT_FALSE(core_device_has_vid_pid(&info, "05c60", "9008"));
     EXPECT_FALSE(core_device_has_vid_pid(&info, "05c6", "90080"));
 }
 
-TEST_F(HasVidPid, RefusesAShorterText) {
+TEST_F(HasVidPid, RefusesAShorterText)
+{
     EXPECT_FALSE(core_device_has_vid_pid(&info, "05c", "9008"));
     EXPECT_FALSE(core_device_has_vid_pid(&info, "05c6", ""));
 }
 
 using HasVidPidDeathTest = HasVidPid;
 
-TEST_F(HasVidPidDeathTest, NeedsARecord) {
+TEST_F(HasVidPidDeathTest, NeedsARecord)
+{
     EXPECT_EXIT(core_device_has_vid_pid(nullptr, "05c6", "9008"), testing::KilledBySignal(SIGABRT),
                 "assertion failed: info\n");
 }
 
-TEST_F(HasVidPidDeathTest, NeedsAVendor) {
+TEST_F(HasVidPidDeathTest, NeedsAVendor)
+{
     EXPECT_EXIT(core_device_has_vid_pid(&info, nullptr, "9008"), testing::KilledBySignal(SIGABRT),
                 "assertion failed: vid\n");
 }
 
-TEST_F(HasVidPidDeathTest, NeedsAProduct) {
+TEST_F(HasVidPidDeathTest, NeedsAProduct)
+{
     EXPECT_EXIT(core_device_has_vid_pid(&info, "05c6", nullptr), testing::KilledBySignal(SIGABRT),
                 "assertion failed: pid\n");
 }

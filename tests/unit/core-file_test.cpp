@@ -19,7 +19,8 @@ using strings = std::vector<std::string>;
 // A copy of a text can be made to fail; else this does what the C library does.
 static bool strdup_fails = false;
 
-extern "C" char *strdup(const char *text) noexcept {
+extern "C" char *strdup(const char *text) noexcept
+{
     if (strdup_fails)
         return nullptr;
     const size_t size = strlen(text) + 1;
@@ -40,14 +41,16 @@ namespace {
 // Gives up the super-user's rights for as long as it lives: nothing is forbidden to him.
 class unprivileged {
   public:
-    unprivileged() : was_root(geteuid() == 0) {
+    unprivileged() : was_root(geteuid() == 0)
+    {
         if (was_root) {
             EXPECT_EQ(setresuid(nobody, nobody, 0), 0);
         }
     }
     unprivileged(const unprivileged &) = delete;
     unprivileged &operator=(const unprivileged &) = delete;
-    ~unprivileged() {
+    ~unprivileged()
+    {
         if (was_root) {
             EXPECT_EQ(setresuid(0, 0, 0), 0);
             prctl(PR_SET_DUMPABLE, 1); // lost with the rights; the leak check needs it
@@ -65,26 +68,30 @@ class Files : public testing::Test {
     Files() { umask(0); }
 
     // Makes the unprivileged user the owner of what the test made.
-    static void give_away(const std::string &path) {
+    static void give_away(const std::string &path)
+    {
         if (geteuid() == 0) {
             EXPECT_EQ(chown(path.c_str(), unprivileged::nobody, static_cast<gid_t>(-1)), 0);
         }
     }
 
-    std::string make_directory(const std::string &name) const {
+    std::string make_directory(const std::string &name) const
+    {
         const std::string path = dir.at(name);
         EXPECT_EQ(mkdir(path.c_str(), 0755), 0);
         return path;
     }
 
-    std::string make_link(const std::string &target, const std::string &name) const {
+    std::string make_link(const std::string &target, const std::string &name) const
+    {
         const std::string path = dir.at(name);
         EXPECT_EQ(symlink(target.c_str(), path.c_str()), 0);
         return path;
     }
 
     // A directory inside the test's own whose path has exactly `length` characters.
-    std::string make_deep_directory(size_t length) const {
+    std::string make_deep_directory(size_t length) const
+    {
         std::string path = dir.path();
         while (path.size() < length) {
             const size_t left = length - path.size() - 1;
@@ -96,13 +103,15 @@ class Files : public testing::Test {
         return path;
     }
 
-    static mode_t mode_of(const std::string &path) {
+    static mode_t mode_of(const std::string &path)
+    {
         struct stat status {};
         EXPECT_EQ(stat(path.c_str(), &status), 0);
         return status.st_mode & 07777;
     }
 
-    static bool exists(const std::string &path) {
+    static bool exists(const std::string &path)
+    {
         struct stat status {};
         return lstat(path.c_str(), &status) == 0;
     }
@@ -131,7 +140,8 @@ class open_file {
 };
 
 // A descriptor that is open no more.
-int closed_handle() {
+int closed_handle()
+{
     const int handle = open("/dev/null", O_RDONLY);
     close(handle);
     return handle;
@@ -139,21 +149,25 @@ int closed_handle() {
 
 } // namespace
 
-TEST_F(FileExists, FindsAFile) {
+TEST_F(FileExists, FindsAFile)
+{
     EXPECT_EQ(core_file_exists(dir.write("f", "").c_str()), 0);
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(FileExists, FindsADirectory) {
+TEST_F(FileExists, FindsADirectory)
+{
     EXPECT_EQ(core_file_exists(dir.path().c_str()), 0);
 }
 
-TEST_F(FileExists, RefusesANullPathSilently) {
+TEST_F(FileExists, RefusesANullPathSilently)
+{
     EXPECT_EQ(core_file_exists(nullptr), -22);
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(FileExists, MissesAFileThatIsNotThere) {
+TEST_F(FileExists, MissesAFileThatIsNotThere)
+{
     EXPECT_EQ(core_file_exists("/nonexistent"), -2);
     ASSERT_EQ(log.messages().size(), 1U);
     EXPECT_EQ(log.messages()[0].level, CORE_LOG_DBG);
@@ -163,14 +177,16 @@ TEST_F(FileExists, MissesAFileThatIsNotThere) {
     EXPECT_EQ(log.messages()[0].function, "core_file_exists");
 }
 
-TEST_F(FileExists, GivesTheSameResultForAnyReason) {
+TEST_F(FileExists, GivesTheSameResultForAnyReason)
+{
     const std::string path = dir.write("f", "") + "/g";
     EXPECT_EQ(core_file_exists(path.c_str()), -2);
     EXPECT_EQ(log.texts(CORE_LOG_DBG),
               strings{"access to '" + path + "' returned -1, errno (20) Not a directory\n"});
 }
 
-TEST_F(FileExists, MissesAFileInAnUnreadableDirectory) {
+TEST_F(FileExists, MissesAFileInAnUnreadableDirectory)
+{
     const std::string path = dir.write("f", "");
     give_away(dir.path());
     chmod(dir.path().c_str(), 0);
@@ -185,11 +201,13 @@ TEST_F(FileExists, MissesAFileInAnUnreadableDirectory) {
               strings{"access to '" + path + "' returned -1, errno (13) Permission denied\n"});
 }
 
-TEST_F(FileExists, MissesTheTargetOfADanglingLink) {
+TEST_F(FileExists, MissesTheTargetOfADanglingLink)
+{
     EXPECT_EQ(core_file_exists(make_link("/nonexistent", "link").c_str()), -2);
 }
 
-TEST_F(FileOpen, CreatesAMissingFileEmpty) {
+TEST_F(FileOpen, CreatesAMissingFileEmpty)
+{
     const open_file file(dir.at("new"));
     EXPECT_GE(file.handle, 0);
     struct stat status {};
@@ -197,38 +215,44 @@ TEST_F(FileOpen, CreatesAMissingFileEmpty) {
     EXPECT_EQ(status.st_size, 0);
 }
 
-TEST_F(FileOpen, CreatesAFileWithMode644) {
+TEST_F(FileOpen, CreatesAFileWithMode644)
+{
     const open_file file(dir.at("new"));
     EXPECT_EQ(mode_of(dir.at("new")), 0644U);
 }
 
-TEST_F(FileOpen, RespectsTheMaskOfTheProcess) {
+TEST_F(FileOpen, RespectsTheMaskOfTheProcess)
+{
     umask(077);
     const open_file file(dir.at("new"));
     EXPECT_EQ(mode_of(dir.at("new")), 0600U);
 }
 
-TEST_F(FileOpen, DoesNotTruncateAnExistingFile) {
+TEST_F(FileOpen, DoesNotTruncateAnExistingFile)
+{
     const std::string path = dir.write("f", "content");
     const open_file file(path);
     EXPECT_EQ(read_file(path), "content");
 }
 
-TEST_F(FileOpen, LeavesTheModeOfAnExistingFile) {
+TEST_F(FileOpen, LeavesTheModeOfAnExistingFile)
+{
     const std::string path = dir.write("f", "content");
     chmod(path.c_str(), 0640);
     const open_file file(path);
     EXPECT_EQ(mode_of(path), 0640U);
 }
 
-TEST_F(FileOpen, OpensForReadingAndWritingWithoutBlocking) {
+TEST_F(FileOpen, OpensForReadingAndWritingWithoutBlocking)
+{
     const open_file file(dir.at("new"));
     const int flags = fcntl(file.handle, F_GETFL);
     EXPECT_EQ(flags & O_ACCMODE, O_RDWR);
     EXPECT_NE(flags & O_NONBLOCK, 0);
 }
 
-TEST_F(FileOpen, ReportsAMissingDirectory) {
+TEST_F(FileOpen, ReportsAMissingDirectory)
+{
     int handle = 77;
     EXPECT_EQ(core_file_open("/nonexistent/f", &handle), -2);
     EXPECT_EQ(handle, -1);
@@ -239,7 +263,8 @@ TEST_F(FileOpen, ReportsAMissingDirectory) {
     EXPECT_EQ(log.messages()[0].function, "core_file_open");
 }
 
-TEST_F(FileOpen, ReportsADirectoryAsGenericFailure) {
+TEST_F(FileOpen, ReportsADirectoryAsGenericFailure)
+{
     int handle = 77;
     EXPECT_EQ(core_file_open(dir.path().c_str(), &handle), -102);
     EXPECT_EQ(handle, -1);
@@ -247,7 +272,8 @@ TEST_F(FileOpen, ReportsADirectoryAsGenericFailure) {
               strings{"error 21 Is a directory opening file '" + dir.path() + "'\n"});
 }
 
-TEST_F(FileOpen, ReportsAFileThatMayNotBeWritten) {
+TEST_F(FileOpen, ReportsAFileThatMayNotBeWritten)
+{
     const std::string path = dir.write("f", "");
     chmod(path.c_str(), 0444);
     give_away(dir.path());
@@ -262,7 +288,8 @@ TEST_F(FileOpen, ReportsAFileThatMayNotBeWritten) {
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"error 13 Permission denied opening file '" + path + "'\n"});
 }
 
-TEST_F(FileOpen, ReportsALinkToItself) {
+TEST_F(FileOpen, ReportsALinkToItself)
+{
     const std::string path = dir.at("loop");
     make_link(path, "loop");
     int handle = 77;
@@ -271,19 +298,22 @@ TEST_F(FileOpen, ReportsALinkToItself) {
               strings{"error 40 Too many levels of symbolic links opening file '" + path + "'\n"});
 }
 
-TEST_F(Files, AreClosed) {
+TEST_F(Files, AreClosed)
+{
     int handle = -1;
     core_file_open(dir.at("f").c_str(), &handle);
     EXPECT_EQ(core_file_close(handle), 0);
     EXPECT_EQ(fcntl(handle, F_GETFL), -1);
 }
 
-TEST_F(Files, ReportAHandleThatIsNotOpen) {
+TEST_F(Files, ReportAHandleThatIsNotOpen)
+{
     EXPECT_EQ(core_file_close(closed_handle()), -102);
     EXPECT_EQ(log.texts(CORE_LOG_DBG), strings{"could not close handle: error 9 Bad file descriptor\n"});
 }
 
-TEST_F(Files, AreWritten) {
+TEST_F(Files, AreWritten)
+{
     const open_file file(dir.at("f"));
     size_t written = 77;
     EXPECT_EQ(core_file_write(file.handle, "some bytes", 10, &written), 0);
@@ -291,7 +321,8 @@ TEST_F(Files, AreWritten) {
     EXPECT_EQ(read_file(dir.at("f")), "some bytes");
 }
 
-TEST_F(Files, AreReadUpToTheirEnd) {
+TEST_F(Files, AreReadUpToTheirEnd)
+{
     const open_file file(dir.write("f", "some bytes"));
     char buffer[32] = {};
     size_t count = 77;
@@ -299,7 +330,8 @@ TEST_F(Files, AreReadUpToTheirEnd) {
     EXPECT_EQ(std::string(buffer, count), "some bytes");
 }
 
-TEST_F(Files, GiveNoBytesAtTheirEnd) {
+TEST_F(Files, GiveNoBytesAtTheirEnd)
+{
     const open_file file(dir.write("f", ""));
     char byte = 'z';
     size_t count = 77;
@@ -307,21 +339,24 @@ TEST_F(Files, GiveNoBytesAtTheirEnd) {
     EXPECT_EQ(count, 0U);
 }
 
-TEST_F(FileSize, IsGivenInBytes) {
+TEST_F(FileSize, IsGivenInBytes)
+{
     const open_file file(dir.write("f", "some bytes"));
     int64_t size = 77;
     EXPECT_EQ(core_file_get_size(file.handle, &size), 0);
     EXPECT_EQ(size, 10);
 }
 
-TEST_F(FileSize, MayBeZero) {
+TEST_F(FileSize, MayBeZero)
+{
     const open_file file(dir.write("f", ""));
     int64_t size = 77;
     EXPECT_EQ(core_file_get_size(file.handle, &size), 0);
     EXPECT_EQ(size, 0);
 }
 
-TEST_F(FileSize, MayBeMoreThan4GiB) {
+TEST_F(FileSize, MayBeMoreThan4GiB)
+{
     const std::string path = dir.write("f", "");
     ASSERT_EQ(truncate(path.c_str(), 5368709121), 0);
     const open_file file(path);
@@ -330,7 +365,8 @@ TEST_F(FileSize, MayBeMoreThan4GiB) {
     EXPECT_EQ(size, 5368709121);
 }
 
-TEST_F(FileSize, ReportsAHandleThatIsNotOpen) {
+TEST_F(FileSize, ReportsAHandleThatIsNotOpen)
+{
     int64_t size = 77;
     EXPECT_EQ(core_file_get_size(closed_handle(), &size), -102);
     EXPECT_EQ(size, 77);
@@ -340,7 +376,8 @@ TEST_F(FileSize, ReportsAHandleThatIsNotOpen) {
     EXPECT_EQ(log.messages()[0].function, "core_file_get_size");
 }
 
-TEST_F(FileSeek, MovesTheOffset) {
+TEST_F(FileSeek, MovesTheOffset)
+{
     const open_file file(dir.write("f", "0123456789"));
     EXPECT_EQ(core_file_seek(file.handle, 4), 0);
     char byte = 'z';
@@ -348,19 +385,22 @@ TEST_F(FileSeek, MovesTheOffset) {
     EXPECT_EQ(byte, '4');
 }
 
-TEST_F(FileSeek, MayPassTheEnd) {
+TEST_F(FileSeek, MayPassTheEnd)
+{
     const open_file file(dir.write("f", "0123456789"));
     EXPECT_EQ(core_file_lseek(file.handle, 100, SEEK_SET), 0);
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(FileSeek, GoesBeyond4GiB) {
+TEST_F(FileSeek, GoesBeyond4GiB)
+{
     const open_file file(dir.write("f", ""));
     EXPECT_EQ(core_file_seek(file.handle, 5368709121), 0);
     EXPECT_EQ(lseek(file.handle, 0, SEEK_CUR), 5368709121);
 }
 
-TEST_F(FileSeek, RefusesAnOffsetThatIsNotTheResult) {
+TEST_F(FileSeek, RefusesAnOffsetThatIsNotTheResult)
+{
     const open_file file(dir.write("f", "0123456789"));
     lseek(file.handle, 3, SEEK_SET);
     EXPECT_EQ(core_file_lseek(file.handle, 4, SEEK_CUR), -1);
@@ -370,12 +410,14 @@ TEST_F(FileSeek, RefusesAnOffsetThatIsNotTheResult) {
     EXPECT_EQ(log.messages()[0].function, "core_file_lseek");
 }
 
-TEST_F(FileSeek, AcceptsAnOffsetThatIsTheResultByChance) {
+TEST_F(FileSeek, AcceptsAnOffsetThatIsTheResultByChance)
+{
     const open_file file(dir.write("f", "0123456789"));
     EXPECT_EQ(core_file_lseek(file.handle, 4, SEEK_CUR), 0);
 }
 
-TEST_F(FileSeek, ReportsAPipe) {
+TEST_F(FileSeek, ReportsAPipe)
+{
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     EXPECT_EQ(core_file_lseek(ends[0], 0, SEEK_SET), -1);
@@ -384,43 +426,51 @@ TEST_F(FileSeek, ReportsAPipe) {
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"lseek error: 29\n"});
 }
 
-TEST_F(FileSeek, IsAGenericFailureWhenTheOffsetIsNegative) {
+TEST_F(FileSeek, IsAGenericFailureWhenTheOffsetIsNegative)
+{
     const open_file file(dir.write("f", "0123456789"));
     EXPECT_EQ(core_file_seek(file.handle, -1), -102);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"lseek error: 22\n"});
 }
 
-TEST_F(CreateDirectory, CreatesItWithMode755) {
+TEST_F(CreateDirectory, CreatesItWithMode755)
+{
     EXPECT_EQ(core_create_directory(dir.at("d").c_str()), 0);
     EXPECT_EQ(mode_of(dir.at("d")), 0755U);
 }
 
-TEST_F(CreateDirectory, FailsSilentlyWhenItExists) {
+TEST_F(CreateDirectory, FailsSilentlyWhenItExists)
+{
     EXPECT_EQ(core_create_directory(dir.path().c_str()), -1);
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(CreateDirectory, CreatesNoParents) {
+TEST_F(CreateDirectory, CreatesNoParents)
+{
     EXPECT_EQ(core_create_directory(dir.at("a/b").c_str()), -1);
     EXPECT_FALSE(exists(dir.at("a")));
 }
 
-TEST_F(DirectoryExists, FindsADirectory) {
+TEST_F(DirectoryExists, FindsADirectory)
+{
     EXPECT_EQ(core_directory_exists(dir.path().c_str()), 0);
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(DirectoryExists, RefusesANullPathSilently) {
+TEST_F(DirectoryExists, RefusesANullPathSilently)
+{
     EXPECT_EQ(core_directory_exists(nullptr), -22);
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(DirectoryExists, MissesADirectorySilently) {
+TEST_F(DirectoryExists, MissesADirectorySilently)
+{
     EXPECT_EQ(core_directory_exists("/nonexistent"), -2);
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(DirectoryExists, RefusesARegularFile) {
+TEST_F(DirectoryExists, RefusesARegularFile)
+{
     EXPECT_EQ(core_directory_exists(dir.write("f", "").c_str()), -22);
     ASSERT_EQ(log.messages().size(), 1U);
     EXPECT_EQ(log.messages()[0].level, CORE_LOG_ERR);
@@ -429,7 +479,8 @@ TEST_F(DirectoryExists, RefusesARegularFile) {
     EXPECT_EQ(log.messages()[0].function, "core_directory_exists");
 }
 
-TEST_F(DirectoryExists, RefusesAnUnreadableDirectory) {
+TEST_F(DirectoryExists, RefusesAnUnreadableDirectory)
+{
     const std::string path = make_directory("d");
     give_away(dir.path());
     give_away(path);
@@ -448,13 +499,15 @@ namespace {
 // The list of the function under test, freed at the end.
 class ListFiles : public Files {
   protected:
-    ~ListFiles() override {
+    ~ListFiles() override
+    {
         for (size_t i = 0; i < count; ++i)
             free(list[i]);
         free(list);
     }
 
-    strings sorted() const {
+    strings sorted() const
+    {
         strings all(list, list + count);
         std::sort(all.begin(), all.end());
         return all;
@@ -466,7 +519,8 @@ class ListFiles : public Files {
 
 } // namespace
 
-TEST_F(ListFiles, GivesRegularFilesOnly) {
+TEST_F(ListFiles, GivesRegularFilesOnly)
+{
     const std::string file = dir.write("f", "");
     make_directory("d");
     ASSERT_EQ(mkfifo(dir.at("fifo").c_str(), 0600), 0);
@@ -475,19 +529,22 @@ TEST_F(ListFiles, GivesRegularFilesOnly) {
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(ListFiles, DoesNotLookIntoSubdirectories) {
+TEST_F(ListFiles, DoesNotLookIntoSubdirectories)
+{
     dir.write("d/f", "");
     EXPECT_EQ(core_directory_list_files(dir.path().c_str(), &list, &count), 0);
     EXPECT_EQ(count, 0U);
 }
 
-TEST_F(ListFiles, GivesHiddenFiles) {
+TEST_F(ListFiles, GivesHiddenFiles)
+{
     const std::string file = dir.write(".hidden", "");
     EXPECT_EQ(core_directory_list_files(dir.path().c_str(), &list, &count), 0);
     EXPECT_EQ(sorted(), strings{file});
 }
 
-TEST_F(ListFiles, CountsLinksByTheirTarget) {
+TEST_F(ListFiles, CountsLinksByTheirTarget)
+{
     const std::string file = dir.write("f", "");
     const std::string link = make_link(file, "link");
     make_link("/nonexistent", "dangling");
@@ -496,13 +553,15 @@ TEST_F(ListFiles, CountsLinksByTheirTarget) {
     EXPECT_EQ(sorted(), (strings{file, link}));
 }
 
-TEST_F(ListFiles, LeavesANullArrayForAnEmptyDirectory) {
+TEST_F(ListFiles, LeavesANullArrayForAnEmptyDirectory)
+{
     EXPECT_EQ(core_directory_list_files(dir.path().c_str(), &list, &count), 0);
     EXPECT_EQ(list, nullptr);
     EXPECT_EQ(count, 0U);
 }
 
-TEST_F(ListFiles, AppendsToAList) {
+TEST_F(ListFiles, AppendsToAList)
+{
     const std::string a = dir.write("a/1", "");
     const std::string b = dir.write("b/2", "");
     EXPECT_EQ(core_directory_list_files(dir.at("a").c_str(), &list, &count), 0);
@@ -512,7 +571,8 @@ TEST_F(ListFiles, AppendsToAList) {
     EXPECT_EQ(list[1], b);
 }
 
-TEST_F(ListFiles, GivesManyFiles) {
+TEST_F(ListFiles, GivesManyFiles)
+{
     strings expected;
     for (int i = 100; i < 300; ++i)
         expected.push_back(dir.write("f" + std::to_string(i), ""));
@@ -520,24 +580,28 @@ TEST_F(ListFiles, GivesManyFiles) {
     EXPECT_EQ(sorted(), expected);
 }
 
-TEST_F(ListFiles, MissesADirectorySilently) {
+TEST_F(ListFiles, MissesADirectorySilently)
+{
     EXPECT_EQ(core_directory_list_files("/nonexistent", &list, &count), -2);
     EXPECT_EQ(count, 0U);
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(ListFiles, MissesADirectoryWhereAFileIs) {
+TEST_F(ListFiles, MissesADirectoryWhereAFileIs)
+{
     EXPECT_EQ(core_directory_list_files(dir.write("f", "").c_str(), &list, &count), -2);
 }
 
-TEST_F(ListFiles, LeavesOutPathsThatDoNotFit) {
+TEST_F(ListFiles, LeavesOutPathsThatDoNotFit)
+{
     const std::string deep = make_deep_directory(1020);
     dir.write(deep.substr(dir.path().size() + 1) + "/file", "");
     EXPECT_EQ(core_directory_list_files(deep.c_str(), &list, &count), 0);
     EXPECT_EQ(count, 0U);
 }
 
-TEST_F(ListFiles, GivesTheLongestPathThatFits) {
+TEST_F(ListFiles, GivesTheLongestPathThatFits)
+{
     const std::string deep = make_deep_directory(1018);
     const std::string file = dir.write(deep.substr(dir.path().size() + 1) + "/file", "");
     ASSERT_EQ(file.size(), 1023U);
@@ -545,7 +609,8 @@ TEST_F(ListFiles, GivesTheLongestPathThatFits) {
     EXPECT_EQ(sorted(), strings{file});
 }
 
-TEST_F(ListFiles, ReportsAnArrayThatCannotGrow) {
+TEST_F(ListFiles, ReportsAnArrayThatCannotGrow)
+{
     dir.write("f", "");
     size_t huge = size_t{1} << 57;
     char **none = nullptr;
@@ -554,7 +619,8 @@ TEST_F(ListFiles, ReportsAnArrayThatCannotGrow) {
     EXPECT_EQ(huge, size_t{1} << 57);
 }
 
-TEST_F(ListFiles, ReportsAPathThatCannotBeCopied) {
+TEST_F(ListFiles, ReportsAPathThatCannotBeCopied)
+{
     dir.write("f", "");
     strdup_fails = true;
     EXPECT_EQ(core_directory_list_files(dir.path().c_str(), &list, &count), -12);
@@ -564,12 +630,14 @@ TEST_F(ListFiles, ReportsAPathThatCannotBeCopied) {
     EXPECT_EQ(count, 0U);
 }
 
-TEST_F(DeleteDirectory, RefusesANullPathSilently) {
+TEST_F(DeleteDirectory, RefusesANullPathSilently)
+{
     EXPECT_EQ(core_delete_directory(nullptr), -22);
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(DeleteDirectory, ReportsAMissingDirectory) {
+TEST_F(DeleteDirectory, ReportsAMissingDirectory)
+{
     EXPECT_EQ(core_delete_directory("/nonexistent"), -2);
     ASSERT_EQ(log.messages().size(), 1U);
     EXPECT_EQ(log.messages()[0].level, CORE_LOG_ERR);
@@ -577,21 +645,24 @@ TEST_F(DeleteDirectory, ReportsAMissingDirectory) {
     EXPECT_EQ(log.messages()[0].function, "core_delete_directory");
 }
 
-TEST_F(DeleteDirectory, LeavesAFileThatIsNoDirectory) {
+TEST_F(DeleteDirectory, LeavesAFileThatIsNoDirectory)
+{
     const std::string path = dir.write("f", "");
     EXPECT_EQ(core_delete_directory(path.c_str()), -2);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"opendir() failed: error 20: Not a directory\n"});
     EXPECT_TRUE(exists(path));
 }
 
-TEST_F(DeleteDirectory, DeletesAnEmptyDirectory) {
+TEST_F(DeleteDirectory, DeletesAnEmptyDirectory)
+{
     const std::string path = make_directory("d");
     EXPECT_EQ(core_delete_directory(path.c_str()), 0);
     EXPECT_FALSE(exists(path));
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(DeleteDirectory, DeletesATree) {
+TEST_F(DeleteDirectory, DeletesATree)
+{
     dir.write("d/f", "1");
     dir.write("d/.hidden", "2");
     dir.write("d/e/f/g", "3");
@@ -600,7 +671,8 @@ TEST_F(DeleteDirectory, DeletesATree) {
     EXPECT_FALSE(exists(dir.at("d")));
 }
 
-TEST_F(DeleteDirectory, LeavesTheTargetOfALinkToAFile) {
+TEST_F(DeleteDirectory, LeavesTheTargetOfALinkToAFile)
+{
     const std::string file = dir.write("outside", "kept");
     make_directory("d");
     make_link(file, "d/link");
@@ -609,7 +681,8 @@ TEST_F(DeleteDirectory, LeavesTheTargetOfALinkToAFile) {
 }
 
 // A link to a directory is followed: what is in the target goes, the link cannot be removed as a directory.
-TEST_F(DeleteDirectory, EmptiesTheTargetOfALinkToADirectoryAndStops) {
+TEST_F(DeleteDirectory, EmptiesTheTargetOfALinkToADirectoryAndStops)
+{
     const std::string file = dir.write("outside/f", "");
     make_directory("d");
     const std::string link = make_link(dir.at("outside"), "d/link");
@@ -619,7 +692,8 @@ TEST_F(DeleteDirectory, EmptiesTheTargetOfALinkToADirectoryAndStops) {
     EXPECT_TRUE(exists(link));
 }
 
-TEST_F(DeleteDirectory, StopsSilentlyAtADanglingLink) {
+TEST_F(DeleteDirectory, StopsSilentlyAtADanglingLink)
+{
     make_directory("d");
     const std::string link = make_link("/nonexistent", "d/link");
     EXPECT_EQ(core_delete_directory(dir.at("d").c_str()), -5);
@@ -627,7 +701,8 @@ TEST_F(DeleteDirectory, StopsSilentlyAtADanglingLink) {
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(DeleteDirectory, StopsSilentlyAtAReadOnlySubdirectory) {
+TEST_F(DeleteDirectory, StopsSilentlyAtAReadOnlySubdirectory)
+{
     const std::string file = dir.write("d/e/f", "");
     for (const char *const name : {"", "/d", "/d/e", "/d/e/f"})
         give_away(dir.path() + name);
@@ -643,7 +718,8 @@ TEST_F(DeleteDirectory, StopsSilentlyAtAReadOnlySubdirectory) {
     chmod(dir.at("d/e").c_str(), 0755);
 }
 
-TEST_F(DeleteDirectory, ReportsASubdirectoryThatCannotBeOpened) {
+TEST_F(DeleteDirectory, ReportsASubdirectoryThatCannotBeOpened)
+{
     make_directory("d");
     make_directory("d/e");
     for (const char *const name : {"", "/d", "/d/e"})
@@ -658,7 +734,8 @@ TEST_F(DeleteDirectory, ReportsASubdirectoryThatCannotBeOpened) {
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"opendir() failed: error 13: Permission denied\n"});
 }
 
-TEST_F(DeleteDirectory, ReportsAnEmptiedDirectoryThatCannotBeRemoved) {
+TEST_F(DeleteDirectory, ReportsAnEmptiedDirectoryThatCannotBeRemoved)
+{
     const std::string file = dir.write("d/f", "");
     for (const char *const name : {"", "/d", "/d/f"})
         give_away(dir.path() + name);
@@ -675,7 +752,8 @@ TEST_F(DeleteDirectory, ReportsAnEmptiedDirectoryThatCannotBeRemoved) {
 }
 
 // With this length the path of an entry, cut, would be the directory's own.
-TEST_F(DeleteDirectory, StopsAtAnEntryWhosePathDoesNotFit) {
+TEST_F(DeleteDirectory, StopsAtAnEntryWhosePathDoesNotFit)
+{
     const std::string deep = make_deep_directory(1023);
     const std::string file = dir.write(deep.substr(dir.path().size() + 1) + "/f", "");
     EXPECT_EQ(core_delete_directory(deep.c_str()), -5);
@@ -683,7 +761,8 @@ TEST_F(DeleteDirectory, StopsAtAnEntryWhosePathDoesNotFit) {
 }
 
 // Here it would be the parent's.
-TEST_F(DeleteDirectory, NeverClimbsToTheParent) {
+TEST_F(DeleteDirectory, NeverClimbsToTheParent)
+{
     const std::string parent = make_deep_directory(1023);
     const std::string inside = parent.substr(dir.path().size() + 1);
     dir.write(inside + "/d/f", "");

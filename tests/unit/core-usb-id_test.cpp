@@ -16,7 +16,8 @@ using strings = std::vector<std::string>;
 // Nobody has to wait for the pauses between two tries: they are noted, not slept.
 static std::vector<useconds_t> slept;
 
-extern "C" int usleep(useconds_t time) {
+extern "C" int usleep(useconds_t time)
+{
     slept.push_back(time);
     return 0;
 }
@@ -29,13 +30,15 @@ struct id_row {
     uint32_t pid_value;
 };
 
-static void PrintTo(const id_row &row, std::ostream *out) {
+static void PrintTo(const id_row &row, std::ostream *out)
+{
     *out << row.vid << ":" << row.pid;
 }
 
 class ParsedId : public testing::TestWithParam<id_row> {};
 
-TEST_P(ParsedId, HasTheValues) {
+TEST_P(ParsedId, HasTheValues)
+{
     const log_capture log;
     core_usb_id id{};
     EXPECT_TRUE(core_usb_id_from_str(&id, GetParam().vid, GetParam().pid));
@@ -60,13 +63,15 @@ struct refused_id_row {
     const char *message;
 };
 
-static void PrintTo(const refused_id_row &row, std::ostream *out) {
+static void PrintTo(const refused_id_row &row, std::ostream *out)
+{
     *out << row.name;
 }
 
 class RefusedId : public testing::TestWithParam<refused_id_row> {};
 
-TEST_P(RefusedId, HasItsMessage) {
+TEST_P(RefusedId, HasItsMessage)
+{
     const log_capture log;
     core_usb_id id{};
     EXPECT_FALSE(core_usb_id_from_str(&id, GetParam().vid, GetParam().pid));
@@ -100,7 +105,8 @@ INSTANTIATE_TEST_SUITE_P(
                     refused_id_row{"vid_before_pid", "x", "y", "Invalid vid string\n"}),
     [](const auto &row) { return std::string(row.param.name); });
 
-TEST(IdFromText, RefusesANullVendorSilently) {
+TEST(IdFromText, RefusesANullVendorSilently)
+{
     const log_capture log;
     core_usb_id id{7, 8};
     EXPECT_FALSE(core_usb_id_from_str(&id, nullptr, "9008"));
@@ -108,7 +114,8 @@ TEST(IdFromText, RefusesANullVendorSilently) {
     EXPECT_EQ(id.vid, 7U);
 }
 
-TEST(IdFromText, RefusesANullProductSilently) {
+TEST(IdFromText, RefusesANullProductSilently)
+{
     const log_capture log;
     core_usb_id id{7, 8};
     EXPECT_FALSE(core_usb_id_from_str(&id, "05c6", nullptr));
@@ -116,20 +123,23 @@ TEST(IdFromText, RefusesANullProductSilently) {
     EXPECT_EQ(id.vid, 7U);
 }
 
-TEST(IdFromText, LeavesTheProductWhenItFails) {
+TEST(IdFromText, LeavesTheProductWhenItFails)
+{
     core_usb_id id{7, 8};
     EXPECT_FALSE(core_usb_id_from_str(&id, "05c6", "0"));
     EXPECT_EQ(id.pid, 8U);
 }
 
-TEST(IdFromText, LeavesBothWhenTheVendorFails) {
+TEST(IdFromText, LeavesBothWhenTheVendorFails)
+{
     core_usb_id id{7, 8};
     EXPECT_FALSE(core_usb_id_from_str(&id, "0", "9008"));
     EXPECT_EQ(id.vid, 7U);
     EXPECT_EQ(id.pid, 8U);
 }
 
-TEST(IdIsEmpty, WithAZeroOnEitherSide) {
+TEST(IdIsEmpty, WithAZeroOnEitherSide)
+{
     const core_usb_id full{1, 1};
     const core_usb_id no_vid{0, 1};
     const core_usb_id no_pid{1, 0};
@@ -140,7 +150,8 @@ TEST(IdIsEmpty, WithAZeroOnEitherSide) {
     EXPECT_TRUE(core_usb_id_is_empty(&nothing));
 }
 
-TEST(IdEquals, ComparesBothValues) {
+TEST(IdEquals, ComparesBothValues)
+{
     const core_usb_id id{1, 2};
     const core_usb_id same{1, 2};
     const core_usb_id other_vid{2, 2};
@@ -153,35 +164,40 @@ TEST(IdEquals, ComparesBothValues) {
 static constexpr core_usb_id download{0x05C6, 0x9008};
 static constexpr core_usb_id diagnostic{0x05C6, 0x900E};
 
-TEST(FindMatch, FindsTheFirstEntry) {
+TEST(FindMatch, FindsTheFirstEntry)
+{
     const core_usb_id ids[] = {download, diagnostic};
     const core_usb_id_list list{2, ids};
     const core_device_info info = make_device("05c6", "9008", {});
     EXPECT_TRUE(core_usb_id_find_match(&info, &list));
 }
 
-TEST(FindMatch, FindsTheLastEntry) {
+TEST(FindMatch, FindsTheLastEntry)
+{
     const core_usb_id ids[] = {diagnostic, download};
     const core_usb_id_list list{2, ids};
     const core_device_info info = make_device("05C6", "9008", {});
     EXPECT_TRUE(core_usb_id_find_match(&info, &list));
 }
 
-TEST(FindMatch, WantsBothValues) {
+TEST(FindMatch, WantsBothValues)
+{
     const core_usb_id ids[] = {diagnostic, {0x1BC7, 0x9008}};
     const core_usb_id_list list{2, ids};
     const core_device_info info = make_device("05c6", "9008", {});
     EXPECT_FALSE(core_usb_id_find_match(&info, &list));
 }
 
-TEST(FindMatch, FindsNothingInAnEmptyList) {
+TEST(FindMatch, FindsNothingInAnEmptyList)
+{
     const core_usb_id ids[] = {download};
     const core_usb_id_list list{0, ids};
     const core_device_info info = make_device("05c6", "9008", {});
     EXPECT_FALSE(core_usb_id_find_match(&info, &list));
 }
 
-TEST(FindMatch, LooksThroughAListOf255) {
+TEST(FindMatch, LooksThroughAListOf255)
+{
     std::vector<core_usb_id> ids(255, diagnostic);
     ids[254] = download;
     const core_usb_id_list list{255, ids.data()};
@@ -189,7 +205,8 @@ TEST(FindMatch, LooksThroughAListOf255) {
     EXPECT_TRUE(core_usb_id_find_match(&info, &list));
 }
 
-TEST(FindMatch, ReportsTextsThatDoNotParse) {
+TEST(FindMatch, ReportsTextsThatDoNotParse)
+{
     const log_capture log;
     const core_usb_id_list list{1, &download};
     const core_device_info info = make_device("05c6", "", {});
@@ -205,14 +222,16 @@ class ConnectedDevice : public testing::Test {
     ConnectedDevice() { fake_discovery::instance().reset(); }
 
     // The platform answers a question with this result, and on success with this device.
-    static void answer(int result, const char *vid = "05c6", const char *pid = "9008") {
+    static void answer(int result, const char *vid = "05c6", const char *pid = "9008")
+    {
         enumerate_answer next{result, {}};
         if (result == 0)
             next.devices.push_back(make_device(vid, pid, {}));
         fake_discovery::instance().enumerations.push_back(next);
     }
 
-    static const std::vector<std::vector<core_usb_id>> &questions() {
+    static const std::vector<std::vector<core_usb_id>> &questions()
+    {
         return fake_discovery::instance().enumerated;
     }
 
@@ -224,14 +243,16 @@ class ConnectedDevice : public testing::Test {
 
 } // namespace
 
-TEST_F(ConnectedDevice, OfAnEmptyListIsMissing) {
+TEST_F(ConnectedDevice, OfAnEmptyListIsMissing)
+{
     const core_usb_id_list empty{0, nullptr};
     EXPECT_EQ(core_usb_id_get_device_if_connected(&empty, &info), -19);
     EXPECT_TRUE(questions().empty());
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(ConnectedDevice, IsTheFirstInListOrder) {
+TEST_F(ConnectedDevice, IsTheFirstInListOrder)
+{
     answer(0);
     EXPECT_EQ(core_usb_id_get_device_if_connected(&list, &info), 0);
     EXPECT_STREQ(info.pid, "9008");
@@ -241,7 +262,8 @@ TEST_F(ConnectedDevice, IsTheFirstInListOrder) {
     EXPECT_EQ(log.texts(CORE_LOG_DBG), strings{"looking for device 1/2: 0x05C6:0x9008\n"});
 }
 
-TEST_F(ConnectedDevice, MayBeALaterOne) {
+TEST_F(ConnectedDevice, MayBeALaterOne)
+{
     answer(-19);
     answer(0, "05c6", "900e");
     EXPECT_EQ(core_usb_id_get_device_if_connected(&list, &info), 0);
@@ -251,14 +273,16 @@ TEST_F(ConnectedDevice, MayBeALaterOne) {
                        "looking for device 2/2: 0x05C6:0x900E\n"}));
 }
 
-TEST_F(ConnectedDevice, GivesTheLastResultWhenNoneIsThere) {
+TEST_F(ConnectedDevice, GivesTheLastResultWhenNoneIsThere)
+{
     answer(-5);
     answer(-19);
     EXPECT_EQ(core_usb_id_get_device_if_connected(&list, &info), -19);
     EXPECT_EQ(log.count(CORE_LOG_DBG, "device not found\n"), 2);
 }
 
-TEST_F(ConnectedDevice, StopsAtOnceWhereThePlatformCannotEnumerate) {
+TEST_F(ConnectedDevice, StopsAtOnceWhereThePlatformCannotEnumerate)
+{
     answer(-100);
     EXPECT_EQ(core_usb_id_get_device_if_connected(&list, &info), -100);
     EXPECT_EQ(questions().size(), 1U);
@@ -267,7 +291,8 @@ TEST_F(ConnectedDevice, StopsAtOnceWhereThePlatformCannotEnumerate) {
     EXPECT_EQ(log.messages()[0].level, CORE_LOG_DBG);
 }
 
-TEST_F(ConnectedDevice, ClearsTheRecordBeforeEachQuestion) {
+TEST_F(ConnectedDevice, ClearsTheRecordBeforeEachQuestion)
+{
     strlcpy(info.serial, "old", sizeof info.serial);
     answer(-19);
     answer(-19);
@@ -281,7 +306,8 @@ class WaitForDevices : public ConnectedDevice {
   protected:
     WaitForDevices() { slept.clear(); }
 
-    static void event(int result, core_usb_id id = download, bool removed = false) {
+    static void event(int result, core_usb_id id = download, bool removed = false)
+    {
         listen_answer next;
         next.result = result;
         next.event.id = id;
@@ -294,14 +320,16 @@ class WaitForDevices : public ConnectedDevice {
 
 } // namespace
 
-TEST_F(WaitForDevices, EndsAtOnceWhenOneIsConnected) {
+TEST_F(WaitForDevices, EndsAtOnceWhenOneIsConnected)
+{
     answer(0);
     EXPECT_EQ(core_usb_id_wait_for_devices(&list), 0);
     EXPECT_EQ(waits(), 0U);
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(WaitForDevices, AsksForAllIdentifiersAtOnce) {
+TEST_F(WaitForDevices, AsksForAllIdentifiersAtOnce)
+{
     answer(0);
     core_usb_id_wait_for_devices(&list);
     ASSERT_EQ(questions().size(), 1U);
@@ -310,13 +338,15 @@ TEST_F(WaitForDevices, AsksForAllIdentifiersAtOnce) {
     EXPECT_EQ(questions()[0][1].pid, 0x900EU);
 }
 
-TEST_F(WaitForDevices, EndsAtOnceWhereThePlatformCannotEnumerate) {
+TEST_F(WaitForDevices, EndsAtOnceWhereThePlatformCannotEnumerate)
+{
     answer(-100);
     EXPECT_EQ(core_usb_id_wait_for_devices(&list), -100);
     EXPECT_EQ(waits(), 0U);
 }
 
-TEST_F(WaitForDevices, WaitsForAnAttachWithoutATimeOut) {
+TEST_F(WaitForDevices, WaitsForAnAttachWithoutATimeOut)
+{
     answer(-19);
     event(0);
     answer(0);
@@ -327,7 +357,8 @@ TEST_F(WaitForDevices, WaitsForAnAttachWithoutATimeOut) {
     EXPECT_EQ(log.texts(CORE_LOG_DBG), strings{"USB attach from device 05C6:9008\n"});
 }
 
-TEST_F(WaitForDevices, AsksForTheAttachedDeviceOnly) {
+TEST_F(WaitForDevices, AsksForTheAttachedDeviceOnly)
+{
     answer(-19);
     event(0, diagnostic);
     answer(0, "05c6", "900e");
@@ -337,7 +368,8 @@ TEST_F(WaitForDevices, AsksForTheAttachedDeviceOnly) {
     EXPECT_EQ(questions()[1][0].pid, 0x900EU);
 }
 
-TEST_F(WaitForDevices, ReportsAListenerThatFails) {
+TEST_F(WaitForDevices, ReportsAListenerThatFails)
+{
     answer(-19);
     event(-5);
     EXPECT_EQ(core_usb_id_wait_for_devices(&list), -5);
@@ -345,21 +377,24 @@ TEST_F(WaitForDevices, ReportsAListenerThatFails) {
     EXPECT_EQ(log.messages().back().function, "core_usb_id_wait_for_devices");
 }
 
-TEST_F(WaitForDevices, ReportsAPlatformThatCannotListen) {
+TEST_F(WaitForDevices, ReportsAPlatformThatCannotListen)
+{
     answer(-19);
     event(-100);
     EXPECT_EQ(core_usb_id_wait_for_devices(&list), -100);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"event listener error -100\n"});
 }
 
-TEST_F(WaitForDevices, TakesATimeOutOfTheListenerSilently) {
+TEST_F(WaitForDevices, TakesATimeOutOfTheListenerSilently)
+{
     answer(-19);
     event(-110);
     EXPECT_EQ(core_usb_id_wait_for_devices(&list), -110);
     EXPECT_TRUE(log.texts(CORE_LOG_ERR).empty());
 }
 
-TEST_F(WaitForDevices, TriesAgainUntilTheAttachedDeviceIsReady) {
+TEST_F(WaitForDevices, TriesAgainUntilTheAttachedDeviceIsReady)
+{
     answer(-19);
     event(0);
     answer(-19);
@@ -370,7 +405,8 @@ TEST_F(WaitForDevices, TriesAgainUntilTheAttachedDeviceIsReady) {
     EXPECT_EQ(slept, (std::vector<useconds_t>{1000000, 1000000}));
 }
 
-TEST_F(WaitForDevices, GivesUpAfterThreeMoreTries) {
+TEST_F(WaitForDevices, GivesUpAfterThreeMoreTries)
+{
     answer(-19);
     event(0);
     answer(-19);
@@ -383,7 +419,8 @@ TEST_F(WaitForDevices, GivesUpAfterThreeMoreTries) {
     EXPECT_EQ(slept, (std::vector<useconds_t>{1000000, 1000000, 1000000}));
 }
 
-TEST_F(WaitForDevices, WaitsOnWhenADeviceLeaves) {
+TEST_F(WaitForDevices, WaitsOnWhenADeviceLeaves)
+{
     answer(-19);
     event(0, download, true);
     event(0);
@@ -393,7 +430,8 @@ TEST_F(WaitForDevices, WaitsOnWhenADeviceLeaves) {
     EXPECT_EQ(log.count(CORE_LOG_DBG, "USB attach from device 05C6:9008\n"), 1);
 }
 
-TEST_F(WaitForDevices, EndsWithSigintWhenADeviceLeaves) {
+TEST_F(WaitForDevices, EndsWithSigintWhenADeviceLeaves)
+{
     answer(-19);
     event(0, download, true);
     fake_discovery::instance().events[0].before = [] { core_signal_handler(SIGINT); };

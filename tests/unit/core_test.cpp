@@ -24,7 +24,8 @@ static bool usleep_is_replaced = false;
 static int usleep_result = 0;
 static std::vector<useconds_t> slept;
 
-extern "C" int gettimeofday(timeval *__restrict time, void *__restrict) noexcept {
+extern "C" int gettimeofday(timeval *__restrict time, void *__restrict) noexcept
+{
     if (time_of_day_errno != 0) {
         time->tv_sec = 1234;
         errno = time_of_day_errno;
@@ -37,7 +38,8 @@ extern "C" int gettimeofday(timeval *__restrict time, void *__restrict) noexcept
     return static_cast<int>(syscall(SYS_gettimeofday, time, nullptr));
 }
 
-extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept {
+extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept
+{
     asked_clock = clock;
     if (clock_errno != 0) {
         errno = clock_errno;
@@ -46,7 +48,8 @@ extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept {
     return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
 }
 
-extern "C" int usleep(useconds_t time) {
+extern "C" int usleep(useconds_t time)
+{
     if (usleep_is_replaced) {
         slept.push_back(time);
         return usleep_result;
@@ -61,13 +64,15 @@ struct errno_row {
     int core;
 };
 
-static void PrintTo(const errno_row &row, std::ostream *out) {
+static void PrintTo(const errno_row &row, std::ostream *out)
+{
     *out << row.platform;
 }
 
 class ErrnoMapping : public testing::TestWithParam<errno_row> {};
 
-TEST_P(ErrnoMapping, GivesTheCoreCode) {
+TEST_P(ErrnoMapping, GivesTheCoreCode)
+{
     EXPECT_EQ(map_errno_to_core_err(GetParam().platform), GetParam().core);
 }
 
@@ -90,7 +95,8 @@ INSTANTIATE_TEST_SUITE_P(Others, ErrnoMapping,
                                          errno_row{"negative", -1, -102}),
                          [](const auto &row) { return std::string(row.param.name); });
 
-TEST(CoreErrorCodes, HaveTheNumbersOfGenericLinux) {
+TEST(CoreErrorCodes, HaveTheNumbersOfGenericLinux)
+{
     EXPECT_EQ(CORE_OK, 0);
     EXPECT_EQ(CORE_EPERM, -1);
     EXPECT_EQ(CORE_ENOENT, -2);
@@ -111,11 +117,13 @@ TEST(CoreErrorCodes, HaveTheNumbersOfGenericLinux) {
     EXPECT_EQ(CORE_EVERSION, -126);
 }
 
-TEST(CoreInit, Succeeds) {
+TEST(CoreInit, Succeeds)
+{
     EXPECT_EQ(core_init(), 0);
 }
 
-TEST(CoreDeinit, WritesOutTheLogFile) {
+TEST(CoreDeinit, WritesOutTheLogFile)
+{
     const temp_dir dir;
     ASSERT_EQ(core_log_set_output(dir.at("log").c_str(), false), 0);
     core_log(CORE_LOG_INF, nullptr, nullptr, 0, "a line\n");
@@ -123,7 +131,8 @@ TEST(CoreDeinit, WritesOutTheLogFile) {
     EXPECT_EQ(read_file(dir.at("log")), "a line\n");
 }
 
-TEST(CoreDeinit, LeavesALogThatMayStillBeWrittenTo) {
+TEST(CoreDeinit, LeavesALogThatMayStillBeWrittenTo)
+{
     const temp_dir dir;
     ASSERT_EQ(core_log_set_output(dir.at("log").c_str(), false), 0);
     core_deinit();
@@ -132,7 +141,8 @@ TEST(CoreDeinit, LeavesALogThatMayStillBeWrittenTo) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "the last line\n");
 }
 
-TEST(CoreDeinit, MayBeCalledTwice) {
+TEST(CoreDeinit, MayBeCalledTwice)
+{
     const temp_dir dir;
     ASSERT_EQ(core_log_set_output(dir.at("log").c_str(), false), 0);
     core_deinit();
@@ -140,80 +150,94 @@ TEST(CoreDeinit, MayBeCalledTwice) {
     EXPECT_EQ(print_function, stdout_print);
 }
 
-TEST(CoreSignalHandler, FlagIsClearAtStart) {
+TEST(CoreSignalHandler, FlagIsClearAtStart)
+{
     EXPECT_EQ(sigint_detected, 0);
 }
 
-TEST(CoreSignalHandler, SetsTheFlagOnSigint) {
+TEST(CoreSignalHandler, SetsTheFlagOnSigint)
+{
     EXPECT_EQ(core_signal_handler(2), 0);
     EXPECT_EQ(sigint_detected, 1);
 }
 
-TEST(CoreSignalHandler, LeavesTheFlagAtOneOnASecondSigint) {
+TEST(CoreSignalHandler, LeavesTheFlagAtOneOnASecondSigint)
+{
     core_signal_handler(SIGINT);
     core_signal_handler(SIGINT);
     EXPECT_EQ(sigint_detected, 1);
 }
 
-TEST(CoreSignalHandler, IgnoresAnyOtherSignal) {
+TEST(CoreSignalHandler, IgnoresAnyOtherSignal)
+{
     EXPECT_EQ(core_signal_handler(15), 2);
     EXPECT_EQ(sigint_detected, 0);
 }
 
-TEST(CoreSignalHandler, NeverClearsTheFlag) {
+TEST(CoreSignalHandler, NeverClearsTheFlag)
+{
     core_signal_handler(SIGINT);
     EXPECT_EQ(core_signal_handler(SIGTERM), 2);
     EXPECT_EQ(sigint_detected, 1);
 }
 
-TEST(CoreLogSetNative, InstallsTheSystemLog) {
+TEST(CoreLogSetNative, InstallsTheSystemLog)
+{
     EXPECT_EQ(core_log_set_native(true), 0);
     EXPECT_TRUE(is_log_native_enabled);
     EXPECT_EQ(print_function, syslog_print);
 }
 
-TEST(CoreLogSetNative, GoesBackToStandardOutput) {
+TEST(CoreLogSetNative, GoesBackToStandardOutput)
+{
     core_log_set_native(true);
     EXPECT_EQ(core_log_set_native(false), 0);
     EXPECT_FALSE(is_log_native_enabled);
     EXPECT_EQ(print_function, stdout_print);
 }
 
-TEST(CoreSleep, SleepsAThousandMicrosecondsAMillisecond) {
+TEST(CoreSleep, SleepsAThousandMicrosecondsAMillisecond)
+{
     usleep_is_replaced = true;
     EXPECT_EQ(core_sleep(1500), 0);
     EXPECT_EQ(slept, std::vector<useconds_t>{1500000});
 }
 
-TEST(CoreSleep, TakesTheProductIn32Bits) {
+TEST(CoreSleep, TakesTheProductIn32Bits)
+{
     usleep_is_replaced = true;
     core_sleep(4294968); // 4294968000 is 704 more than 2^32
     EXPECT_EQ(slept, std::vector<useconds_t>{704});
 }
 
-TEST(CoreSleep, ReturnsWhatTheSystemReturned) {
+TEST(CoreSleep, ReturnsWhatTheSystemReturned)
+{
     usleep_is_replaced = true;
     usleep_result = -1;
     EXPECT_EQ(core_sleep(1), -1);
 }
 
-TEST(CoreSleep, SleepsAtLeastTheTime) {
+TEST(CoreSleep, SleepsAtLeastTheTime)
+{
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(core_sleep(20), 0);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(20));
 }
 
-TEST(CoreSleep, ReturnsAtOnceForZero) {
+TEST(CoreSleep, ReturnsAtOnceForZero)
+{
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(core_sleep(0), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
 }
 
-static int64_t nanoseconds(const timespec &time) {
+static int64_t nanoseconds(const timespec &time)
+{
     return static_cast<int64_t>(time.tv_sec) * 1000000000 + time.tv_nsec;
 }
 
-TEST(CoreGetTime, ReadsTheMonotonicClock) {
+TEST(CoreGetTime, ReadsTheMonotonicClock)
+{
     timespec before{};
     timespec now{};
     timespec after{};
@@ -226,7 +250,8 @@ TEST(CoreGetTime, ReadsTheMonotonicClock) {
     EXPECT_LE(nanoseconds(now), nanoseconds(after));
 }
 
-TEST(CoreGetTime, FailsSilentlyWithMinusOne) {
+TEST(CoreGetTime, FailsSilentlyWithMinusOne)
+{
     log_capture log;
     timespec now{};
     clock_errno = EINVAL;
@@ -236,7 +261,8 @@ TEST(CoreGetTime, FailsSilentlyWithMinusOne) {
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST(CoreGetTimeOfDay, ReadsTheWallClock) {
+TEST(CoreGetTimeOfDay, ReadsTheWallClock)
+{
     const time_t before = time(nullptr);
     core_time_of_day now{};
     EXPECT_EQ(core_get_time_of_day(&now), 0);
@@ -246,7 +272,8 @@ TEST(CoreGetTimeOfDay, ReadsTheWallClock) {
     EXPECT_LT(now.microseconds, 1000000U);
 }
 
-TEST(CoreGetTimeOfDay, KeepsTheLow32BitsOfTheSeconds) {
+TEST(CoreGetTimeOfDay, KeepsTheLow32BitsOfTheSeconds)
+{
     time_of_day_is_given = true;
     given_time_of_day = {0x100000005, 999999};
     core_time_of_day now{1, 1};
@@ -255,7 +282,8 @@ TEST(CoreGetTimeOfDay, KeepsTheLow32BitsOfTheSeconds) {
     EXPECT_EQ(now.microseconds, 999999U);
 }
 
-TEST(CoreGetTimeOfDay, LogsAndMapsAFailure) {
+TEST(CoreGetTimeOfDay, LogsAndMapsAFailure)
+{
     log_capture log;
     core_time_of_day now{1, 1};
     time_of_day_errno = EPERM;
@@ -267,7 +295,8 @@ TEST(CoreGetTimeOfDay, LogsAndMapsAFailure) {
     EXPECT_EQ(log.messages()[0].function, "core_get_time_of_day");
 }
 
-TEST(CoreGetTimeOfDay, LeavesZeroesAfterAFailure) {
+TEST(CoreGetTimeOfDay, LeavesZeroesAfterAFailure)
+{
     core_time_of_day now{1, 1};
     time_of_day_errno = EINVAL;
     EXPECT_EQ(core_get_time_of_day(&now), -22);
@@ -278,38 +307,44 @@ TEST(CoreGetTimeOfDay, LeavesZeroesAfterAFailure) {
 // Wire bytes and their value, for each size; the top bit is set so that no sign creeps in.
 static constexpr unsigned char wire[8] = {0x81, 0x92, 0xA3, 0xB4, 0xC5, 0xD6, 0xE7, 0xF8};
 
-TEST(LittleEndianToHost, ReadsOneByte) {
+TEST(LittleEndianToHost, ReadsOneByte)
+{
     uint8_t value = 0;
     core_letoh(&value, sizeof value, wire, 1);
     EXPECT_EQ(value, 0x81);
 }
 
-TEST(LittleEndianToHost, ReadsTwoBytes) {
+TEST(LittleEndianToHost, ReadsTwoBytes)
+{
     uint16_t value = 0;
     core_letoh(&value, sizeof value, wire, 2);
     EXPECT_EQ(value, 0x9281);
 }
 
-TEST(LittleEndianToHost, ReadsFourBytes) {
+TEST(LittleEndianToHost, ReadsFourBytes)
+{
     uint32_t value = 0;
     core_letoh(&value, sizeof value, wire, 4);
     EXPECT_EQ(value, 0xB4A39281U);
 }
 
-TEST(LittleEndianToHost, ReadsEightBytes) {
+TEST(LittleEndianToHost, ReadsEightBytes)
+{
     uint64_t value = 0;
     core_letoh(&value, sizeof value, wire, 8);
     EXPECT_EQ(value, 0xF8E7D6C5B4A39281U);
 }
 
-TEST(LittleEndianToHost, ReadsWhereNothingIsAligned) {
+TEST(LittleEndianToHost, ReadsWhereNothingIsAligned)
+{
     unsigned char packet[5] = {0, 0x78, 0x56, 0x34, 0x12};
     uint32_t value = 0;
     core_letoh(&value, sizeof value, packet + 1, 4);
     EXPECT_EQ(value, 0x12345678U);
 }
 
-TEST(LittleEndianToHost, ConvertsInPlace) {
+TEST(LittleEndianToHost, ConvertsInPlace)
+{
     unsigned char field[4] = {0x78, 0x56, 0x34, 0x12};
     core_letoh(field, 4, field, 4);
     uint32_t value = 0;
@@ -317,12 +352,14 @@ TEST(LittleEndianToHost, ConvertsInPlace) {
     EXPECT_EQ(value, 0x12345678U);
 }
 
-static std::string bytes_of(const unsigned char *data, size_t size) {
+static std::string bytes_of(const unsigned char *data, size_t size)
+{
     return {reinterpret_cast<const char *>(data), size};
 }
 
 // What is stored of a value, and that nothing around it is touched.
-static std::string stored(uint64_t value, size_t size) {
+static std::string stored(uint64_t value, size_t size)
+{
     unsigned char field[10];
     memset(field, 0xEE, sizeof field);
     const auto v8 = static_cast<uint8_t>(value);
@@ -336,24 +373,29 @@ static std::string stored(uint64_t value, size_t size) {
     return bytes_of(field, size + 2);
 }
 
-TEST(HostToLittleEndian, StoresOneByte) {
+TEST(HostToLittleEndian, StoresOneByte)
+{
     EXPECT_EQ(stored(0x81, 1), "\xEE\x81\xEE");
 }
 
-TEST(HostToLittleEndian, StoresTwoBytes) {
+TEST(HostToLittleEndian, StoresTwoBytes)
+{
     EXPECT_EQ(stored(0x9281, 2), "\xEE\x81\x92\xEE");
 }
 
-TEST(HostToLittleEndian, StoresFourBytes) {
+TEST(HostToLittleEndian, StoresFourBytes)
+{
     EXPECT_EQ(stored(0xB4A39281, 4), "\xEE\x81\x92\xA3\xB4\xEE");
 }
 
-TEST(HostToLittleEndian, StoresEightBytes) {
+TEST(HostToLittleEndian, StoresEightBytes)
+{
     EXPECT_EQ(stored(0xF8E7D6C5B4A39281, 8), "\xEE\x81\x92\xA3\xB4\xC5\xD6\xE7\xF8\xEE");
 }
 
 // The prefix of the debug threshold shows that file and function are named.
-TEST(LittleEndianToHostDeathTest, EndsTheProcessWhenTheSizesDiffer) {
+TEST(LittleEndianToHostDeathTest, EndsTheProcessWhenTheSizesDiffer)
+{
     char from[4] = {};
     char to[4] = {};
     core_log_set_level(CORE_LOG_DBG);
@@ -361,7 +403,8 @@ TEST(LittleEndianToHostDeathTest, EndsTheProcessWhenTheSizesDiffer) {
                 "ERR core\\.c:[0-9]+:core_letoh\\(\\) dest_size 2 != src_size 4$");
 }
 
-TEST(LittleEndianToHostDeathTest, EndsTheProcessOnAnOddSize) {
+TEST(LittleEndianToHostDeathTest, EndsTheProcessOnAnOddSize)
+{
     char from[4] = {};
     char to[4] = {};
     core_log_set_level(CORE_LOG_DBG);
@@ -369,13 +412,15 @@ TEST(LittleEndianToHostDeathTest, EndsTheProcessOnAnOddSize) {
                 "ERR core\\.c:[0-9]+:core_letoh\\(\\) core_letoh: source size 3 not supported$");
 }
 
-TEST(LittleEndianToHostDeathTest, EndsTheProcessOnASizeOfZero) {
+TEST(LittleEndianToHostDeathTest, EndsTheProcessOnASizeOfZero)
+{
     char byte = 0;
     EXPECT_EXIT(core_letoh(&byte, 0, &byte, 0), testing::ExitedWithCode(1),
                 "^core_letoh: source size 0 not supported$");
 }
 
-TEST(HostToLittleEndianDeathTest, EndsTheProcessWhenTheSizesDiffer) {
+TEST(HostToLittleEndianDeathTest, EndsTheProcessWhenTheSizesDiffer)
+{
     char from[8] = {};
     char to[8] = {};
     core_log_set_level(CORE_LOG_DBG);
@@ -383,14 +428,16 @@ TEST(HostToLittleEndianDeathTest, EndsTheProcessWhenTheSizesDiffer) {
                 "ERR core\\.c:[0-9]+:core_htole\\(\\) dest_size 8 != src_size 4$");
 }
 
-TEST(HostToLittleEndianDeathTest, EndsTheProcessOnAnOddSize) {
+TEST(HostToLittleEndianDeathTest, EndsTheProcessOnAnOddSize)
+{
     char from[16] = {};
     char to[16] = {};
     EXPECT_EXIT(core_htole(to, 16, from, 16), testing::ExitedWithCode(1),
                 "^core_htole: source size 16 not supported$");
 }
 
-TEST(StoreSteps, StoreTheLowBytesOfAValueForTheHost) {
+TEST(StoreSteps, StoreTheLowBytesOfAValueForTheHost)
+{
     uint8_t v8 = 0;
     uint16_t v16 = 0;
     uint32_t v32 = 0;
@@ -405,13 +452,15 @@ TEST(StoreSteps, StoreTheLowBytesOfAValueForTheHost) {
     EXPECT_EQ(v64, 0xF8E7D6C5B4A39281U);
 }
 
-TEST(StoreSteps, StoreTheLowBytesOfAValueForTheWire) {
+TEST(StoreSteps, StoreTheLowBytesOfAValueForTheWire)
+{
     unsigned char field[8] = {};
     _ec_htom(field, 4, 0xF8E7D6C5B4A39281);
     EXPECT_EQ(bytes_of(field, 8), std::string("\x81\x92\xA3\xB4\0\0\0\0", 8));
 }
 
-TEST(StoreSteps, RefuseAnOddSizeForTheHostAndWriteNothing) {
+TEST(StoreSteps, RefuseAnOddSizeForTheHostAndWriteNothing)
+{
     log_capture log;
     unsigned char field[4] = {0xEE, 0xEE, 0xEE, 0xEE};
     _ec_mtoh(field, 3, 0x123456);
@@ -423,7 +472,8 @@ TEST(StoreSteps, RefuseAnOddSizeForTheHostAndWriteNothing) {
     EXPECT_EQ(log.messages()[0].function, "_ec_mtoh");
 }
 
-TEST(StoreSteps, RefuseAnOddSizeForTheWireAndWriteNothing) {
+TEST(StoreSteps, RefuseAnOddSizeForTheWireAndWriteNothing)
+{
     log_capture log;
     unsigned char field[4] = {0xEE, 0xEE, 0xEE, 0xEE};
     _ec_htom(field, 0, 0x123456);
@@ -434,96 +484,113 @@ TEST(StoreSteps, RefuseAnOddSizeForTheWireAndWriteNothing) {
     EXPECT_EQ(log.messages()[0].function, "_ec_htom");
 }
 
-TEST(Strcasestr, FindsTheFirstMatchInAnyCase) {
+TEST(Strcasestr, FindsTheFirstMatchInAnyCase)
+{
     static constexpr char haystack[] = "abc ErRoR error";
     EXPECT_EQ(core_strcasestr(haystack, "error"), haystack + 4);
 }
 
-TEST(Strcasestr, GivesNullWithoutAMatch) {
+TEST(Strcasestr, GivesNullWithoutAMatch)
+{
     EXPECT_EQ(core_strcasestr("abc", "abcd"), nullptr);
 }
 
-TEST(Strcasestr, FindsAnEmptyTextAtTheStart) {
+TEST(Strcasestr, FindsAnEmptyTextAtTheStart)
+{
     static constexpr char haystack[] = "abc";
     EXPECT_EQ(core_strcasestr(haystack, ""), haystack);
 }
 
-TEST(Strlcpy, CopiesATextThatFitsExactly) {
+TEST(Strlcpy, CopiesATextThatFitsExactly)
+{
     char buffer[6] = "zzzzz";
     EXPECT_EQ(strlcpy(buffer, "12345", sizeof buffer), 5U);
     EXPECT_STREQ(buffer, "12345");
 }
 
-TEST(Strlcpy, CutsALongTextAndReportsItsLength) {
+TEST(Strlcpy, CutsALongTextAndReportsItsLength)
+{
     char buffer[6] = "zzzzz";
     EXPECT_EQ(strlcpy(buffer, "1234567", sizeof buffer), 7U);
     EXPECT_STREQ(buffer, "12345");
 }
 
-TEST(Strlcpy, WritesNothingIntoABufferOfSizeZero) {
+TEST(Strlcpy, WritesNothingIntoABufferOfSizeZero)
+{
     char buffer[2] = "z";
     EXPECT_EQ(strlcpy(buffer, "123", 0), 3U);
     EXPECT_STREQ(buffer, "z");
 }
 
-TEST(Strlcpy, LeavesJustATerminatorInOneByte) {
+TEST(Strlcpy, LeavesJustATerminatorInOneByte)
+{
     char buffer[2] = {'z', 'y'};
     EXPECT_EQ(strlcpy(buffer, "123", 1), 3U);
     EXPECT_EQ(buffer[0], '\0');
     EXPECT_EQ(buffer[1], 'y');
 }
 
-TEST(Strlcat, AppendsATextThatFitsExactly) {
+TEST(Strlcat, AppendsATextThatFitsExactly)
+{
     char buffer[6] = "12";
     EXPECT_EQ(strlcat(buffer, "345", sizeof buffer), 5U);
     EXPECT_STREQ(buffer, "12345");
 }
 
-TEST(Strlcat, CutsALongTextAndReportsTheLengthTriedFor) {
+TEST(Strlcat, CutsALongTextAndReportsTheLengthTriedFor)
+{
     char buffer[6] = "12";
     EXPECT_EQ(strlcat(buffer, "34567", sizeof buffer), 7U);
     EXPECT_STREQ(buffer, "12345");
 }
 
-TEST(Strlcat, AppendsNothingToABufferWithoutATerminator) {
+TEST(Strlcat, AppendsNothingToABufferWithoutATerminator)
+{
     char buffer[3] = {'1', '2', '3'};
     EXPECT_EQ(strlcat(buffer, "45", sizeof buffer), 5U);
     EXPECT_EQ(std::string(buffer, 3), "123");
 }
 
-TEST(IsZero, AcceptsZeroes) {
+TEST(IsZero, AcceptsZeroes)
+{
     const char record[16] = {};
     EXPECT_TRUE(core_is_zero(record, sizeof record));
 }
 
-TEST(IsZero, SeesTheFirstByte) {
+TEST(IsZero, SeesTheFirstByte)
+{
     const char record[16] = {1};
     EXPECT_FALSE(core_is_zero(record, sizeof record));
 }
 
-TEST(IsZero, SeesTheLastByte) {
+TEST(IsZero, SeesTheLastByte)
+{
     char record[16] = {};
     record[15] = 1;
     EXPECT_FALSE(core_is_zero(record, sizeof record));
 }
 
-TEST(IsZero, SeesOnlyTheGivenSize) {
+TEST(IsZero, SeesOnlyTheGivenSize)
+{
     char record[16] = {};
     record[15] = 1;
     EXPECT_TRUE(core_is_zero(record, 15));
 }
 
-TEST(IsZero, AcceptsNothingAtAll) {
+TEST(IsZero, AcceptsNothingAtAll)
+{
     const char record = 1;
     EXPECT_TRUE(core_is_zero(&record, 0));
 }
 
-TEST(AssertionDeathTest, NamesPlaceAndConditionAndAborts) {
+TEST(AssertionDeathTest, NamesPlaceAndConditionAndAborts)
+{
     EXPECT_EXIT(core_assertion_failed("a < b", "file.c", 12), testing::KilledBySignal(SIGABRT),
                 "^file\\.c:12: assertion failed: a < b\n$");
 }
 
-TEST(AssertionDeathTest, IsCheckedInEveryBuild) {
+TEST(AssertionDeathTest, IsCheckedInEveryBuild)
+{
     const int two = 2;
     CORE_ASSERT(two == 2);
     EXPECT_EXIT(CORE_ASSERT(two == 3), testing::KilledBySignal(SIGABRT), "assertion failed: two == 3");

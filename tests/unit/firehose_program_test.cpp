@@ -905,6 +905,14 @@ TEST_F(Program, ProgramLineWithoutAFileIsSkipped)
     EXPECT_EQ(log.messages().back().function, "send_command_with_binary");
 }
 
+TEST_F(Program, ElementWhoseNameOnlyBeginsLikeProgramIsSentWithoutAFile)
+{
+    add_command("<programmer/>");
+    programmer.takes(frame_begin + "<programmer/>" + frame_end);
+    programmer.answers(ack_chunk);
+    EXPECT_EQ(send(), 0);
+}
+
 TEST_F(Program, PowerResetIsRemembered)
 {
     add_command("<power value=\"reset\"/>");

@@ -21,7 +21,8 @@ static bool clock_is_given = false;
 static bool clock_fails = false;
 static clockid_t asked_clock = -1;
 
-extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept {
+extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept
+{
     if (clock_fails) {
         errno = EINVAL;
         return -1;
@@ -36,41 +37,48 @@ extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept {
 
 #define STAMP "{\"timestamp\": \"1700000000.000012345\", "
 
-static json_entry end_row() {
+static json_entry end_row()
+{
     return {nullptr, nullptr, JSON_END};
 }
 
-static json_entry text_row(const char *name, const char *text) {
+static json_entry text_row(const char *name, const char *text)
+{
     return {name, text, JSON_TEXT};
 }
 
 // Every line that was printed, checked to be JSON and nothing else.
 class JsonLines : public testing::Test {
   protected:
-    JsonLines() {
+    JsonLines()
+    {
         core_log_set_pprint(2);
         clock_is_given = true;
     }
-    ~JsonLines() override {
+    ~JsonLines() override
+    {
         clock_is_given = clock_fails = false;
         for (const auto &line : lines.lines())
             EXPECT_EQ(json_line_fault(line.text), "") << line.text;
     }
 
-    std::string only_line() const {
+    std::string only_line() const
+    {
         EXPECT_EQ(lines.lines().size(), 1U);
         return lines.lines().empty() ? "" : lines.lines()[0].text;
     }
 
     // The only line, read back.
-    json_value only_object() const {
+    json_value only_object() const
+    {
         json_value value;
         std::string error;
         EXPECT_TRUE(json_read(only_line(), &value, &error)) << error;
         return value;
     }
 
-    std::string member(const std::string &name) const {
+    std::string member(const std::string &name) const
+    {
         const json_value object = only_object();
         const json_value *const found = object.find(name);
         EXPECT_NE(found, nullptr) << name;
@@ -78,7 +86,8 @@ class JsonLines : public testing::Test {
     }
 
     // The messages of all LOG objects so far.
-    std::vector<std::string> logged() const {
+    std::vector<std::string> logged() const
+    {
         std::vector<std::string> all;
         for (const auto &line : lines.lines()) {
             json_value value;
@@ -97,67 +106,79 @@ using strings = std::vector<std::string>;
 
 class LogObject : public JsonLines {};
 
-TEST_F(LogObject, HasTheFixedShape) {
+TEST_F(LogObject, HasTheFixedShape)
+{
     core_log(CORE_LOG_INF, "../main.c", "main", 775, "hello");
     EXPECT_EQ(only_line(), STAMP "\"type\": \"LOG\", \"severity\":\"INF\", \"file\": \"../main.c\", "
                                  "\"function\": \"main\", \"line\": 775, \"msg\": \"hello\"}\n");
 }
 
-TEST_F(LogObject, ReadsTheWallClock) {
+TEST_F(LogObject, ReadsTheWallClock)
+{
     core_log(CORE_LOG_INF, "../main.c", "main", 775, "hello");
     EXPECT_EQ(asked_clock, CLOCK_REALTIME);
 }
 
-TEST_F(LogObject, LosesOneTrailingLineFeed) {
+TEST_F(LogObject, LosesOneTrailingLineFeed)
+{
     core_log(CORE_LOG_INF, "../main.c", "main", 775, "hello\n");
     EXPECT_EQ(member("msg"), "hello");
 }
 
-TEST_F(LogObject, LosesNoSecondLineFeed) {
+TEST_F(LogObject, LosesNoSecondLineFeed)
+{
     core_log(CORE_LOG_INF, "../main.c", "main", 775, "hello\n\n");
     EXPECT_EQ(member("msg"), "hello\n");
 }
 
-TEST_F(LogObject, EscapesALeadingLineFeed) {
+TEST_F(LogObject, EscapesALeadingLineFeed)
+{
     core_log(CORE_LOG_INF, "../main.c", "main", 775, "\nFirmware update completed");
     EXPECT_NE(only_line().find("\"msg\": \"\\nFirmware update completed\"}\n"), std::string::npos);
 }
 
-TEST_F(LogObject, EscapesQuotesAndBackslashes) {
+TEST_F(LogObject, EscapesQuotesAndBackslashes)
+{
     core_log(CORE_LOG_INF, "../main.c", "main", 775, "<a b=\"c\\d\">");
     EXPECT_NE(only_line().find("\"msg\": \"<a b=\\\"c\\\\d\\\">\"}\n"), std::string::npos);
 }
 
-TEST_F(LogObject, EscapesFileAndFunctionToo) {
+TEST_F(LogObject, EscapesFileAndFunctionToo)
+{
     core_log(CORE_LOG_INF, "a\"b.c", "f\\g", 1, "text");
     EXPECT_EQ(member("file"), "a\"b.c");
     EXPECT_EQ(member("function"), "f\\g");
 }
 
-TEST_F(LogObject, KeepsAnEmptyMessage) {
+TEST_F(LogObject, KeepsAnEmptyMessage)
+{
     core_log(CORE_LOG_INF, "../main.c", "main", 775, "%s", "");
     EXPECT_EQ(member("msg"), "");
 }
 
-TEST_F(LogObject, OfAnAnonymousMessageHasEmptyNames) {
+TEST_F(LogObject, OfAnAnonymousMessageHasEmptyNames)
+{
     core_log(CORE_LOG_INF, nullptr, nullptr, 0, "hello");
     EXPECT_EQ(only_line(),
               STAMP "\"type\": \"LOG\", \"severity\":\"INF\", \"file\": \"\", \"function\": \"\", "
                     "\"line\": 0, \"msg\": \"hello\"}\n");
 }
 
-TEST_F(LogObject, SurvivesAMessageCutInsideACharacter) {
+TEST_F(LogObject, SurvivesAMessageCutInsideACharacter)
+{
     const std::string text = std::string(1023, 'x') + "\xC3\xA4";
     core_log(CORE_LOG_INF, "../main.c", "main", 775, "%s", text.c_str());
     EXPECT_EQ(member("msg"), std::string(1023, 'x') + "\xEF\xBF\xBD");
 }
 
-TEST_F(LogObject, HoldsALongestMessageOfEscapesInFull) {
+TEST_F(LogObject, HoldsALongestMessageOfEscapesInFull)
+{
     core_log(CORE_LOG_INF, "../main.c", "main", 775, "%s", std::string(1024, '\x01').c_str());
     EXPECT_EQ(member("msg"), std::string(1024, '\x01'));
 }
 
-TEST_F(LogObject, SurvivesEveryByte) {
+TEST_F(LogObject, SurvivesEveryByte)
+{
     std::string text;
     for (int c = 1; c < 256; ++c)
         text.push_back(static_cast<char>(c));
@@ -168,30 +189,35 @@ TEST_F(LogObject, SurvivesEveryByte) {
     EXPECT_EQ(member("msg"), expected);
 }
 
-TEST_F(LogObject, IsDroppedAboveTheThreshold) {
+TEST_F(LogObject, IsDroppedAboveTheThreshold)
+{
     core_log(CORE_LOG_DBG, "../main.c", "main", 775, "hello");
     EXPECT_TRUE(lines.lines().empty());
 }
 
-TEST_F(LogObject, IsDroppedForDisabledCoreMessages) {
+TEST_F(LogObject, IsDroppedForDisabledCoreMessages)
+{
     core_log_enable_core_messages(false);
     char text[] = "hello";
     EXPECT_EQ(core_log_json(CORE_LOG_ERR, "core-file.c", "core_file_open", 1, text), 0);
     EXPECT_TRUE(lines.lines().empty());
 }
 
-TEST_F(LogObject, IsPrintedForOtherFilesWhileCoreMessagesAreDisabled) {
+TEST_F(LogObject, IsPrintedForOtherFilesWhileCoreMessagesAreDisabled)
+{
     core_log_enable_core_messages(false);
     core_log(CORE_LOG_ERR, "../main.c", "main", 1, "hello");
     EXPECT_EQ(member("msg"), "hello");
 }
 
-TEST_F(LogObject, ReturnsTheResultOfThePrintFunction) {
+TEST_F(LogObject, ReturnsTheResultOfThePrintFunction)
+{
     const int result = core_log(CORE_LOG_INF, "f", "g", 1, "h");
     EXPECT_EQ(result, static_cast<int>(only_line().size()));
 }
 
-TEST_F(LogObject, HasAZeroTimeAfterAnObjectOfItsOwnWhenTheClockFails) {
+TEST_F(LogObject, HasAZeroTimeAfterAnObjectOfItsOwnWhenTheClockFails)
+{
     clock_fails = true;
     core_log(CORE_LOG_INF, "../main.c", "main", 775, "hello");
     ASSERT_EQ(lines.lines().size(), 2U);
@@ -200,7 +226,8 @@ TEST_F(LogObject, HasAZeroTimeAfterAnObjectOfItsOwnWhenTheClockFails) {
     EXPECT_EQ(lines.lines()[1].text.substr(0, 28), "{\"timestamp\": \"0.000000000\",");
 }
 
-TEST_F(LogObject, ReportsTheFailingClockEachTime) {
+TEST_F(LogObject, ReportsTheFailingClockEachTime)
+{
     clock_fails = true;
     core_log(CORE_LOG_INF, "../main.c", "main", 775, "one");
     core_log(CORE_LOG_INF, "../main.c", "main", 775, "two");
@@ -213,19 +240,22 @@ struct severity_row {
     const char *name;
 };
 
-static void PrintTo(const severity_row &row, std::ostream *out) {
+static void PrintTo(const severity_row &row, std::ostream *out)
+{
     *out << row.level;
 }
 
 class Severity : public JsonLines, public testing::WithParamInterface<severity_row> {};
 
-TEST_P(Severity, IsNamedInALogObject) {
+TEST_P(Severity, IsNamedInALogObject)
+{
     core_log_set_level(CORE_LOG_VRB);
     core_log(GetParam().level, "f", "g", 1, "text");
     EXPECT_EQ(member("severity"), GetParam().name);
 }
 
-TEST_P(Severity, ReachesThePrintFunction) {
+TEST_P(Severity, ReachesThePrintFunction)
+{
     core_log_set_level(CORE_LOG_VRB);
     core_log(GetParam().level, "f", "g", 1, "text");
     ASSERT_EQ(lines.lines().size(), 1U);
@@ -240,7 +270,8 @@ INSTANTIATE_TEST_SUITE_P(Table, Severity,
                                          severity_row{8, "VRB"}),
                          [](const auto &row) { return std::string(row.param.name); });
 
-TEST(JsonStreams, AreStandardErrorForErrorsAndStandardOutputForTheRest) {
+TEST(JsonStreams, AreStandardErrorForErrorsAndStandardOutputForTheRest)
+{
     core_log_set_pprint(2);
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
@@ -257,72 +288,85 @@ TEST(JsonStreams, AreStandardErrorForErrorsAndStandardOutputForTheRest) {
 class ProgressObject : public JsonLines {
   protected:
     static int report(int64_t current, int64_t max, const char *description = "boot.img",
-                      int level = CORE_LOG_INF) {
+                      int level = CORE_LOG_INF)
+    {
         json_progress progress{current, max, description};
         return core_log_json(level, "firehose", "JSON_TYPE_PROGRESS", 1, reinterpret_cast<char *>(&progress));
     }
 };
 
-TEST_F(ProgressObject, HasTheFixedShape) {
+TEST_F(ProgressObject, HasTheFixedShape)
+{
     report(3, 4);
     EXPECT_EQ(only_line(), STAMP "\"type\": \"PROGRESS\", \"current\": 3, \"max\": 4, \"percent\": 75, "
                                  "\"description\": \"boot.img\"}\n");
 }
 
-TEST_F(ProgressObject, HasPercentMinusOneWithoutAMaximum) {
+TEST_F(ProgressObject, HasPercentMinusOneWithoutAMaximum)
+{
     report(3, 0);
     EXPECT_EQ(member("percent"), "-1");
 }
 
-TEST_F(ProgressObject, HasPercentMinusOneForANegativeMaximum) {
+TEST_F(ProgressObject, HasPercentMinusOneForANegativeMaximum)
+{
     report(3, -4);
     EXPECT_EQ(member("percent"), "-1");
 }
 
-TEST_F(ProgressObject, RoundsThePercentDown) {
+TEST_F(ProgressObject, RoundsThePercentDown)
+{
     report(2, 3);
     EXPECT_EQ(member("percent"), "66");
 }
 
-TEST_F(ProgressObject, Reaches100) {
+TEST_F(ProgressObject, Reaches100)
+{
     report(4, 4);
     EXPECT_EQ(member("percent"), "100");
 }
 
-TEST_F(ProgressObject, TakesThePercentAsASigned8BitNumber) {
+TEST_F(ProgressObject, TakesThePercentAsASigned8BitNumber)
+{
     report(200, 100);
     EXPECT_EQ(member("percent"), "-56");
 }
 
-TEST_F(ProgressObject, CountsFilesOfMoreThan4GiB) {
+TEST_F(ProgressObject, CountsFilesOfMoreThan4GiB)
+{
     report(5368709120, 10737418240);
     EXPECT_EQ(member("current"), "5368709120");
     EXPECT_EQ(member("max"), "10737418240");
     EXPECT_EQ(member("percent"), "50");
 }
 
-TEST_F(ProgressObject, SurvivesTheLargestNumbers) {
+TEST_F(ProgressObject, SurvivesTheLargestNumbers)
+{
     report(INT64_MAX, INT64_MAX);
     EXPECT_EQ(member("current"), "9223372036854775807");
 }
 
-TEST_F(ProgressObject, EscapesTheDescription) {
+TEST_F(ProgressObject, EscapesTheDescription)
+{
     report(1, 2, "a\"b\\c\n\xFF");
     EXPECT_EQ(member("description"), "a\"b\\c\n\xEF\xBF\xBD");
 }
 
-TEST_F(ProgressObject, HasAnEmptyDescriptionForNone) {
+TEST_F(ProgressObject, HasAnEmptyDescriptionForNone)
+{
     report(1, 2, nullptr);
     EXPECT_EQ(member("description"), "");
 }
 
-TEST_F(ProgressObject, IsNotFilteredByLevel) {
+TEST_F(ProgressObject, IsNotFilteredByLevel)
+{
     core_log_set_level(CORE_LOG_ERR);
     report(1, 2);
     EXPECT_EQ(member("percent"), "50");
 }
 
-TEST_F(ProgressObject, IsPrintedWithItsLevel) {
+TEST_F(ProgressObject, IsPrintedWithItsLevel)
+{
     report(1, 2, "x", CORE_LOG_NOT);
     ASSERT_EQ(lines.lines().size(), 1U);
     EXPECT_EQ(lines.lines()[0].level, CORE_LOG_NOT);
@@ -330,58 +374,68 @@ TEST_F(ProgressObject, IsPrintedWithItsLevel) {
 
 class CustomObject : public JsonLines {
   protected:
-    static int print(std::initializer_list<json_entry> rows, int level = CORE_LOG_INF) {
+    static int print(std::initializer_list<json_entry> rows, int level = CORE_LOG_INF)
+    {
         std::vector<json_entry> table(rows);
         table.push_back(end_row());
         return core_log_json(level, "json", "JSON_TYPE_CUSTOM", 1, reinterpret_cast<char *>(table.data()));
     }
 };
 
-TEST_F(CustomObject, TakesItsTypeFromTheFirstEntry) {
+TEST_F(CustomObject, TakesItsTypeFromTheFirstEntry)
+{
     print({text_row("type", "ADD"), text_row("imei", "123")});
     EXPECT_EQ(only_line(), STAMP "\"type\": \"ADD\", \"imei\": \"123\"}\n");
 }
 
-TEST_F(CustomObject, EscapesItsType) {
+TEST_F(CustomObject, EscapesItsType)
+{
     print({text_row("type", "A\"D"), text_row("imei", "123")});
     EXPECT_EQ(member("type"), "A\"D");
 }
 
-TEST_F(CustomObject, HasAnEmptyTypeWhenItIsUnset) {
+TEST_F(CustomObject, HasAnEmptyTypeWhenItIsUnset)
+{
     print({text_row("type", nullptr), text_row("imei", "123")});
     EXPECT_EQ(member("type"), "");
 }
 
-TEST_F(CustomObject, IsNotPrintedWithoutEntries) {
+TEST_F(CustomObject, IsNotPrintedWithoutEntries)
+{
     EXPECT_EQ(print({}), 0);
     EXPECT_EQ(logged(), strings{"could not find any JSON data"});
     EXPECT_EQ(lines.lines()[0].level, CORE_LOG_ERR);
 }
 
-TEST_F(CustomObject, IsNotPrintedWithItsTypeOnly) {
+TEST_F(CustomObject, IsNotPrintedWithItsTypeOnly)
+{
     EXPECT_EQ(print({text_row("type", "ADD")}), 0);
     EXPECT_EQ(logged(), strings{"custom JSON data only has the type 'ADD'"});
     EXPECT_EQ(lines.lines()[0].level, CORE_LOG_ERR);
 }
 
-TEST_F(CustomObject, IsNotPrintedWithAnUnsetTypeOnly) {
+TEST_F(CustomObject, IsNotPrintedWithAnUnsetTypeOnly)
+{
     EXPECT_EQ(print({text_row("type", nullptr)}), 0);
     EXPECT_EQ(logged(), strings{"custom JSON data only has the type ''"});
 }
 
-TEST_F(CustomObject, IsNotFilteredByLevel) {
+TEST_F(CustomObject, IsNotFilteredByLevel)
+{
     core_log_set_level(CORE_LOG_ERR);
     print({text_row("type", "ADD"), text_row("imei", "123")});
     EXPECT_EQ(member("imei"), "123");
 }
 
-TEST_F(CustomObject, IsPrintedWithItsLevel) {
+TEST_F(CustomObject, IsPrintedWithItsLevel)
+{
     print({text_row("type", "ADD"), text_row("imei", "123")}, CORE_LOG_ERR);
     ASSERT_EQ(lines.lines().size(), 1U);
     EXPECT_EQ(lines.lines()[0].level, CORE_LOG_ERR);
 }
 
-TEST_F(CustomObject, IsComposedInTheRegisteredBuffer) {
+TEST_F(CustomObject, IsComposedInTheRegisteredBuffer)
+{
     char buffer[64] = {};
     ASSERT_TRUE(core_log_set_json_buffer(buffer, sizeof buffer));
     print({text_row("type", "ADD"), text_row("imei", "123")});
@@ -389,14 +443,16 @@ TEST_F(CustomObject, IsComposedInTheRegisteredBuffer) {
     EXPECT_EQ(member("imei"), "123");
 }
 
-TEST_F(CustomObject, ThatFillsTheRegisteredBufferIsPrinted) {
+TEST_F(CustomObject, ThatFillsTheRegisteredBufferIsPrinted)
+{
     char buffer[14]; // 13 bytes of body and the terminator
     core_log_set_json_buffer(buffer, sizeof buffer);
     print({text_row("type", "ADD"), text_row("imei", "123")});
     EXPECT_EQ(only_line(), STAMP "\"type\": \"ADD\", \"imei\": \"123\"}\n");
 }
 
-TEST_F(CustomObject, ThatNeedsMoreThanTheRegisteredBufferIsNotPrinted) {
+TEST_F(CustomObject, ThatNeedsMoreThanTheRegisteredBufferIsNotPrinted)
+{
     char buffer[10];
     core_log_set_json_buffer(buffer, sizeof buffer);
     EXPECT_EQ(print({text_row("type", "ADD"), text_row("imei", "123")}), 0);
@@ -404,7 +460,8 @@ TEST_F(CustomObject, ThatNeedsMoreThanTheRegisteredBufferIsNotPrinted) {
     EXPECT_EQ(lines.lines()[0].level, CORE_LOG_ERR);
 }
 
-TEST_F(CustomObject, ThatLeavesNoRoomForTheTerminatorIsNotPrinted) {
+TEST_F(CustomObject, ThatLeavesNoRoomForTheTerminatorIsNotPrinted)
+{
     char buffer[13];
     core_log_set_json_buffer(buffer, sizeof buffer);
     EXPECT_EQ(print({text_row("type", "ADD"), text_row("imei", "123")}), 0);
@@ -412,19 +469,22 @@ TEST_F(CustomObject, ThatLeavesNoRoomForTheTerminatorIsNotPrinted) {
     EXPECT_EQ(logged().size(), 1U);
 }
 
-TEST_F(CustomObject, HasRoomFor512BytesAnEntryWithoutARegisteredBuffer) {
+TEST_F(CustomObject, HasRoomFor512BytesAnEntryWithoutARegisteredBuffer)
+{
     const std::string text(503, 'x'); // with the name, quotes and separators 511 bytes
     print({text_row("type", "ADD"), text_row("ab", text.c_str())});
     EXPECT_EQ(member("ab"), text);
 }
 
-TEST_F(CustomObject, HasNoMoreRoomWithoutARegisteredBuffer) {
+TEST_F(CustomObject, HasNoMoreRoomWithoutARegisteredBuffer)
+{
     const std::string text(505, 'x');
     print({text_row("type", "ADD"), text_row("ab", text.c_str())});
     EXPECT_EQ(logged(), strings{"json string error: not enough space (512 < 513)"});
 }
 
-TEST_F(CustomObject, IsCutBeforeAnEntryThatIsTooLong) {
+TEST_F(CustomObject, IsCutBeforeAnEntryThatIsTooLong)
+{
     const std::string text(1000, 'x');
     print({text_row("type", "ADD"), text_row("imei", "1"), text_row("path", text.c_str()),
            text_row("cfun", "2")});
@@ -433,7 +493,8 @@ TEST_F(CustomObject, IsCutBeforeAnEntryThatIsTooLong) {
     EXPECT_EQ(lines.lines()[1].text, STAMP "\"type\": \"ADD\", \"imei\": \"1\"}\n");
 }
 
-TEST_F(CustomObject, IsNotPrintedWhenItsOnlyEntryIsTooLong) {
+TEST_F(CustomObject, IsNotPrintedWhenItsOnlyEntryIsTooLong)
+{
     char buffer[2048];
     core_log_set_json_buffer(buffer, sizeof buffer);
     const std::string text(1000, 'x');
@@ -442,12 +503,14 @@ TEST_F(CustomObject, IsNotPrintedWhenItsOnlyEntryIsTooLong) {
     EXPECT_EQ(logged(), strings{"truncated message"});
 }
 
-TEST_F(CustomObject, IsNotPrintedWithAnEntryOfUnknownType) {
+TEST_F(CustomObject, IsNotPrintedWithAnEntryOfUnknownType)
+{
     EXPECT_EQ(print({text_row("type", "ADD"), text_row("imei", "1"), {"odd", "x", 8}}), 0);
     EXPECT_EQ(logged(), strings{"unknown type value 8 for entry 1"});
 }
 
-TEST_F(CustomObject, IsDroppedForDisabledCoreMessages) {
+TEST_F(CustomObject, IsDroppedForDisabledCoreMessages)
+{
     core_log_enable_core_messages(false);
     const json_entry table[] = {text_row("type", "ADD"), text_row("imei", "1"), end_row()};
     core_log_json(CORE_LOG_INF, "core-x.c", "JSON_TYPE_CUSTOM", 1,
@@ -455,16 +518,19 @@ TEST_F(CustomObject, IsDroppedForDisabledCoreMessages) {
     EXPECT_TRUE(lines.lines().empty());
 }
 
-TEST(SetJsonBuffer, NeedsABuffer) {
+TEST(SetJsonBuffer, NeedsABuffer)
+{
     EXPECT_FALSE(core_log_set_json_buffer(nullptr, 10));
 }
 
-TEST(SetJsonBuffer, NeedsASize) {
+TEST(SetJsonBuffer, NeedsASize)
+{
     char buffer[1];
     EXPECT_FALSE(core_log_set_json_buffer(buffer, 0));
 }
 
-TEST(SetJsonBuffer, TakesBoth) {
+TEST(SetJsonBuffer, TakesBoth)
+{
     char buffer[1];
     EXPECT_TRUE(core_log_set_json_buffer(buffer, 1));
 }
@@ -472,7 +538,8 @@ TEST(SetJsonBuffer, TakesBoth) {
 class Compose : public testing::Test {
   protected:
     // The body of a table, checked to be the inside of an object.
-    std::string compose(std::initializer_list<json_entry> rows, size_t size = 10240) {
+    std::string compose(std::initializer_list<json_entry> rows, size_t size = 10240)
+    {
         std::vector<json_entry> table(rows);
         table.push_back(end_row());
         std::vector<char> buffer(size, 'z');
@@ -489,53 +556,64 @@ class Compose : public testing::Test {
     log_capture log;
 };
 
-TEST_F(Compose, WritesNothingForNoEntries) {
+TEST_F(Compose, WritesNothingForNoEntries)
+{
     EXPECT_EQ(compose({}), "");
     EXPECT_EQ(needed, 0U);
 }
 
-TEST_F(Compose, WritesBooleans) {
+TEST_F(Compose, WritesBooleans)
+{
     EXPECT_EQ(compose({{"a", &yes, 0}, {"b", &no, 0}}), "\"a\": true, \"b\": false");
 }
 
-TEST_F(Compose, WritesSigned32BitNumbers) {
+TEST_F(Compose, WritesSigned32BitNumbers)
+{
     static constexpr int32_t low = INT32_MIN;
     static constexpr int32_t high = INT32_MAX;
     EXPECT_EQ(compose({{"a", &low, 1}, {"b", &high, 1}}), "\"a\": -2147483648, \"b\": 2147483647");
 }
 
-TEST_F(Compose, WritesSigned64BitNumbers) {
+TEST_F(Compose, WritesSigned64BitNumbers)
+{
     static constexpr int64_t low = INT64_MIN;
     EXPECT_EQ(compose({{"a", &low, 2}}), "\"a\": -9223372036854775808");
 }
 
-TEST_F(Compose, WritesUnsigned64BitNumbers) {
+TEST_F(Compose, WritesUnsigned64BitNumbers)
+{
     static constexpr uint64_t high = UINT64_MAX;
     EXPECT_EQ(compose({{"a", &high, 3}}), "\"a\": 18446744073709551615");
 }
 
-TEST_F(Compose, WritesTextsInQuotes) {
+TEST_F(Compose, WritesTextsInQuotes)
+{
     EXPECT_EQ(compose({text_row("a", "one"), text_row("b", "0x1BC7")}), "\"a\": \"one\", \"b\": \"0x1BC7\"");
 }
 
-TEST_F(Compose, WritesAnEmptyTextAsNull) {
+TEST_F(Compose, WritesAnEmptyTextAsNull)
+{
     EXPECT_EQ(compose({text_row("imei", ""), text_row("cfun", "")}), "\"imei\": null, \"cfun\": null");
 }
 
-TEST_F(Compose, WritesAMissingTextAsNull) {
+TEST_F(Compose, WritesAMissingTextAsNull)
+{
     EXPECT_EQ(compose({text_row("imei", nullptr)}), "\"imei\": null");
 }
 
-TEST_F(Compose, EscapesTexts) {
+TEST_F(Compose, EscapesTexts)
+{
     EXPECT_EQ(compose({text_row("a", "x\"y\\z\r\n")}), "\"a\": \"x\\\"y\\\\z\\r\\n\"");
 }
 
-TEST_F(Compose, ReturnsTheLength) {
+TEST_F(Compose, ReturnsTheLength)
+{
     compose({text_row("a", "one"), text_row("b", "two")});
     EXPECT_EQ(needed, 22U);
 }
 
-TEST_F(Compose, RefusesAnUnknownType) {
+TEST_F(Compose, RefusesAnUnknownType)
+{
     compose({text_row("a", "one"), {"b", "x", 9}});
     EXPECT_EQ(needed, 0U);
     ASSERT_EQ(log.messages().size(), 1U);
@@ -544,32 +622,38 @@ TEST_F(Compose, RefusesAnUnknownType) {
     EXPECT_EQ(log.messages()[0].function, "json_compose");
 }
 
-TEST_F(Compose, ClearsTheBufferFirst) {
+TEST_F(Compose, ClearsTheBufferFirst)
+{
     char buffer[8] = {'z', 'z', 'z', 'z', 'z', 'z', 'z', 'z'};
     const json_entry table[] = {end_row()};
     json_compose(table, buffer, sizeof buffer);
     EXPECT_EQ(std::string(buffer, 8), std::string(8, '\0'));
 }
 
-TEST_F(Compose, FillsABufferToItsLastByte) {
+TEST_F(Compose, FillsABufferToItsLastByte)
+{
     EXPECT_EQ(compose({text_row("a", "one"), text_row("b", "two")}, 23), "\"a\": \"one\", \"b\": \"two\"");
 }
 
-TEST_F(Compose, CutsAfterTheLastEntryThatFits) {
+TEST_F(Compose, CutsAfterTheLastEntryThatFits)
+{
     EXPECT_EQ(compose({text_row("a", "one"), text_row("b", "two")}, 22), "\"a\": \"one\"");
     EXPECT_EQ(needed, 22U);
 }
 
-TEST_F(Compose, CountsOnPastTheCut) {
+TEST_F(Compose, CountsOnPastTheCut)
+{
     EXPECT_EQ(compose({text_row("a", "one"), text_row("b", "two"), text_row("c", "three")}, 4), "");
     EXPECT_EQ(needed, 36U);
 }
 
-TEST_F(Compose, AppendsNothingAfterTheFirstEntryThatDoesNotFit) {
+TEST_F(Compose, AppendsNothingAfterTheFirstEntryThatDoesNotFit)
+{
     EXPECT_EQ(compose({text_row("a", "a long text"), text_row("b", "2")}, 15), "");
 }
 
-TEST_F(Compose, TouchesNothingBehindTheBuffer) {
+TEST_F(Compose, TouchesNothingBehindTheBuffer)
+{
     char buffer[24];
     memset(buffer, 'z', sizeof buffer);
     const json_entry table[] = {text_row("a", "one"), text_row("b", "two"), end_row()};
@@ -577,31 +661,36 @@ TEST_F(Compose, TouchesNothingBehindTheBuffer) {
     EXPECT_EQ(std::string(buffer + 12, 12), std::string(12, 'z'));
 }
 
-TEST_F(Compose, KeepsAPieceOf547Bytes) {
+TEST_F(Compose, KeepsAPieceOf547Bytes)
+{
     const std::string text(540, 'x'); // and 7 bytes of name, quotes and colon
     EXPECT_EQ(compose({text_row("a", text.c_str())}).size(), 547U);
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(Compose, DropsAPieceOf548BytesAndAllBehindIt) {
+TEST_F(Compose, DropsAPieceOf548BytesAndAllBehindIt)
+{
     const std::string text(541, 'x');
     EXPECT_EQ(compose({text_row("b", "1"), text_row("a", text.c_str()), text_row("c", "3")}), "\"b\": \"1\"");
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"truncated message\n"});
 }
 
-TEST_F(Compose, MeasuresAPieceInItsEscapedForm) {
+TEST_F(Compose, MeasuresAPieceInItsEscapedForm)
+{
     const std::string text(271, '"');
     EXPECT_EQ(compose({text_row("a", text.c_str())}), "");
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"truncated message\n"});
 }
 
-TEST_F(Compose, DropsAPieceLongerThanAnyBuffer) {
+TEST_F(Compose, DropsAPieceLongerThanAnyBuffer)
+{
     const std::string text(100000, 'x');
     EXPECT_EQ(compose({text_row("a", text.c_str())}), "");
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"truncated message\n"});
 }
 
-TEST_F(Compose, DoesNotCountADroppedPiece) {
+TEST_F(Compose, DoesNotCountADroppedPiece)
+{
     const std::string text(1000, 'x');
     compose({text_row("b", "1"), text_row("a", text.c_str()), text_row("c", "3")});
     EXPECT_EQ(needed, 18U); // "b" with its separator, and "c"
@@ -612,7 +701,8 @@ static constexpr uint8_t none = 0;
 static constexpr uint8_t one = 1;
 static constexpr uint8_t two = 2;
 
-TEST_F(Compose, WritesAnArrayAndItsCount) {
+TEST_F(Compose, WritesAnArrayAndItsCount)
+{
     const json_entry ports[] = {text_row("name", "p"), text_row("type", "AT"), end_row(),
                                 text_row("name", "q"), text_row("type", ""),   end_row()};
     EXPECT_EQ(
@@ -620,34 +710,40 @@ TEST_F(Compose, WritesAnArrayAndItsCount) {
         "\"port\": [{\"name\": \"p\", \"type\": \"AT\"},{\"name\": \"q\", \"type\": null}], \"port_size\": 2");
 }
 
-TEST_F(Compose, WritesNoMoreElementsThanCounted) {
+TEST_F(Compose, WritesNoMoreElementsThanCounted)
+{
     const json_entry ports[] = {text_row("name", "p"), end_row(), text_row("name", "q"), end_row()};
     EXPECT_EQ(compose({{"port", ports, 5}, {"port_size", &one, 6}}),
               "\"port\": [{\"name\": \"p\"}], \"port_size\": 1");
 }
 
-TEST_F(Compose, WritesAnArrayOfNothing) {
+TEST_F(Compose, WritesAnArrayOfNothing)
+{
     const json_entry ports[] = {text_row("name", "p"), end_row()};
     EXPECT_EQ(compose({{"port", ports, 5}, {"port_size", &none, 6}}), "\"port\": [], \"port_size\": 0");
 }
 
-TEST_F(Compose, WritesAnArrayOfOneEmptyElementAsNull) {
+TEST_F(Compose, WritesAnArrayOfOneEmptyElementAsNull)
+{
     const json_entry ports[] = {end_row()};
     EXPECT_EQ(compose({{"port", ports, 5}, {"port_size", &one, 6}}), "\"port\": null, \"port_size\": 1");
 }
 
-TEST_F(Compose, WritesAnArrayOfTwoEmptyElements) {
+TEST_F(Compose, WritesAnArrayOfTwoEmptyElements)
+{
     const json_entry ports[] = {end_row(), end_row()};
     EXPECT_EQ(compose({{"port", ports, 5}, {"port_size", &two, 6}}), "\"port\": [{},{}], \"port_size\": 2");
 }
 
-TEST_F(Compose, WritesEntriesAfterAnArray) {
+TEST_F(Compose, WritesEntriesAfterAnArray)
+{
     const json_entry ports[] = {text_row("name", "p"), end_row()};
     EXPECT_EQ(compose({{"port", ports, 5}, {"port_size", &one, 6}, text_row("x", "y")}),
               "\"port\": [{\"name\": \"p\"}], \"port_size\": 1, \"x\": \"y\"");
 }
 
-TEST_F(Compose, WritesArraysInsideArrays) {
+TEST_F(Compose, WritesArraysInsideArrays)
+{
     const json_entry ports[] = {text_row("name", "p"), end_row()};
     const json_entry modems[] = {
         text_row("imei", "1"), {"port", ports, 5}, {"port_size", &one, 6}, end_row()};
@@ -656,43 +752,50 @@ TEST_F(Compose, WritesArraysInsideArrays) {
         "\"modem\": [{\"imei\": \"1\", \"port\": [{\"name\": \"p\"}], \"port_size\": 1}], \"modem_size\": 1");
 }
 
-TEST_F(Compose, SkipsAnArrayWithoutACount) {
+TEST_F(Compose, SkipsAnArrayWithoutACount)
+{
     const json_entry ports[] = {text_row("name", "p"), end_row()};
     EXPECT_EQ(compose({text_row("a", "1"), {"port", ports, 5}, text_row("b", "2")}),
               "\"a\": \"1\", \"b\": \"2\"");
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"malformed array entry"});
 }
 
-TEST_F(Compose, LeavesNoSeparatorBehindWhenTheLastArrayIsSkipped) {
+TEST_F(Compose, LeavesNoSeparatorBehindWhenTheLastArrayIsSkipped)
+{
     const json_entry ports[] = {text_row("name", "p"), end_row()};
     EXPECT_EQ(compose({text_row("a", "1"), {"port", ports, 5}}), "\"a\": \"1\"");
 }
 
-TEST_F(Compose, SkipsACountWithoutAnArray) {
+TEST_F(Compose, SkipsACountWithoutAnArray)
+{
     EXPECT_EQ(compose({text_row("a", "1"), {"port_size", &one, 6}}), "\"a\": \"1\"");
 }
 
-TEST_F(Compose, CutsAnElementWithAnEntryThatIsTooLong) {
+TEST_F(Compose, CutsAnElementWithAnEntryThatIsTooLong)
+{
     const std::string text(1000, 'x');
     const json_entry ports[] = {text_row("type", "AT"), text_row("name", text.c_str()), end_row()};
     EXPECT_EQ(compose({{"port", ports, 5}, {"port_size", &one, 6}}),
               "\"port\": [{\"type\": \"AT\"}], \"port_size\": 1");
 }
 
-TEST_F(Compose, CutsAnElementBeforeAnEntryOfUnknownType) {
+TEST_F(Compose, CutsAnElementBeforeAnEntryOfUnknownType)
+{
     const json_entry ports[] = {text_row("type", "AT"), {"odd", "x", 8}, end_row()};
     EXPECT_EQ(compose({{"port", ports, 5}, {"port_size", &one, 6}}),
               "\"port\": [{\"type\": \"AT\"}], \"port_size\": 1");
 }
 
 // An element of 10 entries: each 508 bytes with its separator, 5078 in all, of which an array holds one.
-static std::vector<json_entry> large_element(const char *text) {
+static std::vector<json_entry> large_element(const char *text)
+{
     std::vector<json_entry> rows(10, text_row("ab", text));
     rows.push_back(end_row());
     return rows;
 }
 
-TEST(ComposeLargeArrays, KeepAnElementThatFits) {
+TEST(ComposeLargeArrays, KeepAnElementThatFits)
+{
     const std::string text(498, 'x');
     const std::vector<json_entry> element = large_element(text.c_str());
     const json_entry table[] = {{"port", element.data(), 5}, {"port_size", &one, 6}, end_row()};
@@ -703,7 +806,8 @@ TEST(ComposeLargeArrays, KeepAnElementThatFits) {
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST(ComposeLargeArrays, EndTheBodyBeforeAnArrayWithAnElementThatDoesNotFit) {
+TEST(ComposeLargeArrays, EndTheBodyBeforeAnArrayWithAnElementThatDoesNotFit)
+{
     const std::string text(498, 'x');
     std::vector<json_entry> elements = large_element(text.c_str());
     const std::vector<json_entry> second = elements;
@@ -722,7 +826,8 @@ TEST(ComposeLargeArrays, EndTheBodyBeforeAnArrayWithAnElementThatDoesNotFit) {
     EXPECT_EQ(log.messages()[0].text, "unable to compose array entry 1");
 }
 
-TEST(ComposeLargeArrays, SurviveTheLargestCount) {
+TEST(ComposeLargeArrays, SurviveTheLargestCount)
+{
     static constexpr uint8_t most = 255;
     const std::vector<json_entry> elements(255, end_row());
     const json_entry table[] = {{"port", elements.data(), 5}, {"port_size", &most, 6}, end_row()};
@@ -740,7 +845,8 @@ class Update : public testing::Test {
     log_capture log;
 };
 
-TEST_F(Update, ReplacesValueAndType) {
+TEST_F(Update, ReplacesValueAndType)
+{
     static constexpr int32_t number = 7;
     EXPECT_TRUE(json_update(entries, 1, &number, JSON_INT32));
     EXPECT_STREQ(entries[1].name, "imei");
@@ -748,13 +854,15 @@ TEST_F(Update, ReplacesValueAndType) {
     EXPECT_EQ(entries[1].type, 1U);
 }
 
-TEST_F(Update, LeavesOtherEntries) {
+TEST_F(Update, LeavesOtherEntries)
+{
     json_update(entries, 1, "2", JSON_TEXT);
     EXPECT_STREQ(static_cast<const char *>(entries[0].value), "ADD");
     EXPECT_EQ(entries[2].type, 7U);
 }
 
-TEST_F(Update, RefusesANegativeId) {
+TEST_F(Update, RefusesANegativeId)
+{
     EXPECT_FALSE(json_update(entries, -1, "2", JSON_TEXT));
     ASSERT_EQ(log.messages().size(), 1U);
     EXPECT_EQ(log.messages()[0].level, CORE_LOG_ERR);
@@ -762,7 +870,8 @@ TEST_F(Update, RefusesANegativeId) {
     EXPECT_EQ(log.messages()[0].function, "json_update");
 }
 
-TEST_F(Update, RefusesANullValue) {
+TEST_F(Update, RefusesANullValue)
+{
     EXPECT_FALSE(json_update(entries, 1, nullptr, JSON_INT32));
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"could not update JSON ID 1 (imei): value address is NULL\n"});
     EXPECT_STREQ(static_cast<const char *>(entries[1].value), "1");
@@ -775,13 +884,15 @@ struct escape_row {
     std::string escaped;
 };
 
-static void PrintTo(const escape_row &row, std::ostream *out) {
+static void PrintTo(const escape_row &row, std::ostream *out)
+{
     *out << row.name;
 }
 
 class Escape : public testing::TestWithParam<escape_row> {};
 
-TEST_P(Escape, GivesTheEscapedForm) {
+TEST_P(Escape, GivesTheEscapedForm)
+{
     char buffer[64];
     EXPECT_EQ(json_escape(GetParam().text.c_str(), buffer, sizeof buffer), GetParam().escaped.size());
     EXPECT_EQ(std::string(buffer), GetParam().escaped);
@@ -828,7 +939,8 @@ INSTANTIATE_TEST_SUITE_P(
                     escape_row{"cut_by_a_quote", "\xC3\"", REPLACED "\\\""}),
     [](const auto &row) { return std::string(row.param.name); });
 
-static std::string escaped_into(const char *text, size_t size) {
+static std::string escaped_into(const char *text, size_t size)
+{
     std::vector<char> buffer(size, 'z');
     const size_t length = json_escape(text, buffer.data(), size);
     EXPECT_LT(length, size);
@@ -836,34 +948,41 @@ static std::string escaped_into(const char *text, size_t size) {
     return {buffer.data(), length};
 }
 
-TEST(EscapeLimits, TakeANullTextAsEmpty) {
+TEST(EscapeLimits, TakeANullTextAsEmpty)
+{
     EXPECT_EQ(escaped_into(nullptr, 4), "");
 }
 
-TEST(EscapeLimits, KeepATextThatFits) {
+TEST(EscapeLimits, KeepATextThatFits)
+{
     EXPECT_EQ(escaped_into("abc", 4), "abc");
 }
 
-TEST(EscapeLimits, CutALongText) {
+TEST(EscapeLimits, CutALongText)
+{
     EXPECT_EQ(escaped_into("abcd", 4), "abc");
 }
 
-TEST(EscapeLimits, NeverCutInsideAnEscape) {
+TEST(EscapeLimits, NeverCutInsideAnEscape)
+{
     EXPECT_EQ(escaped_into("ab\"", 4), "ab");
     EXPECT_EQ(escaped_into("ab\x01", 8), "ab");
     EXPECT_EQ(escaped_into("ab\x01", 9), "ab\\u0001");
 }
 
-TEST(EscapeLimits, NeverCutInsideACharacter) {
+TEST(EscapeLimits, NeverCutInsideACharacter)
+{
     EXPECT_EQ(escaped_into("ab\xE2\x82\xAC", 5), "ab");
     EXPECT_EQ(escaped_into("ab\xE2\x82\xAC", 6), "ab\xE2\x82\xAC");
 }
 
-TEST(EscapeLimits, LeaveOutAllBehindTheCut) {
+TEST(EscapeLimits, LeaveOutAllBehindTheCut)
+{
     EXPECT_EQ(escaped_into("ab\x01z", 5), "ab");
 }
 
-TEST(EscapeLimits, WriteNothingIntoNoBytes) {
+TEST(EscapeLimits, WriteNothingIntoNoBytes)
+{
     char byte = 'z';
     EXPECT_EQ(json_escape("abc", &byte, 0), 0U);
     EXPECT_EQ(byte, 'z');
@@ -872,7 +991,8 @@ TEST(EscapeLimits, WriteNothingIntoNoBytes) {
 // The checker itself must refuse what is no JSON, or the tests above would show nothing.
 class JsonCheckRefuses : public testing::TestWithParam<escape_row> {};
 
-TEST_P(JsonCheckRefuses, TheText) {
+TEST_P(JsonCheckRefuses, TheText)
+{
     json_value value;
     std::string error;
     EXPECT_FALSE(json_read(GetParam().text, &value, &error));
@@ -896,7 +1016,8 @@ INSTANTIATE_TEST_SUITE_P(
                     escape_row{"single_quotes", "{'a': 1}", ""}),
     [](const auto &row) { return std::string(row.param.name); });
 
-TEST(JsonCheck, ReadsWhatIsJson) {
+TEST(JsonCheck, ReadsWhatIsJson)
+{
     json_value value;
     std::string error;
     ASSERT_TRUE(json_read(" {\"a\": [1, -2.5e3, true, null], \"b\": \"x\\u00e4\\ud83d\\ude00\\n\"} ", &value,
@@ -907,7 +1028,8 @@ TEST(JsonCheck, ReadsWhatIsJson) {
     EXPECT_EQ(value.find("b")->text, "x\xC3\xA4\xF0\x9F\x98\x80\n");
 }
 
-TEST(JsonCheck, WantsOneObjectALine) {
+TEST(JsonCheck, WantsOneObjectALine)
+{
     EXPECT_EQ(json_line_fault("{}\n"), "");
     EXPECT_EQ(json_line_fault("{}"), "not one line");
     EXPECT_EQ(json_line_fault("{\n}\n"), "not one line");

@@ -28,7 +28,8 @@ static bool clock_is_given = false;
 static timespec given_time{1234, 123456};
 static bool clock_fails = false;
 
-extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept {
+extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept
+{
     if (clock_fails) {
         errno = EINVAL;
         return -1;
@@ -50,7 +51,8 @@ struct buffering_call {
 static std::vector<buffering_call> buffering_calls;
 static FILE *failing_stream = nullptr;
 
-extern "C" int setvbuf(FILE *__restrict stream, char *__restrict buffer, int mode, size_t size) noexcept {
+extern "C" int setvbuf(FILE *__restrict stream, char *__restrict buffer, int mode, size_t size) noexcept
+{
     buffering_calls.push_back({stream, buffer != nullptr, mode, size, errno});
     if (stream == failing_stream) {
         errno = EBADF;
@@ -65,7 +67,8 @@ extern "C" int setvbuf(FILE *__restrict stream, char *__restrict buffer, int mod
 
 static std::vector<printed_line> system_log;
 
-extern "C" void vsyslog(int priority, const char *format, va_list arguments) {
+extern "C" void vsyslog(int priority, const char *format, va_list arguments)
+{
     char text[2048];
     vsnprintf(text, sizeof text, format, arguments);
     system_log.push_back({priority, text});
@@ -77,15 +80,18 @@ extern "C" const char *__asan_default_options() // NOLINT(bugprone-reserved-iden
     return "allocator_may_return_null=1";
 }
 
-static void log_line(int level, const char *text) {
+static void log_line(int level, const char *text)
+{
     core_log(level, "../main.c", "check_args", 729, "%s", text);
 }
 
-static void log_anonymous(int level, const char *text) {
+static void log_anonymous(int level, const char *text)
+{
     core_log(level, nullptr, nullptr, 0, "%s", text);
 }
 
-static std::vector<std::string> texts(const print_capture &lines) {
+static std::vector<std::string> texts(const print_capture &lines)
+{
     std::vector<std::string> all;
     for (const auto &line : lines.lines())
         all.push_back(line.text);
@@ -94,23 +100,28 @@ static std::vector<std::string> texts(const print_capture &lines) {
 
 using strings = std::vector<std::string>;
 
-TEST(InitialState, HasTheThresholdInf) {
+TEST(InitialState, HasTheThresholdInf)
+{
     EXPECT_EQ(core_log_get_level(), 6);
 }
 
-TEST(InitialState, LetsCoreMessagesThrough) {
+TEST(InitialState, LetsCoreMessagesThrough)
+{
     EXPECT_TRUE(core_messages_enabled);
 }
 
-TEST(InitialState, DoesNotUseTheSystemLog) {
+TEST(InitialState, DoesNotUseTheSystemLog)
+{
     EXPECT_FALSE(is_log_native_enabled);
 }
 
-TEST(InitialState, PrintsToStandardOutput) {
+TEST(InitialState, PrintsToStandardOutput)
+{
     EXPECT_EQ(print_function, stdout_print);
 }
 
-TEST(InitialState, PrintsMessagesAsTheyAre) {
+TEST(InitialState, PrintsMessagesAsTheyAre)
+{
     const print_capture lines;
     log_line(CORE_LOG_INF, "no line end");
     EXPECT_EQ(texts(lines), strings{"no line end"});
@@ -122,13 +133,15 @@ struct level_row {
     bool to_stderr;
 };
 
-static void PrintTo(const level_row &row, std::ostream *out) {
+static void PrintTo(const level_row &row, std::ostream *out)
+{
     *out << row.level;
 }
 
 class Levels : public testing::TestWithParam<level_row> {};
 
-TEST_P(Levels, AreNamedInThePrefix) {
+TEST_P(Levels, AreNamedInThePrefix)
+{
     const print_capture lines;
     clock_is_given = true;
     core_log_set_level(CORE_LOG_VRB);
@@ -138,7 +151,8 @@ TEST_P(Levels, AreNamedInThePrefix) {
               strings{std::string("1234.000123456 ") + GetParam().name + " ../main.c:729:check_args() text"});
 }
 
-TEST_P(Levels, ChooseTheStream) {
+TEST_P(Levels, ChooseTheStream)
+{
     core_log_set_level(CORE_LOG_VRB);
     CaptureStdout();
     CaptureStderr();
@@ -149,7 +163,8 @@ TEST_P(Levels, ChooseTheStream) {
     EXPECT_EQ(err, GetParam().to_stderr ? "text\n" : "");
 }
 
-TEST_P(Levels, ReachThePrintFunctionFromTheNewlinePrinter) {
+TEST_P(Levels, ReachThePrintFunctionFromTheNewlinePrinter)
+{
     const print_capture lines;
     core_log_set_level(CORE_LOG_VRB);
     core_log_set_pprint(0);
@@ -158,7 +173,8 @@ TEST_P(Levels, ReachThePrintFunctionFromTheNewlinePrinter) {
     EXPECT_EQ(lines.lines()[0].level, GetParam().level);
 }
 
-TEST_P(Levels, ReachThePrintFunctionFromThePlainPrinter) {
+TEST_P(Levels, ReachThePrintFunctionFromThePlainPrinter)
+{
     const print_capture lines;
     core_log_set_level(CORE_LOG_VRB);
     core_log_set_pprint(1);
@@ -167,7 +183,8 @@ TEST_P(Levels, ReachThePrintFunctionFromThePlainPrinter) {
     EXPECT_EQ(lines.lines()[0].level, GetParam().level);
 }
 
-TEST_P(Levels, AreThePrioritiesOfTheSystemLog) {
+TEST_P(Levels, AreThePrioritiesOfTheSystemLog)
+{
     static constexpr int priorities[] = {LOG_EMERG,   LOG_ALERT,  LOG_CRIT, LOG_ERR,
                                          LOG_WARNING, LOG_NOTICE, LOG_INFO, LOG_DEBUG};
     if (GetParam().level < 8) {
@@ -185,39 +202,45 @@ INSTANTIATE_TEST_SUITE_P(Table, Levels,
                                          level_row{8, "VRB", false}),
                          [](const auto &row) { return std::string(row.param.name); });
 
-TEST(LevelName, MarksANumberThatIsNoLevel) {
+TEST(LevelName, MarksANumberThatIsNoLevel)
+{
     EXPECT_STREQ(core_log_level_name(-1), "???");
     EXPECT_STREQ(core_log_level_name(9), "???");
 }
 
-TEST(Threshold, DropsDebugMessagesAtFirst) {
+TEST(Threshold, DropsDebugMessagesAtFirst)
+{
     const print_capture lines;
     log_line(CORE_LOG_DBG, "text");
     EXPECT_TRUE(lines.lines().empty());
 }
 
-TEST(Threshold, LetsDebugMessagesThroughAtDebug) {
+TEST(Threshold, LetsDebugMessagesThroughAtDebug)
+{
     const print_capture lines;
     core_log_set_level(7);
     log_anonymous(CORE_LOG_DBG, "text");
     EXPECT_EQ(texts(lines), strings{"text"});
 }
 
-TEST(Threshold, DropsVerboseMessagesAtDebug) {
+TEST(Threshold, DropsVerboseMessagesAtDebug)
+{
     const print_capture lines;
     core_log_set_level(7);
     log_anonymous(CORE_LOG_VRB, "text");
     EXPECT_TRUE(lines.lines().empty());
 }
 
-TEST(Threshold, LetsVerboseMessagesThroughAtVerbose) {
+TEST(Threshold, LetsVerboseMessagesThroughAtVerbose)
+{
     const print_capture lines;
     core_log_set_level(8);
     log_anonymous(CORE_LOG_VRB, "text");
     EXPECT_EQ(texts(lines), strings{"text"});
 }
 
-TEST(Threshold, DropsWhatIsJustAboveIt) {
+TEST(Threshold, DropsWhatIsJustAboveIt)
+{
     const print_capture lines;
     core_log_set_level(CORE_LOG_ERR);
     log_anonymous(CORE_LOG_WRN, "warning");
@@ -225,27 +248,31 @@ TEST(Threshold, DropsWhatIsJustAboveIt) {
     EXPECT_EQ(texts(lines), strings{"error"});
 }
 
-TEST(Threshold, IsReadBackAsSet) {
+TEST(Threshold, IsReadBackAsSet)
+{
     core_log_set_level(7);
     EXPECT_EQ(core_log_get_level(), 7);
     EXPECT_EQ(log_level, 7);
 }
 
-TEST(CoreMessages, AreDroppedWhenDisabled) {
+TEST(CoreMessages, AreDroppedWhenDisabled)
+{
     const print_capture lines;
     core_log_enable_core_messages(false);
     core_log(CORE_LOG_ERR, "core-device.c", "core_device_open", 1, "text");
     EXPECT_TRUE(lines.lines().empty());
 }
 
-TEST(CoreMessages, AreKnownByTheirSourceFileAnywhereInThePath) {
+TEST(CoreMessages, AreKnownByTheirSourceFileAnywhereInThePath)
+{
     const print_capture lines;
     core_log_enable_core_messages(false);
     core_log(CORE_LOG_ERR, "../src/core-file.c", "core_file_open", 1, "text");
     EXPECT_TRUE(lines.lines().empty());
 }
 
-TEST(CoreMessages, ArePrintedAgainWhenEnabledAgain) {
+TEST(CoreMessages, ArePrintedAgainWhenEnabledAgain)
+{
     const print_capture lines;
     core_log_enable_core_messages(false);
     core_log_enable_core_messages(true);
@@ -253,7 +280,8 @@ TEST(CoreMessages, ArePrintedAgainWhenEnabledAgain) {
     EXPECT_EQ(texts(lines), strings{"text"});
 }
 
-TEST(CoreMessages, DoNotIncludeOtherSourceFiles) {
+TEST(CoreMessages, DoNotIncludeOtherSourceFiles)
+{
     const print_capture lines;
     core_log_enable_core_messages(false);
     core_log(CORE_LOG_ERR, "core.c", "core_letoh", 1, "core");
@@ -261,28 +289,33 @@ TEST(CoreMessages, DoNotIncludeOtherSourceFiles) {
     EXPECT_EQ(texts(lines), (strings{"core", "main"}));
 }
 
-TEST(CoreMessages, DoNotIncludeAnonymousMessages) {
+TEST(CoreMessages, DoNotIncludeAnonymousMessages)
+{
     const print_capture lines;
     core_log_enable_core_messages(false);
     log_anonymous(CORE_LOG_ERR, "text");
     EXPECT_EQ(texts(lines), strings{"text"});
 }
 
-static int answer_42(int, const char *, const char *, int, char *) {
+static int answer_42(int, const char *, const char *, int, char *)
+{
     return 42;
 }
 
-TEST(CoreLog, ReturnsTheResultOfThePrettyPrinter) {
+TEST(CoreLog, ReturnsTheResultOfThePrettyPrinter)
+{
     pretty_print_function = answer_42;
     EXPECT_EQ(core_log(CORE_LOG_INF, nullptr, nullptr, 0, "text"), 42);
 }
 
-TEST(CoreLog, ReturnsZeroForADroppedMessage) {
+TEST(CoreLog, ReturnsZeroForADroppedMessage)
+{
     pretty_print_function = answer_42;
     EXPECT_EQ(core_log(CORE_LOG_DBG, nullptr, nullptr, 0, "text"), 0);
 }
 
-TEST(CoreLog, PassesEverythingToThePrettyPrinter) {
+TEST(CoreLog, PassesEverythingToThePrettyPrinter)
+{
     const log_capture log;
     core_log(CORE_LOG_WRN, "../main.c", "main", 17, "%s %d", "number", 5);
     ASSERT_EQ(log.messages().size(), 1U);
@@ -293,13 +326,15 @@ TEST(CoreLog, PassesEverythingToThePrettyPrinter) {
     EXPECT_EQ(log.messages()[0].text, "number 5");
 }
 
-TEST(CoreLog, KeepsAMessageOf1024Bytes) {
+TEST(CoreLog, KeepsAMessageOf1024Bytes)
+{
     const log_capture log;
     log_line(CORE_LOG_INF, std::string(1024, 'x').c_str());
     EXPECT_EQ(log.messages().at(0).text, std::string(1024, 'x'));
 }
 
-TEST(CoreLog, CutsALongerMessageAt1024Bytes) {
+TEST(CoreLog, CutsALongerMessageAt1024Bytes)
+{
     const log_capture log;
     log_line(CORE_LOG_INF, (std::string(1024, 'x') + "yyy").c_str());
     EXPECT_EQ(log.messages().at(0).text, std::string(1024, 'x'));
@@ -313,31 +348,36 @@ class Prefix : public testing::Test {
     print_capture lines;
 };
 
-TEST_F(Prefix, IsLeftOutAtTheThresholdInf) {
+TEST_F(Prefix, IsLeftOutAtTheThresholdInf)
+{
     log_line(CORE_LOG_INF, "text");
     log_line(CORE_LOG_ERR, "error");
     EXPECT_EQ(texts(lines), (strings{"text", "error"}));
 }
 
-TEST_F(Prefix, IsWrittenAtTheThresholdDebug) {
+TEST_F(Prefix, IsWrittenAtTheThresholdDebug)
+{
     core_log_set_level(7);
     log_line(CORE_LOG_DBG, "text");
     EXPECT_EQ(texts(lines), strings{"1234.000123456 DBG ../main.c:729:check_args() text"});
 }
 
-TEST_F(Prefix, IsWrittenForLowerLevelsTooAtTheThresholdDebug) {
+TEST_F(Prefix, IsWrittenForLowerLevelsTooAtTheThresholdDebug)
+{
     core_log_set_level(7);
     core_log(CORE_LOG_INF, "../main.c", "main", 775, "text");
     EXPECT_EQ(texts(lines), strings{"1234.000123456 INF ../main.c:775:main() text"});
 }
 
-TEST_F(Prefix, IsWrittenAtAThresholdBelowInf) {
+TEST_F(Prefix, IsWrittenAtAThresholdBelowInf)
+{
     core_log_set_level(5);
     log_line(CORE_LOG_ERR, "text");
     EXPECT_EQ(texts(lines), strings{"1234.000123456 ERR ../main.c:729:check_args() text"});
 }
 
-TEST_F(Prefix, WritesTheLineNumberWithThreeDigits) {
+TEST_F(Prefix, WritesTheLineNumberWithThreeDigits)
+{
     core_log_set_level(7);
     core_log(CORE_LOG_DBG, "a.c", "f", 7, "text");
     core_log(CORE_LOG_DBG, "a.c", "f", 12345, "text");
@@ -345,32 +385,37 @@ TEST_F(Prefix, WritesTheLineNumberWithThreeDigits) {
               (strings{"1234.000123456 DBG a.c:007:f() text", "1234.000123456 DBG a.c:12345:f() text"}));
 }
 
-TEST_F(Prefix, IsLeftOutWithoutAFile) {
+TEST_F(Prefix, IsLeftOutWithoutAFile)
+{
     core_log_set_level(7);
     core_log(CORE_LOG_DBG, nullptr, "f", 7, "text");
     EXPECT_EQ(texts(lines), strings{"text"});
 }
 
-TEST_F(Prefix, IsLeftOutWithoutAFunction) {
+TEST_F(Prefix, IsLeftOutWithoutAFunction)
+{
     core_log_set_level(7);
     core_log(CORE_LOG_DBG, "a.c", nullptr, 7, "text");
     EXPECT_EQ(texts(lines), strings{"text"});
 }
 
-TEST_F(Prefix, IsLeftOutWithoutALine) {
+TEST_F(Prefix, IsLeftOutWithoutALine)
+{
     core_log_set_level(7);
     core_log(CORE_LOG_DBG, "a.c", "f", 0, "text");
     EXPECT_EQ(texts(lines), strings{"text"});
 }
 
-TEST_F(Prefix, IsWrittenByTheNewlinePrinterToo) {
+TEST_F(Prefix, IsWrittenByTheNewlinePrinterToo)
+{
     core_log_set_level(7);
     core_log_set_pprint(0);
     log_line(CORE_LOG_DBG, "text");
     EXPECT_EQ(texts(lines), strings{"1234.000123456 DBG ../main.c:729:check_args() text\n"});
 }
 
-TEST_F(Prefix, HasAZeroTimeAndALineBeforeItWhenTheClockFails) {
+TEST_F(Prefix, HasAZeroTimeAndALineBeforeItWhenTheClockFails)
+{
     core_log_set_level(7);
     core_log_set_pprint(0);
     clock_fails = true;
@@ -382,7 +427,8 @@ TEST_F(Prefix, HasAZeroTimeAndALineBeforeItWhenTheClockFails) {
     EXPECT_EQ(lines.lines()[1].text, "0.000000000 DBG ../main.c:729:check_args() text\n");
 }
 
-TEST_F(Prefix, IsCutAt256Bytes) {
+TEST_F(Prefix, IsCutAt256Bytes)
+{
     core_log_set_level(7);
     const std::string file(300, 'f');
     core_log(CORE_LOG_DBG, file.c_str(), "f", 1, "text");
@@ -390,7 +436,8 @@ TEST_F(Prefix, IsCutAt256Bytes) {
     EXPECT_EQ(texts(lines), strings{"1234.000123456 DBG " + std::string(237, 'f') + "text"});
 }
 
-TEST_F(Prefix, ReadsTheMonotonicClock) {
+TEST_F(Prefix, ReadsTheMonotonicClock)
+{
     clock_is_given = false;
     timespec before{};
     timespec after{};
@@ -413,37 +460,44 @@ class NewlinePrinter : public testing::Test {
     print_capture lines;
 };
 
-TEST_F(NewlinePrinter, EndsAMessageWithALineFeed) {
+TEST_F(NewlinePrinter, EndsAMessageWithALineFeed)
+{
     log_line(CORE_LOG_INF, "text");
     EXPECT_EQ(texts(lines), strings{"text\n"});
 }
 
-TEST_F(NewlinePrinter, AddsNothingAfterALineFeed) {
+TEST_F(NewlinePrinter, AddsNothingAfterALineFeed)
+{
     log_line(CORE_LOG_INF, "text\n");
     EXPECT_EQ(texts(lines), strings{"text\n"});
 }
 
-TEST_F(NewlinePrinter, AddsNothingAfterACarriageReturn) {
+TEST_F(NewlinePrinter, AddsNothingAfterACarriageReturn)
+{
     log_line(CORE_LOG_INF, "text\r");
     EXPECT_EQ(texts(lines), strings{"text\r"});
 }
 
-TEST_F(NewlinePrinter, LooksAtTheLastCharacterOnly) {
+TEST_F(NewlinePrinter, LooksAtTheLastCharacterOnly)
+{
     log_line(CORE_LOG_INF, "\rfirst\nsecond");
     EXPECT_EQ(texts(lines), strings{"\rfirst\nsecond\n"});
 }
 
-TEST_F(NewlinePrinter, KeepsTwoLineFeedsOfTheCaller) {
+TEST_F(NewlinePrinter, KeepsTwoLineFeedsOfTheCaller)
+{
     log_line(CORE_LOG_INF, "text\n\n");
     EXPECT_EQ(texts(lines), strings{"text\n\n"});
 }
 
-TEST_F(NewlinePrinter, MakesALineFeedOfAnEmptyMessage) {
+TEST_F(NewlinePrinter, MakesALineFeedOfAnEmptyMessage)
+{
     log_line(CORE_LOG_INF, "");
     EXPECT_EQ(texts(lines), strings{"\n"});
 }
 
-TEST_F(NewlinePrinter, MakesPrefixAndLineFeedOfAnEmptyMessage) {
+TEST_F(NewlinePrinter, MakesPrefixAndLineFeedOfAnEmptyMessage)
+{
     clock_is_given = true;
     core_log_set_level(7);
     log_line(CORE_LOG_INF, "");
@@ -451,21 +505,25 @@ TEST_F(NewlinePrinter, MakesPrefixAndLineFeedOfAnEmptyMessage) {
     EXPECT_EQ(texts(lines), strings{"1234.000123456 INF ../main.c:729:check_args() \n"});
 }
 
-TEST_F(NewlinePrinter, EndsAMessageThatWasCutWithALineFeed) {
+TEST_F(NewlinePrinter, EndsAMessageThatWasCutWithALineFeed)
+{
     log_line(CORE_LOG_INF, (std::string(1024, 'x') + "\n").c_str());
     EXPECT_EQ(texts(lines), strings{std::string(1024, 'x') + "\n"});
 }
 
-TEST_F(NewlinePrinter, TakesNoFormatFromTheMessage) {
+TEST_F(NewlinePrinter, TakesNoFormatFromTheMessage)
+{
     log_line(CORE_LOG_INF, "100%s %n");
     EXPECT_EQ(texts(lines), strings{"100%s %n\n"});
 }
 
-TEST_F(NewlinePrinter, ReturnsTheResultOfThePrintFunction) {
+TEST_F(NewlinePrinter, ReturnsTheResultOfThePrintFunction)
+{
     EXPECT_EQ(core_log(CORE_LOG_INF, nullptr, nullptr, 0, "text"), 5);
 }
 
-TEST(PlainPrinter, AddsNothing) {
+TEST(PlainPrinter, AddsNothing)
+{
     const print_capture lines;
     core_log_set_pprint(0);
     core_log_set_pprint(1);
@@ -474,7 +532,8 @@ TEST(PlainPrinter, AddsNothing) {
     EXPECT_EQ(texts(lines), (strings{"text", ""}));
 }
 
-TEST(PlainPrinter, IsChosenByAnyOtherMode) {
+TEST(PlainPrinter, IsChosenByAnyOtherMode)
+{
     const print_capture lines;
     for (const int mode : {-1, 3, 100}) {
         core_log_set_pprint(0);
@@ -484,7 +543,8 @@ TEST(PlainPrinter, IsChosenByAnyOtherMode) {
     EXPECT_EQ(texts(lines), (strings{"text", "text", "text"}));
 }
 
-TEST(JsonMode, IsReported) {
+TEST(JsonMode, IsReported)
+{
     EXPECT_FALSE(core_log_is_json());
     core_log_set_pprint(2);
     EXPECT_TRUE(core_log_is_json());
@@ -492,7 +552,8 @@ TEST(JsonMode, IsReported) {
     EXPECT_FALSE(core_log_is_json());
 }
 
-TEST(JsonMode, MakesObjectsOfMessages) {
+TEST(JsonMode, MakesObjectsOfMessages)
+{
     const print_capture lines;
     core_log_set_pprint(2);
     log_line(CORE_LOG_INF, "text");
@@ -500,7 +561,8 @@ TEST(JsonMode, MakesObjectsOfMessages) {
     EXPECT_NE(lines.lines()[0].text.find("\"msg\": \"text\"}\n"), std::string::npos);
 }
 
-TEST(JsonMode, SetsStandardOutputThenStandardErrorUnbuffered) {
+TEST(JsonMode, SetsStandardOutputThenStandardErrorUnbuffered)
+{
     buffering_calls.clear();
     core_log_set_pprint(2);
     ASSERT_EQ(buffering_calls.size(), 2U);
@@ -513,7 +575,8 @@ TEST(JsonMode, SetsStandardOutputThenStandardErrorUnbuffered) {
     }
 }
 
-TEST(JsonMode, ClearsErrnoBeforeEachBufferingChange) {
+TEST(JsonMode, ClearsErrnoBeforeEachBufferingChange)
+{
     buffering_calls.clear();
     errno = EBADF;
     core_log_set_pprint(2);
@@ -522,14 +585,16 @@ TEST(JsonMode, ClearsErrnoBeforeEachBufferingChange) {
     EXPECT_EQ(buffering_calls[1].errno_before, 0);
 }
 
-TEST(JsonMode, LeavesBufferingAloneForTheTextPrinters) {
+TEST(JsonMode, LeavesBufferingAloneForTheTextPrinters)
+{
     buffering_calls.clear();
     core_log_set_pprint(0);
     core_log_set_pprint(1);
     EXPECT_TRUE(buffering_calls.empty());
 }
 
-TEST(JsonMode, WarnsOfAStandardOutputThatStaysBuffered) {
+TEST(JsonMode, WarnsOfAStandardOutputThatStaysBuffered)
+{
     const log_capture log;
     failing_stream = stdout;
     core_log_set_pprint(2);
@@ -539,37 +604,43 @@ TEST(JsonMode, WarnsOfAStandardOutputThatStaysBuffered) {
     EXPECT_EQ(log.messages()[0].function, "core_log_set_pprint");
 }
 
-TEST(JsonMode, WarnsOfAStandardErrorThatStaysBuffered) {
+TEST(JsonMode, WarnsOfAStandardErrorThatStaysBuffered)
+{
     const log_capture log;
     failing_stream = stderr;
     core_log_set_pprint(2);
     EXPECT_EQ(log.texts(CORE_LOG_WRN), strings{"could not disable buffering on stderr: error 9\n"});
 }
 
-TEST(JsonMode, IsEnteredEvenIfAStreamStaysBuffered) {
+TEST(JsonMode, IsEnteredEvenIfAStreamStaysBuffered)
+{
     const print_capture lines;
     failing_stream = stdout;
     core_log_set_pprint(2);
     EXPECT_TRUE(core_log_is_json());
 }
 
-static int other_print(int, const char *, ...) {
+static int other_print(int, const char *, ...)
+{
     return 0;
 }
 
-TEST(SetPrint, InstallsAFunction) {
+TEST(SetPrint, InstallsAFunction)
+{
     EXPECT_EQ(core_log_set_print(other_print), 0);
     EXPECT_EQ(print_function, other_print);
 }
 
-TEST(SetPrint, RefusesTheLogFileWhileNoneIsOpen) {
+TEST(SetPrint, RefusesTheLogFileWhileNoneIsOpen)
+{
     const log_capture log;
     EXPECT_EQ(core_log_set_print(file_print), -1);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"No output file path set"});
     EXPECT_EQ(print_function, stdout_print);
 }
 
-TEST(SetPrint, GoesBackToAnOpenLogFile) {
+TEST(SetPrint, GoesBackToAnOpenLogFile)
+{
     const temp_dir dir;
     core_log_set_output(dir.at("log").c_str(), false);
     core_log_set_print(other_print);
@@ -577,7 +648,8 @@ TEST(SetPrint, GoesBackToAnOpenLogFile) {
     EXPECT_EQ(print_function, file_print);
 }
 
-TEST(SetPrint, RefusesALogFileThatWasClosed) {
+TEST(SetPrint, RefusesALogFileThatWasClosed)
+{
     const log_capture log;
     const temp_dir dir;
     core_log_set_output(dir.at("log").c_str(), false);
@@ -586,7 +658,8 @@ TEST(SetPrint, RefusesALogFileThatWasClosed) {
     EXPECT_EQ(print_function, stdout_print);
 }
 
-TEST(LogFile, TakesEveryLevel) {
+TEST(LogFile, TakesEveryLevel)
+{
     const temp_dir dir;
     EXPECT_EQ(core_log_set_output(dir.at("log").c_str(), false), 0);
     EXPECT_EQ(print_function, file_print);
@@ -596,7 +669,8 @@ TEST(LogFile, TakesEveryLevel) {
     EXPECT_EQ(read_file(dir.at("log")), "error\ninformation\n");
 }
 
-TEST(LogFile, TakesTheLinesFromTheTerminal) {
+TEST(LogFile, TakesTheLinesFromTheTerminal)
+{
     const temp_dir dir;
     CaptureStdout();
     CaptureStderr();
@@ -607,7 +681,8 @@ TEST(LogFile, TakesTheLinesFromTheTerminal) {
     EXPECT_EQ(GetCapturedStderr(), "");
 }
 
-TEST(LogFile, IsTruncatedWithoutAppend) {
+TEST(LogFile, IsTruncatedWithoutAppend)
+{
     const temp_dir dir;
     const std::string path = dir.write("log", "old\n");
     core_log_set_output(path.c_str(), false);
@@ -616,7 +691,8 @@ TEST(LogFile, IsTruncatedWithoutAppend) {
     EXPECT_EQ(read_file(path), "new\n");
 }
 
-TEST(LogFile, IsKeptWithAppend) {
+TEST(LogFile, IsKeptWithAppend)
+{
     const temp_dir dir;
     const std::string path = dir.write("log", "old\n");
     core_log_set_output(path.c_str(), true);
@@ -625,7 +701,8 @@ TEST(LogFile, IsKeptWithAppend) {
     EXPECT_EQ(read_file(path), "old\nnew\n");
 }
 
-TEST(LogFile, IsCreatedWithAppend) {
+TEST(LogFile, IsCreatedWithAppend)
+{
     const temp_dir dir;
     EXPECT_EQ(core_log_set_output(dir.at("log").c_str(), true), 0);
     log_line(CORE_LOG_INF, "new\n");
@@ -633,7 +710,8 @@ TEST(LogFile, IsCreatedWithAppend) {
     EXPECT_EQ(read_file(dir.at("log")), "new\n");
 }
 
-TEST(LogFile, ReportsAMissingDirectory) {
+TEST(LogFile, ReportsAMissingDirectory)
+{
     const log_capture log;
     EXPECT_EQ(core_log_set_output("/nonexistent/log", false), -2);
     ASSERT_EQ(log.messages().size(), 1U);
@@ -643,7 +721,8 @@ TEST(LogFile, ReportsAMissingDirectory) {
     EXPECT_EQ(log.messages()[0].function, "core_log_set_output");
 }
 
-TEST(LogFile, ReportsADirectoryAsGenericFailure) {
+TEST(LogFile, ReportsADirectoryAsGenericFailure)
+{
     const log_capture log;
     const temp_dir dir;
     EXPECT_EQ(core_log_set_output(dir.path().c_str(), true), -102);
@@ -651,14 +730,16 @@ TEST(LogFile, ReportsADirectoryAsGenericFailure) {
               strings{"could not open file " + dir.path() + " for logging: error 21, Is a directory\n"});
 }
 
-TEST(LogFile, ThatCannotBeOpenedLeavesThePrintFunction) {
+TEST(LogFile, ThatCannotBeOpenedLeavesThePrintFunction)
+{
     const log_capture log;
     core_log_set_print(other_print);
     core_log_set_output("/nonexistent/log", false);
     EXPECT_EQ(print_function, other_print);
 }
 
-TEST(LogFile, ThatCannotBeOpenedLeavesTheOneBeforeInUse) {
+TEST(LogFile, ThatCannotBeOpenedLeavesTheOneBeforeInUse)
+{
     const temp_dir dir;
     core_log_set_output(dir.at("log").c_str(), false);
     core_log_set_output("/nonexistent/log", false);
@@ -668,7 +749,8 @@ TEST(LogFile, ThatCannotBeOpenedLeavesTheOneBeforeInUse) {
               "could not open file /nonexistent/log for logging: error 2, No such file or directory\ntext\n");
 }
 
-TEST(LogFile, TakesThePlaceOfTheOneBefore) {
+TEST(LogFile, TakesThePlaceOfTheOneBefore)
+{
     const temp_dir dir;
     core_log_set_output(dir.at("first").c_str(), false);
     log_line(CORE_LOG_INF, "one\n");
@@ -679,7 +761,8 @@ TEST(LogFile, TakesThePlaceOfTheOneBefore) {
     EXPECT_EQ(read_file(dir.at("second")), "two\n");
 }
 
-TEST(CloseOutput, FlushesAndGoesBackToStandardOutput) {
+TEST(CloseOutput, FlushesAndGoesBackToStandardOutput)
+{
     const temp_dir dir;
     core_log_set_output(dir.at("log").c_str(), false);
     log_line(CORE_LOG_INF, "text\n");
@@ -688,13 +771,15 @@ TEST(CloseOutput, FlushesAndGoesBackToStandardOutput) {
     EXPECT_EQ(read_file(dir.at("log")), "text\n");
 }
 
-TEST(CloseOutput, ChangesNothingWhileNoLogFileIsOpen) {
+TEST(CloseOutput, ChangesNothingWhileNoLogFileIsOpen)
+{
     core_log_set_print(other_print);
     core_log_close_output();
     EXPECT_EQ(print_function, other_print);
 }
 
-TEST(Deinit, WritesOutTheLogFile) {
+TEST(Deinit, WritesOutTheLogFile)
+{
     const temp_dir dir;
     core_log_set_output(dir.at("log").c_str(), false);
     log_line(CORE_LOG_INF, "text\n");
@@ -702,30 +787,35 @@ TEST(Deinit, WritesOutTheLogFile) {
     EXPECT_EQ(read_file(dir.at("log")), "text\n");
 }
 
-TEST(Deinit, ChangesNothingWhileNoLogFileIsOpen) {
+TEST(Deinit, ChangesNothingWhileNoLogFileIsOpen)
+{
     core_log_set_print(other_print);
     core_log_deinit();
     EXPECT_EQ(print_function, other_print);
 }
 
-TEST(StdoutPrint, ReturnsTheNumberOfBytes) {
+TEST(StdoutPrint, ReturnsTheNumberOfBytes)
+{
     CaptureStdout();
     EXPECT_EQ(stdout_print(CORE_LOG_INF, "%s %d", "abc", 12), 6);
     EXPECT_EQ(GetCapturedStdout(), "abc 12");
 }
 
-TEST(FilePrintDeathTest, NeedsAnOpenLogFile) {
+TEST(FilePrintDeathTest, NeedsAnOpenLogFile)
+{
     EXPECT_EXIT(file_print(CORE_LOG_INF, "text"), testing::KilledBySignal(SIGABRT),
                 "assertion failed: output_stream != NULL");
 }
 
-TEST(FilePrint, ReturnsTheNumberOfBytes) {
+TEST(FilePrint, ReturnsTheNumberOfBytes)
+{
     const temp_dir dir;
     core_log_set_output(dir.at("log").c_str(), false);
     EXPECT_EQ(file_print(CORE_LOG_ERR, "%s %d", "abc", 12), 6);
 }
 
-TEST(SystemLog, TakesLevelAndText) {
+TEST(SystemLog, TakesLevelAndText)
+{
     core_log_set_print(syslog_print);
     log_line(CORE_LOG_WRN, "warning");
     ASSERT_EQ(system_log.size(), 1U);
@@ -733,7 +823,8 @@ TEST(SystemLog, TakesLevelAndText) {
     EXPECT_EQ(system_log[0].text, "warning");
 }
 
-TEST(SystemLog, TakesTheLinesFromTheTerminal) {
+TEST(SystemLog, TakesTheLinesFromTheTerminal)
+{
     CaptureStdout();
     CaptureStderr();
     core_log_set_print(syslog_print);
@@ -743,7 +834,8 @@ TEST(SystemLog, TakesTheLinesFromTheTerminal) {
     EXPECT_EQ(GetCapturedStderr(), "");
 }
 
-TEST(SystemLog, TakesPrefixAndLineEndOfThePrettyPrinter) {
+TEST(SystemLog, TakesPrefixAndLineEndOfThePrettyPrinter)
+{
     clock_is_given = true;
     core_log_set_level(7);
     core_log_set_pprint(0);
@@ -755,13 +847,15 @@ TEST(SystemLog, TakesPrefixAndLineEndOfThePrettyPrinter) {
 }
 
 // The first line of a dump, with the address as printf(3) writes it.
-static std::string dump_header(const void *buffer, unsigned length) {
+static std::string dump_header(const void *buffer, unsigned length)
+{
     char text[128];
     snprintf(text, sizeof text, "Printing buffer %p of %u bytes\n", buffer, length);
     return text;
 }
 
-TEST(BufferDump, PrintsAHeaderAndLinesOfBytes) {
+TEST(BufferDump, PrintsAHeaderAndLinesOfBytes)
+{
     const log_capture log;
     unsigned char bytes[20];
     for (unsigned i = 0; i < sizeof bytes; ++i)
@@ -772,28 +866,32 @@ TEST(BufferDump, PrintsAHeaderAndLinesOfBytes) {
                        "[0016] 08 09 0A 0B \n"}));
 }
 
-TEST(BufferDump, PrintsNoEmptyLineAfterAFullOne) {
+TEST(BufferDump, PrintsNoEmptyLineAfterAFullOne)
+{
     const log_capture log;
     core_print_buffer_to_level("abcd", 4, 2, CORE_LOG_INF);
     EXPECT_EQ(log.messages().size(), 3U);
     EXPECT_EQ(log.messages().back().text, "[0002] 63 64 \n");
 }
 
-TEST(BufferDump, PrintsOnlyTheHeaderOfNoBytes) {
+TEST(BufferDump, PrintsOnlyTheHeaderOfNoBytes)
+{
     const log_capture log;
     static constexpr char bytes[] = "";
     core_print_buffer_to_level(bytes, 0, 16, CORE_LOG_INF);
     EXPECT_EQ(log.texts(CORE_LOG_INF), strings{dump_header(bytes, 0)});
 }
 
-TEST(BufferDump, WritesOffsetsAboveFourDigitsInFull) {
+TEST(BufferDump, WritesOffsetsAboveFourDigitsInFull)
+{
     const log_capture log;
     const std::string bytes(10001, '\x01');
     core_print_buffer_to_level(bytes.data(), 10001, 5000, CORE_LOG_INF);
     EXPECT_EQ(log.messages().back().text, "[10000] 01 \n");
 }
 
-TEST(BufferDump, IsDebugUnlessALevelIsGiven) {
+TEST(BufferDump, IsDebugUnlessALevelIsGiven)
+{
     const log_capture log;
     core_print_buffer("a", 1, 16);
     ASSERT_EQ(log.messages().size(), 2U);
@@ -802,19 +900,22 @@ TEST(BufferDump, IsDebugUnlessALevelIsGiven) {
     EXPECT_EQ(log.messages()[1].text, "[0000] 61 \n");
 }
 
-TEST(BufferDump, IsDroppedAboveTheThreshold) {
+TEST(BufferDump, IsDroppedAboveTheThreshold)
+{
     const log_capture log(CORE_LOG_INF);
     core_print_buffer("a", 1, 16);
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST(BufferDump, SaysNothingOfANullBufferAboveTheThreshold) {
+TEST(BufferDump, SaysNothingOfANullBufferAboveTheThreshold)
+{
     const log_capture log(CORE_LOG_INF);
     core_print_buffer(nullptr, 1, 16);
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST(BufferDump, RefusesANullBuffer) {
+TEST(BufferDump, RefusesANullBuffer)
+{
     const log_capture log;
     core_print_buffer(nullptr, 1, 16);
     ASSERT_EQ(log.messages().size(), 1U);
@@ -822,7 +923,8 @@ TEST(BufferDump, RefusesANullBuffer) {
     EXPECT_EQ(log.messages()[0].text, "Passed buffer pointer is null\n");
 }
 
-TEST(BufferDump, IsAnonymous) {
+TEST(BufferDump, IsAnonymous)
+{
     const log_capture log;
     core_print_buffer("a", 1, 16);
     core_print_buffer(nullptr, 1, 16);
@@ -834,7 +936,8 @@ TEST(BufferDump, IsAnonymous) {
     }
 }
 
-TEST(BufferDump, HasNoPrefix) {
+TEST(BufferDump, HasNoPrefix)
+{
     const print_capture lines;
     core_log_set_level(7);
     core_print_buffer("a", 1, 16);
@@ -842,14 +945,16 @@ TEST(BufferDump, HasNoPrefix) {
     EXPECT_EQ(lines.lines()[1].text, "[0000] 61 \n");
 }
 
-TEST(BufferDump, IsPrintedWhileCoreMessagesAreDisabled) {
+TEST(BufferDump, IsPrintedWhileCoreMessagesAreDisabled)
+{
     const log_capture log;
     core_log_enable_core_messages(false);
     core_print_buffer("a", 1, 16);
     EXPECT_EQ(log.messages().size(), 2U);
 }
 
-TEST(BufferDump, PrintsAByteALineForALineLengthOfZero) {
+TEST(BufferDump, PrintsAByteALineForALineLengthOfZero)
+{
     const log_capture log;
     core_print_buffer("ab", 2, 0);
     ASSERT_EQ(log.messages().size(), 3U);
@@ -857,7 +962,8 @@ TEST(BufferDump, PrintsAByteALineForALineLengthOfZero) {
     EXPECT_EQ(log.messages()[2].text, "[0001] 62 \n");
 }
 
-TEST(BufferDump, ReportsALineThatCannotBeAllocated) {
+TEST(BufferDump, ReportsALineThatCannotBeAllocated)
+{
     const log_capture log;
     rlimit limit{};
     getrlimit(RLIMIT_AS, &limit);
@@ -870,7 +976,8 @@ TEST(BufferDump, ReportsALineThatCannotBeAllocated) {
     EXPECT_EQ(log.messages()[1].text, "String allocation error\n");
 }
 
-TEST(VersionBanner, IsLedByACarriageReturn) {
+TEST(VersionBanner, IsLedByACarriageReturn)
+{
     const log_capture log;
     core_print_ombra_version();
     ASSERT_EQ(log.messages().size(), 1U);
@@ -878,81 +985,94 @@ TEST(VersionBanner, IsLedByACarriageReturn) {
     EXPECT_EQ(log.messages()[0].text, "\rOmbra version 2.0.2-0\n");
 }
 
-static std::string stripped(std::string text) {
+static std::string stripped(std::string text)
+{
     log_strip_newline(text.data());
     return text.c_str();
 }
 
-TEST(StripNewline, RemovesOneLineFeed) {
+TEST(StripNewline, RemovesOneLineFeed)
+{
     EXPECT_EQ(stripped("text\n"), "text");
     EXPECT_EQ(stripped("text\n\n"), "text\n");
     EXPECT_EQ(stripped("\n"), "");
 }
 
-TEST(StripNewline, RemovesNothingElse) {
+TEST(StripNewline, RemovesNothingElse)
+{
     EXPECT_EQ(stripped(""), "");
     EXPECT_EQ(stripped("text"), "text");
     EXPECT_EQ(stripped("text\r"), "text\r");
     EXPECT_EQ(stripped("te\nxt"), "te\nxt");
 }
 
-static void report(int64_t current, int64_t max) {
+static void report(int64_t current, int64_t max)
+{
     core_log_progress("firehose", "send_binary", 1, current, max, "boot.img");
 }
 
-TEST(Progress, StartsAtZero) {
+TEST(Progress, StartsAtZero)
+{
     const print_capture lines;
     core_log_set_pprint(0);
     report(0, 3);
     EXPECT_EQ(texts(lines), strings{"0.00% completed\r"});
 }
 
-TEST(Progress, ShowsWholePercentsOnly) {
+TEST(Progress, ShowsWholePercentsOnly)
+{
     const print_capture lines;
     report(2, 3);
     EXPECT_EQ(texts(lines), strings{"66.00% completed\r"});
 }
 
-TEST(Progress, IsAnInfMessage) {
+TEST(Progress, IsAnInfMessage)
+{
     const print_capture lines;
     report(1, 2);
     ASSERT_EQ(lines.lines().size(), 1U);
     EXPECT_EQ(lines.lines()[0].level, CORE_LOG_INF);
 }
 
-TEST(Progress, CountsFilesOfMoreThan4GiB) {
+TEST(Progress, CountsFilesOfMoreThan4GiB)
+{
     const print_capture lines;
     report(5LL << 30, 10LL << 30);
     EXPECT_EQ(texts(lines), strings{"50.00% completed\r"});
 }
 
-TEST(Progress, LeavesTheNewlinePrinterBehind) {
+TEST(Progress, LeavesTheNewlinePrinterBehind)
+{
     const print_capture lines;
     report(1, 2);
     log_line(CORE_LOG_INF, "text");
     EXPECT_EQ(texts(lines), (strings{"50.00% completed\r", "text\n"}));
 }
 
-TEST(Progress, IsLeftOutAtTheThresholdDebug) {
+TEST(Progress, IsLeftOutAtTheThresholdDebug)
+{
     const print_capture lines;
     core_log_set_level(7);
     report(1, 2);
     EXPECT_TRUE(lines.lines().empty());
 }
 
-TEST(Progress, IsLeftOutWithoutASize) {
+TEST(Progress, IsLeftOutWithoutASize)
+{
     const print_capture lines;
     report(0, 0);
     EXPECT_TRUE(lines.lines().empty());
 }
 
-TEST(Progress, HasNoTextLineForItsEnd) {
+TEST(Progress, HasNoTextLineForItsEnd)
+{
     const print_capture lines;
     core_log_progress_complete("firehose", "send_binary", 1, 10, "boot.img");
     EXPECT_TRUE(lines.lines().empty());
 }
 
-TEST(Progress, IsAnEventInJsonMode) {
+TEST(Progress, IsAnEventInJsonMode)
+{
     const print_capture lines;
     core_log_set_pprint(2);
     clock_is_given = true;
@@ -963,7 +1083,8 @@ TEST(Progress, IsAnEventInJsonMode) {
                       "\"max\": 4, \"percent\": 75, \"description\": \"boot.img\"}\n"});
 }
 
-TEST(Progress, EndsWithAnEventInJsonMode) {
+TEST(Progress, EndsWithAnEventInJsonMode)
+{
     const print_capture lines;
     core_log_set_pprint(2);
     clock_is_given = true;
@@ -974,7 +1095,8 @@ TEST(Progress, EndsWithAnEventInJsonMode) {
                       "\"max\": 10, \"percent\": 100, \"description\": \"boot.img\"}\n"});
 }
 
-TEST(Progress, StaysInJsonMode) {
+TEST(Progress, StaysInJsonMode)
+{
     const print_capture lines;
     core_log_set_pprint(2);
     report(3, 4);

@@ -16,13 +16,15 @@ struct platform_row {
     uint32_t platform;
 };
 
-static void PrintTo(const platform_row &row, std::ostream *out) {
+static void PrintTo(const platform_row &row, std::ostream *out)
+{
     *out << row.version;
 }
 
 class Platform : public testing::TestWithParam<platform_row> {};
 
-TEST_P(Platform, IsTakenFromTheVersion) {
+TEST_P(Platform, IsTakenFromTheVersion)
+{
     const log_capture log;
     uint32_t platform = 77;
     EXPECT_EQ(get_platform(GetParam().version, &platform), 0);
@@ -54,19 +56,22 @@ struct refusal_row {
     const char *message;
 };
 
-static void PrintTo(const refusal_row &row, std::ostream *out) {
+static void PrintTo(const refusal_row &row, std::ostream *out)
+{
     *out << row.name;
 }
 
 class RefusedVersion : public testing::TestWithParam<refusal_row> {};
 
-TEST_P(RefusedVersion, HasItsResult) {
+TEST_P(RefusedVersion, HasItsResult)
+{
     uint32_t platform = 77;
     EXPECT_EQ(get_platform(GetParam().version, &platform), GetParam().result);
     EXPECT_EQ(platform, 77U);
 }
 
-TEST_P(RefusedVersion, HasItsMessage) {
+TEST_P(RefusedVersion, HasItsMessage)
+{
     const log_capture log;
     uint32_t platform = 0;
     get_platform(GetParam().version, &platform);
@@ -76,11 +81,13 @@ TEST_P(RefusedVersion, HasItsMessage) {
     EXPECT_EQ(log.messages()[0].function, "get_platform");
 }
 
-TEST_P(RefusedVersion, IsRefusedAsOldVersionToo) {
+TEST_P(RefusedVersion, IsRefusedAsOldVersionToo)
+{
     EXPECT_EQ(fw_version_compare(GetParam().version, "49.01.102"), GetParam().result);
 }
 
-TEST_P(RefusedVersion, IsRefusedAsNewVersionToo) {
+TEST_P(RefusedVersion, IsRefusedAsNewVersionToo)
+{
     EXPECT_EQ(fw_version_compare("49.01.102", GetParam().version), GetParam().result);
 }
 
@@ -138,13 +145,15 @@ struct compare_row {
     int result;
 };
 
-static void PrintTo(const compare_row &row, std::ostream *out) {
+static void PrintTo(const compare_row &row, std::ostream *out)
+{
     *out << row.old_version << " to " << row.new_version;
 }
 
 class Compare : public testing::TestWithParam<compare_row> {};
 
-TEST_P(Compare, GivesTheResult) {
+TEST_P(Compare, GivesTheResult)
+{
     const log_capture log;
     EXPECT_EQ(fw_version_compare(GetParam().old_version, GetParam().new_version), GetParam().result);
     EXPECT_TRUE(log.texts(CORE_LOG_ERR).empty());
@@ -192,7 +201,8 @@ INSTANTIATE_TEST_SUITE_P(Platforms, Compare,
                                          compare_row{"code_by_arithmetic", "3C.01.102", "49.01.102", 0}),
                          [](const auto &row) { return std::string(row.param.name); });
 
-TEST(CompareMessages, NameBothVersionsAndPlatforms) {
+TEST(CompareMessages, NameBothVersionsAndPlatforms)
+{
     const log_capture log;
     fw_version_compare("49.01.102", "50.01.103");
     EXPECT_EQ(log.texts(CORE_LOG_DBG),
@@ -200,14 +210,16 @@ TEST(CompareMessages, NameBothVersionsAndPlatforms) {
     EXPECT_EQ(log.messages()[0].function, "fw_version_compare");
 }
 
-TEST(CompareMessages, StopAtAMalformedOldVersion) {
+TEST(CompareMessages, StopAtAMalformedOldVersion)
+{
     const log_capture log;
     EXPECT_EQ(fw_version_compare("49", "51.01.103"), -22);
     EXPECT_EQ(log.messages().size(), 1U);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"invalid length of version: 49"});
 }
 
-TEST(CompareMessages, NameTheOldVersionBeforeAMalformedNewOne) {
+TEST(CompareMessages, NameTheOldVersionBeforeAMalformedNewOne)
+{
     const log_capture log;
     EXPECT_EQ(fw_version_compare("25.30.102", "51.01.103"), -102);
     EXPECT_EQ(log.texts(CORE_LOG_DBG), strings{"oldver: 25.30.102; oldplat: 0"});

@@ -1,0 +1,182 @@
+"""The virtual machine's side of the lab: simulated modems on the kernel's USB bus, and what a run did to them."""
+import glob
+import os
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+SOURCE = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(SOURCE / 'tests' / 'flow'))
+
+import harness  # noqa: E402  (the processes)
+import packages  # noqa: E402  (the firmware packages)
+
+HELPERS = Path(os.environ.get('KESTREL_LAB_HELPERS', ''))
+HOST_CONTROLLER = '/sys/devices/platform/vhci_hcd.0'
+DOWNLOAD_PORT = Path('/dev/ttyUSB0')
+NORMAL_ID = 'fff0 1001'
+DOWNLOAD_ID = '05c6 9008'
+SECTOR = 4096
+
+# The programmer's texts, byte for byte: the length of each request as one USB transfer.
+NOP = '<?xml version="1.0"?>\n<data>\n<nop value="ping"/>\n</data>\n'
+CONFIGURE = ('<?xml version="1.0"?>\n<data>\n<configure MaxPayloadSizeToTargetInBytes="1048576" MemoryName="nand" />\n'
+             '</data>\n')
+RESET = '<?xml version="1.0"?>\n<data>\n<power value="reset" DelayInSeconds="3"/>\n</data>\n'
+
+
+def load_modules():
+    """The kernel's own drivers; `option` is told the simulated modem's identifier."""
+    for module in ('vhci-hcd', 'qcserial', 'option'):
+        subprocess.run(['modprobe', module], check=True)
+    try:
+        Path('/sys/bus/usb-serial/drivers/option1/new_id').write_text(NORMAL_ID)
+    except FileExistsError:
+        pass
+
+
+def wait_for(condition, limit, what):
+    """The first true answer of `condition`."""
+    end = time.monotonic() + limit
+    while True:
+        answer = condition()
+        if answer:
+            return answer
+        if time.monotonic() > end:
+            raise AssertionError(f'{what}: not within {limit} s')
+        time.sleep(0.02)
+
+
+def high_speed_bus():
+    for root in glob.glob(HOST_CONTROLLER + '/usb*'):
+        if Path(root, 'speed').read_text().strip() == '480':
+            return Path(root)
+    raise AssertionError('no high-speed bus')
+
+
+class UsbModem(harness.Sim):
+    """A simulated modem on the bus, inside a with statement. It leaves the bus with the statement."""
+
+    def __init__(self, folder, *options, begin='normal', port=0, limit=150):
+        super().__init__(folder, '--usb', '--usb-port', str(port), *options, begin=begin, limit=limit)
+        bus = high_speed_bus()
+        self.name = f'{bus.name[3:]}-{port + 1}'
+        self.place = bus / self.name
+        self.begin = begin
+
+    def __enter__(self):
+        super().__enter__()
+        self.wait_for_ports(3 if self.begin == 'normal' else 1)
+        return self
+
+    def __exit__(self, *what):
+        super().__exit__(*what)
+        wait_for(lambda: not self.place.exists(), 10, 'the modem left the bus')
+
+    def identifier(self):
+        """Vendor and product, as the kernel sees them; empty: not on the bus."""
+        try:
+            return ' '.join((self.place / name).read_text().strip() for name in ('idVendor', 'idProduct'))
+        except OSError:
+            return ''
+
+    def tty(self, interface):
+        """The device node that a serial driver made of an interface; None: there is none."""
+        found = glob.glob(f'{self.place}/{self.name}:1.{interface}/ttyUSB*')
+        node = Path('/dev') / Path(found[0]).name if found else None
+        return node if node is not None and node.exists() else None
+
+    def wait_for_ports(self, count, limit=15):
+        wait_for(lambda: all(self.tty(i) for i in range(count)), limit, f'{count} serial ports of {self.name}')
+
+    def kinds(self, stage=None, direction='rx'):
+        return [e['kind'] for e in self.events() if e['dir'] == direction and stage in (None, e['stage'])]
+
+    def has_struck(self):
+        """True once the planned fault has struck."""
+        return 'fault' in self.kinds(direction='event')
+
+    def transfers(self, stage):
+        """The sizes of the transfers that the modem received in a stage."""
+        return [e['length'] for e in self.events() if e['kind'] == 'transfer' and e['stage'] == stage]
+
+    def interfaces_used(self, stage):
+        return {e['endpoint'] for e in self.events() if e['kind'] == 'transfer' and e['stage'] == stage}
+
+
+def download_modem(folder, *options, port=0, **more):
+    return UsbModem(folder, *options, begin='sahara', port=port, **more)
+
+
+def skip_enter(package, *options):
+    """The command line for a modem that is in download mode already."""
+    return [package, '--port', DOWNLOAD_PORT, '--skip-enter-qdl', '--force', *options]
+
+
+def update(package, *options, limit=60):
+    return harness.run(*skip_enter(package, *options), limit=limit)
+
+
+def compare(package, modem):
+    """Every byte of every image, and of the programmer as far as it was asked for."""
+    result = subprocess.run([SOURCE / 'examples' / 'compare-flash', package, modem.flash], text=True,
+                            capture_output=True, check=False)
+    assert result.returncode == 0, result.stdout + result.stderr
+    size = int(modem.command[modem.command.index('--programmer-size') + 1])
+    programmer = next(path for path in Path(package).iterdir() if path.name.startswith('prog'))
+    assert (modem.flash / 'programmer.bin').read_bytes() == programmer.read_bytes()[:size]
+
+
+PROGRAMMER = packages.content('programmer', 20000)
+PROGRAMMER_SIZE = ('--programmer-size', '20000')
+
+# name, size, sector size, the transfers of its data with payloads of 1 MiB: a transfer of a multiple of 512 bytes has
+# an empty one behind it, another has none.
+IMAGES = [
+    ('empty', 0, 4096, []),
+    ('sector', 512, 512, [512, 0]),
+    ('odd', 700, 700, [700]),
+    ('odds', 2500, 1000, [3000]),
+    ('pages', 10000, 4096, [12288, 0]),
+    ('two', 2 * 1048576, 4096, [1048576, 0, 1048576, 0]),
+    ('more', 1048576 + 1, 4096, [1048576, 0, 4096, 0]),
+    ('last', 1048576 + 2500, 1000, [1048576, 0, 3000]),
+]
+IMAGES_OF_16_KIB = {
+    'two': [16384, 0] * 128,
+    'more': [16384, 0] * 64 + [4096, 0],
+    'last': [16384, 0] * 64 + [3000],
+}
+
+
+def image_line(name, sector, sectors=640):
+    return packages.program(f'{name}.bin', name, sector, str(sectors))
+
+
+def awkward_package(folder, version=packages.PLATFORM_1):
+    """Images of every kind of size, with an erase line between two of them."""
+    lines = [image_line(name, sector) for name, _, sector, _ in IMAGES]
+    lines.insert(4, packages.ERASE)
+    images = {f'{name}.bin': packages.content(name, size) for name, size, _, _ in IMAGES}
+    return packages.write(folder, lines, images, version, PROGRAMMER)
+
+
+def small_package(folder, version=packages.PLATFORM_1, size=10000):
+    return packages.write(folder, [image_line('one', SECTOR)], {'one.bin': packages.content('one', size)}, version,
+                          PROGRAMMER)
+
+
+def framed(line):
+    return f'<?xml version="1.0"?>\n<data>\n{line}\n</data>\n'
+
+
+def awkward_transfers(replaced=None):
+    """Every transfer of a programming session of awkward_package(), in order."""
+    out = [len(NOP), len(CONFIGURE)]
+    for index, (name, size, sector, data) in enumerate(IMAGES):
+        if index == 4:
+            out.append(len(framed(packages.ERASE)))
+        out.append(len(framed(image_line(name, sector, -(-size // sector)))))
+        out += (replaced or {}).get(name, data)
+    return out + [len(RESET)]

@@ -1,0 +1,225 @@
+"""Runs on a modem that is in download mode already: Sahara over the kernel's serial driver, Firehose over libusb.
+
+Two runs that do nothing but wait go on beside the others: their modems are plugged into later ports, so that the others
+find their own first.
+"""
+import re
+import signal
+import time
+from pathlib import Path
+
+import harness
+import lab
+import packages
+import pytest
+
+UPLOAD = 'version 1.6.1-0\nSending programmer\n'
+TRANSFER_TIMEOUT = 30
+
+
+class Waiting:
+    """A run that meets a silent modem, from the moment of the silence."""
+
+    def __init__(self, folder, fault, port):
+        self.package = lab.small_package(folder / 'package', size=1048576)
+        self.modem = lab.download_modem(folder, *lab.PROGRAMMER_SIZE, '--fault', fault, port=port, limit=300)
+        self.modem.__enter__()
+        self.process = harness.start(harness.KESTREL, *lab.skip_enter(self.package))
+        lab.wait_for(self.modem.has_struck, 40, f'{fault} struck')
+        self.begun = time.monotonic()
+
+    def outcome(self, limit):
+        return harness.finish(self.process, limit, self.begun)
+
+    def end(self):
+        harness.stop(self.process)
+        self.modem.__exit__(None, None, None)
+
+
+@pytest.fixture(scope='module', autouse=True)
+def waiting(tmp_path_factory):
+    """The modem that stops reading is first: its run waits longest."""
+    runs = {}
+    try:
+        runs['deaf'] = Waiting(tmp_path_factory.mktemp('deaf'), 'firehose.data-in=stall@500000', 7)
+        runs['mute'] = Waiting(tmp_path_factory.mktemp('mute'), 'firehose.data=silence', 6)
+        yield runs
+    finally:
+        for run in runs.values():
+            run.end()
+
+
+def first_error(text):
+    return text.splitlines()[0] if text else ''
+
+
+def test_payload_of_1_mib_with_empty_packets_exactly_behind_whole_ones(tmp_path):
+    package = lab.awkward_package(tmp_path / 'package')
+    with lab.download_modem(tmp_path, *lab.PROGRAMMER_SIZE) as modem:
+        outcome = lab.update(package)
+        assert (outcome.status, outcome.err) == (0, '')
+        assert modem.wait() == 0
+        assert modem.transfers('firehose') == lab.awkward_transfers()
+        assert 0 not in modem.transfers('sahara')
+        assert sum(modem.transfers('sahara')) == 48 + 20000 + 8  # HELLO response, programmer, DONE
+        lab.compare(package, modem)
+
+
+def test_counter_offer_of_16_kib_after_a_64_bit_upload(tmp_path):
+    package = lab.awkward_package(tmp_path / 'package')
+    with lab.download_modem(tmp_path, *lab.PROGRAMMER_SIZE, '--payload', '16384', '--request-bits', '64',
+                            '--read-order', 'shuffle') as modem:
+        outcome = lab.update(package)
+        assert (outcome.status, outcome.err) == (0, '')
+        assert modem.wait() == 0
+        assert modem.transfers('firehose') == lab.awkward_transfers(lab.IMAGES_OF_16_KIB)
+        assert 0 not in modem.transfers('sahara')
+        assert {e['length'] for e in modem.events() if e['kind'] == 'read_data'} == {32}
+        lab.compare(package, modem)
+
+
+def test_platform_0_and_a_hello_of_mode_2(tmp_path):
+    package = lab.small_package(tmp_path / 'package', packages.PLATFORM_0)
+    with lab.download_modem(tmp_path, *lab.PROGRAMMER_SIZE, '--platform', '0', '--hello-mode', '2') as modem:
+        outcome = lab.update(package)
+        assert (outcome.status, outcome.err) == (0, '')
+        assert modem.wait() == 0
+        assert modem.kinds('sahara')[:2] == ['transfer', 'enter_download']
+        assert [e['mode'] for e in modem.events() if e['kind'] == 'hello'] == [2, 0]
+        assert 'log' not in modem.kinds(direction='tx')  # no target reset is reported, and none was waited for
+        lab.compare(package, modem)
+
+
+def test_log_lines_of_the_programmer_do_not_disturb(tmp_path):
+    package = lab.small_package(tmp_path / 'package')
+    with lab.download_modem(tmp_path, *lab.PROGRAMMER_SIZE, '--log-start', '5', '--log-before', '2') as modem:
+        outcome = lab.update(package)
+        assert (outcome.status, outcome.err) == (0, '')
+        assert modem.wait() == 0
+        lab.compare(package, modem)
+
+
+def test_otp(tmp_path):
+    package = lab.small_package(tmp_path / 'package')
+    with lab.download_modem(tmp_path, *lab.PROGRAMMER_SIZE, '--otp', 'OTP 0x11', '--otp', 'OTP 0x22') as modem:
+        outcome = lab.update(package, '--otp')
+        assert (outcome.status, outcome.err) == (0, '')
+        assert outcome.out.endswith('\nOTP values read successfully\n')
+        assert outcome.out.count('OTP 0x11') == outcome.out.count('OTP 0x22') == 1
+        assert modem.wait() == 0
+        assert 'program' not in modem.kinds()
+
+
+def test_json(tmp_path):
+    package = lab.awkward_package(tmp_path / 'package')
+    with lab.download_modem(tmp_path, *lab.PROGRAMMER_SIZE) as modem:
+        outcome = lab.update(package, '--json')
+        assert (outcome.status, outcome.err) == (0, '')
+        assert outcome.out.startswith('version 1.6.1-0\n')
+        lines = harness.json_lines(outcome.out.split('\n', 1)[1])
+        ends = {Path(e['description']).name: e['max'] for e in lines
+                if e['type'] == 'PROGRESS' and e['current'] == e['max']}
+        sizes = {f'{name}.bin': size for name, size, _, _ in lab.IMAGES}
+        assert ends == {packages.PROGRAMMER: 20000, **sizes}
+        assert modem.wait() == 0
+        lab.compare(package, modem)
+
+
+def test_unplugged_at_a_sahara_read(tmp_path):
+    package = lab.small_package(tmp_path / 'package')
+    with lab.download_modem(tmp_path, *lab.PROGRAMMER_SIZE, '--fault', 'sahara.read=hangup@3') as modem:
+        outcome = lab.update(package)
+        assert modem.wait() == 0
+        assert outcome.status == 131
+        assert 'error in updating the programmer\n' in outcome.err
+        assert outcome.err.endswith('unable to send the programmer through SAHARA\n' + harness.FAILED)
+        assert outcome.seconds < 10
+
+
+def test_unplugged_in_the_middle_of_an_image(tmp_path):
+    package = lab.small_package(tmp_path / 'package', size=3000000)
+    with lab.download_modem(tmp_path, *lab.PROGRAMMER_SIZE, '--fault', 'firehose.data-in=hangup@1500000') as modem:
+        outcome = lab.update(package)
+        assert modem.wait() == 0
+        assert outcome.status == 252  # libusb's "no such device"
+        assert 'bulk transfer error -4\n' in outcome.err
+        assert f'error in sending binary {package}/one.bin\n' in outcome.err
+        assert outcome.err.endswith(harness.FIREHOSE_FAILED)
+        assert outcome.seconds < 12
+
+
+def test_unplugged_while_an_answer_is_awaited(tmp_path):
+    package = lab.small_package(tmp_path / 'package')
+    with lab.download_modem(tmp_path, *lab.PROGRAMMER_SIZE, '--fault', 'firehose.data=hangup') as modem:
+        outcome = lab.update(package)
+        assert modem.wait() == 0
+        assert outcome.status == 154
+        assert f'error in sending binary {package}/one.bin\nerror sending commands -102\n' in outcome.err
+        assert outcome.err.endswith(harness.FIREHOSE_FAILED)
+        assert outcome.seconds < 12
+
+
+def test_stalled_endpoint_while_data_are_sent(tmp_path):
+    package = lab.small_package(tmp_path / 'package', size=3000000)
+    with lab.download_modem(tmp_path, *lab.PROGRAMMER_SIZE, '--fault', 'firehose.data-in=halt@1500000') as modem:
+        outcome = lab.update(package)
+        assert outcome.status == 185  # nothing is taken any more
+        assert 'bulk transfer error -9\n' in outcome.err
+        assert outcome.err.endswith(harness.FIREHOSE_FAILED)
+        assert outcome.seconds < 12
+        assert modem.process.poll() is None
+
+
+def test_stalled_endpoint_while_an_answer_is_awaited(tmp_path):
+    package = lab.small_package(tmp_path / 'package')
+    with lab.download_modem(tmp_path, *lab.PROGRAMMER_SIZE, '--fault', 'firehose.program=halt') as modem:
+        outcome = lab.update(package)
+        assert outcome.status == 154
+        assert 'bulk transfer error -9\n' in outcome.err
+        assert outcome.err.endswith(harness.FIREHOSE_FAILED)
+        assert 'data' not in modem.kinds('firehose')
+
+
+def test_a_killed_run_then_a_second_one_without_and_with_a_power_cycle(tmp_path):
+    package = lab.small_package(tmp_path / 'package', size=3000000)
+    with lab.download_modem(tmp_path / 'first', *lab.PROGRAMMER_SIZE, '--fault',
+                            'firehose.data-in=stall@1500000') as modem:
+        process = harness.start(harness.KESTREL, *lab.skip_enter(package))
+        lab.wait_for(modem.has_struck, 30, 'the middle of the image')
+        process.send_signal(signal.SIGKILL)
+        assert harness.finish(process, 5).status == -signal.SIGKILL
+        # The killed run had taken the device from the serial driver, which does not come back by itself.
+        again = lab.update(package)
+        assert again.status == 154
+        assert again.err == (f'could not open device {lab.DOWNLOAD_PORT}: error 2 No such file or directory\n'
+                             f'unable to open device path {lab.DOWNLOAD_PORT}\n'
+                             'unable to send the programmer through SAHARA\n' + harness.FAILED)
+        assert again.seconds < 3
+    with lab.download_modem(tmp_path / 'second', *lab.PROGRAMMER_SIZE) as modem:
+        outcome = lab.update(package)
+        assert (outcome.status, outcome.err) == (0, '')
+        assert modem.wait() == 0
+        lab.compare(package, modem)
+
+
+def test_a_programmer_that_never_acknowledges(waiting):
+    outcome = waiting['mute'].outcome(80)
+    package = waiting['mute'].package
+    assert outcome.status == 154
+    assert outcome.err == ('bulk transfer error -7\n'
+                           f'error in sending binary {package}/one.bin\n'
+                           'error sending commands -102\n'
+                           'bulk transfer error -7\n' + harness.FIREHOSE_FAILED)
+    assert outcome.out.startswith(UPLOAD)
+    # The acknowledgement, then the answer to the reset.
+    assert 2 * TRANSFER_TIMEOUT - 1 < outcome.seconds < 2 * TRANSFER_TIMEOUT + 15
+
+
+def test_a_programmer_that_stops_reading(waiting):
+    outcome = waiting['deaf'].outcome(110)
+    assert outcome.status == 146
+    assert outcome.err.startswith('bulk transfer error -7\n')
+    assert re.search(r'^error in sending binary .*/one\.bin\n', outcome.err, re.MULTILINE)
+    assert outcome.err.endswith('error in sending reset\n' + harness.FIREHOSE_FAILED)
+    # The data, the empty packet behind them, the reset.
+    assert 2 * TRANSFER_TIMEOUT - 1 < outcome.seconds < 3 * TRANSFER_TIMEOUT + 15
