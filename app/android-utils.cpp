@@ -1,7 +1,7 @@
 #include "android-utils.hpp"
 
 #include "core.hpp"
-#include "owners.hpp"
+#include "core-owners.hpp"
 #include "timeouts.hpp"
 #include "zepho-log.hpp"
 
@@ -28,8 +28,8 @@ void parse_line(const char *line, system_information *out)
         int32_t *number;
         char *text;
     } keys[] = {
-        {"MAJOR=", &out->MAJOR, nullptr},     {"MINOR=", &out->MINOR, nullptr},
-        {"DEVNAME=", nullptr, out->DEVNAME},  {"DEVTYPE=", nullptr, out->DEVTYPE},
+        {"MAJOR=", &out->MAJOR, nullptr},    {"MINOR=", &out->MINOR, nullptr},
+        {"DEVNAME=", nullptr, out->DEVNAME}, {"DEVTYPE=", nullptr, out->DEVTYPE},
         {"PRODUCT=", nullptr, out->PRODUCT},
     };
     for (const auto &key : keys) {

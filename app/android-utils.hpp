@@ -1,5 +1,5 @@
-// A direct walk of the kernel's USB device directory, to see the download-mode device where the platform has no
-// discovery of its own. wait_for_usb_device waits, one second a try; SIGINT ends it early.
+// A direct walk of the kernel's USB device directory, to see the download-mode device where the platform has
+// no discovery of its own. wait_for_usb_device waits, one second a try; SIGINT ends it early.
 #pragma once
 
 #include <cstdint>

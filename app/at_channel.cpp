@@ -2,7 +2,7 @@
 
 #include "core-device.hpp"
 #include "core.hpp"
-#include "owners.hpp"
+#include "core-owners.hpp"
 #include "write-all.hpp"
 #include "zepho-log.hpp"
 
@@ -49,14 +49,12 @@ answer read_answer(int device, at_command *command, at_response *response, int *
         size_t bytes = 0;
         const size_t room = sizeof response->text - 1 - received;
         *err = core_device_read_timeout(device, response->text + received, room, command->timeout, &bytes);
-        core_log(CORE_LOG_DBG, log_source, function, __LINE__, "read done err = %d bytes = %u", *err,
-                 static_cast<unsigned>(bytes));
-        core_log(CORE_LOG_DBG, log_source, function, __LINE__, "response:\n%s\n", response->text);
+        log_as(function, CORE_LOG_DBG, "read done err = %d bytes = %u", *err, static_cast<unsigned>(bytes));
+        log_as(function, CORE_LOG_DBG, "response:\n%s\n", response->text);
         if (*err == CORE_ETIMEDOUT && received == 0) {
             if (command->retries > 0)
                 --command->retries;
-            core_log(CORE_LOG_DBG, log_source, function, __LINE__, "command timeout, remaining %u retries",
-                     command->retries);
+            log_as(function, CORE_LOG_DBG, "command timeout, remaining %u retries", command->retries);
             return answer::silent;
         }
         if (*err == CORE_ETIMEDOUT) {
@@ -157,7 +155,8 @@ int clean_command_response(at_response *response)
         --length;
     if (length > longest)
         length = longest;
-    const owned_text clean = length > 0 ? format_text("%.*s\r\n", static_cast<int>(length), begin) : format_text("%s", "");
+    const owned_text clean =
+        length > 0 ? format_text("%.*s\r\n", static_cast<int>(length), begin) : format_text("%s", "");
     if (clean == nullptr)
         return CORE_ENOMEM;
     memset(response->text, 0, sizeof response->text);

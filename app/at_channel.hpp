@@ -1,27 +1,28 @@
 // One AT command over an open serial device: sends it, collects the answer until a final response arrives,
 // classifies that, and hands out the information lines one at a time.
 //
-// The channel keeps no state and neither opens nor closes the device; everything lives in the caller's command
-// and response. Copy a command's template before use (sending changes `retries`) and zero the response before
-// each send. Waits: `timeout` for each read; a silent modem is asked as often as `retries` says.
+// The channel keeps no state and neither opens nor closes the device; everything lives in the caller's
+// command and response. Copy a command's template before use (sending changes `retries`) and zero the
+// response before each send. Waits: `timeout` for each read; a silent modem is asked as often as `retries`
+// says.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
 enum at_answer_type : uint32_t {
-    AT_NO_INFORMATION = 0,  // the text is emptied
-    AT_RAW = 1,             // the text is left as received
-    AT_SINGLE_LINE = 2,     // the text is trimmed
-    AT_SEVERAL_LINES = 3,   // the text is trimmed
+    AT_NO_INFORMATION = 0, // the text is emptied
+    AT_RAW = 1,            // the text is left as received
+    AT_SINGLE_LINE = 2,    // the text is trimmed
+    AT_SEVERAL_LINES = 3,  // the text is trimmed
 };
 
 struct at_command {
     char command[128]; // without terminator
     char prefix[128];  // what introduces the information, empty for none
     uint32_t type;
-    uint16_t timeout;  // of each read, in milliseconds
-    uint8_t retries;   // how often the command may be sent to a silent modem; counted down in place
+    uint16_t timeout; // of each read, in milliseconds
+    uint8_t retries;  // how often the command may be sent to a silent modem; counted down in place
 };
 
 struct at_response {

@@ -3,11 +3,11 @@
 // In: the modem's versions text, the package's version, the --force option. Out: 0 or a refusal. No waits.
 #pragma once
 
-#include "owners.hpp"
+#include "core-owners.hpp"
 #include "xml.hpp"
 
-// A copy of the text before the first occurrence of `separator`; null when either is null, or the separator is
-// absent or at the very start.
+// A copy of the text before the first occurrence of `separator`; null when either is null, or the separator
+// is absent or at the very start.
 owned_text substring_before_sep(const char *text, const char *separator);
 // Logs what a result of fw_version_compare means. 0 when flashing may go on; CORE_EPERM, CORE_EINVAL or
 // CORE_EGENERIC when not. Only a downgrade can be forced.

@@ -2,7 +2,7 @@
 
 #include "core-device.hpp"
 #include "core.hpp"
-#include "owners.hpp"
+#include "core-owners.hpp"
 #include "write-all.hpp"
 #include "zepho-log.hpp"
 

@@ -55,17 +55,17 @@ int run_session(firehose_device *device, const image_list *package, bool otp, bo
     uint32_t payload = FIREHOSE_PAYLOAD_SIZE;
     int err = send_nop(device);
     if (err != CORE_OK) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error in nop handshake");
+        log_as(function, CORE_LOG_ERR, "error in nop handshake");
         return err;
     }
     err = send_config(device, &payload);
     if (err != CORE_OK) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error in config");
+        log_as(function, CORE_LOG_ERR, "error in config");
         return err;
     }
     err = otp ? get_otp(device) : send_commands(package, device, payload, reset_sent);
     if (err != CORE_OK)
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error sending commands %d", err);
+        log_as(function, CORE_LOG_ERR, "error sending commands %d", err);
     return err;
 }
 
@@ -73,12 +73,12 @@ int finish_session(firehose_device *device, const image_list *package, bool rese
 {
     static constexpr char function[] = "firehose_update";
     if (reset_sent) {
-        core_log(CORE_LOG_DBG, log_source, function, __LINE__, "reset command already sent");
+        log_as(function, CORE_LOG_DBG, "reset command already sent");
         return CORE_OK;
     }
     const int err = send_reset(device, package->platform != 0);
     if (err != CORE_OK)
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error in sending reset");
+        log_as(function, CORE_LOG_ERR, "error in sending reset");
     return err;
 }
 
@@ -87,12 +87,11 @@ int take_counter_offer(const firehose_chunk &chunk, uint32_t *payload)
 {
     static constexpr char function[] = "send_config";
     if (!get_uint_attribute(chunk.text, supported_payload, payload)) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__,
-                 "Failed to retrieve MaxPayloadSizeToTargetInBytesSupported attribute");
+        log_as(function, CORE_LOG_ERR, "Failed to retrieve MaxPayloadSizeToTargetInBytesSupported attribute");
         return CORE_EGENERIC;
     }
     if (*payload == 0) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "the programmer supports a payload of 0 bytes only");
+        log_as(function, CORE_LOG_ERR, "the programmer supports a payload of 0 bytes only");
         return CORE_EPROTO;
     }
     return CORE_OK;
@@ -146,14 +145,15 @@ int idle_guard::check(const firehose_chunk *chunk)
 
 int firehose_write(firehose_device *device, const void *buf, size_t len)
 {
-    return write_all(buf, len, back_pressure::retry, [device](const void *rest, size_t size, size_t *written) {
-        if (device->serial_handle != 0)
-            return core_device_write(device->serial_handle, rest, size, written);
-        int transferred = 0;
-        const int err = core_usb_endpoint_write(&device->endpoint, rest, size, &transferred);
-        *written = transferred > 0 ? static_cast<size_t>(transferred) : 0;
-        return err;
-    });
+    return write_all(buf, len, back_pressure::retry,
+                     [device](const void *rest, size_t size, size_t *written) {
+                         if (device->serial_handle != 0)
+                             return core_device_write(device->serial_handle, rest, size, written);
+                         int transferred = 0;
+                         const int err = core_usb_endpoint_write(&device->endpoint, rest, size, &transferred);
+                         *written = transferred > 0 ? static_cast<size_t>(transferred) : 0;
+                         return err;
+                     });
 }
 
 int read_ack_nack(firehose_device *device)

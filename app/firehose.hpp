@@ -9,12 +9,12 @@
 
 #include "core-endpoint.hpp"
 #include "modem.hpp"
-#include "owners.hpp"
+#include "core-owners.hpp"
 #include "xml.hpp"
 
 // The connection; zeroed before use.
 struct firehose_device {
-    int32_t serial_handle;  // non-zero: all traffic goes over this descriptor; zero: over the endpoint
+    int32_t serial_handle; // non-zero: all traffic goes over this descriptor; zero: over the endpoint
     core_endpoint endpoint;
 };
 

@@ -17,17 +17,17 @@ static bool print_value(firehose_chunk *chunk)
     static constexpr char function[] = "print_otp_response";
     char *const mark = strstr(chunk->text, value_mark);
     if (mark == nullptr) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "unexpected response");
+        log_as(function, CORE_LOG_ERR, "unexpected response");
         return true;
     }
     char *const value = mark + strlen(value_mark);
     char *const end = strchr(value, '"');
     if (end == nullptr) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "xml value attribute not ended: %s", chunk->text);
+        log_as(function, CORE_LOG_ERR, "xml value attribute not ended: %s", chunk->text);
         return false;
     }
     *end = '\0';
-    core_log(CORE_LOG_INF, log_source, function, __LINE__, "%s", value);
+    log_as(function, CORE_LOG_INF, "%s", value);
     return true;
 }
 

@@ -42,8 +42,8 @@ int check_sectors(uint64_t file_size, uint32_t max_payload, uint32_t sector_size
 {
     if (fits_sectors(file_size, max_payload, sector_size))
         return CORE_OK;
-    core_log(CORE_LOG_ERR, log_source, function, __LINE__, "sector size %u does not fit payload size %u for %s",
-             sector_size, max_payload, path);
+    log_as(function, CORE_LOG_ERR, "sector size %u does not fit payload size %u for %s", sector_size,
+           max_payload, path);
     return CORE_EINVAL;
 }
 
@@ -62,9 +62,9 @@ struct transmission {
 void show_progress(const transmission &t, uint32_t chunk)
 {
     static constexpr char function[] = "send_binary";
-    core_log_progress(log_source, function, __LINE__, static_cast<int64_t>(t.offset), static_cast<int64_t>(t.size),
-                      t.path);
-    core_log(CORE_LOG_DBG, log_source, function, __LINE__, "Sending %u bytes at offset %" PRIu64, chunk, t.offset);
+    core_log_progress(log_source, function, __LINE__, static_cast<int64_t>(t.offset),
+                      static_cast<int64_t>(t.size), t.path);
+    log_as(function, CORE_LOG_DBG, "Sending %u bytes at offset %" PRIu64, chunk, t.offset);
 }
 
 // How many bytes go out for `count` bytes read.
@@ -72,16 +72,17 @@ uint32_t padded_size(const transmission &t, uint32_t count)
 {
     static constexpr char function[] = "send_binary";
     if (count <= t.sector_size) {
-        core_log(CORE_LOG_DBG, log_source, function, __LINE__,
-                 "Actually sending %u bytes at offset %" PRIu64 " due to padding", t.sector_size, t.offset);
+        log_as(function, CORE_LOG_DBG, "Actually sending %u bytes at offset %" PRIu64 " due to padding",
+               t.sector_size, t.offset);
         return t.sector_size;
     }
     if (count >= t.max_payload)
         return count;
     const uint32_t padded = find_minimum_chunk_size(count, t.max_payload, t.sector_size);
-    core_log(CORE_LOG_DBG, log_source, function, __LINE__,
-             "Actually sending max_payload_size_to_target_in_bytes %u bytes at offset %" PRIu64 " due to padding",
-             padded, t.offset);
+    log_as(function, CORE_LOG_DBG,
+           "Actually sending max_payload_size_to_target_in_bytes %u bytes at offset %" PRIu64
+           " due to padding",
+           padded, t.offset);
     return padded;
 }
 
@@ -93,21 +94,21 @@ int send_chunk(transmission *t, bool *ended)
     const auto chunk = static_cast<uint32_t>(std::min<uint64_t>(t->size - t->offset, t->max_payload));
     show_progress(*t, chunk);
     if (const int err = core_file_seek(t->file, static_cast<int64_t>(t->offset)); err != CORE_OK) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "lseek error at %" PRIu64, t->offset);
+        log_as(function, CORE_LOG_ERR, "lseek error at %" PRIu64, t->offset);
         return err;
     }
     size_t count = 0;
     int err = core_file_read(t->file, t->buffer, chunk, &count);
     if (err != CORE_OK || count != chunk) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error %u reading %u bytes (read %u bytes)",
-                 static_cast<unsigned>(err), t->max_payload, static_cast<unsigned>(count));
+        log_as(function, CORE_LOG_ERR, "error %u reading %u bytes (read %u bytes)",
+               static_cast<unsigned>(err), t->max_payload, static_cast<unsigned>(count));
         return err; // 0 after a short read, on purpose
     }
     const uint32_t length = padded_size(*t, chunk);
     memset(t->buffer + chunk, padding_byte, length - chunk);
     err = firehose_write(t->device, t->buffer, length);
     if (err != CORE_OK) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error %u sending buffer", static_cast<unsigned>(err));
+        log_as(function, CORE_LOG_ERR, "error %u sending buffer", static_cast<unsigned>(err));
         return err;
     }
     t->offset += chunk;
@@ -149,7 +150,8 @@ int send_command_with_binary(firehose_device *device, const image *img, uint32_t
         return CORE_OK;
     }
     if (has_data) {
-        const int err = check_sectors(img->file_size, max_payload, img->sector_size_in_bytes, img->filename, __func__);
+        const int err =
+            check_sectors(img->file_size, max_payload, img->sector_size_in_bytes, img->filename, __func__);
         if (err != CORE_OK)
             return err;
     }
@@ -237,7 +239,8 @@ int send_binary(firehose_device *device, uint32_t max_payload, uint32_t sector_s
         return err;
     // No chunk is longer than the payload, and this file's only chunk may be shorter: padding never adds two
     // whole sectors.
-    const uint64_t needed = std::min<uint64_t>(max_payload, total + 2 * static_cast<uint64_t>(sector_size) + 1);
+    const uint64_t needed =
+        std::min<uint64_t>(max_payload, total + 2 * static_cast<uint64_t>(sector_size) + 1);
     const owned_bytes buffer(static_cast<unsigned char *>(malloc(static_cast<size_t>(needed))));
     if (buffer == nullptr) {
         log_err("memory failure");

@@ -8,7 +8,7 @@
 #include "modem_probing.hpp"
 #include "modem_table.hpp"
 #include "options.hpp"
-#include "owners.hpp"
+#include "core-owners.hpp"
 #include "package.hpp"
 #include "sahara.hpp"
 #include "timeouts.hpp"
@@ -59,11 +59,12 @@ int trigger_edl_mode(const modem *m)
 // Where the platform tells of no arrivals: looks for the download device in sysfs.
 static int find_download_device(modem *m)
 {
-    const bool found = wait_for_usb_device(QDL_VENDOR_TEXT, QDL_PRODUCT_TEXT, timeouts::download_device_tries);
+    const bool found =
+        wait_for_usb_device(QDL_VENDOR_TEXT, QDL_PRODUCT_TEXT, timeouts::download_device_tries);
     if (keep_running == 0)
         return CORE_ECANCELED;
     if (!found) {
-        core_log(CORE_LOG_ERR, log_source, hand_off_function, __LINE__, "failed listening on the USB bus");
+        log_as(hand_off_function, CORE_LOG_ERR, "failed listening on the USB bus");
         return CORE_ENOTSUPPORTED;
     }
     prepare_port_modem(m, true, download_port);
@@ -79,13 +80,13 @@ static int scan_download_device(modem *modems, uint8_t max_modems)
         return err;
     err = collect_modem_array_basic_information(modems, max_modems, true);
     if (err != CORE_OK) {
-        core_log(CORE_LOG_ERR, log_source, hand_off_function, __LINE__, "modem not probed");
+        log_as(hand_off_function, CORE_LOG_ERR, "modem not probed");
         return err;
     }
     if (count_modems(modems, max_modems) != 1) {
-        core_log(CORE_LOG_ERR, log_source, hand_off_function, __LINE__,
-                 "the tool does not support multiple modems in QDL mode,                             "
-                 "please keep a single modem attached");
+        log_as(hand_off_function, CORE_LOG_ERR,
+               "the tool does not support multiple modems in QDL mode,                             "
+               "please keep a single modem attached");
         return CORE_EINVAL;
     }
     return CORE_OK;
@@ -103,7 +104,7 @@ static int wait_for_download_device(modem *modems, uint8_t max_modems)
         if (err == CORE_ENOTSUPPORTED)
             return find_download_device(&modems[0]);
         if (err != CORE_OK) {
-            core_log(CORE_LOG_ERR, log_source, hand_off_function, __LINE__, "failed listening on the USB bus");
+            log_as(hand_off_function, CORE_LOG_ERR, "failed listening on the USB bus");
             return err;
         }
     } while (event.removed);
@@ -121,7 +122,7 @@ static int upload_programmer(const modem *m)
         err = sahara_send_programmer(m, &package);
     }
     if (err != CORE_OK)
-        core_log(CORE_LOG_ERR, log_source, hand_off_function, __LINE__, "unable to send the programmer through SAHARA");
+        log_as(hand_off_function, CORE_LOG_ERR, "unable to send the programmer through SAHARA");
     return err;
 }
 
@@ -129,7 +130,7 @@ static int write_images(const modem *m)
 {
     const int err = firehose_update(m, &package, options.otp);
     if (err != CORE_OK)
-        core_log(CORE_LOG_ERR, log_source, hand_off_function, __LINE__, "unable to update the modem through FIREHOSE");
+        log_as(hand_off_function, CORE_LOG_ERR, "unable to update the modem through FIREHOSE");
     return err;
 }
 
@@ -141,13 +142,12 @@ int hand_off(modem *modems, uint8_t max_modems, bool already_in_qdl)
     if (!already_in_qdl) {
         const int err = m->is_pcie ? trigger_edl_mode(m) : switch_QDload_mode(m);
         if (err != CORE_OK) {
-            core_log(CORE_LOG_ERR, log_source, hand_off_function, __LINE__,
-                     "unable to set the modem to firmware update mode");
+            log_as(hand_off_function, CORE_LOG_ERR, "unable to set the modem to firmware update mode");
             return err;
         }
     }
     if (options.enter_qdl) {
-        core_log(CORE_LOG_INF, log_source, hand_off_function, __LINE__, "Entered QDL mode, stopping");
+        log_as(hand_off_function, CORE_LOG_INF, "Entered QDL mode, stopping");
         return CORE_OK;
     }
     if (!already_in_qdl) {

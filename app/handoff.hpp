@@ -1,9 +1,9 @@
 // The hand-off: brings an accepted modem into download mode, waits for the download device, uploads the
 // programmer and has Firehose write the images.
 //
-// In: the modem array, the package, `options`. Out: the result of the run. Waits: up to 30 s for an event or 20
-// looks a second apart for the download device; a Sahara upload that asks to be repeated is repeated every 2 s
-// without limit. SIGINT ends each.
+// In: the modem array, the package, `options`. Out: the result of the run. Waits: up to 30 s for an event or
+// 20 looks a second apart for the download device; a Sahara upload that asks to be repeated is repeated every
+// 2 s without limit. SIGINT ends each.
 #pragma once
 
 #include "modem.hpp"

@@ -3,7 +3,7 @@
 
 #include "core-file.hpp"
 #include "core.hpp"
-#include "owners.hpp"
+#include "core-owners.hpp"
 #include "zepho-log.hpp"
 
 #include <cerrno>
@@ -21,14 +21,13 @@ int read_text(int file, owned_text *text, const char *function)
 {
     int64_t size = 0;
     if (const int err = core_file_get_size(file, &size); err != CORE_OK) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "unable to get bin file size %u",
-                 static_cast<unsigned>(err));
+        log_as(function, CORE_LOG_ERR, "unable to get bin file size %u", static_cast<unsigned>(err));
         return err;
     }
     if (static_cast<uint64_t>(size) < SIZE_MAX)
         text->reset(static_cast<char *>(calloc(static_cast<size_t>(size) + 1, 1)));
     if (*text == nullptr) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "out of memory");
+        log_as(function, CORE_LOG_ERR, "out of memory");
         return CORE_ENOMEM;
     }
     const auto total = static_cast<size_t>(size);
@@ -39,8 +38,8 @@ int read_text(int file, owned_text *text, const char *function)
         if (err == CORE_OK && count == 0)
             err = CORE_EINVAL; // the file has shrunk meanwhile
         if (err != CORE_OK) {
-            core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error %u reading %" PRIu64 " bytes (read %u bytes)",
-                     static_cast<unsigned>(err), static_cast<uint64_t>(total), static_cast<unsigned>(count));
+            log_as(function, CORE_LOG_ERR, "error %u reading %" PRIu64 " bytes (read %u bytes)",
+                   static_cast<unsigned>(err), static_cast<uint64_t>(total), static_cast<unsigned>(count));
             return err;
         }
         done += count;
@@ -75,7 +74,7 @@ int parse_content_lines(char *text, image_list *list)
             if (get_line_type(next, false) != LINE_FILE_NAME)
                 break;
             if (!get_value(entry.path, path_size, next, LINE_FILE_NAME)) {
-                core_log(CORE_LOG_ERR, log_source, function, __LINE__, "%s", entry.name_missing);
+                log_as(function, CORE_LOG_ERR, "%s", entry.name_missing);
                 return CORE_ENOENT;
             }
             break;
@@ -83,7 +82,7 @@ int parse_content_lines(char *text, image_list *list)
     }
     for (const auto &entry : entries) {
         if (entry.path[0] == '\0') {
-            core_log(CORE_LOG_ERR, log_source, function, __LINE__, "%s", entry.missing);
+            log_as(function, CORE_LOG_ERR, "%s", entry.missing);
             return CORE_ENOENT;
         }
     }
@@ -95,7 +94,7 @@ int join_base(const char *base_dir, char (&path)[1024])
 {
     const owned_text joined = format_text("%s/%s", base_dir, path);
     if (joined == nullptr) {
-        core_log(CORE_LOG_ERR, log_source, "build_image_array_from_xml", __LINE__, "out of memory");
+        log_as("build_image_array_from_xml", CORE_LOG_ERR, "out of memory");
         return CORE_ENOMEM;
     }
     strlcpy(path, joined.get(), sizeof path);
@@ -109,8 +108,8 @@ int find_partition_file(const char *base_dir, image_list *list)
     const owned_directory directory(opendir(base_dir));
     if (directory == nullptr) {
         const int err = errno;
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "failed to open fw directory %s, errno: %d (%s)",
-                 base_dir, err, strerror(err));
+        log_as(function, CORE_LOG_ERR, "failed to open fw directory %s, errno: %d (%s)", base_dir, err,
+               strerror(err));
         return CORE_ENOENT;
     }
     while (const dirent *const entry = readdir(directory.get())) {
@@ -120,7 +119,7 @@ int find_partition_file(const char *base_dir, image_list *list)
         return join_base(base_dir, list->partition_file_path);
     }
     if (list->partition_file_path[0] == '\0') {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "unable to find partition_file_path");
+        log_as(function, CORE_LOG_ERR, "unable to find partition_file_path");
         return CORE_EINVAL;
     }
     return CORE_OK;
@@ -133,15 +132,15 @@ int find_package_files(image_list *list, owned_text *storage, const char **base_
     const bool has_description = list->content_xml_path[0] != '\0';
     storage->reset(strdup(has_description ? list->content_xml_path : list->programmer_path));
     if (*storage == nullptr) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "out of memory");
+        log_as(function, CORE_LOG_ERR, "out of memory");
         return CORE_ENOMEM;
     }
     *base_dir = dirname(storage->get());
     if (!has_description)
         return find_partition_file(*base_dir, list);
     if (const int err = parse_content_xml(list->content_xml_path, list); err != CORE_OK) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "unable to parse content xml file %s, err = %u",
-                 list->content_xml_path, static_cast<unsigned>(err));
+        log_as(function, CORE_LOG_ERR, "unable to parse content xml file %s, err = %u",
+               list->content_xml_path, static_cast<unsigned>(err));
         return err;
     }
     if ((*base_dir)[0] == '\0')
@@ -151,13 +150,14 @@ int find_package_files(image_list *list, owned_text *storage, const char **base_
     return join_base(*base_dir, list->programmer_path);
 }
 
-// Opening creates what is missing; an empty list made that way would be a run that flashes nothing and succeeds.
+// Opening creates what is missing; an empty list made that way would be a run that flashes nothing and
+// succeeds.
 int open_partition_file(const char *path, owned_file *file)
 {
     if (core_file_exists(path) == CORE_OK)
         return core_file_open(path, file->receive());
-    core_log(CORE_LOG_ERR, log_source, "build_image_array_from_xml", __LINE__, "error %d %s opening file '%s'\n", ENOENT,
-             strerror(ENOENT), path);
+    log_as("build_image_array_from_xml", CORE_LOG_ERR, "error %d %s opening file '%s'\n", ENOENT,
+           strerror(ENOENT), path);
     return CORE_ENOENT;
 }
 
@@ -171,8 +171,7 @@ int add_image(image_list *list, const char *line)
     get_uint_attribute(line, "SECTOR_SIZE_IN_BYTES", &fresh.sector_size_in_bytes);
     const int slot = find_free_image_slot(list->images, static_cast<int>(list->image_count));
     if (slot < 0) {
-        core_log(CORE_LOG_ERR, log_source, "build_image_array_from_xml", __LINE__,
-                 "Images > MAX_IMAGE_NUMBER, increase the define");
+        log_as("build_image_array_from_xml", CORE_LOG_ERR, "Images > MAX_IMAGE_NUMBER, increase the define");
         return CORE_ENOMEM;
     }
     memcpy(&list->images[slot], &fresh, sizeof fresh);
@@ -184,7 +183,7 @@ int parse_partition_lines(char *text, image_list *list)
     static constexpr char function[] = "build_image_array_from_xml";
     char *position = nullptr;
     if (!is_valid_xml(strtok_r(text, line_end, &position))) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "file %s", list->partition_file_path);
+        log_as(function, CORE_LOG_ERR, "file %s", list->partition_file_path);
         return CORE_EINVAL;
     }
     bool in_comment = false;
@@ -214,7 +213,7 @@ bool validate_image(const char *base_dir, image *img)
     static constexpr char function[] = "validate_image_list";
     const owned_text path = format_text("%s/%s", base_dir, img->filename);
     if (path == nullptr) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "memory error");
+        log_as(function, CORE_LOG_ERR, "memory error");
         return false;
     }
     const auto fail = [img](int line, const char *format, int err) {
@@ -261,7 +260,8 @@ int parse_content_xml(const char *path, image_list *list)
 bool validate_image_list(const char *base_dir, image *images, uint32_t count)
 {
     for (uint32_t i = 0; i < count; ++i) {
-        if (!is_empty_image(&images[i]) && images[i].filename[0] != '\0' && !validate_image(base_dir, &images[i]))
+        if (!is_empty_image(&images[i]) && images[i].filename[0] != '\0' &&
+            !validate_image(base_dir, &images[i]))
             return false;
     }
     return true;
@@ -275,7 +275,8 @@ int build_image_array_from_xml(image_list *list)
         return err;
     owned_file file;
     if (const int err = open_partition_file(list->partition_file_path, &file); err != CORE_OK) {
-        log_err("unable to open partition file %s, err = %u", list->partition_file_path, static_cast<unsigned>(err));
+        log_err("unable to open partition file %s, err = %u", list->partition_file_path,
+                static_cast<unsigned>(err));
         return err;
     }
     owned_text text;

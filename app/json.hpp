@@ -1,7 +1,7 @@
 // The JSON description of the modems: one event that says which modems there are, for a supervising program.
 //
-// The entry tables and the output buffer are process-wide; they point into the modem records while an event is
-// composed. Nothing waits.
+// The entry tables and the output buffer are process-wide; they point into the modem records while an event
+// is composed. Nothing waits.
 #pragma once
 
 #include "modem.hpp"

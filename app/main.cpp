@@ -41,8 +41,9 @@ static int run(int argc, char **argv)
 int main(int argc, char **argv)
 {
     reserve_standard_descriptors();
-    setvbuf(stdout, nullptr, _IONBF, 0); // progress lines end in a carriage return, which no line buffer shows
-    signal(SIGPIPE, SIG_IGN);            // whoever stops reading the log must not stop a modem half written
+    setvbuf(stdout, nullptr, _IONBF,
+            0);               // progress lines end in a carriage return, which no line buffer shows
+    signal(SIGPIPE, SIG_IGN); // whoever stops reading the log must not stop a modem half written
     core_log_set_native(false);
     core_log_set_pprint(CORE_LOG_PPRINT_NEWLINE);
     log_inf("version %s.%s.%s-%s\n", "1", "6", "1", "0");

@@ -1,6 +1,6 @@
-// The modem record: what the program knows of one attached modem. The bus scan creates it, the probing over AT
-// fills it, the driver picks its ports, the JSON output describes it. All texts are NUL-terminated and cut to
-// their size; a record of zero bytes is a free slot.
+// The modem record: what the program knows of one attached modem. The bus scan creates it, the probing over
+// AT fills it, the driver picks its ports, the JSON output describes it. All texts are NUL-terminated and cut
+// to their size; a record of zero bytes is a free slot.
 #pragma once
 
 #include "core-usb-id.hpp"

@@ -3,7 +3,7 @@
 #include "at_channel.hpp"
 #include "core-device.hpp"
 #include "core.hpp"
-#include "owners.hpp"
+#include "core-owners.hpp"
 #include "timeouts.hpp"
 #include "zepho-log.hpp"
 
@@ -46,16 +46,16 @@ int configure_port(int device, const modem *m)
     static constexpr char function[] = "at_handshake";
     if (!m->is_pcie) {
         if (const int err = core_device_set_raw_mode(device); err != CORE_OK) {
-            core_log(CORE_LOG_ERR, log_source, function, __LINE__, "unable to configure device");
+            log_as(function, CORE_LOG_ERR, "unable to configure device");
             return err;
         }
         if (const int err = core_set_control_signals(device, true, true); err != CORE_OK) {
-            core_log(CORE_LOG_ERR, log_source, function, __LINE__, "unable to set control signals");
+            log_as(function, CORE_LOG_ERR, "unable to set control signals");
             return err;
         }
     }
     if (m->probing_mode == PROBING_PORT && core_device_set_baud_rate(device, 115200) != CORE_OK)
-        core_log(CORE_LOG_WRN, log_source, function, __LINE__, "unable to set baudrate");
+        log_as(function, CORE_LOG_WRN, "unable to set baudrate");
     return CORE_OK;
 }
 

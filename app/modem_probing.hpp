@@ -14,8 +14,8 @@ int turn_off_echo(int device);
 int get_model(int device, modem *m);
 int get_imei(int device, modem *m);
 int get_swpkgv(int device, modem *m);
-// Handshake and the queries of the modem's probing mode. 0, at once when `skip` is set; CORE_ENODEV without an
-// AT port; or the first failure.
+// Handshake and the queries of the modem's probing mode. 0, at once when `skip` is set; CORE_ENODEV without
+// an AT port; or the first failure.
 int collect_modem_basic_information(modem *m, bool skip);
 // The same for every record in use among the first `count`. The result of the last one; CORE_EINVAL when none
 // is in use; at once the first failure other than CORE_ENODEV.

@@ -16,7 +16,7 @@ struct product {
 };
 
 #define KESTREL_FAMILIES(names)
-#define KESTREL_MODEM(vid, pid, diagnostic, at, firmware_update, minimum_ports, is_download_mode)                  \
+#define KESTREL_MODEM(vid, pid, diagnostic, at, firmware_update, minimum_ports, is_download_mode)            \
     product{{vid, pid}, {diagnostic, at, firmware_update, minimum_ports}, is_download_mode},
 constexpr product maker_products[] = {
 #include KESTREL_MODEM_TABLE

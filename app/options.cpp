@@ -64,7 +64,7 @@ void print_help(const option_descriptor *flags)
 static void echo_arguments(int argc, char **argv)
 {
     for (int i = 0; i < argc; ++i)
-        core_log(CORE_LOG_DBG, log_source, "check_args", __LINE__, "arg[%d]: %s", i, argv[i]);
+        log_as("check_args", CORE_LOG_DBG, "arg[%d]: %s", i, argv[i]);
 }
 
 // Counts the package sources; -1 (logged) when the first argument is neither a flag nor a directory.
@@ -73,8 +73,7 @@ static int count_package_sources(int argc, char **argv)
     int count = 0;
     if (argc >= 2 && !is_flag(argv[1])) {
         if (core_directory_exists(argv[1]) != CORE_OK) {
-            core_log(CORE_LOG_ERR, log_source, "check_args", __LINE__,
-                     "first argument must be a directory or a flag: %s", argv[1]);
+            log_as("check_args", CORE_LOG_ERR, "first argument must be a directory or a flag: %s", argv[1]);
             return -1;
         }
         options.firmware_directory = argv[1];

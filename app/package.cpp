@@ -29,7 +29,7 @@ static int find_package_in_directory(const char *directory)
     for (const auto &source : sources) {
         const owned_text path = format_text("%s%s%s", directory, "/", source.file);
         if (path == nullptr) {
-            core_log(CORE_LOG_ERR, log_source, function, __LINE__, "string join error: %s", strerror(errno));
+            log_as(function, CORE_LOG_ERR, "string join error: %s", strerror(errno));
             return CORE_ENOMEM;
         }
         if (core_file_exists(path.get()) == CORE_OK) {
@@ -37,7 +37,7 @@ static int find_package_in_directory(const char *directory)
             return CORE_OK;
         }
     }
-    core_log(CORE_LOG_ERR, log_source, function, __LINE__, "firmware not supported: %s", directory);
+    log_as(function, CORE_LOG_ERR, "firmware not supported: %s", directory);
     return CORE_ENOENT;
 }
 

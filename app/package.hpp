@@ -4,7 +4,7 @@
 // In: `options`. Out: the process-wide `package`. Files are opened and closed here; nothing waits.
 #pragma once
 
-#include "owners.hpp"
+#include "core-owners.hpp"
 #include "xml.hpp"
 
 // The package of this run.

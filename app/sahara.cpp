@@ -3,7 +3,7 @@
 #include "core-device.hpp"
 #include "core-file.hpp"
 #include "core.hpp"
-#include "owners.hpp"
+#include "core-owners.hpp"
 #include "write-all.hpp"
 #include "zepho-log.hpp"
 
@@ -61,9 +61,10 @@ void put_u32(uint8_t *packet, size_t offset, uint32_t value)
 
 int send_bytes(int port, const void *data, size_t size)
 {
-    return write_all(data, size, back_pressure::retry, [port](const void *rest, size_t length, size_t *written) {
-        return core_device_write(port, rest, length, written);
-    });
+    return write_all(data, size, back_pressure::retry,
+                     [port](const void *rest, size_t length, size_t *written) {
+                         return core_device_write(port, rest, length, written);
+                     });
 }
 
 int send_header(int port, uint32_t command)
@@ -91,7 +92,8 @@ struct upload {
 
 enum class step { served, image_sent, ended };
 
-// Reads the first request, which fixes the request size. `*ended` is set when the upload ends with the result.
+// Reads the first request, which fixes the request size. `*ended` is set when the upload ends with the
+// result.
 int read_first_request(int port, uint8_t (&packet)[read_data_64bit_size], bool *ended)
 {
     static constexpr char function[] = "send_programmer";
@@ -101,17 +103,16 @@ int read_first_request(int port, uint8_t (&packet)[read_data_64bit_size], bool *
         size_t count = 0;
         const int err = core_device_read_timeout(port, packet, sizeof packet, timeouts::read_request, &count);
         if (err != CORE_OK) {
-            core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error %u", static_cast<unsigned>(err));
+            log_as(function, CORE_LOG_ERR, "error %u", static_cast<unsigned>(err));
             return err;
         }
         if (count < header_size) {
-            core_log(CORE_LOG_ERR, log_source, function, __LINE__, "bogus packet size %u", static_cast<unsigned>(count));
+            log_as(function, CORE_LOG_ERR, "bogus packet size %u", static_cast<unsigned>(count));
             return CORE_OK; // as after a successful upload, on purpose
         }
     }
     if (!is_read_request(get_u32(packet, 0))) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "read_data from modem expected instead of cmd %u",
-                 get_u32(packet, 0));
+        log_as(function, CORE_LOG_ERR, "read_data from modem expected instead of cmd %u", get_u32(packet, 0));
         return CORE_EIO;
     }
     *ended = false;
@@ -121,10 +122,9 @@ int read_first_request(int port, uint8_t (&packet)[read_data_64bit_size], bool *
 void show_progress(const upload &u, uint64_t offset, uint64_t length)
 {
     static constexpr char function[] = "send_programmer";
-    core_log_progress(log_source, function, __LINE__, static_cast<int64_t>(offset), static_cast<int64_t>(u.file_size),
-                      u.path);
-    core_log(CORE_LOG_DBG, log_source, function, __LINE__, "Sending %" PRIu64 " bytes at offset %" PRIu64, length,
-             offset);
+    core_log_progress(log_source, function, __LINE__, static_cast<int64_t>(offset),
+                      static_cast<int64_t>(u.file_size), u.path);
+    log_as(function, CORE_LOG_DBG, "Sending %" PRIu64 " bytes at offset %" PRIu64, length, offset);
 }
 
 // Sends one block of the file. `*ended` is set when the upload ends with the result.
@@ -135,26 +135,27 @@ int send_block(const upload &u, uint64_t offset, uint64_t length, bool *ended)
     // A block never holds more than the file does. What goes beyond it is a short read, and so is a length of
     // 4 GiB or more: one read never brings as much.
     const uint64_t readable = length < u.file_size ? length : u.file_size;
-    const owned_bytes block(
-        readable >= SIZE_MAX ? nullptr : static_cast<unsigned char *>(malloc(static_cast<size_t>(readable) + 1)));
+    const owned_bytes block(readable >= SIZE_MAX
+                                ? nullptr
+                                : static_cast<unsigned char *>(malloc(static_cast<size_t>(readable) + 1)));
     if (block == nullptr) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "memory failure");
+        log_as(function, CORE_LOG_ERR, "memory failure");
         return CORE_ENOMEM;
     }
     if (const int err = core_file_seek(u.file, static_cast<int64_t>(offset)); err != CORE_OK) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "lseek error at %" PRIu64, offset);
+        log_as(function, CORE_LOG_ERR, "lseek error at %" PRIu64, offset);
         return err;
     }
     size_t count = 0;
     int err = core_file_read(u.file, block.get(), static_cast<size_t>(readable), &count);
     if (err != CORE_OK || count != length) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error %u reading %" PRIu64 " bytes (read %u bytes)",
-                 static_cast<unsigned>(err), length, static_cast<unsigned>(count));
+        log_as(function, CORE_LOG_ERR, "error %u reading %" PRIu64 " bytes (read %u bytes)",
+               static_cast<unsigned>(err), length, static_cast<unsigned>(count));
         return err; // 0 after a short read, on purpose
     }
     err = send_bytes(u.port, block.get(), count);
     if (err != CORE_OK) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error %u sending buffer", static_cast<unsigned>(err));
+        log_as(function, CORE_LOG_ERR, "error %u sending buffer", static_cast<unsigned>(err));
         return err;
     }
     *ended = false;
@@ -176,11 +177,11 @@ step serve_request(upload *u, int *result)
     size_t count = 0;
     *result = core_device_read_timeout(u->port, u->packet, u->request_size, timeouts::read_request, &count);
     if (*result != CORE_OK) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error %u", static_cast<unsigned>(*result));
+        log_as(function, CORE_LOG_ERR, "error %u", static_cast<unsigned>(*result));
         return step::ended;
     }
     if (count < end_image_size) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "bogus packet size %u", static_cast<unsigned>(count));
+        log_as(function, CORE_LOG_ERR, "bogus packet size %u", static_cast<unsigned>(count));
         return step::ended; // as after a successful upload, on purpose
     }
     const uint32_t command = get_u32(u->packet, 0);
@@ -188,7 +189,7 @@ step serve_request(upload *u, int *result)
         return step::served;
     if (command == END_IMAGE_TX)
         return step::image_sent;
-    core_log(CORE_LOG_ERR, log_source, function, __LINE__, "unexpected command %u", command);
+    log_as(function, CORE_LOG_ERR, "unexpected command %u", command);
     *result = CORE_EGENERIC;
     return step::ended;
 }
@@ -198,12 +199,11 @@ int check_done_status(uint32_t status, uint32_t platform)
 {
     static constexpr char function[] = "send_programmer";
     if (platform == tolerant_platform && status != 0) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error done response status is %d",
-                 static_cast<int>(status));
+        log_as(function, CORE_LOG_ERR, "error done response status is %d", static_cast<int>(status));
         return CORE_EGENERIC;
     }
     if (platform != tolerant_platform && status != 1) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "modem expecting another image");
+        log_as(function, CORE_LOG_ERR, "modem expecting another image");
         return CORE_EGENERIC;
     }
     return CORE_OK;
@@ -213,18 +213,18 @@ int finish_upload(int port, uint32_t platform)
 {
     static constexpr char function[] = "send_programmer";
     if (const int err = send_header(port, DONE); err != CORE_OK) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error %u sending done", static_cast<unsigned>(err));
+        log_as(function, CORE_LOG_ERR, "error %u sending done", static_cast<unsigned>(err));
         return err;
     }
     uint8_t packet[done_response_size] = {};
     size_t count = 0;
     const int err = core_device_read_timeout(port, packet, sizeof packet, timeouts::done_response, &count);
     if (err != CORE_OK) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error %u", static_cast<unsigned>(err));
+        log_as(function, CORE_LOG_ERR, "error %u", static_cast<unsigned>(err));
         return err;
     }
     if (const uint32_t command = get_u32(packet, 0); command != DONE_RESPONSE) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "unexpected command %u", command);
+        log_as(function, CORE_LOG_ERR, "unexpected command %u", command);
         return CORE_EGENERIC;
     }
     return check_done_status(get_u32(packet, header_size), platform);
@@ -235,18 +235,16 @@ int open_programmer(const char *path, owned_file *file, uint64_t *size)
 {
     static constexpr char function[] = "send_programmer";
     if (const int err = core_file_open(path, file->receive()); err != CORE_OK) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "unable to open programmer image %u",
-                 static_cast<unsigned>(err));
+        log_as(function, CORE_LOG_ERR, "unable to open programmer image %u", static_cast<unsigned>(err));
         return err;
     }
     int64_t bytes = 0;
     if (const int err = core_file_get_size(file->get(), &bytes); err != CORE_OK) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "unable to get bin file size %u",
-                 static_cast<unsigned>(err));
+        log_as(function, CORE_LOG_ERR, "unable to get bin file size %u", static_cast<unsigned>(err));
         return err;
     }
     if (bytes == 0) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "programmer image %s is empty", path);
+        log_as(function, CORE_LOG_ERR, "programmer image %s is empty", path);
         return CORE_EINVAL;
     }
     *size = static_cast<uint64_t>(bytes);
@@ -264,7 +262,7 @@ hello receive_hello(int port, uint32_t platform, int *result)
     *result = core_device_read_timeout(port, packet, header_size, timeouts::hello_header, &count);
     if (*result != CORE_OK) {
         if (*result != CORE_ETIMEDOUT)
-            core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error %d", *result);
+            log_as(function, CORE_LOG_ERR, "error %d", *result);
         if (platform != tolerant_platform)
             return hello::retry;
         if (*result == CORE_ETIMEDOUT) {
@@ -274,24 +272,23 @@ hello receive_hello(int port, uint32_t platform, int *result)
         return hello::answered;
     }
     if (count < header_size) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "bogus packet size %u", static_cast<unsigned>(count));
+        log_as(function, CORE_LOG_ERR, "bogus packet size %u", static_cast<unsigned>(count));
         return hello::retry;
     }
     if (const uint32_t command = get_u32(packet, 0); command != HELLO) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "hello from modem expected instead of cmd %u", command);
+        log_as(function, CORE_LOG_ERR, "hello from modem expected instead of cmd %u", command);
         core_print_buffer_to_level(packet, sizeof packet, 16, CORE_LOG_ERR);
         return hello::retry;
     }
     *result = core_device_read_timeout(port, packet + header_size, hello_size - header_size,
                                        timeouts::hello_remainder, &count);
     if (*result != CORE_OK) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error reading the HELLO packet remainder %d", *result);
+        log_as(function, CORE_LOG_ERR, "error reading the HELLO packet remainder %d", *result);
         *result = CORE_EPROTO;
         return hello::answered;
     }
     if (count < hello_size - header_size) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "bogus HELLO packet size %u",
-                 static_cast<unsigned>(count));
+        log_as(function, CORE_LOG_ERR, "bogus HELLO packet size %u", static_cast<unsigned>(count));
         *result = CORE_EPROTO;
         return hello::answered;
     }
@@ -306,8 +303,9 @@ void drop_stale_packets(int port)
 {
     core_sleep(timeouts::sahara_settle);
     int waiting = 0;
-    if (core_device_get_bytes_available(port, &waiting) == CORE_OK && waiting > static_cast<int>(hello_size)) {
-        core_log(CORE_LOG_DBG, log_source, "sahara_send_programmer", __LINE__, "Flush port");
+    if (core_device_get_bytes_available(port, &waiting) == CORE_OK &&
+        waiting > static_cast<int>(hello_size)) {
+        log_as("sahara_send_programmer", CORE_LOG_DBG, "Flush port");
         sahara::flush_port(port);
     }
 }
@@ -374,7 +372,8 @@ int send_zepho_qdl_cmd(int port)
     for (int i = 0; i < max_packets; ++i) {
         uint8_t packet[hello_size] = {};
         size_t count = 0;
-        const int err = core_device_read_timeout(port, packet, sizeof packet, timeouts::download_acknowledged, &count);
+        const int err =
+            core_device_read_timeout(port, packet, sizeof packet, timeouts::download_acknowledged, &count);
         if (err != CORE_OK) {
             log_err("error %d", err);
             return err;

@@ -1,9 +1,9 @@
-// Sahara: answers the boot loader's HELLO on the firmware-update port, serves its read requests from the flash
-// programmer and ends the transfer with DONE.
+// Sahara: answers the boot loader's HELLO on the firmware-update port, serves its read requests from the
+// flash programmer and ends the transfer with DONE.
 //
-// In: a modem record with a firmware-update port, and the package (programmer path, platform). Out: 0 once the
-// programmer runs. The port is opened and closed here; on a failure the modem is told to reset first. Waits:
-// 3 s for a HELLO, 5 s for the rest of a HELLO and for the DONE response, 0.5 s for each read request.
+// In: a modem record with a firmware-update port, and the package (programmer path, platform). Out: 0 once
+// the programmer runs. The port is opened and closed here; on a failure the modem is told to reset first.
+// Waits: 3 s for a HELLO, 5 s for the rest of a HELLO and for the DONE response, 0.5 s for each read request.
 #pragma once
 
 #include "modem.hpp"

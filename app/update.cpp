@@ -94,8 +94,7 @@ int start_usb_bus_scan(const core_usb_id_list *table, modem *modems, uint8_t max
 
 static int refuse_several_modems(const modem *modems, uint8_t max_modems, const char *function)
 {
-    core_log(CORE_LOG_ERR, log_source, function, __LINE__,
-             "multiple modems not supported, please keep a single modem attached:");
+    log_as(function, CORE_LOG_ERR, "multiple modems not supported, please keep a single modem attached:");
     show_modems(modems, max_modems);
     return CORE_EINVAL;
 }
@@ -137,15 +136,15 @@ int update_with_scan(modem *modems, uint8_t max_modems, bool json)
 static int update_attached_modem(modem *modems, uint8_t max_modems)
 {
     static constexpr char function[] = "update_after_listening";
-    core_log(CORE_LOG_DBG, log_source, function, __LINE__, "found supported modem");
+    log_as(function, CORE_LOG_DBG, "found supported modem");
     if (is_download_mode_modem(&modems[0].usb_id))
         return start_update_procedure(modems, max_modems, true);
     if (collect_modem_array_basic_information(modems, max_modems, false) != CORE_OK)
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "failure in modem probing, trying fw update anyway");
+        log_as(function, CORE_LOG_ERR, "failure in modem probing, trying fw update anyway");
     show_modems(modems, max_modems);
     const int err = start_update_procedure(modems, max_modems, false);
     if (err != CORE_OK)
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "error %d trying fw update", err);
+        log_as(function, CORE_LOG_ERR, "error %d trying fw update", err);
     return err;
 }
 
@@ -154,8 +153,8 @@ int update_after_listening(modem *modems, uint8_t max_modems, bool json)
     log_inf("Waiting for the modem to attach");
     for (;;) {
         core_usb_event event{};
-        int err =
-            core_device_usb_id_event_listener(core_usb_id_find_match, &modem_list, &event, CORE_LISTEN_FOREVER);
+        int err = core_device_usb_id_event_listener(core_usb_id_find_match, &modem_list, &event,
+                                                    CORE_LISTEN_FOREVER);
         if (keep_running == 0) {
             log_inf("Firmware update interrupted");
             core_deinit();
@@ -167,8 +166,8 @@ int update_after_listening(modem *modems, uint8_t max_modems, bool json)
         }
         if (json)
             json_set_event(event.removed);
-        log_dbg("device %04X:%04X, type %s, path %s", event.id.vid, event.id.pid, event.removed ? "remove" : "add",
-                event.path);
+        log_dbg("device %04X:%04X, type %s, path %s", event.id.vid, event.id.pid,
+                event.removed ? "remove" : "add", event.path);
         if (event.removed)
             continue;
         memset(modems, 0, sizeof *modems * max_modems);

@@ -14,7 +14,8 @@ bool is_valid_port_name(const char *name)
 {
     for (; *name != '\0'; ++name) {
         const char c = *name;
-        const bool valid = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '/';
+        const bool valid =
+            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '/';
         if (!valid)
             return false;
     }
@@ -85,8 +86,8 @@ static int add_modem(modem *slot, const core_device_info &info, uint8_t max_port
     strlcpy(slot->dev_path, info.path, sizeof slot->dev_path);
     const int err = gather_serial_ports(slot, &info, max_ports);
     if (err != CORE_OK) {
-        core_log(CORE_LOG_DBG, log_source, "scan_usb_bus", __LINE__, "Unable to gather serial ports for %04X:%04X",
-                 slot->usb_id.vid, slot->usb_id.pid);
+        log_as("scan_usb_bus", CORE_LOG_DBG, "Unable to gather serial ports for %04X:%04X", slot->usb_id.vid,
+               slot->usb_id.pid);
         memset(slot, 0, sizeof *slot);
     }
     return err;

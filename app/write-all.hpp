@@ -7,10 +7,10 @@
 // How often -11 (try again) is answered with a pause and another try.
 enum class back_pressure { fail, retry };
 
-// Calls write_some(data, size, &written), which returns a core error code, from the first unwritten byte until
-// all `size` bytes are out. 0; the first error; CORE_EAGAIN after the fifth -11 where those are retried;
-// CORE_EPROTO when ten writes in a row succeed without taking a byte, so that a port that takes nothing
-// cannot hold the program for ever.
+// Calls write_some(data, size, &written), which returns a core error code, from the first unwritten byte
+// until all `size` bytes are out. 0; the first error; CORE_EAGAIN after the fifth -11 where those are
+// retried; CORE_EPROTO when ten writes in a row succeed without taking a byte, so that a port that takes
+// nothing cannot hold the program for ever.
 template <typename WriteSome>
 int write_all(const void *data, size_t size, back_pressure on_full, WriteSome write_some)
 {

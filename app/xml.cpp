@@ -1,7 +1,7 @@
 #include "xml.hpp"
 
 #include "core.hpp"
-#include "owners.hpp"
+#include "core-owners.hpp"
 #include "zepho-log.hpp"
 
 #include <cerrno>
@@ -24,16 +24,16 @@ const char *find_attribute_value(const char *line, const char *name, const char 
 {
     const char *const found = strstr(line, name);
     if (found == nullptr) {
-        core_log(CORE_LOG_DBG, log_source, function, __LINE__, "unable to find %s", name);
+        log_as(function, CORE_LOG_DBG, "unable to find %s", name);
         return nullptr;
     }
     const char *const equals = found + strlen(name);
     if (*equals != '=') {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "unable to find '=', instead found %c", *equals);
+        log_as(function, CORE_LOG_ERR, "unable to find '=', instead found %c", *equals);
         return nullptr;
     }
     if (equals[1] != '"') {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "unable to find '\"', instead found %c", equals[1]);
+        log_as(function, CORE_LOG_ERR, "unable to find '\"', instead found %c", equals[1]);
         return nullptr;
     }
     return equals + 2;
@@ -47,19 +47,18 @@ bool copy_string_attribute(const char *line, const char *name, char *dest, size_
         return false;
     const char *const end = strchr(value, '"');
     if (end == nullptr) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "unable to find final '\"'");
+        log_as(function, CORE_LOG_ERR, "unable to find final '\"'");
         return false;
     }
     const auto length = static_cast<size_t>(end - value);
     if (length >= max_dest_size) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "attribute size %ld > max_dest_size",
-                 static_cast<long>(length));
+        log_as(function, CORE_LOG_ERR, "attribute size %ld > max_dest_size", static_cast<long>(length));
         return false;
     }
     memcpy(dest, value, length);
     if (length == 0 || dest[0] == '\0')
         return false;
-    core_log(CORE_LOG_DBG, log_source, function, __LINE__, "%s: %s", name, dest);
+    log_as(function, CORE_LOG_DBG, "%s: %s", name, dest);
     return true;
 }
 
@@ -73,15 +72,15 @@ bool convert_uint_attribute(const char *line, const char *name, uint32_t *value)
     errno = 0;
     const unsigned long number = strtoul(text, &end, 10);
     if (errno != 0 || number > UINT32_MAX) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "unable to perform conversion");
+        log_as(function, CORE_LOG_ERR, "unable to perform conversion");
         return false;
     }
     if (*end != '"') {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "invalid conversion");
+        log_as(function, CORE_LOG_ERR, "invalid conversion");
         return false;
     }
     *value = static_cast<uint32_t>(number);
-    core_log(CORE_LOG_DBG, log_source, function, __LINE__, "%s: %u", name, *value);
+    log_as(function, CORE_LOG_DBG, "%s: %u", name, *value);
     return true;
 }
 

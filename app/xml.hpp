@@ -2,8 +2,8 @@
 // description names the programmer and the rawprogram file; the rawprogram file's element lines are the
 // commands to run, in order.
 //
-// In: the path of the description, or of the programmer alone. Out: the image list filled and every image file
-// checked. Files are read whole and closed again. Nothing waits.
+// In: the path of the description, or of the programmer alone. Out: the image list filled and every image
+// file checked. Files are read whole and closed again. Nothing waits.
 #pragma once
 
 #include <cstddef>
@@ -22,7 +22,7 @@ struct image {
 
 // The package of one run.
 struct image_list {
-    char content_xml_path[1024];    // empty when only the programmer was given
+    char content_xml_path[1024]; // empty when only the programmer was given
     char programmer_path[1024];
     char partition_file_path[1024];
     image images[MAX_IMAGE_NUMBER]; // used slots first, in the order of the rawprogram file
@@ -33,21 +33,22 @@ struct image_list {
 
 enum line_type : int32_t {
     LINE_NULL = -1,
-    LINE_COMMENT_START = 3,    // "<!--" without "-->"
-    LINE_COMMENT_END = 4,      // "-->" without "<!--"
-    LINE_COMMENT = 5,          // both
-    LINE_PARTITION_FILE = 6,   // "<partition_file"
-    LINE_DEVICE_PROGRAMMER = 7,// "<device_programmer"
-    LINE_FILE_NAME = 8,        // "<file_name"
-    LINE_COMMAND = 9,          // any other element line
-    LINE_OTHER = 100,          // no element, or the "<data>" frame
+    LINE_COMMENT_START = 3,     // "<!--" without "-->"
+    LINE_COMMENT_END = 4,       // "-->" without "<!--"
+    LINE_COMMENT = 5,           // both
+    LINE_PARTITION_FILE = 6,    // "<partition_file"
+    LINE_DEVICE_PROGRAMMER = 7, // "<device_programmer"
+    LINE_FILE_NAME = 8,         // "<file_name"
+    LINE_COMMAND = 9,           // any other element line
+    LINE_OTHER = 100,           // no element, or the "<data>" frame
 };
 
 // Classifies one line; inside a comment only comment marks and commands are told apart.
 line_type get_line_type(const char *line, bool in_comment);
 
-// Copies the value of `name="..."` into `dest` of `max_dest_size` bytes, which the caller zeroed: no terminator
-// is added. False when it is absent, empty or too long. The name is looked for anywhere in the line.
+// Copies the value of `name="..."` into `dest` of `max_dest_size` bytes, which the caller zeroed: no
+// terminator is added. False when it is absent, empty or too long. The name is looked for anywhere in the
+// line.
 bool get_string_attribute(const char *line, const char *name, char *dest, int max_dest_size);
 // Reads the decimal value of `name="..."`, at most UINT32_MAX. False when it is absent or no such number.
 bool get_uint_attribute(const char *line, const char *name, uint32_t *value);

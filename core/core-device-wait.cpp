@@ -1,13 +1,13 @@
 // The wait for a device node, apart from the operations on an open one.
 #include "core-device.hpp"
 
+#include "core-owners.hpp"
 #include "core.hpp"
 #include "zepho-log.hpp"
 
 #include <cerrno>
 #include <cstdlib>
 #include <libgen.h>
-#include <memory>
 #include <poll.h>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -18,11 +18,6 @@ namespace {
 
 constexpr int poll_timeout_ms = 1000;
 constexpr int keep_waiting = 1; // no result yet
-
-struct free_deleter {
-    void operator()(char *text) const { free(text); }
-};
-using owned_text = std::unique_ptr<char, free_deleter>;
 
 // An inotify descriptor and its watch.
 struct node_watch {
@@ -70,11 +65,11 @@ int wait_once(int descriptor, const char *port, const char *name)
         const int err = errno;
         if (err == EINTR && sigint_detected != 0)
             return keep_waiting; // the loop sees the flag
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "Poll error %d, %s\n", err, strerror(err));
+        log_as(function, CORE_LOG_ERR, "Poll error %d, %s\n", err, strerror(err));
         return CORE_EGENERIC;
     }
     if ((watched.revents & POLLERR) != 0) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "Poll device error\n");
+        log_as(function, CORE_LOG_ERR, "Poll device error\n");
         return CORE_EGENERIC;
     }
     if ((watched.revents & POLLIN) == 0)
@@ -83,13 +78,13 @@ int wait_once(int descriptor, const char *port, const char *name)
     const ssize_t count = read(descriptor, buffer, sizeof buffer);
     if (count == -1) {
         const int err = errno;
-        core_log(CORE_LOG_DBG, log_source, function, __LINE__, "Read error %d, %s\n", err, strerror(err));
+        log_as(function, CORE_LOG_DBG, "Read error %d, %s\n", err, strerror(err));
         errno = 0;
         return keep_waiting;
     }
     if (!holds_creation(buffer, static_cast<size_t>(count), name))
         return keep_waiting;
-    core_log(CORE_LOG_DBG, log_source, function, __LINE__, "%s is created\n", port);
+    log_as(function, CORE_LOG_DBG, "%s is created\n", port);
     return CORE_OK;
 }
 

@@ -119,8 +119,8 @@ static int get_attributes(int handle, termios *attributes)
     if (tcgetattr(handle, attributes) == 0)
         return CORE_OK;
     const int err = errno;
-    core_log(CORE_LOG_ERR, log_source, "core_device_set_baud_rate", __LINE__,
-             "could not get device configuration: error %d %s\n", err, strerror(err));
+    log_as("core_device_set_baud_rate", CORE_LOG_ERR, "could not get device configuration: error %d %s\n",
+           err, strerror(err));
     return map_errno_to_core_err(err);
 }
 

@@ -22,7 +22,8 @@ constexpr int CORE_LISTEN_FOREVER = -1;
 
 // Fills `devices` with the connected devices of the `count` identifiers. `*size` is the array's capacity on
 // the way in and the number of devices found on the way out. 0, CORE_ENODEV, CORE_ENOTSUPPORTED or an error.
-int core_device_enumerate(const core_usb_id *identifiers, size_t count, core_device_info *devices, size_t *size);
+int core_device_enumerate(const core_usb_id *identifiers, size_t count, core_device_info *devices,
+                          size_t *size);
 
 // Blocks until a device that `match` accepts for `list` arrives or leaves and describes it in `event`.
 // `timeout_ms` in milliseconds, or CORE_LISTEN_FOREVER. 0, CORE_ETIMEDOUT, CORE_ENOTSUPPORTED or an error.

@@ -90,11 +90,12 @@ bool ends_with(const char *path, const char *name)
 
 void report_not_opened(const char *function, int line, const core_usb_id &id)
 {
-    core_log(CORE_LOG_ERR, log_source, function, line, "could not open device 0x%04X:0x%04X\n", id.vid, id.pid);
+    core_log(CORE_LOG_ERR, log_source, function, line, "could not open device 0x%04X:0x%04X\n", id.vid,
+             id.pid);
 }
 
-// Clears the record, so that it may be closed whatever comes, parses the identifier texts of `info` and starts
-// libusb.
+// Clears the record, so that it may be closed whatever comes, parses the identifier texts of `info` and
+// starts libusb.
 int prepare(const core_device_info *info, core_endpoint *ep, usb_session *session, core_usb_id *id,
             const char *function)
 {
@@ -107,12 +108,12 @@ int prepare(const core_device_info *info, core_endpoint *ep, usb_session *sessio
     if (info->vid[0] == '\0' || info->pid[0] == '\0')
         return CORE_EINVAL;
     if (!core_usb_id_from_str(id, info->vid, info->pid)) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "could not convert %s:%s\n", info->vid, info->pid);
+        log_as(function, CORE_LOG_ERR, "could not convert %s:%s\n", info->vid, info->pid);
         return CORE_EGENERIC;
     }
     const int err = session->start();
     if (err != 0)
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "could not start libusb: error %d\n", err);
+        log_as(function, CORE_LOG_ERR, "could not start libusb: error %d\n", err);
     return err;
 }
 
@@ -122,7 +123,7 @@ int open_by_path(const char *path, const core_usb_id &id, usb_session *session)
     static constexpr char function[] = "endpoint_open";
     const device_list list(session->context);
     if (list.count < 0) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "could not find any flashing devices\n");
+        log_as(function, CORE_LOG_ERR, "could not find any flashing devices\n");
         return CORE_ENODEV;
     }
     for (ssize_t i = 0; i < list.count; ++i) {
@@ -177,14 +178,13 @@ int get_configuration(usb_session *session, owned_config *config, const char *fu
 {
     libusb_device *const device = libusb_get_device(session->handle);
     if (device == nullptr) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "could not get device handle\n");
+        log_as(function, CORE_LOG_ERR, "could not get device handle\n");
         return CORE_EGENERIC;
     }
     libusb_config_descriptor *descriptor = nullptr;
     const int err = libusb_get_active_config_descriptor(device, &descriptor);
     if (err != 0) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__,
-                 "could not get active configuration descriptor: error %d\n", err);
+        log_as(function, CORE_LOG_ERR, "could not get active configuration descriptor: error %d\n", err);
         return err;
     }
     config->reset(descriptor);
@@ -194,7 +194,7 @@ int get_configuration(usb_session *session, owned_config *config, const char *fu
 int finish_open(usb_session *session, core_endpoint *ep, int result, const char *function)
 {
     if (ep->in_endpoint == CORE_ENDPOINT_NONE && ep->out_endpoint == CORE_ENDPOINT_NONE)
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "could not find endpoints\n");
+        log_as(function, CORE_LOG_ERR, "could not find endpoints\n");
     else
         session->hand_over(ep);
     return result;
@@ -209,14 +209,16 @@ int get_sys_name(char *buf, size_t size, libusb_device *dev)
     uint8_t ports[max_port_depth] = {};
     const int depth = libusb_get_port_numbers(dev, ports, max_port_depth);
     if (depth == LIBUSB_ERROR_OVERFLOW) {
-        log_err("libusb_get_port_numbers error: Array is too small (%lu)\n", static_cast<unsigned long>(max_port_depth));
+        log_err("libusb_get_port_numbers error: Array is too small (%lu)\n",
+                static_cast<unsigned long>(max_port_depth));
         return 0;
     }
     int total = depth <= 0 ? snprintf(buf, size, "usb%d", bus) : snprintf(buf, size, "%d-", bus);
     for (int i = 0; i < depth; ++i) {
         if (total < 0 || static_cast<size_t>(total) >= size)
             return 0;
-        const int added = snprintf(buf + total, size - static_cast<size_t>(total), i == 0 ? "%d" : ".%d", ports[i]);
+        const int added =
+            snprintf(buf + total, size - static_cast<size_t>(total), i == 0 ? "%d" : ".%d", ports[i]);
         if (added < 0)
             return 0;
         total += added;
@@ -310,8 +312,8 @@ int endpoint_transfer(core_endpoint *ep, bool out, void *buf, size_t len, int *t
     }
     int result = CORE_OK;
     int moved = 0;
-    int err = libusb_bulk_transfer(ep->handle, address, static_cast<unsigned char *>(buf), static_cast<int>(len),
-                                   &moved, transfer_timeout_ms);
+    int err = libusb_bulk_transfer(ep->handle, address, static_cast<unsigned char *>(buf),
+                                   static_cast<int>(len), &moved, transfer_timeout_ms);
     if (err != 0) {
         log_err("bulk transfer error %i\n", err);
         if (err == LIBUSB_ERROR_TIMEOUT)

@@ -20,13 +20,13 @@ struct libusb_device_handle;
 constexpr uint8_t CORE_ENDPOINT_NONE = 0xFF;
 
 struct core_endpoint {
-    libusb_context *context;        // null when closed
-    libusb_device_handle *handle;   // null when closed
-    uint8_t interface;              // claimed for every transfer
-    uint8_t in_endpoint;            // address, CORE_ENDPOINT_NONE for none
-    uint8_t out_endpoint;           // address, CORE_ENDPOINT_NONE for none
-    uint16_t max_packet_size;       // wMaxPacketSize of the OUT endpoint, in bytes
-    bool send_zero_length_packet;   // end OUT transfers of whole packets with an empty one
+    libusb_context *context;      // null when closed
+    libusb_device_handle *handle; // null when closed
+    uint8_t interface;            // claimed for every transfer
+    uint8_t in_endpoint;          // address, CORE_ENDPOINT_NONE for none
+    uint8_t out_endpoint;         // address, CORE_ENDPOINT_NONE for none
+    uint16_t max_packet_size;     // wMaxPacketSize of the OUT endpoint, in bytes
+    bool send_zero_length_packet; // end OUT transfers of whole packets with an empty one
 };
 
 // Opens the device of `info` (by the system path in `info->name`, or by its identifier when that is empty)

@@ -1,6 +1,7 @@
 #include "core-file.hpp"
 
 #include "core-device.hpp"
+#include "core-owners.hpp"
 #include "core.hpp"
 #include "zepho-log.hpp"
 
@@ -9,7 +10,6 @@
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
-#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,11 +18,6 @@ static constexpr char log_source[] = "core-file.c";
 namespace {
 
 constexpr size_t path_size = 1024;
-
-struct directory_closer {
-    void operator()(DIR *directory) const { closedir(directory); }
-};
-using owned_directory = std::unique_ptr<DIR, directory_closer>;
 
 bool is_dot_entry(const char *name)
 {

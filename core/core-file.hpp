@@ -10,8 +10,8 @@
 
 // 0 when the path exists, else CORE_ENOENT whatever the reason; CORE_EINVAL for a null path.
 int core_file_exists(const char *path);
-// Opens for reading and writing, non-blocking; a missing file is created empty (mode 0644), an existing one is
-// not truncated. `*handle` receives the descriptor, -1 on failure. 0 or the mapped errno.
+// Opens for reading and writing, non-blocking; a missing file is created empty (mode 0644), an existing one
+// is not truncated. `*handle` receives the descriptor, -1 on failure. 0 or the mapped errno.
 int core_file_open(const char *path, int *handle);
 int core_file_close(int handle);
 int core_file_read(int handle, void *buf, size_t len, size_t *nread);

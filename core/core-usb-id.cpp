@@ -87,8 +87,8 @@ static int enumerate_arrived(const core_usb_id &id)
     size_t size = 1;
     int result = core_device_enumerate(&id, 1, &info, &size);
     for (unsigned i = 0; i < retries && result != CORE_OK; ++i) {
-        core_log(CORE_LOG_DBG, log_source, "core_usb_id_wait_for_devices", __LINE__,
-                 "no device found, maybe not ready yet. Retrying after %ums...\n", pause_ms);
+        log_as("core_usb_id_wait_for_devices", CORE_LOG_DBG,
+               "no device found, maybe not ready yet. Retrying after %ums...\n", pause_ms);
         core_sleep(pause_ms);
         size = 1;
         result = core_device_enumerate(&id, 1, &info, &size);

@@ -23,14 +23,15 @@ constexpr uint32_t CORE_DEVICE_MAX_PORTS = 10;
 
 // What the platform's enumeration tells of one device.
 struct core_device_info {
-    char name[1024];   // the device's system path as the endpoint code matches it: it ends in a name like 1-2.3
+    char name[1024]; // the device's system path as the endpoint code matches it: it ends in a name like 1-2.3
     char serial[1024]; // USB serial number, empty when there is none
     char vid[5];       // four hexadecimal digits
     char pid[5];       // four hexadecimal digits
     char port_names[CORE_DEVICE_MAX_PORTS][1024];
-    char interface_numbers[CORE_DEVICE_MAX_PORTS][3]; // two decimal digits: the interface that carries the port
-    uint32_t port_count;                              // valid entries of the two lists
-    char path[1024];                                  // the device's path
+    char interface_numbers[CORE_DEVICE_MAX_PORTS]
+                          [3]; // two decimal digits: the interface that carries the port
+    uint32_t port_count;       // valid entries of the two lists
+    char path[1024];           // the device's path
 };
 
 // Parses two hexadecimal texts ("05c6", "0x9008"). True when both parse; `out->vid` may be set when the

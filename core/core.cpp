@@ -24,8 +24,8 @@ int map_errno_to_core_err(int err)
         int platform;
         int core;
     } rows[] = {
-        {EPERM, CORE_EPERM},   {ENOENT, CORE_ENOENT}, {EINTR, CORE_EINTR},   {EIO, CORE_EIO},
-        {EAGAIN, CORE_EAGAIN}, {EACCES, CORE_EACCES}, {EBUSY, CORE_EBUSY},   {ENODEV, CORE_ENODEV},
+        {EPERM, CORE_EPERM},   {ENOENT, CORE_ENOENT}, {EINTR, CORE_EINTR},         {EIO, CORE_EIO},
+        {EAGAIN, CORE_EAGAIN}, {EACCES, CORE_EACCES}, {EBUSY, CORE_EBUSY},         {ENODEV, CORE_ENODEV},
         {EINVAL, CORE_EINVAL}, {ENOSPC, CORE_ENOSPC}, {ETIMEDOUT, CORE_ETIMEDOUT},
     };
     for (const auto &row : rows) {
@@ -112,10 +112,18 @@ static void store_host(void *dest, size_t size, uint64_t value)
     const auto v16 = static_cast<uint16_t>(value);
     const auto v32 = static_cast<uint32_t>(value);
     switch (size) {
-    case 1: memcpy(dest, &v8, 1); break;
-    case 2: memcpy(dest, &v16, 2); break;
-    case 4: memcpy(dest, &v32, 4); break;
-    default: memcpy(dest, &value, 8); break;
+    case 1:
+        memcpy(dest, &v8, 1);
+        break;
+    case 2:
+        memcpy(dest, &v16, 2);
+        break;
+    case 4:
+        memcpy(dest, &v32, 4);
+        break;
+    default:
+        memcpy(dest, &value, 8);
+        break;
     }
 }
 
@@ -126,10 +134,18 @@ static uint64_t load_host(const void *src, size_t size)
     uint32_t v32 = 0;
     uint64_t v64 = 0;
     switch (size) {
-    case 1: memcpy(&v8, src, 1); return v8;
-    case 2: memcpy(&v16, src, 2); return v16;
-    case 4: memcpy(&v32, src, 4); return v32;
-    default: memcpy(&v64, src, 8); return v64;
+    case 1:
+        memcpy(&v8, src, 1);
+        return v8;
+    case 2:
+        memcpy(&v16, src, 2);
+        return v16;
+    case 4:
+        memcpy(&v32, src, 4);
+        return v32;
+    default:
+        memcpy(&v64, src, 8);
+        return v64;
     }
 }
 
@@ -155,11 +171,13 @@ void _ec_htom(void *dest, size_t dest_size, uint64_t value) // NOLINT(bugprone-r
 static void check_sizes(const char *function, int line, size_t dest_size, size_t src_size)
 {
     if (dest_size != src_size) {
-        core_log(CORE_LOG_ERR, log_source, function, line, "dest_size %zu != src_size %zu", dest_size, src_size);
+        core_log(CORE_LOG_ERR, log_source, function, line, "dest_size %zu != src_size %zu", dest_size,
+                 src_size);
         exit(1);
     }
     if (!is_integer_size(src_size)) {
-        core_log(CORE_LOG_ERR, log_source, function, line, "%s: source size %zu not supported", function, src_size);
+        core_log(CORE_LOG_ERR, log_source, function, line, "%s: source size %zu not supported", function,
+                 src_size);
         exit(1);
     }
 }

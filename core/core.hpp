@@ -14,23 +14,23 @@
 // the negated errno numbers of generic Linux on every processor, and a few of the library's own.
 enum core_err : int {
     CORE_OK = 0,
-    CORE_EPERM = -1,          // operation not permitted
-    CORE_ENOENT = -2,         // no such file or directory
-    CORE_EINTR = -4,          // interrupted system call
-    CORE_EIO = -5,            // input/output error
-    CORE_EAGAIN = -11,        // try again
-    CORE_ENOMEM = -12,        // out of memory
-    CORE_EACCES = -13,        // permission denied
-    CORE_EBUSY = -16,         // device or resource busy
-    CORE_ENODEV = -19,        // no such device; a wait ended by SIGINT
-    CORE_EINVAL = -22,        // invalid argument
-    CORE_ENOSPC = -28,        // no space left on device
-    CORE_EPROTO = -71,        // protocol error
-    CORE_ENOTSUPPORTED = -100,// operation not supported on this platform
-    CORE_EGENERIC = -102,     // failure without a code of its own
-    CORE_ETIMEDOUT = -110,    // time-out
-    CORE_ECANCELED = -125,    // cancelled, or the peer hung up
-    CORE_EVERSION = -126,     // version refused
+    CORE_EPERM = -1,           // operation not permitted
+    CORE_ENOENT = -2,          // no such file or directory
+    CORE_EINTR = -4,           // interrupted system call
+    CORE_EIO = -5,             // input/output error
+    CORE_EAGAIN = -11,         // try again
+    CORE_ENOMEM = -12,         // out of memory
+    CORE_EACCES = -13,         // permission denied
+    CORE_EBUSY = -16,          // device or resource busy
+    CORE_ENODEV = -19,         // no such device; a wait ended by SIGINT
+    CORE_EINVAL = -22,         // invalid argument
+    CORE_ENOSPC = -28,         // no space left on device
+    CORE_EPROTO = -71,         // protocol error
+    CORE_ENOTSUPPORTED = -100, // operation not supported on this platform
+    CORE_EGENERIC = -102,      // failure without a code of its own
+    CORE_ETIMEDOUT = -110,     // time-out
+    CORE_ECANCELED = -125,     // cancelled, or the peer hung up
+    CORE_EVERSION = -126,      // version refused
 };
 
 // An assertion that is checked in every build type: prints the condition on standard error and aborts.

@@ -30,15 +30,14 @@ static int get_unsigned_value(const option_descriptor *flag, const char *text)
     errno = 0;
     const unsigned long value = strtoul(text, &end, 10);
     if (*end != '\0') {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "Invalid string\n");
+        log_as(function, CORE_LOG_ERR, "Invalid string\n");
         return CORE_EINVAL;
     }
     if (errno == 0 && value > UINT32_MAX)
         errno = ERANGE; // as where a long has 32 bits
     if (errno != 0) {
         const int err = errno;
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "could not convert %s: error %d %s\n", text, err,
-                 strerror(err));
+        log_as(function, CORE_LOG_ERR, "could not convert %s: error %d %s\n", text, err, strerror(err));
         return CORE_EINVAL;
     }
     *static_cast<uint32_t *>(flag->destination) = static_cast<uint32_t>(value);
@@ -84,7 +83,7 @@ static int take_flag(int argc, char **argv, const option_descriptor *flag, int *
     if (flag->type != OPTION_BOOLEAN) {
         const int next = *index + 1;
         if (next >= argc || argv[next] == nullptr || is_flag(argv[next])) {
-            core_log(CORE_LOG_ERR, log_source, function, __LINE__, "flag %s requires a value\n", flag->long_name);
+            log_as(function, CORE_LOG_ERR, "flag %s requires a value\n", flag->long_name);
             return CORE_EINVAL;
         }
         text = argv[next];
@@ -93,7 +92,7 @@ static int take_flag(int argc, char **argv, const option_descriptor *flag, int *
     }
     const int err = get_value(flag, text);
     if (err != CORE_OK)
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "and error occurred parsing %s\n", flag->long_name);
+        log_as(function, CORE_LOG_ERR, "and error occurred parsing %s\n", flag->long_name);
     return err;
 }
 
@@ -109,7 +108,7 @@ static int match_row(int argc, char **argv, const option_descriptor *flag, bool 
             continue;
         }
         if (!is_valid_flag_syntax(argument)) {
-            core_log(CORE_LOG_ERR, log_source, function, __LINE__, "flag '%s' is invalid\n", argument);
+            log_as(function, CORE_LOG_ERR, "flag '%s' is invalid\n", argument);
             return CORE_EINVAL;
         }
         if (strcmp(argument, "-h") == 0 || strcmp(argument, "--help") == 0)
@@ -121,7 +120,7 @@ static int match_row(int argc, char **argv, const option_descriptor *flag, bool 
         found = true;
     }
     if (flag->required && !found) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "flag '%s' is required\n", flag->long_name);
+        log_as(function, CORE_LOG_ERR, "flag '%s' is required\n", flag->long_name);
         return CORE_EINVAL;
     }
     return CORE_OK;
@@ -152,13 +151,14 @@ static void compose_help_line(const option_descriptor *flag, char *line)
         snprintf(prefix, sizeof prefix, " %2s or ", flag->short_name);
     const char *const need = flag->required ? "required" : "optional";
     if (flag->type != OPTION_BOOLEAN)
-        snprintf(line, HELP_LINE_SIZE, "%s%-10s <value> : %s - %s", prefix, flag->long_name, flag->help, need);
+        snprintf(line, HELP_LINE_SIZE, "%s%-10s <value> : %s - %s", prefix, flag->long_name, flag->help,
+                 need);
     else
         snprintf(line, HELP_LINE_SIZE, "%s%-18s : %s - %s", prefix, flag->long_name, flag->help, need);
 }
 
-uint8_t compose_help_message(const char *header, const option_descriptor *flags, uint8_t count, help_line *lines,
-                             uint8_t max_lines)
+uint8_t compose_help_message(const char *header, const option_descriptor *flags, uint8_t count,
+                             help_line *lines, uint8_t max_lines)
 {
     uint8_t written = 0;
     if (header != nullptr && written < max_lines)

@@ -16,10 +16,10 @@ constexpr size_t OPTION_TEXT_SIZE = 256;
 constexpr size_t HELP_LINE_SIZE = 512;
 
 enum option_type : uint32_t {
-    OPTION_BOOLEAN = 0, // bool: true when the flag is given; takes no value
-    OPTION_UNSIGNED = 3,// uint32_t, decimal
-    OPTION_TEXT = 4,    // char[OPTION_TEXT_SIZE]; longer values are cut
-    OPTION_END = 7,     // for the row that ends a table, whose long name is null
+    OPTION_BOOLEAN = 0,  // bool: true when the flag is given; takes no value
+    OPTION_UNSIGNED = 3, // uint32_t, decimal
+    OPTION_TEXT = 4,     // char[OPTION_TEXT_SIZE]; longer values are cut
+    OPTION_END = 7,      // for the row that ends a table, whose long name is null
 };
 
 struct option_descriptor {
@@ -46,5 +46,5 @@ bool is_flag(const char *string);
 bool is_valid_flag_syntax(const char *string);
 // Fills at most `max_lines` lines with `header` (may be null) and a line for each of the first `count` rows.
 // Returns the number of lines written.
-uint8_t compose_help_message(const char *header, const option_descriptor *flags, uint8_t count, help_line *lines,
-                             uint8_t max_lines);
+uint8_t compose_help_message(const char *header, const option_descriptor *flags, uint8_t count,
+                             help_line *lines, uint8_t max_lines);

@@ -1,5 +1,6 @@
 #include "zepho-json.hpp"
 
+#include "core-owners.hpp"
 #include "core.hpp"
 #include "zepho-log.hpp"
 
@@ -7,25 +8,19 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 
 static constexpr char log_source[] = "zepho-log.c";
 
 namespace {
 
-constexpr size_t array_text_size = 5120;          // value text of an array
-constexpr size_t array_piece_size = 5155;         // key and value of an array
-constexpr size_t piece_size = 547;                // key and value of anything else
-constexpr size_t element_overhead = 3;            // "{", "}" and "," of an array element
-constexpr size_t unregistered_entry_size = 512;   // buffer per entry when none is registered
-constexpr size_t escape_growth = 6;               // one byte as \u00XX
+constexpr size_t array_text_size = 5120;        // value text of an array
+constexpr size_t array_piece_size = 5155;       // key and value of an array
+constexpr size_t piece_size = 547;              // key and value of anything else
+constexpr size_t element_overhead = 3;          // "{", "}" and "," of an array element
+constexpr size_t unregistered_entry_size = 512; // buffer per entry when none is registered
+constexpr size_t escape_growth = 6;             // one byte as \u00XX
 constexpr size_t name_size = CORE_LOG_PREFIX_SIZE * escape_growth + 1;
 constexpr size_t message_size = CORE_LOG_MESSAGE_SIZE * escape_growth + 1;
-
-struct free_deleter {
-    void operator()(char *text) const { free(text); }
-};
-using owned_text = std::unique_ptr<char[], free_deleter>;
 
 char *registered_buffer = nullptr;
 size_t registered_size = 0;
@@ -142,8 +137,8 @@ int print_log(int level, time_stamp now, const char *file, const char *function,
     return print_function(level,
                           "{\"timestamp\": \"%llu.%.9ld\", \"type\": \"LOG\", \"severity\":\"%s\", "
                           "\"file\": \"%s\", \"function\": \"%s\", \"line\": %d, \"msg\": \"%s\"}\n",
-                          now.seconds, now.nanoseconds, core_log_level_name(level), file_text, function_text, line,
-                          message_text);
+                          now.seconds, now.nanoseconds, core_log_level_name(level), file_text, function_text,
+                          line, message_text);
 }
 
 size_t count_entries(const json_entry *entries)
@@ -159,13 +154,13 @@ int print_custom(int level, time_stamp now, const json_entry *entries)
     static constexpr char function[] = "core_log_json";
     const size_t count = count_entries(entries);
     if (count == 0) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "could not find any JSON data\n");
+        log_as(function, CORE_LOG_ERR, "could not find any JSON data\n");
         return 0;
     }
     const auto *const type = static_cast<const char *>(entries[0].value);
     if (count == 1) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "custom JSON data only has the type '%s'\n",
-                 type != nullptr ? type : "");
+        log_as(function, CORE_LOG_ERR, "custom JSON data only has the type '%s'\n",
+               type != nullptr ? type : "");
         return 0;
     }
     owned_text local;
@@ -181,8 +176,8 @@ int print_custom(int level, time_stamp now, const json_entry *entries)
     const size_t needed = json_compose(entries + 1, buffer, size);
     // The terminator needs a byte as well: a body of exactly `size` bytes would lose its last character.
     if (needed >= size) {
-        core_log(CORE_LOG_ERR, log_source, function, __LINE__, "json string error: not enough space (%u < %u)\n",
-                 static_cast<unsigned>(size), static_cast<unsigned>(needed));
+        log_as(function, CORE_LOG_ERR, "json string error: not enough space (%u < %u)\n",
+               static_cast<unsigned>(size), static_cast<unsigned>(needed));
         return 0;
     }
     if (needed == 0 || buffer[0] == '\0')
@@ -239,7 +234,8 @@ void format_scalar(const json_entry &entry, char *text, size_t size)
         snprintf(text, size, "%lld", static_cast<long long>(*static_cast<const int64_t *>(entry.value)));
         break;
     default:
-        snprintf(text, size, "%llu", static_cast<unsigned long long>(*static_cast<const uint64_t *>(entry.value)));
+        snprintf(text, size, "%llu",
+                 static_cast<unsigned long long>(*static_cast<const uint64_t *>(entry.value)));
         break;
     }
 }
@@ -272,7 +268,7 @@ void append_piece(body_writer &body, size_t limit, const char *name, const char 
     const char *const quote = quoted ? "\"" : "";
     const int length = snprintf(piece, limit + 1, "\"%s\": %s%s%s%s", name, quote, value, quote, separator);
     if (length < 0 || static_cast<size_t>(length) > limit) {
-        core_log(CORE_LOG_ERR, log_source, "json_compose", __LINE__, "truncated message\n");
+        log_as("json_compose", CORE_LOG_ERR, "truncated message\n");
         body.stop();
         return;
     }

@@ -1,5 +1,6 @@
 #include "zepho-log.hpp"
 
+#include "core-owners.hpp"
 #include "core.hpp"
 #include "zepho-json.hpp"
 
@@ -7,7 +8,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <syslog.h>
 
 static constexpr char log_source[] = "zepho-log.c";
@@ -21,13 +21,6 @@ core_log_print_fn print_function = stdout_print;
 core_log_pprint_fn pretty_print_function = plain_print;
 
 static FILE *output_stream = nullptr;
-
-namespace {
-struct free_deleter {
-    void operator()(char *text) const { free(text); }
-};
-using owned_text = std::unique_ptr<char[], free_deleter>;
-} // namespace
 
 const char *core_log_level_name(int level)
 {
@@ -87,8 +80,8 @@ static void make_unbuffered(FILE *stream, const char *name)
 {
     errno = 0;
     if (setvbuf(stream, nullptr, _IONBF, 0) != 0)
-        core_log(CORE_LOG_WRN, log_source, "core_log_set_pprint", __LINE__,
-                 "could not disable buffering on %s: error %d\n", name, errno);
+        log_as("core_log_set_pprint", CORE_LOG_WRN, "could not disable buffering on %s: error %d\n", name,
+               errno);
 }
 
 void core_log_set_pprint(int mode)

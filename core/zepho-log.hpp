@@ -36,9 +36,11 @@ enum core_log_pprint_mode : int {
 #endif
 
 // A print function writes one formatted text to its sink and returns what printf(3) would.
-typedef int (*core_log_print_fn)(int level, const char *format, ...) CORE_PRINTF(2, 3); // NOLINT(modernize-use-using): takes the attribute
+typedef int (*core_log_print_fn)(int level, const char *format, ...)
+    CORE_PRINTF(2, 3); // NOLINT(modernize-use-using): takes the attribute
 // A pretty printer shapes one message; it may change `message` in place.
-using core_log_pprint_fn = int (*)(int level, const char *file, const char *function, int line, char *message);
+using core_log_pprint_fn = int (*)(int level, const char *file, const char *function, int line,
+                                   char *message);
 
 // Longest message and longest prefix, in bytes without terminator; longer ones are cut.
 constexpr size_t CORE_LOG_MESSAGE_SIZE = 1024;
@@ -56,6 +58,9 @@ extern core_log_pprint_fn pretty_print_function; // at first the plain printer
 #define log_wrn(...) log_at(CORE_LOG_WRN, __VA_ARGS__)
 #define log_inf(...) log_at(CORE_LOG_INF, __VA_ARGS__)
 #define log_dbg(...) log_at(CORE_LOG_DBG, __VA_ARGS__)
+// In a step of a public function, under that function's name: the log tells operations, not how they are cut
+// up.
+#define log_as(function, level, ...) core_log(level, log_source, function, __LINE__, __VA_ARGS__)
 
 // Logs one message (printf(3) format) when `level` is not above the threshold. `file`, `function` and `line`
 // may be null or 0 for an anonymous line. Returns the pretty printer's result, 0 when nothing was printed.

@@ -55,7 +55,8 @@ int two_digits(const char *version, size_t tens, size_t units)
 
 bool has_valid_characters(const char *version, size_t length)
 {
-    if (version[2] != '.' || version[5] != '.' || !is_digit(version[minor_tens]) || !is_digit(version[minor_units]))
+    if (version[2] != '.' || version[5] != '.' || !is_digit(version[minor_tens]) ||
+        !is_digit(version[minor_units]))
         return false;
     if (length != build_length)
         return true;
@@ -119,7 +120,8 @@ int fw_version_compare(const char *old_version, const char *new_version)
         return CORE_EPERM;
     if (new_platform == 0)
         return CORE_OK; // downgrades included
-    if (old_version[class_tens] != new_version[class_tens] || old_version[class_units] != new_version[class_units])
+    if (old_version[class_tens] != new_version[class_tens] ||
+        old_version[class_units] != new_version[class_units])
         return CORE_EPERM;
     if (new_version[major] != old_version[major])
         return new_version[major] < old_version[major] ? CORE_EVERSION : CORE_OK;

@@ -1,7 +1,7 @@
 // Package versions: which platform a version text belongs to, and whether one may follow another.
 //
-// A version is PP.MN.CCm (9 characters), PP.MN.CCm-Bbbb (14) or that with an author suffix (15 or more): PP the
-// platform code, M the major number, N and m the tens and units of the minor number, CC the compatibility
+// A version is PP.MN.CCm (9 characters), PP.MN.CCm-Bbbb (14) or that with an author suffix (15 or more): PP
+// the platform code, M the major number, N and m the tens and units of the minor number, CC the compatibility
 // class, bbb the build. Nothing here waits or allocates.
 #pragma once
 

@@ -2,16 +2,13 @@
 import glob
 import os
 import subprocess
-import sys
 import time
 from pathlib import Path
 
+import harness
+import packages
+
 SOURCE = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(SOURCE / 'tests' / 'flow'))
-
-import harness  # noqa: E402  (the processes)
-import packages  # noqa: E402  (the firmware packages)
-
 HELPERS = Path(os.environ.get('KESTREL_LAB_HELPERS', ''))
 HOST_CONTROLLER = '/sys/devices/platform/vhci_hcd.0'
 DOWNLOAD_PORT = Path('/dev/ttyUSB0')
