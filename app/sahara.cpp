@@ -463,7 +463,7 @@ int sahara_send_programmer(const modem *m, const image_list *package)
             log_err("error in updating the programmer");
         }
     }
-    if (err != CORE_OK)
+    if (err != CORE_OK && err != CORE_EAGAIN) // after "try again" the caller does, with the modem as it is
         sahara::reset_modem(port.get());
     return err;
 }

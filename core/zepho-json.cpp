@@ -83,7 +83,7 @@ size_t escape_one(const unsigned char *&text, char *out)
     const size_t length = utf8_sequence_length(text);
     if (length == 0) {
         ++text;
-        memcpy(out, "\xEF\xBF\xBD", 3);
+        memcpy(out, "\xEF\xBF\xBD", 3); // NOLINT(bugprone-not-null-terminated-result): a part of a text
         return 3;
     }
     if (length > 1) {

@@ -5,7 +5,7 @@
 
 namespace sim {
 
-static constexpr size_t longest_request = 64 * 1024;
+static constexpr size_t longest_request = size_t{64} * 1024;
 // More sectors than any flash memory has; keeps sectors x size within 64 bits.
 static constexpr uint64_t most_sectors = INT32_MAX;
 

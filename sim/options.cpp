@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <iterator>
 #include <vector>
 
 namespace sim {
@@ -133,7 +134,7 @@ static const auto rows = std::to_array<option_row>({
      [](target &o, const char *v) { return path(o.transcript, v); }},
     {"link", "PATH", "make PATH a symbolic link to the port while running",
      [](target &o, const char *v) { return path(o.link, v); }},
-    {"usb", nullptr, "be a device on the kernel's virtual USB bus (module vhci_hcd) instead of a pseudo-terminal",
+    {"usb", nullptr, "be a device on the virtual USB bus (kernel module vhci_hcd)",
      [](target &o, const char *) { o.usb.wanted = true; return std::string(); }},
     {"usb-id", "VID:PID", "with --usb: identifier in normal mode (default fff0:1001)",
      [](target &o, const char *v) { return usb_identifier(o.usb.id, v); }},
@@ -204,6 +205,7 @@ static const auto rows = std::to_array<option_row>({
 
 static std::vector<struct option> getopt_table() {
     std::vector<struct option> table;
+    table.reserve(std::size(rows) + 1);
     for (const option_row &row : rows)
         table.push_back({row.name, row.argument == nullptr ? no_argument : required_argument, nullptr, 0});
     table.push_back({nullptr, 0, nullptr, 0});

@@ -15,7 +15,7 @@ static octets shortened(const octets &bytes, uint32_t keep) {
     return octets(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size));
 }
 
-posted outbox::post(message it) {
+posted outbox::post(const message &it) {
     const auto struck = faults_.strike(it.step);
     if (struck && !silent_)
         return spoil(it, *struck);

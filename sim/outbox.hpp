@@ -47,7 +47,7 @@ class outbox {
   public:
     outbox(delivery how, fault_plan &faults, transcript &log) : how_(how), faults_(faults), log_(log) {}
 
-    posted post(message it);
+    posted post(const message &it);
 
     // Closes the line after everything that was posted so far.
     void hang_up() { queue_event("hangup", {.hang_up = true}); }

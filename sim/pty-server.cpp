@@ -16,7 +16,7 @@ namespace sim {
 static constexpr uint64_t never = UINT64_MAX;
 static constexpr uint64_t drain_check_us = 300; // the kernel has no event for "was read"
 static constexpr uint64_t quiet_us = 20000;
-static constexpr size_t read_size = 128 * 1024;
+static constexpr size_t read_size = size_t{128} * 1024;
 
 namespace {
 
