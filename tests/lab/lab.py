@@ -2,6 +2,7 @@
 import glob
 import os
 import subprocess
+import sys
 import time
 from pathlib import Path
 
@@ -46,7 +47,7 @@ def wait_for(condition, limit, what):
 
 
 def high_speed_bus():
-    for root in glob.glob(HOST_CONTROLLER + '/usb*'):
+    for root in glob.glob(HOST_CONTROLLER + '/usb[0-9]*'):
         if Path(root, 'speed').read_text().strip() == '480':
             return Path(root)
     raise AssertionError('no high-speed bus')
@@ -56,6 +57,7 @@ class UsbModem(harness.Sim):
     """A simulated modem on the bus, inside a with statement. It leaves the bus with the statement."""
 
     def __init__(self, folder, *options, begin='normal', port=0, limit=150):
+        Path(folder).mkdir(parents=True, exist_ok=True)
         super().__init__(folder, '--usb', '--usb-port', str(port), *options, begin=begin, limit=limit)
         bus = high_speed_bus()
         self.name = f'{bus.name[3:]}-{port + 1}'
@@ -64,7 +66,12 @@ class UsbModem(harness.Sim):
 
     def __enter__(self):
         super().__enter__()
-        self.wait_for_ports(3 if self.begin == 'normal' else 1)
+        try:
+            self.wait_for_ports(3 if self.begin == 'normal' else 1)
+            assert self.begin == 'normal' or self.tty(0) == DOWNLOAD_PORT
+        except AssertionError:
+            self.__exit__(None, None, None)
+            raise
         return self
 
     def __exit__(self, *what):
@@ -102,7 +109,11 @@ class UsbModem(harness.Sim):
         return {e['endpoint'] for e in self.events() if e['kind'] == 'transfer' and e['stage'] == stage}
 
 
-def download_modem(folder, *options, port=0, **more):
+# A run takes the first download device of libusb's list, which begins with the last port.
+LAST_PORT = 7
+
+
+def download_modem(folder, *options, port=LAST_PORT, **more):
     return UsbModem(folder, *options, begin='sahara', port=port, **more)
 
 
@@ -115,10 +126,21 @@ def update(package, *options, limit=60):
     return harness.run(*skip_enter(package, *options), limit=limit)
 
 
+def example(name, *arguments):
+    return subprocess.run([sys.executable, SOURCE / 'examples' / name, *arguments], text=True, capture_output=True,
+                          check=False)
+
+
+def assert_updated(outcome, modem):
+    """The run went well, and the modem saw its end."""
+    assert outcome.err == ''
+    assert outcome.status == 0
+    assert modem.wait() == 0
+
+
 def compare(package, modem):
     """Every byte of every image, and of the programmer as far as it was asked for."""
-    result = subprocess.run([SOURCE / 'examples' / 'compare-flash', package, modem.flash], text=True,
-                            capture_output=True, check=False)
+    result = example('compare-flash', package, modem.flash)
     assert result.returncode == 0, result.stdout + result.stderr
     size = int(modem.command[modem.command.index('--programmer-size') + 1])
     programmer = next(path for path in Path(package).iterdir() if path.name.startswith('prog'))
@@ -138,12 +160,12 @@ IMAGES = [
     ('pages', 10000, 4096, [12288, 0]),
     ('two', 2 * 1048576, 4096, [1048576, 0, 1048576, 0]),
     ('more', 1048576 + 1, 4096, [1048576, 0, 4096, 0]),
-    ('last', 1048576 + 2500, 1000, [1048576, 0, 3000]),
+    ('last', 1048576 + 2700, 256, [1048576, 0, 2816]),
 ]
 IMAGES_OF_16_KIB = {
     'two': [16384, 0] * 128,
     'more': [16384, 0] * 64 + [4096, 0],
-    'last': [16384, 0] * 64 + [3000],
+    'last': [16384, 0] * 64 + [2816],
 }
 
 

@@ -1,11 +1,12 @@
 """Runs on a modem that is in download mode already: Sahara over the kernel's serial driver, Firehose over libusb.
 
-Two runs that do nothing but wait go on beside the others: their modems are plugged into later ports, so that the others
+Two runs that do nothing but wait go on beside the others: their modems are plugged into earlier ports, so that the others
 find their own first.
 """
 import re
 import signal
 import time
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import harness
@@ -18,21 +19,27 @@ TRANSFER_TIMEOUT = 30
 
 
 class Waiting:
-    """A run that meets a silent modem, from the moment of the silence."""
+    """A run that meets a silent modem. Its time counts from the moment of the silence."""
 
     def __init__(self, folder, fault, port):
         self.package = lab.small_package(folder / 'package', size=1048576)
         self.modem = lab.download_modem(folder, *lab.PROGRAMMER_SIZE, '--fault', fault, port=port, limit=300)
         self.modem.__enter__()
         self.process = harness.start(harness.KESTREL, *lab.skip_enter(self.package))
-        lab.wait_for(self.modem.has_struck, 40, f'{fault} struck')
-        self.begun = time.monotonic()
+        try:
+            lab.wait_for(lambda: self.modem.has_struck() or self.process.poll() is not None, 30, 'the silence')
+        except AssertionError:
+            self.end()
+            raise
+        begun = time.monotonic()
+        self.end_of_run = ThreadPoolExecutor(1).submit(harness.finish, self.process, 130, begun)
 
-    def outcome(self, limit):
-        return harness.finish(self.process, limit, self.begun)
+    def outcome(self):
+        return self.end_of_run.result()
 
     def end(self):
-        harness.stop(self.process)
+        if self.process.poll() is None:
+            self.process.kill()
         self.modem.__exit__(None, None, None)
 
 
@@ -41,24 +48,19 @@ def waiting(tmp_path_factory):
     """The modem that stops reading is first: its run waits longest."""
     runs = {}
     try:
-        runs['deaf'] = Waiting(tmp_path_factory.mktemp('deaf'), 'firehose.data-in=stall@500000', 7)
-        runs['mute'] = Waiting(tmp_path_factory.mktemp('mute'), 'firehose.data=silence', 6)
+        runs['deaf'] = Waiting(tmp_path_factory.mktemp('deaf'), 'firehose.data-in=stall@500000', 0)
+        runs['mute'] = Waiting(tmp_path_factory.mktemp('mute'), 'firehose.data=silence', 1)
         yield runs
     finally:
         for run in runs.values():
             run.end()
 
 
-def first_error(text):
-    return text.splitlines()[0] if text else ''
-
-
 def test_payload_of_1_mib_with_empty_packets_exactly_behind_whole_ones(tmp_path):
     package = lab.awkward_package(tmp_path / 'package')
     with lab.download_modem(tmp_path, *lab.PROGRAMMER_SIZE) as modem:
         outcome = lab.update(package)
-        assert (outcome.status, outcome.err) == (0, '')
-        assert modem.wait() == 0
+        lab.assert_updated(outcome, modem)
         assert modem.transfers('firehose') == lab.awkward_transfers()
         assert 0 not in modem.transfers('sahara')
         assert sum(modem.transfers('sahara')) == 48 + 20000 + 8  # HELLO response, programmer, DONE
@@ -70,8 +72,7 @@ def test_counter_offer_of_16_kib_after_a_64_bit_upload(tmp_path):
     with lab.download_modem(tmp_path, *lab.PROGRAMMER_SIZE, '--payload', '16384', '--request-bits', '64',
                             '--read-order', 'shuffle') as modem:
         outcome = lab.update(package)
-        assert (outcome.status, outcome.err) == (0, '')
-        assert modem.wait() == 0
+        lab.assert_updated(outcome, modem)
         assert modem.transfers('firehose') == lab.awkward_transfers(lab.IMAGES_OF_16_KIB)
         assert 0 not in modem.transfers('sahara')
         assert {e['length'] for e in modem.events() if e['kind'] == 'read_data'} == {32}
@@ -82,8 +83,7 @@ def test_platform_0_and_a_hello_of_mode_2(tmp_path):
     package = lab.small_package(tmp_path / 'package', packages.PLATFORM_0)
     with lab.download_modem(tmp_path, *lab.PROGRAMMER_SIZE, '--platform', '0', '--hello-mode', '2') as modem:
         outcome = lab.update(package)
-        assert (outcome.status, outcome.err) == (0, '')
-        assert modem.wait() == 0
+        lab.assert_updated(outcome, modem)
         assert modem.kinds('sahara')[:2] == ['transfer', 'enter_download']
         assert [e['mode'] for e in modem.events() if e['kind'] == 'hello'] == [2, 0]
         assert 'log' not in modem.kinds(direction='tx')  # no target reset is reported, and none was waited for
@@ -94,8 +94,7 @@ def test_log_lines_of_the_programmer_do_not_disturb(tmp_path):
     package = lab.small_package(tmp_path / 'package')
     with lab.download_modem(tmp_path, *lab.PROGRAMMER_SIZE, '--log-start', '5', '--log-before', '2') as modem:
         outcome = lab.update(package)
-        assert (outcome.status, outcome.err) == (0, '')
-        assert modem.wait() == 0
+        lab.assert_updated(outcome, modem)
         lab.compare(package, modem)
 
 
@@ -103,10 +102,9 @@ def test_otp(tmp_path):
     package = lab.small_package(tmp_path / 'package')
     with lab.download_modem(tmp_path, *lab.PROGRAMMER_SIZE, '--otp', 'OTP 0x11', '--otp', 'OTP 0x22') as modem:
         outcome = lab.update(package, '--otp')
-        assert (outcome.status, outcome.err) == (0, '')
+        lab.assert_updated(outcome, modem)
         assert outcome.out.endswith('\nOTP values read successfully\n')
         assert outcome.out.count('OTP 0x11') == outcome.out.count('OTP 0x22') == 1
-        assert modem.wait() == 0
         assert 'program' not in modem.kinds()
 
 
@@ -114,14 +112,13 @@ def test_json(tmp_path):
     package = lab.awkward_package(tmp_path / 'package')
     with lab.download_modem(tmp_path, *lab.PROGRAMMER_SIZE) as modem:
         outcome = lab.update(package, '--json')
-        assert (outcome.status, outcome.err) == (0, '')
+        lab.assert_updated(outcome, modem)
         assert outcome.out.startswith('version 1.6.1-0\n')
         lines = harness.json_lines(outcome.out.split('\n', 1)[1])
         ends = {Path(e['description']).name: e['max'] for e in lines
                 if e['type'] == 'PROGRESS' and e['current'] == e['max']}
         sizes = {f'{name}.bin': size for name, size, _, _ in lab.IMAGES}
         assert ends == {packages.PROGRAMMER: 20000, **sizes}
-        assert modem.wait() == 0
         lab.compare(package, modem)
 
 
@@ -141,7 +138,7 @@ def test_unplugged_in_the_middle_of_an_image(tmp_path):
     with lab.download_modem(tmp_path, *lab.PROGRAMMER_SIZE, '--fault', 'firehose.data-in=hangup@1500000') as modem:
         outcome = lab.update(package)
         assert modem.wait() == 0
-        assert outcome.status == 252  # libusb's "no such device"
+        assert outcome.status == 185  # ten transfers in a row moved nothing
         assert 'bulk transfer error -4\n' in outcome.err
         assert f'error in sending binary {package}/one.bin\n' in outcome.err
         assert outcome.err.endswith(harness.FIREHOSE_FAILED)
@@ -197,29 +194,34 @@ def test_a_killed_run_then_a_second_one_without_and_with_a_power_cycle(tmp_path)
         assert again.seconds < 3
     with lab.download_modem(tmp_path / 'second', *lab.PROGRAMMER_SIZE) as modem:
         outcome = lab.update(package)
-        assert (outcome.status, outcome.err) == (0, '')
-        assert modem.wait() == 0
+        lab.assert_updated(outcome, modem)
         lab.compare(package, modem)
 
 
 def test_a_programmer_that_never_acknowledges(waiting):
-    outcome = waiting['mute'].outcome(80)
+    outcome = waiting['mute'].outcome()
     package = waiting['mute'].package
     assert outcome.status == 154
+    # It carries out the reset that follows, without a word.
+    gone = 'bulk transfer error -4\n' * 10 + 'the programmer sends empty answers only\n'
     assert outcome.err == ('bulk transfer error -7\n'
                            f'error in sending binary {package}/one.bin\n'
-                           'error sending commands -102\n'
-                           'bulk transfer error -7\n' + harness.FIREHOSE_FAILED)
+                           'error sending commands -102\n' + gone + harness.FIREHOSE_FAILED)
     assert outcome.out.startswith(UPLOAD)
-    # The acknowledgement, then the answer to the reset.
-    assert 2 * TRANSFER_TIMEOUT - 1 < outcome.seconds < 2 * TRANSFER_TIMEOUT + 15
+    assert TRANSFER_TIMEOUT - 1 < outcome.seconds < TRANSFER_TIMEOUT + 10
 
 
 def test_a_programmer_that_stops_reading(waiting):
-    outcome = waiting['deaf'].outcome(110)
+    outcome = waiting['deaf'].outcome()
+    package = waiting['deaf'].package
     assert outcome.status == 146
-    assert outcome.err.startswith('bulk transfer error -7\n')
-    assert re.search(r'^error in sending binary .*/one\.bin\n', outcome.err, re.MULTILINE)
-    assert outcome.err.endswith('error in sending reset\n' + harness.FIREHOSE_FAILED)
     # The data, the empty packet behind them, the reset.
-    assert 2 * TRANSFER_TIMEOUT - 1 < outcome.seconds < 3 * TRANSFER_TIMEOUT + 15
+    assert outcome.err == ('bulk transfer error -7\n'
+                           'bulk zlp transfer error -7\n'
+                           'error 4294967186 sending buffer\n'
+                           f'error in sending binary {package}/one.bin\n'
+                           'error sending commands -110\n'
+                           'bulk transfer error -7\n'
+                           'error sending reset 4294967186\n'
+                           'error in sending reset\n' + harness.FIREHOSE_FAILED)
+    assert 3 * TRANSFER_TIMEOUT - 1 < outcome.seconds < 3 * TRANSFER_TIMEOUT + 15
