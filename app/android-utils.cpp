@@ -1,7 +1,7 @@
 #include "android-utils.hpp"
 
-#include "core.hpp"
 #include "core-owners.hpp"
+#include "core.hpp"
 #include "timeouts.hpp"
 #include "zepho-log.hpp"
 

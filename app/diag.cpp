@@ -1,8 +1,8 @@
 #include "diag.hpp"
 
 #include "core-device.hpp"
-#include "core.hpp"
 #include "core-owners.hpp"
+#include "core.hpp"
 #include "write-all.hpp"
 #include "zepho-log.hpp"
 

@@ -8,8 +8,8 @@
 #pragma once
 
 #include "core-endpoint.hpp"
-#include "modem.hpp"
 #include "core-owners.hpp"
+#include "modem.hpp"
 #include "xml.hpp"
 
 // The connection; zeroed before use.

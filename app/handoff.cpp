@@ -2,13 +2,13 @@
 
 #include "android-utils.hpp"
 #include "core-discovery.hpp"
+#include "core-owners.hpp"
 #include "core.hpp"
 #include "diag.hpp"
 #include "firehose.hpp"
 #include "modem_probing.hpp"
 #include "modem_table.hpp"
 #include "options.hpp"
-#include "core-owners.hpp"
 #include "package.hpp"
 #include "sahara.hpp"
 #include "timeouts.hpp"
@@ -137,6 +137,8 @@ static int write_images(const modem *m)
 int hand_off(modem *modems, uint8_t max_modems, bool already_in_qdl)
 {
     modem *const m = &modems[0];
+    if (keep_running == 0)
+        return CORE_ECANCELED; // the modem has not been touched yet
     if (options.pcie && already_in_qdl)
         return write_images(m);
     if (!already_in_qdl) {

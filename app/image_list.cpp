@@ -2,8 +2,8 @@
 #include "xml.hpp"
 
 #include "core-file.hpp"
-#include "core.hpp"
 #include "core-owners.hpp"
+#include "core.hpp"
 #include "zepho-log.hpp"
 
 #include <cerrno>

@@ -2,8 +2,8 @@
 
 #include "at_channel.hpp"
 #include "core-device.hpp"
-#include "core.hpp"
 #include "core-owners.hpp"
+#include "core.hpp"
 #include "timeouts.hpp"
 #include "zepho-log.hpp"
 
@@ -69,6 +69,8 @@ int turn_off_echo(int device)
         err = ask(device, echo_off_command, &response);
         if (err == CORE_OK)
             return CORE_OK;
+        if (sigint_detected != 0)
+            return CORE_ECANCELED;
         core_sleep(timeouts::echo_off_pause);
         if (response.ok == 1)
             return err;

@@ -9,8 +9,9 @@
 // Opens the AT port `path`, configures it, turns the echo off and reads the model name. 0, and `*device` is
 // open and the caller's to close; or an error, and it is closed.
 int at_handshake(const char *path, int *device, modem *m);
-// The queries, each on an open device. 0; CORE_EPROTO when the modem refuses; or an error of the AT channel.
+// Tries up to 11 times. 0; CORE_EPROTO when the modem refuses; CORE_ECANCELED after SIGINT.
 int turn_off_echo(int device);
+// The queries, each on an open device. 0; CORE_EPROTO when the modem refuses; or an error of the AT channel.
 int get_model(int device, modem *m);
 int get_imei(int device, modem *m);
 int get_swpkgv(int device, modem *m);

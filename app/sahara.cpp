@@ -2,8 +2,8 @@
 
 #include "core-device.hpp"
 #include "core-file.hpp"
-#include "core.hpp"
 #include "core-owners.hpp"
+#include "core.hpp"
 #include "write-all.hpp"
 #include "zepho-log.hpp"
 

@@ -2,15 +2,17 @@
 // flash programmer and ends the transfer with DONE.
 //
 // In: a modem record with a firmware-update port, and the package (programmer path, platform). Out: 0 once
-// the programmer runs. The port is opened and closed here; on a failure the modem is told to reset first.
+// the programmer runs. The port is opened and closed here; on a failure other than CORE_EAGAIN the modem is
+// told to reset first.
 // Waits: 3 s for a HELLO, 5 s for the rest of a HELLO and for the DONE response, 0.5 s for each read request.
 #pragma once
 
 #include "modem.hpp"
 #include "xml.hpp"
 
-// 0; CORE_EAGAIN when the modem was asked to restart into download mode (call again); CORE_ENODEV without a
-// firmware-update port; CORE_EGENERIC; CORE_EPROTO; CORE_ETIMEDOUT; or the error of a read, write or file.
+// 0; CORE_EAGAIN when the modem was asked to restart into download mode, or its port took nothing for too
+// long (call again); CORE_ENODEV without a firmware-update port; CORE_EGENERIC; CORE_EPROTO; CORE_ETIMEDOUT;
+// or the error of a read, write or file.
 int sahara_send_programmer(const modem *m, const image_list *package);
 
 // The steps, each on an open port.

@@ -1,7 +1,7 @@
 #include "xml.hpp"
 
-#include "core.hpp"
 #include "core-owners.hpp"
+#include "core.hpp"
 #include "zepho-log.hpp"
 
 #include <cerrno>

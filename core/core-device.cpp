@@ -230,9 +230,9 @@ int core_device_recoursive_write(int handle, const void *buf, size_t len)
     static constexpr unsigned retry_pause_ms = 10;
     if (const int err = _core_device_poll(handle, CORE_DEVICE_WRITE_TIMEOUT_MS, POLLOUT); err != CORE_OK)
         return err;
-    int32_t written = 0;
+    size_t written = 0;
     uint8_t retries = max_retries;
-    while (static_cast<size_t>(written) < len && retries > 0) {
+    while (written < len && retries > 0) {
         const ssize_t count = write(handle, buf, len); // the whole buffer again, on purpose
         if (count == -1) {
             const int err = errno;
@@ -240,7 +240,7 @@ int core_device_recoursive_write(int handle, const void *buf, size_t len)
             return map_errno_to_core_err(err);
         }
         if (count > 0) {
-            written += static_cast<int32_t>(count);
+            written += static_cast<size_t>(count);
             retries = max_retries;
         } else {
             --retries;
@@ -248,7 +248,7 @@ int core_device_recoursive_write(int handle, const void *buf, size_t len)
         }
     }
     if (retries == 0) {
-        log_err("write returned zero (written %d bytes out of %zu)\n", written, len);
+        log_err("write returned zero (written %d bytes out of %zu)\n", static_cast<int>(written), len);
         return CORE_EIO;
     }
     return CORE_OK;

@@ -201,7 +201,7 @@ void core_print_buffer_to_level(const void *buffer, uint32_t length, uint32_t by
     }
     core_log(level, nullptr, nullptr, 0, "Printing buffer %p of %u bytes\n", buffer, length);
     const size_t row = bytes_per_line != 0 ? bytes_per_line : 1;
-    const owned_text text(static_cast<char *>(calloc(row * 3 + 1, 1)));
+    const owned_text text(static_cast<char *>(calloc(row, 4)));
     if (text == nullptr) {
         core_log(CORE_LOG_ERR, nullptr, nullptr, 0, "String allocation error\n");
         return;

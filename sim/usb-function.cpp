@@ -15,7 +15,8 @@ static constexpr uint8_t get_configuration = 8;
 static constexpr uint8_t set_configuration = 9;
 static constexpr uint8_t get_interface = 10;
 static constexpr uint8_t set_interface = 11;
-static constexpr uint8_t set_control_line_state = 0x22; // CDC PSTN 6.3.12, which serial drivers send to anything
+static constexpr uint8_t set_control_line_state =
+    0x22; // CDC PSTN 6.3.12, which serial drivers send to anything
 
 // bmRequestType
 static constexpr uint8_t direction_in = 0x80;
@@ -44,41 +45,62 @@ static constexpr uint8_t half_an_ampere = 250; // units of 2 mA
 
 static constexpr std::array<std::string_view, 3> strings = {"kestrel", "simulated modem", "0123456789"};
 
-static uint8_t low(uint16_t value) {
+static uint8_t low(uint16_t value)
+{
     return static_cast<uint8_t>(value);
 }
 
-static uint8_t high(uint16_t value) {
+static uint8_t high(uint16_t value)
+{
     return static_cast<uint8_t>(value >> 8);
 }
 
-static uint16_t word(const usb_setup &setup, size_t at) {
+static uint16_t word(const usb_setup &setup, size_t at)
+{
     return static_cast<uint16_t>(setup[at] | setup[at + 1] << 8);
 }
 
 static const control_answer done{};
 static const control_answer stall{-EPIPE, {}};
 
-octets usb_function::device_descriptor() const {
-    return {18, device_type, 0x00, 0x02, // USB 2.0
-            0, 0, 0, control_packet_size, low(id_.vid), high(id_.vid), low(id_.pid), high(id_.pid),
-            0x00, 0x01, // release
-            1, 2, 3,    // strings
+octets usb_function::device_descriptor() const
+{
+    return {18,
+            device_type,
+            0x00,
+            0x02, // USB 2.0
+            0,
+            0,
+            0,
+            control_packet_size,
+            low(id_.vid),
+            high(id_.vid),
+            low(id_.pid),
+            high(id_.pid),
+            0x00,
+            0x01, // release
+            1,
+            2,
+            3, // strings
             1};
 }
 
-octets usb_function::qualifier_descriptor() const {
+octets usb_function::qualifier_descriptor() const
+{
     return {10, qualifier_type, 0x00, 0x02, 0, 0, 0, control_packet_size, 1, 0};
 }
 
-static void append_endpoint(octets &out, uint8_t address) {
+static void append_endpoint(octets &out, uint8_t address)
+{
     const octets bytes = {7, endpoint_type, address, bulk, low(bulk_packet_size), high(bulk_packet_size), 0};
     out.insert(out.end(), bytes.begin(), bytes.end());
 }
 
-octets usb_function::configuration_descriptor() const {
+octets usb_function::configuration_descriptor() const
+{
     const auto size = static_cast<uint16_t>(9 + interfaces_ * (9 + 7 + 7));
-    octets out = {9, configuration_type, low(size), high(size), interfaces_, 1, 0, bus_powered, half_an_ampere};
+    octets out = {9, configuration_type, low(size),     high(size), interfaces_, 1,
+                  0, bus_powered,        half_an_ampere};
     for (uint8_t i = 0; i < interfaces_; i++) {
         const octets interface = {9, interface_type, i, 0, 2, vendor_class, vendor_class, vendor_class, 0};
         out.insert(out.end(), interface.begin(), interface.end());
@@ -88,7 +110,8 @@ octets usb_function::configuration_descriptor() const {
     return out;
 }
 
-octets usb_function::string_descriptor(uint8_t index) {
+octets usb_function::string_descriptor(uint8_t index)
+{
     if (index == 0)
         return {4, string_type, 0x09, 0x04}; // English
     if (index > strings.size())
@@ -102,7 +125,8 @@ octets usb_function::string_descriptor(uint8_t index) {
     return out;
 }
 
-octets usb_function::descriptor(uint8_t type, uint8_t index) const {
+octets usb_function::descriptor(uint8_t type, uint8_t index) const
+{
     if (type == string_type)
         return string_descriptor(index);
     if (index != 0)
@@ -114,19 +138,22 @@ octets usb_function::descriptor(uint8_t type, uint8_t index) const {
     return type == qualifier_type ? qualifier_descriptor() : octets();
 }
 
-bool usb_function::has_endpoint(uint16_t address) const {
+bool usb_function::has_endpoint(uint16_t address) const
+{
     const unsigned number = address & 0x0FU;
     return (address & ~0x8FU) == 0 && number >= 1 && number <= interfaces_;
 }
 
-control_answer usb_function::change_halt(uint16_t address, bool set) {
+control_answer usb_function::change_halt(uint16_t address, bool set)
+{
     if (!has_endpoint(address))
         return stall;
     halted_[slot(low(address))] = set;
     return done;
 }
 
-control_answer usb_function::answer_standard(const usb_setup &setup) {
+control_answer usb_function::answer_standard(const usb_setup &setup)
+{
     const uint8_t recipient = setup[0] & recipient_mask;
     const uint16_t value = word(setup, 2);
     const uint16_t index = word(setup, 4);
@@ -135,8 +162,9 @@ control_answer usb_function::answer_standard(const usb_setup &setup) {
         return {0, {static_cast<uint8_t>(recipient == to_endpoint && halted(low(index)) ? 1 : 0), 0}};
     case clear_feature:
     case set_feature:
-        return recipient == to_endpoint && value == endpoint_halt ? change_halt(index, setup[1] == set_feature)
-                                                                  : stall;
+        return recipient == to_endpoint && value == endpoint_halt
+                   ? change_halt(index, setup[1] == set_feature)
+                   : stall;
     case get_descriptor: {
         octets bytes = recipient == to_device ? descriptor(high(value), low(value)) : octets();
         return bytes.empty() ? stall : control_answer{0, std::move(bytes)};
@@ -158,12 +186,14 @@ control_answer usb_function::answer_standard(const usb_setup &setup) {
     }
 }
 
-control_answer usb_function::answer_class(const usb_setup &setup) const {
+control_answer usb_function::answer_class(const usb_setup &setup) const
+{
     const bool known = setup[0] == class_to_interface && setup[1] == set_control_line_state;
     return known && word(setup, 4) < interfaces_ ? done : stall;
 }
 
-control_answer usb_function::answer(const usb_setup &setup) {
+control_answer usb_function::answer(const usb_setup &setup)
+{
     const bool standard = (setup[0] & type_mask) == type_standard;
     control_answer out = standard ? answer_standard(setup) : answer_class(setup);
     const size_t wanted = (setup[0] & direction_in) != 0 ? word(setup, 6) : 0;

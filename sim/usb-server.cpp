@@ -34,9 +34,10 @@ struct transfer {
 
 class server {
   public:
-    server(device &modem, vhci_port &port, const usb_settings &usb, const serve_limits &limits, transcript &log,
-           int stop_fd)
-        : modem_(modem), port_(port), usb_(usb), limits_(limits), log_(log), stop_fd_(stop_fd) {
+    server(device &modem, vhci_port &port, const usb_settings &usb, const serve_limits &limits,
+           transcript &log, int stop_fd)
+        : modem_(modem), port_(port), usb_(usb), limits_(limits), log_(log), stop_fd_(stop_fd)
+    {
         if (limits.timeout_ms != 0)
             deadline_ = monotonic_us() + limits.timeout_ms * 1000;
     }
@@ -70,11 +71,15 @@ class server {
     bool reply(view header, view data = {});
     std::deque<transfer>::iterator find_pending(bool in, uint8_t endpoint);
 
-    bool fail(ending how, std::string trouble) {
+    bool fail(ending how, std::string trouble)
+    {
         result_ = {how, std::move(trouble)};
         return false;
     }
-    bool lost() { return fail(ending::system_error, std::string("the virtual bus: ") + std::strerror(errno)); }
+    bool lost()
+    {
+        return fail(ending::system_error, std::string("the virtual bus: ") + std::strerror(errno));
+    }
 
     device &modem_;
     vhci_port &port_;
@@ -102,7 +107,8 @@ class server {
     served result_;
 };
 
-bool server::appear(face wanted) {
+bool server::appear(face wanted)
+{
     function_.emplace(wanted == face::modem ? usb_.id : download_usb_id,
                       wanted == face::modem ? normal_interfaces : uint8_t{1});
     if (!port_.plugged() && !port_.plug_in())
@@ -112,7 +118,8 @@ bool server::appear(face wanted) {
     return true;
 }
 
-void server::disappear() {
+void server::disappear()
+{
     port_.pull_out();
     log_.event("unplugged");
     face_ = face::none;
@@ -126,7 +133,8 @@ void server::disappear() {
 }
 
 // What the device's stage asks of the bus; false ends the service.
-bool server::follow_stage() {
+bool server::follow_stage()
+{
     const stage now_at = modem_.where();
     const face wanted = now_at == stage::ended    ? face::none
                         : now_at == stage::normal ? face::modem
@@ -156,7 +164,8 @@ bool server::follow_stage() {
     return true;
 }
 
-bool server::reply(view header, view data) {
+bool server::reply(view header, view data)
+{
     for (view rest : {header, data}) {
         while (!rest.empty()) {
             const ssize_t done = send(port_.socket(), rest.data(), rest.size(), MSG_NOSIGNAL);
@@ -170,17 +179,20 @@ bool server::reply(view header, view data) {
     return true;
 }
 
-bool server::complete(const transfer &it, int32_t status, uint32_t moved, view data) {
+bool server::complete(const transfer &it, int32_t status, uint32_t moved, view data)
+{
     return reply(encode_submit_reply(it.seqnum, status, moved), data);
 }
 
-std::deque<transfer>::iterator server::find_pending(bool in, uint8_t endpoint) {
-    return std::ranges::find_if(
-        pending_, [=](const transfer &it) { return it.in == in && it.endpoint == endpoint; });
+std::deque<transfer>::iterator server::find_pending(bool in, uint8_t endpoint)
+{
+    return std::ranges::find_if(pending_,
+                                [=](const transfer &it) { return it.in == in && it.endpoint == endpoint; });
 }
 
 // Every waiting transfer of the endpoint fails, and every later one until the host clears it.
-bool server::halt_endpoint(uint8_t address) {
+bool server::halt_endpoint(uint8_t address)
+{
     const bool in = (address & direction_in) != 0;
     function_->halt(address);
     for (auto it = find_pending(in, address & 0x0F); it != pending_.end();
@@ -194,7 +206,8 @@ bool server::halt_endpoint(uint8_t address) {
 }
 
 // Gives what is left of the unit to the transfers that wait for it.
-bool server::send_rest() {
+bool server::send_rest()
+{
     while (!unsent_.empty()) {
         const auto found = find_pending(true, answer_endpoint_);
         if (found == pending_.end())
@@ -210,7 +223,8 @@ bool server::send_rest() {
     return true;
 }
 
-bool server::send_unit(write_unit unit) {
+bool server::send_unit(write_unit unit)
+{
     if (unit.hang_up) {
         disappear();
         return false;
@@ -224,7 +238,8 @@ bool server::send_unit(write_unit unit) {
 }
 
 // Sends what may be sent now; false ends the service.
-bool server::send_due() {
+bool server::send_due()
+{
     if (face_ == face::none || (face_ == face::modem && modem_.where() != stage::normal))
         return true; // what waits is for the download device
     if (!unsent_.empty() && !send_rest())
@@ -250,7 +265,8 @@ bool server::send_due() {
     return true;
 }
 
-bool server::read_all(std::span<uint8_t> room) {
+bool server::read_all(std::span<uint8_t> room)
+{
     while (!room.empty()) {
         const ssize_t got = recv(port_.socket(), room.data(), room.size(), MSG_WAITALL);
         if (got < 0 && errno == EINTR)
@@ -264,7 +280,8 @@ bool server::read_all(std::span<uint8_t> room) {
     return true;
 }
 
-bool server::take_control(const usbip_command &command) {
+bool server::take_control(const usbip_command &command)
+{
     control_answer answer = function_->answer(command.setup);
     const transfer it{command.seqnum, command.in, 0, command.length};
     if (answer.status != 0)
@@ -276,7 +293,8 @@ bool server::take_control(const usbip_command &command) {
 }
 
 // In normal mode the diagnostic interface takes frames only, the others none.
-bool server::is_heard(uint8_t endpoint, view data) const {
+bool server::is_heard(uint8_t endpoint, view data) const
+{
     if (face_ != face::modem)
         return true;
     const bool frame = std::ranges::equal(data.first(std::min(data.size(), frame_start.size())), frame_start);
@@ -284,7 +302,8 @@ bool server::is_heard(uint8_t endpoint, view data) const {
 }
 
 // Once the device has stopped reading, the transfer stays unanswered.
-bool server::take_out(const usbip_command &command) {
+bool server::take_out(const usbip_command &command)
+{
     const transfer it{command.seqnum, false, command.endpoint, command.length};
     view data = body_;
     data = data.first(command.length);
@@ -315,7 +334,8 @@ bool server::take_out(const usbip_command &command) {
     return true;
 }
 
-bool server::take_unlink(const usbip_command &command) {
+bool server::take_unlink(const usbip_command &command)
+{
     const auto found = std::ranges::find(pending_, command.victim, &transfer::seqnum);
     const bool waits = found != pending_.end();
     if (waits)
@@ -323,7 +343,8 @@ bool server::take_unlink(const usbip_command &command) {
     return reply(encode_unlink_reply(command.seqnum, waits ? -ECONNRESET : 0));
 }
 
-bool server::read_command() {
+bool server::read_command()
+{
     std::array<uint8_t, usbip_header_size> header{};
     if (!read_all(header))
         return false;
@@ -347,14 +368,16 @@ bool server::read_command() {
     return true;
 }
 
-bool server::past_deadline() {
+bool server::past_deadline()
+{
     if (monotonic_us() < deadline_ || modem_.ended())
         return false;
     fail(ending::timed_out, std::string("time-out in stage ") + modem_.stage_name());
     return true;
 }
 
-bool server::wait() {
+bool server::wait()
+{
     const uint64_t now = monotonic_us();
     if (modem_.wants_quiet())
         wake_ = std::min(wake_, last_input_ + quiet_us);
@@ -378,7 +401,8 @@ bool server::wait() {
     return fds[0].revents == 0 || read_command();
 }
 
-served server::run() {
+served server::run()
+{
     while (send_due() && follow_stage() && !past_deadline() && wait()) {
     }
     return result_;
@@ -387,7 +411,8 @@ served server::run() {
 } // namespace
 
 served serve_usb(device &modem, vhci_port &port, const usb_settings &usb, const serve_limits &limits,
-                 transcript &log, int stop_fd) {
+                 transcript &log, int stop_fd)
+{
     return server(modem, port, usb, limits, log, stop_fd).run();
 }
 

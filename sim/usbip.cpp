@@ -14,19 +14,22 @@ static constexpr uint32_t last_endpoint = 15;
 static constexpr uint32_t longest_transfer = 64 * 1024 * 1024;
 static constexpr uint32_t not_isochronous = UINT32_MAX; // some hosts say 0
 
-static uint32_t read_be32(view bytes, size_t at) {
+static uint32_t read_be32(view bytes, size_t at)
+{
     uint32_t value = 0;
     for (size_t i = 0; i < 4; i++)
         value = value << 8 | bytes[at + i];
     return value;
 }
 
-static void put_be32(octets &out, size_t at, uint32_t value) {
+static void put_be32(octets &out, size_t at, uint32_t value)
+{
     for (size_t i = 0; i < 4; i++)
         out[at + i] = static_cast<uint8_t>(value >> (24 - 8 * i));
 }
 
-std::optional<usbip_command> decode_command(view header) {
+std::optional<usbip_command> decode_command(view header)
+{
     if (header.size() != usbip_header_size)
         return std::nullopt;
     const uint32_t command = read_be32(header, 0);
@@ -50,7 +53,8 @@ std::optional<usbip_command> decode_command(view header) {
     return out;
 }
 
-static octets reply(uint32_t command, uint32_t seqnum, int32_t status) {
+static octets reply(uint32_t command, uint32_t seqnum, int32_t status)
+{
     octets out(usbip_header_size, 0);
     put_be32(out, 0, command);
     put_be32(out, 4, seqnum);
@@ -58,13 +62,15 @@ static octets reply(uint32_t command, uint32_t seqnum, int32_t status) {
     return out;
 }
 
-octets encode_submit_reply(uint32_t seqnum, int32_t status, uint32_t moved) {
+octets encode_submit_reply(uint32_t seqnum, int32_t status, uint32_t moved)
+{
     octets out = reply(ret_submit, seqnum, status);
     put_be32(out, 24, moved);
     return out;
 }
 
-octets encode_unlink_reply(uint32_t seqnum, int32_t status) {
+octets encode_unlink_reply(uint32_t seqnum, int32_t status)
+{
     return reply(ret_unlink, seqnum, status);
 }
 

@@ -16,7 +16,8 @@ static constexpr unsigned high_speed = 3;
 static constexpr unsigned device_id = 0x00010002; // bus 1, device 2: any will do
 
 // A line is "hs  0000 004 000 00000000 000000 0-0": hub, port, state (004: free), speed, ...
-std::optional<unsigned> find_free_port(std::string_view status, unsigned from) {
+std::optional<unsigned> find_free_port(std::string_view status, unsigned from)
+{
     while (!status.empty()) {
         const size_t end = status.find('\n');
         const std::string_view line = status.substr(0, end);
@@ -30,7 +31,8 @@ std::optional<unsigned> find_free_port(std::string_view status, unsigned from) {
     return std::nullopt;
 }
 
-static bool read_text(const char *path, std::string &out) {
+static bool read_text(const char *path, std::string &out)
+{
     const descriptor file(open(path, O_RDONLY | O_CLOEXEC));
     char room[4096];
     const ssize_t got = file.open() ? read(file.get(), room, sizeof room) : -1;
@@ -40,23 +42,27 @@ static bool read_text(const char *path, std::string &out) {
     return true;
 }
 
-bool vhci_port::fail(std::string what) {
+bool vhci_port::fail(std::string what)
+{
     error_ = std::move(what);
     return false;
 }
 
 // False with errno set.
-bool vhci_port::try_port(unsigned number, int kernel_end) {
+bool vhci_port::try_port(unsigned number, int kernel_end)
+{
     const std::string line = std::to_string(number) + " " + std::to_string(kernel_end) + " " +
                              std::to_string(device_id) + " " + std::to_string(high_speed);
     const descriptor file(open(attach_file, O_WRONLY | O_CLOEXEC));
     return file.open() && write(file.get(), line.data(), line.size()) == static_cast<ssize_t>(line.size());
 }
 
-bool vhci_port::plug_in() {
+bool vhci_port::plug_in()
+{
     std::string status;
     if (!read_text(status_file, status))
-        return fail("this kernel has no virtual USB host controller: load the module vhci_hcd (modprobe vhci-hcd)");
+        return fail(
+            "this kernel has no virtual USB host controller: load the module vhci_hcd (modprobe vhci-hcd)");
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
         return fail(std::string("socketpair: ") + std::strerror(errno));

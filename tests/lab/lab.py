@@ -94,6 +94,13 @@ class UsbModem(harness.Sim):
     def wait_for_ports(self, count, limit=15):
         wait_for(lambda: all(self.tty(i) for i in range(count)), limit, f'{count} serial ports of {self.name}')
 
+    def story(self):
+        """What became of the modem, for the message of a failed assertion."""
+        lines = [f'{e["t"]:9.3f} {e["dir"]:5} {e["stage"]:8} {e["kind"]}' for e in self.events()[-20:]]
+        status = self.process.poll()
+        ended = '' if status is None else f'\nit ended with {status}: {self.process.stderr.read().decode()}'
+        return 'the modem last saw\n' + '\n'.join(lines) + ended
+
     def kinds(self, stage=None, direction='rx'):
         return [e['kind'] for e in self.events() if e['dir'] == direction and stage in (None, e['stage'])]
 
@@ -133,7 +140,7 @@ def example(name, *arguments):
 
 def assert_updated(outcome, modem):
     """The run went well, and the modem saw its end."""
-    assert outcome.err == ''
+    assert outcome.err == '', modem.story()
     assert outcome.status == 0
     assert modem.wait() == 0
 

@@ -33,6 +33,7 @@ static std::atomic<int> inotify_inits{0};
 static bool inotify_init_fails = false;
 static std::string watched_directory;
 static uint32_t watched_mask = 0;
+static uint32_t further_events = 0; // delivered although nobody asked for them
 static bool every_node_is_missing = false;
 static int strdups_until_failure = -1; // negative: never
 static int failing_reads = 0;
@@ -56,7 +57,7 @@ extern "C" int inotify_add_watch(int descriptor, const char *name, uint32_t mask
 {
     watched_directory = name;
     watched_mask = mask;
-    return static_cast<int>(syscall(SYS_inotify_add_watch, descriptor, name, mask));
+    return static_cast<int>(syscall(SYS_inotify_add_watch, descriptor, name, mask | further_events));
 }
 
 extern "C" int access(const char *name, int type) noexcept
@@ -279,6 +280,19 @@ TEST_F(WaitForSerial, IsNotEndedByOtherNames)
                 create(name);
         }
         stop_at(6);
+    };
+    EXPECT_EQ(wait(), -19);
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(WaitForSerial, IsNotEndedByAnEventThatIsNoCreation)
+{
+    further_events = IN_DELETE;
+    every_node_is_missing = true;
+    create("ttyUSB0");
+    before_poll = [this](int) {
+        unlink(port.c_str());
+        stop_at(1);
     };
     EXPECT_EQ(wait(), -19);
     EXPECT_TRUE(log.messages().empty());

@@ -419,6 +419,19 @@ TEST_F(WaitForDevices, GivesUpAfterThreeMoreTries)
     EXPECT_EQ(slept, (std::vector<useconds_t>{1000000, 1000000, 1000000}));
 }
 
+TEST_F(WaitForDevices, LogsItsTriesUnderItsName)
+{
+    answer(-19);
+    event(0);
+    answer(-19);
+    answer(0);
+    core_usb_id_wait_for_devices(&list);
+    ASSERT_FALSE(log.messages().empty());
+    EXPECT_EQ(log.messages().back().text, "no device found, maybe not ready yet. Retrying after 1000ms...\n");
+    EXPECT_EQ(log.messages().back().file, "core-usb-id.c");
+    EXPECT_EQ(log.messages().back().function, "core_usb_id_wait_for_devices");
+}
+
 TEST_F(WaitForDevices, WaitsOnWhenADeviceLeaves)
 {
     answer(-19);

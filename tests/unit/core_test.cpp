@@ -275,10 +275,10 @@ TEST(CoreGetTimeOfDay, ReadsTheWallClock)
 TEST(CoreGetTimeOfDay, KeepsTheLow32BitsOfTheSeconds)
 {
     time_of_day_is_given = true;
-    given_time_of_day = {0x100000005, 999999};
+    given_time_of_day = {0x1FFFFFFFE, 999999};
     core_time_of_day now{1, 1};
     EXPECT_EQ(core_get_time_of_day(&now), 0);
-    EXPECT_EQ(now.seconds, 5U);
+    EXPECT_EQ(now.seconds, 0xFFFFFFFEU);
     EXPECT_EQ(now.microseconds, 999999U);
 }
 

@@ -684,7 +684,11 @@ TEST_F(Serial, ResetSucceedsAfterSilence)
 
 TEST_F(Serial, ResetWaitEndsAfterHalfASecondOfSilence)
 {
+    const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(wait_reset_response(&device, false), -110);
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, milliseconds(500));
+    EXPECT_LT(waited, milliseconds(4000));
     EXPECT_TRUE(log.messages().empty());
 }
 

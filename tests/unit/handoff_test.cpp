@@ -263,12 +263,34 @@ TEST_F(Switch, IsNotSentToAModemInDownloadMode) {
     EXPECT_EQ(port.receive_until_quiet(), "");
 }
 
+TEST_F(Switch, LeavesAModemAloneAfterAnInterruption)
+{
+    keep_running = 0;
+    EXPECT_EQ(run(), -125);
+    EXPECT_EQ(port.receive_until_quiet(), "");
+}
+
+TEST_F(Writing, IsNotBegunAfterAnInterruption)
+{
+    keep_running = 0;
+    options.pcie = true;
+    EXPECT_EQ(run(true), -125);
+    EXPECT_FALSE(logged_from("../firehose.c"));
+}
+
 TEST_F(EnterQdl, StopsAfterTheSwitch) {
     options.enter_qdl = true;
     EXPECT_EQ(run(), 0);
     EXPECT_EQ(port.receive_until_quiet().size(), 7U);
     EXPECT_EQ(log.texts(CORE_LOG_INF), texts{"Entered QDL mode, stopping"});
     EXPECT_TRUE(discovery.listened.empty());
+}
+
+TEST_F(EnterQdl, IsToldUnderTheNameOfTheWholeProcedure) {
+    options.enter_qdl = true;
+    run();
+    EXPECT_EQ(log.messages().back().text, "Entered QDL mode, stopping");
+    EXPECT_EQ(log.messages().back().function, "start_update_procedure");
 }
 
 TEST_F(EnterQdl, DoesNotStopAPcieModemInDownloadMode) {
@@ -284,6 +306,21 @@ TEST_F(DownloadDeviceEvent, IsWaitedForThirtySeconds) {
     EXPECT_EQ(run(), -110);
     EXPECT_EQ(discovery.listened, std::vector<int>{30000});
     EXPECT_EQ(driver_texts(CORE_LOG_ERR), texts{no_listener});
+}
+
+TEST_F(DownloadDeviceEvent, IsMissedUnderTheNameOfTheWholeProcedure) {
+    event_error(-110);
+    run();
+    EXPECT_EQ(log.messages().back().text, no_listener);
+    EXPECT_EQ(log.messages().back().function, "start_update_procedure");
+}
+
+TEST_F(DownloadDeviceEvent, IsNotProbedUnderTheNameOfTheWholeProcedure) {
+    event(arrival());
+    scan_answers(-19);
+    run();
+    EXPECT_EQ(log.messages().back().text, "modem not probed");
+    EXPECT_EQ(log.messages().back().function, "start_update_procedure");
 }
 
 TEST_F(DownloadDeviceEvent, IsNotWaitedForWhenTheModemIsInDownloadModeAlready) {
@@ -440,6 +477,12 @@ TEST_F(DownloadDeviceInSysfs, IsLookedForTwentyTimesASecondApart) {
     EXPECT_EQ(run(), -100);
     EXPECT_EQ(sleep.slept, std::vector<unsigned>(20, 1000));
     EXPECT_EQ(driver_texts(CORE_LOG_ERR), texts{no_listener});
+}
+
+TEST_F(DownloadDeviceInSysfs, IsMissedUnderTheNameOfTheWholeProcedure) {
+    run();
+    EXPECT_EQ(log.messages().back().text, no_listener);
+    EXPECT_EQ(log.messages().back().function, "start_update_procedure");
 }
 
 TEST_F(DownloadDeviceInSysfs, GetsTheFirstUsbPort) {

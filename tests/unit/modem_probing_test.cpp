@@ -246,6 +246,15 @@ TEST_F(EchoOff, AsksAMuteModemSixtyTimesElevenTimesOver)
     EXPECT_EQ(machine.pauses, std::vector<useconds_t>(11, half_a_second));
 }
 
+TEST_F(EchoOff, IsGivenUpAfterAnInterruption)
+{
+    plug_in({error, ok});
+    sigint_detected = 1;
+    EXPECT_EQ(turn_off_echo(open_device()), -125);
+    EXPECT_EQ(commands(), texts{"ATE0"});
+    EXPECT_TRUE(machine.pauses.empty());
+}
+
 TEST_F(EchoOff, GoesOnToTryWhenTheModemHasLeft)
 {
     const log_capture log;

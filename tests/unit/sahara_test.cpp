@@ -93,6 +93,18 @@ static const std::string hung_up_unsigned = "4294967171";
 
 using modem_script = std::function<void(pty &)>;
 
+// Runs `call`, which has to take at least `shortest` and, on a busy machine too, less than `longest`
+// milliseconds.
+static int timed(int shortest, int longest, const std::function<int()> &call)
+{
+    const auto start = std::chrono::steady_clock::now();
+    const int result = call();
+    const auto taken = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(taken, milliseconds(shortest));
+    EXPECT_LT(taken, milliseconds(longest));
+    return result;
+}
+
 namespace {
 
 // A boot loader on a pseudo-terminal, and the code's end of it.
@@ -208,7 +220,7 @@ TEST_F(Sahara, FlushReadsUntilThePortIsSilent)
 {
     open_port();
     port.send("late bytes");
-    EXPECT_EQ(sahara::flush_port(handle), -110);
+    EXPECT_EQ(timed(2000, 5000, [&] { return sahara::flush_port(handle); }), -110);
     EXPECT_EQ(log.texts(CORE_LOG_DBG), texts{"late bytes"});
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{});
     EXPECT_EQ(log.messages().front().file, "../sahara.c");
@@ -371,10 +383,10 @@ TEST_F(Sahara, DownloadModeCommandTakesAShortPacketForAnotherOne)
     EXPECT_EQ(result, -11);
 }
 
-TEST_F(Sahara, DownloadModeCommandReportsSilence)
+TEST_F(Sahara, DownloadModeCommandReportsASecondOfSilence)
 {
     open_port();
-    EXPECT_EQ(sahara::send_zepho_qdl_cmd(handle), -110);
+    EXPECT_EQ(timed(1000, 3000, [&] { return sahara::send_zepho_qdl_cmd(handle); }), -110);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"error -110"});
     EXPECT_EQ(log.messages().back().function, "send_zepho_qdl_cmd");
 }
@@ -435,9 +447,9 @@ TEST_F(Handshake, AsksAModemOfMode2ToRestart)
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(Handshake, Platform0AnswersAMissingHelloWithDefaultVersions)
+TEST_F(Handshake, Platform0AnswersAMissingHelloWithDefaultVersionsAfterThreeSeconds)
 {
-    EXPECT_EQ(sahara::hello_handshake(handle, 0), 0);
+    EXPECT_EQ(timed(3000, 5000, [&] { return sahara::hello_handshake(handle, 0); }), 0);
     EXPECT_EQ(port.receive_until_quiet(), default_hello_response);
     EXPECT_EQ(log.texts(CORE_LOG_DBG), texts{"hello response command sent"});
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{});
@@ -453,7 +465,8 @@ TEST_F(Handshake, Platform0EndsWithAReadError)
 
 TEST_F(Handshake, Platform1AsksTwiceForAMissingHello)
 {
-    EXPECT_EQ(sahara::hello_handshake(handle, 1), -71);
+    // Twice the wait for a HELLO, and the flush of the state reset.
+    EXPECT_EQ(timed(8000, 11000, [&] { return sahara::hello_handshake(handle, 1); }), -71);
     EXPECT_EQ(port.receive_until_quiet(), state_reset);
     EXPECT_EQ(log.texts(CORE_LOG_DBG), (texts{"Send state reset command", "Flush port"}));
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{});
@@ -537,7 +550,7 @@ TEST_F(Handshake, GivesUpAfterTheSecondPacketThatIsNoHello)
 TEST_F(Handshake, WaitsFiveSecondsForTheRemainder)
 {
     port.send(hello_header);
-    EXPECT_EQ(sahara::hello_handshake(handle, 1), -71);
+    EXPECT_EQ(timed(5000, 7000, [&] { return sahara::hello_handshake(handle, 1); }), -71);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"error reading the HELLO packet remainder -110"});
     EXPECT_EQ(port.receive_until_quiet(), "");
 }
@@ -715,7 +728,7 @@ TEST_F(Upload, FirstRequestCutAfterItsHeaderAsksForNothing)
 
 TEST_F(Upload, ReportsAMissingFirstRequest)
 {
-    EXPECT_EQ(sahara::send_programmer(handle, package.get()), -110);
+    EXPECT_EQ(timed(500, 2000, [&] { return sahara::send_programmer(handle, package.get()); }), -110);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"error " + timed_out_unsigned});
     EXPECT_EQ(log.messages().back().function, "send_programmer");
 }
@@ -886,7 +899,7 @@ TEST_F(Upload, SendsABlockAfterBackPressure)
 TEST_F(Upload, ReportsSilenceAfterABlock)
 {
     port.send(read_0_4);
-    EXPECT_EQ(sahara::send_programmer(handle, package.get()), -110);
+    EXPECT_EQ(timed(500, 2000, [&] { return sahara::send_programmer(handle, package.get()); }), -110);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"error " + timed_out_unsigned});
     EXPECT_EQ(port.receive_until_quiet(), "ABCD");
 }
@@ -1000,11 +1013,13 @@ TEST_F(Upload, RefusesAnotherCommandInPlaceOfTheDoneResponse)
 
 TEST_F(Upload, WaitsFiveSecondsForTheDoneResponse)
 {
-    const int result = run(0, [](pty &p) {
-        p.send(read_0_4);
-        EXPECT_EQ(p.receive(4), "ABCD");
-        p.send(end_image);
-        EXPECT_EQ(p.receive(8), done);
+    const int result = timed(5000, 7000, [&] {
+        return run(0, [](pty &p) {
+            p.send(read_0_4);
+            EXPECT_EQ(p.receive(4), "ABCD");
+            p.send(end_image);
+            EXPECT_EQ(p.receive(8), done);
+        });
     });
     EXPECT_EQ(result, -110);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"error " + timed_out_unsigned});
@@ -1362,6 +1377,23 @@ TEST_F(Stage, EmptyProgrammerEndsWithAReset)
         EXPECT_EQ(p.receive(8), reset);
     });
     EXPECT_EQ(result, -22);
+}
+
+TEST_F(Stage, UploadUnderLastingBackPressureEndsWithoutAReset)
+{
+    const size_t descriptors = open_descriptors();
+    libc_hooks::write_errors.add(0); // the HELLO response
+    for (int i = 0; i < 5; ++i)
+        libc_hooks::write_errors.add(EAGAIN);
+    const int result = run(0, [](pty &p) {
+        p.send(hello);
+        EXPECT_EQ(p.receive(48), hello_response);
+        p.send(read_0_4);
+    });
+    EXPECT_EQ(result, -11);
+    EXPECT_EQ(port.receive_until_quiet(), "");
+    EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "error in updating the programmer");
+    EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 TEST_F(Stage, ShortPacketCountsAsAGoodUpload)

@@ -462,6 +462,14 @@ TEST_F(Listening, EndsWithAScanThatFails) {
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"failed USB bus scan"});
 }
 
+TEST_F(Listening, EndsWithPortsThatNeverCome) {
+    event(arrival(0xFFF0, 0x1001));
+    for (int i = 0; i < 16; ++i)
+        scan_answers(-11);
+    EXPECT_EQ(listen(), -11);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), (texts{"failed port enumeration", "failed USB bus scan"}));
+}
+
 TEST_F(Listening, GoesOnWhenTheScanFindsNoDevice) {
     event(arrival(0xFFF0, 0x1001));
     scan_answers(-19);

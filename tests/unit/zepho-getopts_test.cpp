@@ -254,6 +254,14 @@ TEST_F(GetOpts, RefusesALoneDash)
     EXPECT_EQ(errors(), strings{"flag '-' is invalid\n"});
 }
 
+TEST_F(GetOpts, LogsAMalformedFlagUnderItsName)
+{
+    parse({"-"});
+    ASSERT_EQ(log.messages().size(), 1U);
+    EXPECT_EQ(log.messages()[0].file, "zepho-getopts.c");
+    EXPECT_EQ(log.messages()[0].function, "get_opts");
+}
+
 TEST_F(GetOpts, RefusesTwoDashes)
 {
     EXPECT_EQ(parse({"--"}), -22);

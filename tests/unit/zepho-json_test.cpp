@@ -414,6 +414,14 @@ TEST_F(CustomObject, IsNotPrintedWithItsTypeOnly)
     EXPECT_EQ(lines.lines()[0].level, CORE_LOG_ERR);
 }
 
+TEST_F(CustomObject, IsMissedUnderTheNameOfThePrinter)
+{
+    print({text_row("type", "ADD")});
+    ASSERT_EQ(lines.lines().size(), 1U);
+    EXPECT_NE(lines.lines()[0].text.find("\"file\": \"zepho-log.c\", \"function\": \"core_log_json\", "),
+              std::string::npos);
+}
+
 TEST_F(CustomObject, IsNotPrintedWithAnUnsetTypeOnly)
 {
     EXPECT_EQ(print({text_row("type", nullptr)}), 0);
@@ -673,6 +681,15 @@ TEST_F(Compose, DropsAPieceOf548BytesAndAllBehindIt)
     const std::string text(541, 'x');
     EXPECT_EQ(compose({text_row("b", "1"), text_row("a", text.c_str()), text_row("c", "3")}), "\"b\": \"1\"");
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"truncated message\n"});
+}
+
+TEST_F(Compose, LogsADroppedPieceUnderItsName)
+{
+    const std::string text(541, 'x');
+    compose({text_row("a", text.c_str())});
+    ASSERT_EQ(log.messages().size(), 1U);
+    EXPECT_EQ(log.messages()[0].file, "zepho-log.c");
+    EXPECT_EQ(log.messages()[0].function, "json_compose");
 }
 
 TEST_F(Compose, MeasuresAPieceInItsEscapedForm)
