@@ -22,6 +22,7 @@ constexpr char reset_request[] =
 constexpr char memory_name[] = "nand";
 constexpr char supported_payload[] = "MaxPayloadSizeToTargetInBytesSupported";
 constexpr int max_empty_chunks = 10;
+constexpr uint32_t max_payload_size = 1U << 30; // more than one read or transfer moves
 
 int open_endpoint(core_endpoint *endpoint)
 {
@@ -90,8 +91,9 @@ int take_counter_offer(const firehose_chunk &chunk, uint32_t *payload)
         log_as(function, CORE_LOG_ERR, "Failed to retrieve MaxPayloadSizeToTargetInBytesSupported attribute");
         return CORE_EGENERIC;
     }
-    if (*payload == 0) {
-        log_as(function, CORE_LOG_ERR, "the programmer supports a payload of 0 bytes only");
+    if (*payload == 0 || *payload > max_payload_size) {
+        log_as(function, CORE_LOG_ERR, "the programmer supports a payload of %u bytes, which cannot be used",
+               *payload);
         return CORE_EPROTO;
     }
     return CORE_OK;

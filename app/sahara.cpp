@@ -324,7 +324,7 @@ int flush_port(int port)
         err = core_device_read_timeout(port, chunk, sizeof chunk - 1, timeouts::flush, &count);
         if (count > 0)
             log_dbg("%s", chunk);
-    } while (err == CORE_OK && count > 0);
+    } while (err == CORE_OK && count > 0 && sigint_detected == 0);
     if (err != CORE_OK && err != CORE_ETIMEDOUT)
         log_err("error %d", err);
     return err;

@@ -71,7 +71,7 @@ bool convert_uint_attribute(const char *line, const char *name, uint32_t *value)
     char *end = nullptr;
     errno = 0;
     const unsigned long number = strtoul(text, &end, 10);
-    if (errno != 0 || number > UINT32_MAX) {
+    if (errno != 0 || number > UINT32_MAX || *text == '-') {
         log_as(function, CORE_LOG_ERR, "unable to perform conversion");
         return false;
     }

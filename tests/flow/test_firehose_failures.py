@@ -231,7 +231,7 @@ def test_ack_whose_mark_arrives_whole_counts(case, result_of):
 def test_counter_offer_of_nothing_is_a_protocol_error(result_of):
     session = result_of('offer of nothing')
     assert session.outcome.status == 185
-    assert session.outcome.err == ('the programmer supports a payload of 0 bytes only\n' + CONFIG_FAILED +
+    assert session.outcome.err == ('the programmer supports a payload of 0 bytes, which cannot be used\n' + CONFIG_FAILED +
                                    FIREHOSE_FAILED)
     assert session.received() == ['nop', 'configure', 'power']
 

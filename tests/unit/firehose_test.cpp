@@ -587,7 +587,28 @@ TEST_F(Usb, ConfigureNakWithACounterOfferOfZeroFails)
     programmer.answers("<response value=\"NAK\" MaxPayloadSizeToTargetInBytesSupported=\"0\"/>");
     uint32_t payload = 1048576;
     EXPECT_EQ(send_config(device, &payload), -71);
-    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"the programmer supports a payload of 0 bytes only"});
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"the programmer supports a payload of 0 bytes, which cannot be used"});
+}
+
+TEST_F(Usb, ConfigureNakWithACounterOfferThatNoTransferMovesFails)
+{
+    firehose_device *const device = programmer.open();
+    programmer.takes(configure_request);
+    programmer.answers("<response value=\"NAK\" MaxPayloadSizeToTargetInBytesSupported=\"1073741825\"/>");
+    uint32_t payload = 1048576;
+    EXPECT_EQ(send_config(device, &payload), -71);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR),
+              texts{"the programmer supports a payload of 1073741825 bytes, which cannot be used"});
+}
+
+TEST_F(Usb, ConfigureNakWithACounterOfferOfAGibibyteIsTaken)
+{
+    firehose_device *const device = programmer.open();
+    programmer.takes(configure_request);
+    programmer.answers("<response value=\"NAK\" MaxPayloadSizeToTargetInBytesSupported=\"1073741824\"/>");
+    uint32_t payload = 1048576;
+    EXPECT_EQ(send_config(device, &payload), 0);
+    EXPECT_EQ(payload, 1073741824U);
 }
 
 TEST_F(Usb, ConfigureAckWinsOverANakInTheSameChunk)

@@ -442,6 +442,15 @@ TEST(UintAttribute, RefusesANumberOf33Bits)
     EXPECT_EQ(log.texts(CORE_LOG_DBG), texts{line});
 }
 
+TEST(UintAttribute, RefusesANegativeNumber)
+{
+    log_capture log;
+    uint32_t value = 7;
+    EXPECT_FALSE(get_uint_attribute("<program size=\"-1\"/>", "size", &value));
+    EXPECT_EQ(value, 7U);
+    EXPECT_TRUE(log.has(CORE_LOG_ERR, "unable to perform conversion"));
+}
+
 TEST(UintAttribute, RefusesANumberThatNoLongHolds)
 {
     log_capture log;
