@@ -140,6 +140,8 @@ static const auto rows = std::to_array<option_row>({
      [](target &o, const char *v) { return usb_identifier(o.usb.id, v); }},
     {"usb-port", "N", "with --usb: port of the virtual host controller to try first (default 0)",
      [](target &o, const char *v) { return number(o.usb.first_port, v, 0, 255); }},
+    {"usb-first", "MS", "with --usb: wait between the host's first fetch and the first message (default 100)",
+     [](target &o, const char *v) { return number(o.usb.first_ms, v, 0, 60000); }},
     {"usb-away", "MS", "with --usb: how long a switch or a reset takes it off the bus (default 1000)",
      [](target &o, const char *v) { return number(o.usb.away_ms, v, 0, 600000); }},
     {"timeout", "SECONDS", "give up after this time, exit status 3 (default: never)",

@@ -91,6 +91,7 @@ class server {
     face face_ = face::none;
     std::optional<usb_function> function_; // while on the bus
     uint64_t appear_at_ = 0;
+    uint64_t first_at_ = 0;     // the first message not before; 0: the host has not asked yet
     uint64_t leave_at_ = never; // the time is up for what waits to be fetched
 
     std::vector<uint8_t> body_;
@@ -129,6 +130,7 @@ void server::disappear()
     answered_ = false;
     answer_endpoint_ = 1;
     leave_at_ = never;
+    first_at_ = 0;
     appear_at_ = monotonic_us() + uint64_t{usb_.away_ms} * 1000;
 }
 
@@ -250,13 +252,13 @@ bool server::send_due()
             due_ = now + uint64_t{modem_.delay_ms()} * 1000;
         scheduled_ = true;
         const uint64_t gap_end = answered_ ? sent_at_ + uint64_t{limits_.gap_ms} * 1000 : 0;
-        const uint64_t next = std::max(due_, gap_end);
+        const uint64_t next = std::max({due_, gap_end, first_at_});
+        if (!modem_.event_is_next() && find_pending(true, answer_endpoint_) == pending_.end())
+            return true; // until the host asks
         if (now < next) {
             wake_ = std::min(wake_, next);
             return true;
         }
-        if (!modem_.event_is_next() && find_pending(true, answer_endpoint_) == pending_.end())
-            return true; // until the host asks
         scheduled_ = false;
         answered_ = true;
         if (!send_unit(modem_.take()))
@@ -364,6 +366,8 @@ bool server::read_command()
     const transfer it{command->seqnum, true, command->endpoint, command->length};
     if (function_->halted(direction_in | command->endpoint))
         return complete(it, -EPIPE, 0);
+    if (first_at_ == 0)
+        first_at_ = monotonic_us() + uint64_t{usb_.first_ms} * 1000;
     pending_.push_back(it);
     return true;
 }

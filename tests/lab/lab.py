@@ -94,6 +94,11 @@ class UsbModem(harness.Sim):
     def wait_for_ports(self, count, limit=15):
         wait_for(lambda: all(self.tty(i) for i in range(count)), limit, f'{count} serial ports of {self.name}')
 
+    def bind_serial_driver(self):
+        """Gives the download device back to the kernel's driver, from which libusb had taken it."""
+        Path('/sys/bus/usb/drivers/qcserial/bind').write_text(f'{self.name}:1.0')
+        self.wait_for_ports(1)
+
     def story(self):
         """What became of the modem, for the message of a failed assertion."""
         lines = [f'{e["t"]:9.3f} {e["dir"]:5} {e["stage"]:8} {e["kind"]}' for e in self.events()[-20:]]
@@ -189,8 +194,9 @@ def awkward_package(folder, version=packages.PLATFORM_1):
 
 
 def small_package(folder, version=packages.PLATFORM_1, size=10000):
-    return packages.write(folder, [image_line('one', SECTOR)], {'one.bin': packages.content('one', size)}, version,
-                          PROGRAMMER)
+    """One image. A large one repeats itself, at a length that fits no block, so that a block out of place shows."""
+    data = (packages.content('one', 65521) * (size // 65521 + 1))[:size]
+    return packages.write(folder, [image_line('one', SECTOR)], {'one.bin': data}, version, PROGRAMMER)
 
 
 def framed(line):

@@ -14,10 +14,12 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <libusb.h>
 #include <memory>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 static constexpr uint32_t sector = 4096;
 static constexpr uint32_t payload = FIREHOSE_PAYLOAD_SIZE;
@@ -65,7 +67,8 @@ static std::unique_ptr<unsigned char[]> read_file(const char *path, uint64_t siz
     return bytes;
 }
 
-static void bare_loop(const core_endpoint &ep, unsigned char *bytes, uint64_t size)
+// `file` of -1: the bytes are in memory already; otherwise each chunk is read from the file first.
+static void bare_loop(const core_endpoint &ep, unsigned char *bytes, uint64_t size, int file)
 {
     const auto move = [&ep](unsigned char address, unsigned char *data, int length) {
         int moved = 0;
@@ -79,8 +82,12 @@ static void bare_loop(const core_endpoint &ep, unsigned char *bytes, uint64_t si
             fail("empty packet");
         libusb_release_interface(ep.handle, ep.interface);
     };
-    for (uint64_t offset = 0; offset < size; offset += payload)
-        move(ep.out_endpoint, bytes + offset, payload);
+    for (uint64_t offset = 0; offset < size; offset += payload) {
+        unsigned char *const chunk = file < 0 ? bytes + offset : bytes;
+        if (file >= 0 && pread(file, chunk, payload, static_cast<off_t>(offset)) != payload)
+            fail("read");
+        move(ep.out_endpoint, chunk, payload);
+    }
     unsigned char answer[1024] = {};
     move(ep.in_endpoint, answer, sizeof answer);
 }
@@ -103,19 +110,24 @@ int main(int argc, char **argv)
     img.sector_size_in_bytes = sector;
     if (firehose_open(&m, &device) != CORE_OK)
         fail("no device");
-    for (int i = 0; i < atoi(argv[2]); ++i) {
+    const int file = open(argv[1], O_RDONLY | O_CLOEXEC);
+    const auto round = [&](auto work) {
         if (send_command(&device, &img, false) != CORE_OK)
             fail("program request");
-        const measured ours = measure(size, [&] {
+        return measure(size, work);
+    };
+    for (int i = 0; i < atoi(argv[2]); ++i) {
+        const measured ours = round([&] {
             if (send_binary(&device, payload, sector, argv[1]) != CORE_OK)
                 fail("send_binary");
         });
-        if (send_command(&device, &img, false) != CORE_OK)
-            fail("program request");
-        const measured bare = measure(size, [&] { bare_loop(device.endpoint, bytes.get(), size); });
-        printf("%.1f %.1f %.1f %.1f\n", ours.rate, bare.rate, ours.processor_ms, bare.processor_ms);
+        const measured bare = round([&] { bare_loop(device.endpoint, bytes.get(), size, -1); });
+        const measured reading = round([&] { bare_loop(device.endpoint, bytes.get(), size, file); });
+        printf("%.1f %.1f %.1f %.1f %.1f %.1f\n", ours.rate, bare.rate, reading.rate, ours.processor_ms,
+               bare.processor_ms, reading.processor_ms);
         fflush(stdout);
     }
+    close(file);
     firehose_close(&device);
     return 0;
 }
