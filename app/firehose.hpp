@@ -57,7 +57,8 @@ int send_nop(firehose_device *device);
 // Formats the configure request; its length, -1 on failure.
 int get_config_xml(owned_text *out, uint32_t payload, const char *memory_name);
 // Proposes `*payload`; a NAK that tells what the programmer supports is taken as a counter-offer and stored
-// in `*payload`. 0, CORE_EGENERIC, CORE_ENOMEM, CORE_EPROTO (a counter-offer of 0 or above 1 GiB) or a write's error.
+// in `*payload`. 0, CORE_EGENERIC, CORE_ENOMEM, CORE_EPROTO (a counter-offer of 0 or above 1 GiB) or a
+// write's error.
 int send_config(firehose_device *device, uint32_t *payload);
 // Sends the power reset and waits for its answer. 0, whatever that is, or the write's error.
 int send_reset(firehose_device *device, bool wait_for_bsp_target_reset);

@@ -56,11 +56,24 @@ int trigger_edl_mode(const modem *m)
     return 0;
 }
 
+// The kernel's driver makes the port a moment after the device is on the bus, later where it is loaded first.
+// A port that never comes is reported by who opens it.
+static void await_download_port()
+{
+    for (int i = 0; i < timeouts::download_port_tries && keep_running != 0; ++i) {
+        if (access(download_port, F_OK) == 0)
+            return;
+        core_sleep(timeouts::download_port_pause);
+    }
+}
+
 // Where the platform tells of no arrivals: looks for the download device in sysfs.
 static int find_download_device(modem *m)
 {
     const bool found =
         wait_for_usb_device(QDL_VENDOR_TEXT, QDL_PRODUCT_TEXT, timeouts::download_device_tries);
+    if (found)
+        await_download_port();
     if (keep_running == 0)
         return CORE_ECANCELED;
     if (!found) {

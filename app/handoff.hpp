@@ -2,8 +2,8 @@
 // programmer and has Firehose write the images.
 //
 // In: the modem array, the package, `options`. Out: the result of the run. Waits: up to 30 s for an event or
-// 20 looks a second apart for the download device; a Sahara upload that asks to be repeated is repeated every
-// 2 s without limit. SIGINT ends each.
+// 20 looks a second apart for the download device, then 5 s for its port; a Sahara upload that asks to be
+// repeated is repeated every 2 s without limit. SIGINT ends each.
 #pragma once
 
 #include "modem.hpp"

@@ -9,6 +9,8 @@ constexpr int scan_calls = 16;
 constexpr int download_device_event = 30000;
 constexpr int download_device_tries = 20; // one a second
 constexpr unsigned download_device_pause = 1000;
+constexpr int download_port_tries = 50;
+constexpr unsigned download_port_pause = 100;
 constexpr unsigned sahara_retry_pause = 2000;
 
 // AT

@@ -1,5 +1,5 @@
-// Throughput of the Firehose data phase over a pseudo-terminal, beside a plain loop that writes the same chunks
-// to the same peer.
+// Throughput of the Firehose data phase over a pseudo-terminal, beside a plain loop that writes the same
+// chunks to the same peer.
 //
 // usage: firehose-bench FILE ROUNDS
 // Prints a line per round: MiB/s of send_binary, MiB/s of the plain loop.
@@ -53,7 +53,8 @@ static int open_terminal(int *slave)
     if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0)
         fail("posix_openpt");
     const char *const path = ptsname(master);
-    if (path == nullptr || core_device_open(path, slave) != CORE_OK || core_device_set_raw_mode(*slave) != CORE_OK)
+    if (path == nullptr || core_device_open(path, slave) != CORE_OK ||
+        core_device_set_raw_mode(*slave) != CORE_OK)
         fail("pseudo-terminal");
     return master;
 }

@@ -21,7 +21,8 @@ static constexpr std::array<at_row, 7> built_in = {{
     {"AT#SWPKGV", "\r\n49.01.102-B002-P0A.000200\r\n49.01.102\r\nP0A.000200\r\nA.00.02\r\n\r\nOK\r\n"},
 }};
 
-static std::string capitals(std::string_view text) {
+static std::string capitals(std::string_view text)
+{
     std::string out(text);
     for (char &c : out)
         if (c >= 'a' && c <= 'z')
@@ -29,7 +30,8 @@ static std::string capitals(std::string_view text) {
     return out;
 }
 
-std::optional<std::string> find_at_answer(const std::vector<at_answer> &own, std::string_view command) {
+std::optional<std::string> find_at_answer(const std::vector<at_answer> &own, std::string_view command)
+{
     const std::string wanted = capitals(command);
     const auto fits = [&wanted](const at_answer &it) { return capitals(it.first) == wanted; };
     const auto mine = std::find_if(own.rbegin(), own.rend(), fits);
@@ -39,12 +41,14 @@ std::optional<std::string> find_at_answer(const std::vector<at_answer> &own, std
     return row == built_in.end() ? std::nullopt : std::optional<std::string>(row->answer);
 }
 
-std::string at_command_word(std::string_view command) {
+std::string at_command_word(std::string_view command)
+{
     return capitals(command.substr(0, command.find_first_of("=?")));
 }
 
 // One byte after a backslash; `rest` loses what was read.
-static std::optional<char> unescape(std::string_view &rest) {
+static std::optional<char> unescape(std::string_view &rest)
+{
     if (rest.empty())
         return std::nullopt;
     const char letter = rest.front();
@@ -65,7 +69,8 @@ static std::optional<char> unescape(std::string_view &rest) {
     return static_cast<char>(value);
 }
 
-std::optional<at_answer> parse_at_answer(std::string_view text) {
+std::optional<at_answer> parse_at_answer(std::string_view text)
+{
     const size_t equals = text.find('=');
     if (equals == std::string_view::npos || equals == 0)
         return std::nullopt;

@@ -6,7 +6,8 @@
 
 namespace sim {
 
-inline uint64_t monotonic_us() {
+inline uint64_t monotonic_us()
+{
     struct timespec now {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;

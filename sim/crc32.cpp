@@ -8,7 +8,8 @@ namespace sim {
 // data phase of a large image down.
 using table = std::array<uint32_t, 256>;
 
-static constexpr std::array<table, 8> make_tables() {
+static constexpr std::array<table, 8> make_tables()
+{
     std::array<table, 8> tables{};
     for (uint32_t i = 0; i < 256; i++) {
         uint32_t crc = i;
@@ -24,7 +25,8 @@ static constexpr std::array<table, 8> make_tables() {
 
 static constexpr auto tables = make_tables();
 
-void crc32::update(view bytes) {
+void crc32::update(view bytes)
+{
     uint32_t crc = state_;
     while (bytes.size() >= 8) {
         const uint32_t low = crc ^ read_le32(bytes, 0);

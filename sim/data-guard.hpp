@@ -15,7 +15,9 @@ namespace sim {
 class data_guard {
   public:
     data_guard(std::string_view step, fault_plan &faults, outbox &out, transcript &log)
-        : step_(step), faults_(faults), out_(out), log_(log), planned_(faults.on_data(step)) {}
+        : step_(step), faults_(faults), out_(out), log_(log), planned_(faults.on_data(step))
+    {
+    }
 
     // How many more data bytes may be taken.
     uint64_t limit() const { return struck_ ? 0 : planned_ ? planned_->at - taken_ : UINT64_MAX; }
@@ -23,12 +25,14 @@ class data_guard {
     bool struck() const { return struck_; }
 
     // `bytes` (never more than limit()) were taken.
-    void take(uint64_t bytes) {
+    void take(uint64_t bytes)
+    {
         taken_ += bytes;
         check();
     }
     // Data are expected from now on: a fault at 0 bytes strikes here.
-    void check() {
+    void check()
+    {
         if (!planned_ || struck_ || taken_ < planned_->at)
             return;
         struck_ = true;

@@ -12,13 +12,17 @@ static constexpr std::array<const char *, 4> stage_names = {"normal", "sahara", 
 
 device::device(settings wanted, transcript &log)
     : wanted_(std::move(wanted)), log_(log), faults_(wanted_.faults), out_(wanted_.how, faults_, log_),
-      store_(wanted_.flash, wanted_.discard), bench_{wanted_, faults_, log_, out_, store_} {}
+      store_(wanted_.flash, wanted_.discard), bench_{wanted_, faults_, log_, out_, store_}
+{
+}
 
-const char *device::stage_name() const {
+const char *device::stage_name() const
+{
     return stage_names[static_cast<size_t>(stage_)];
 }
 
-bool device::start() {
+bool device::start()
+{
     if (!store_.prepare()) {
         end(ending::system_error, "system error", store_.error());
         return false;
@@ -27,7 +31,8 @@ bool device::start() {
     return true;
 }
 
-std::unique_ptr<engine> device::make_engine(stage which) {
+std::unique_ptr<engine> device::make_engine(stage which)
+{
     if (which == stage::normal)
         return std::make_unique<normal_engine>(bench_);
     if (which == stage::sahara)
@@ -35,7 +40,8 @@ std::unique_ptr<engine> device::make_engine(stage which) {
     return std::make_unique<firehose_engine>(bench_);
 }
 
-void device::enter(stage next, uint32_t delay_ms) {
+void device::enter(stage next, uint32_t delay_ms)
+{
     stage_ = next;
     log_.set_stage(stage_name());
     log_.event("stage");
@@ -43,11 +49,13 @@ void device::enter(stage next, uint32_t delay_ms) {
     engine_->begin(delay_ms);
 }
 
-uint64_t device::input_limit() const {
+uint64_t device::input_limit() const
+{
     return ended() ? UINT64_MAX : engine_->input_limit();
 }
 
-void device::receive(view bytes) {
+void device::receive(view bytes)
+{
     while (!bytes.empty() && !ended()) {
         const size_t used = engine_->receive(bytes);
         if (engine_->state() == progress::busy && engine_->input_limit() == 0)
@@ -59,14 +67,16 @@ void device::receive(view bytes) {
         log_.received("after_end", bytes.size());
 }
 
-void device::settled() {
+void device::settled()
+{
     if (ended())
         return;
     engine_->settled();
     follow();
 }
 
-void device::follow() {
+void device::follow()
+{
     switch (engine_->state()) {
     case progress::busy:
         return;
@@ -81,14 +91,16 @@ void device::follow() {
     }
 }
 
-void device::complete_stage() {
+void device::complete_stage()
+{
     if (stage_ == wanted_.until && !wanted_.stay)
         return end(ending::complete, "complete");
     static constexpr std::array<stage, 3> following = {stage::sahara, stage::firehose, stage::normal};
     enter(following[static_cast<size_t>(stage_)], engine_->next_delay_ms());
 }
 
-void device::end(ending how, const char *reason, const std::string &trouble) {
+void device::end(ending how, const char *reason, const std::string &trouble)
+{
     how_ = how;
     trouble_ = trouble;
     stage_ = stage::ended;

@@ -57,11 +57,13 @@ class engine {
 
   protected:
     void finish(progress how) { state_ = how; }
-    void blame_host(std::string what) {
+    void blame_host(std::string what)
+    {
         trouble_ = std::move(what);
         state_ = progress::host_error;
     }
-    bool stored(bool good) {
+    bool stored(bool good)
+    {
         if (!good) {
             trouble_ = bench_.store.error();
             state_ = progress::system_error;

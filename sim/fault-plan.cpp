@@ -25,14 +25,15 @@ static constexpr std::array<kind_row, 10> kinds = {{
     {"halt", fault_kind::halt},
 }};
 
-static constexpr unsigned bit(fault_kind kind) {
+static constexpr unsigned bit(fault_kind kind)
+{
     return 1U << static_cast<unsigned>(kind);
 }
 
 static constexpr unsigned no_answer =
     bit(fault_kind::silence) | bit(fault_kind::skip) | bit(fault_kind::hangup) | bit(fault_kind::late);
-static constexpr unsigned any_message =
-    no_answer | bit(fault_kind::halt) | bit(fault_kind::garbage) | bit(fault_kind::truncate) | bit(fault_kind::repeat);
+static constexpr unsigned any_message = no_answer | bit(fault_kind::halt) | bit(fault_kind::garbage) |
+                                        bit(fault_kind::truncate) | bit(fault_kind::repeat);
 static constexpr unsigned any_answer = any_message | bit(fault_kind::nak);
 static constexpr unsigned on_input = bit(fault_kind::hangup) | bit(fault_kind::stall) | bit(fault_kind::halt);
 
@@ -62,7 +63,8 @@ static constexpr std::array<step_row, 18> steps = {{
     {"firehose.target-reset", any_answer},
 }};
 
-static std::optional<unsigned> allowed_at(std::string_view step) {
+static std::optional<unsigned> allowed_at(std::string_view step)
+{
     if (step.starts_with("at.") && step.size() > 3)
         return any_answer;
     const auto row = std::ranges::find(steps, step, &step_row::name);
@@ -70,7 +72,8 @@ static std::optional<unsigned> allowed_at(std::string_view step) {
 }
 
 // KIND[:VALUE], where late needs a value and truncate may have one.
-static std::string parse_kind(std::string_view text, fault &out) {
+static std::string parse_kind(std::string_view text, fault &out)
+{
     const size_t colon = text.find(':');
     const auto row = std::ranges::find(kinds, text.substr(0, colon), &kind_row::name);
     if (row == kinds.end())
@@ -87,7 +90,8 @@ static std::string parse_kind(std::string_view text, fault &out) {
     return "";
 }
 
-static std::string parse_time(std::string_view text, fault &out) {
+static std::string parse_time(std::string_view text, fault &out)
+{
     if (text == "all") {
         out.every_time = true;
         return "";
@@ -99,7 +103,8 @@ static std::string parse_time(std::string_view text, fault &out) {
     return "";
 }
 
-static std::string check_place(const fault &it, bool has_time) {
+static std::string check_place(const fault &it, bool has_time)
+{
     const auto allowed = allowed_at(it.step);
     if (!allowed)
         return "unknown step";
@@ -113,7 +118,8 @@ static std::string check_place(const fault &it, bool has_time) {
     return "";
 }
 
-std::string parse_fault(std::string_view text, fault &out) {
+std::string parse_fault(std::string_view text, fault &out)
+{
     const size_t equals = text.find('=');
     if (equals == std::string_view::npos)
         return "STEP=KIND expected";
@@ -128,11 +134,13 @@ std::string parse_fault(std::string_view text, fault &out) {
     return wrong.empty() ? check_place(out, has_time) : wrong;
 }
 
-std::string_view fault_name(fault_kind kind) {
+std::string_view fault_name(fault_kind kind)
+{
     return std::ranges::find(kinds, kind, &kind_row::kind)->name;
 }
 
-std::optional<fault> fault_plan::strike(std::string_view step) {
+std::optional<fault> fault_plan::strike(std::string_view step)
+{
     auto found = times_.find(step);
     if (found == times_.end())
         found = times_.emplace(std::string(step), 0).first;
@@ -143,12 +151,14 @@ std::optional<fault> fault_plan::strike(std::string_view step) {
     return std::nullopt;
 }
 
-std::optional<fault> fault_plan::on_data(std::string_view step) const {
+std::optional<fault> fault_plan::on_data(std::string_view step) const
+{
     const auto found = std::ranges::find(faults_, step, &fault::step);
     return found == faults_.end() ? std::nullopt : std::optional<fault>(*found);
 }
 
-void fault_plan::forget_data(std::string_view step) {
+void fault_plan::forget_data(std::string_view step)
+{
     std::erase_if(faults_, [step](const fault &it) { return it.step == step; });
 }
 

@@ -12,16 +12,20 @@ static constexpr uint64_t most_sectors = INT32_MAX;
 static const std::string ack = "<response value=\"ACK\" />";
 static const std::string nak = "<response value=\"NAK\" />";
 
-static std::string chunk(const std::string &element) {
+static std::string chunk(const std::string &element)
+{
     return "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<data>\n" + element + "\n</data>";
 }
 
 static constexpr size_t other_row = 7;
 
 firehose_engine::firehose_engine(workbench &bench)
-    : engine(bench), guard_("firehose.data-in", bench.faults, bench.out, bench.log) {}
+    : engine(bench), guard_("firehose.data-in", bench.faults, bench.out, bench.log)
+{
+}
 
-void firehose_engine::begin(uint32_t) {
+void firehose_engine::begin(uint32_t)
+{
     request_.clear();
     searched_ = 0;
     complete_ = false;
@@ -31,7 +35,8 @@ void firehose_engine::begin(uint32_t) {
     say_logs(bench_.wanted.log_start);
 }
 
-const firehose_engine::element_row &firehose_engine::row_of(const std::string &element) const {
+const firehose_engine::element_row &firehose_engine::row_of(const std::string &element) const
+{
     using self = firehose_engine;
     static const std::array<element_row, other_row + 1> rows = {{
         {"nop", "firehose.nop", false, &self::acknowledge},
@@ -47,13 +52,15 @@ const firehose_engine::element_row &firehose_engine::row_of(const std::string &e
     return found == rows.end() ? rows[other_row] : *found;
 }
 
-uint64_t firehose_engine::input_limit() const {
+uint64_t firehose_engine::input_limit() const
+{
     if (guard_.struck())
         return 0;
     return in_data_ ? guard_.limit() : UINT64_MAX;
 }
 
-size_t firehose_engine::receive(view bytes) {
+size_t firehose_engine::receive(view bytes)
+{
     size_t used = 0;
     while (used < bytes.size() && state() == progress::busy) {
         const view rest = bytes.subspan(used);
@@ -65,7 +72,8 @@ size_t firehose_engine::receive(view bytes) {
     return used;
 }
 
-size_t firehose_engine::take_request_bytes(view bytes) {
+size_t firehose_engine::take_request_bytes(view bytes)
+{
     if (complete_) {
         const bool line_feed = bytes.front() == '\n';
         if (line_feed)
@@ -88,7 +96,8 @@ size_t firehose_engine::take_request_bytes(view bytes) {
 
 // A host that missed the DONE response still talks to the boot loader and
 // resets it: an 8-byte packet with command 7.
-size_t firehose_engine::take_late_reset(view bytes) {
+size_t firehose_engine::take_late_reset(view bytes)
+{
     static constexpr std::array<uint8_t, 8> packet = {7, 0, 0, 0, 8, 0, 0, 0};
     if (!std::ranges::equal(bytes, packet)) {
         blame_host("bytes that are no request");
@@ -99,7 +108,8 @@ size_t firehose_engine::take_late_reset(view bytes) {
     return bytes.size();
 }
 
-void firehose_engine::find_end() {
+void firehose_engine::find_end()
+{
     const size_t from = searched_ < 8 ? 0 : searched_ - 8;
     if (const auto length = request_length(std::string_view(request_).substr(from))) {
         request_.resize(from + *length);
@@ -115,13 +125,15 @@ void firehose_engine::find_end() {
         blame_host("request without an end");
 }
 
-void firehose_engine::settled() {
+void firehose_engine::settled()
+{
     if (complete_ && state() == progress::busy)
         handle_request();
 }
 
 // The element and those of its attributes that matter.
-static json_members described(const firehose_request &request) {
+static json_members described(const firehose_request &request)
+{
     static constexpr std::array<std::string_view, 5> attributes = {
         "SECTOR_SIZE_IN_BYTES", "num_partition_sectors", "MaxPayloadSizeToTargetInBytes", "label", "value"};
     json_members fields;
@@ -132,7 +144,8 @@ static json_members described(const firehose_request &request) {
     return fields;
 }
 
-void firehose_engine::handle_request() {
+void firehose_engine::handle_request()
+{
     const std::string text = std::move(request_);
     request_.clear();
     searched_ = 0;
@@ -152,12 +165,14 @@ void firehose_engine::handle_request() {
     (this->*row.handle)(*request, row);
 }
 
-void firehose_engine::acknowledge(const firehose_request &request, const element_row &row) {
+void firehose_engine::acknowledge(const firehose_request &request, const element_row &row)
+{
     const bool good = !request.element.empty();
     answer(row.step, good ? "ack" : "nak", good ? ack : nak);
 }
 
-void firehose_engine::configure(const firehose_request &request, const element_row &row) {
+void firehose_engine::configure(const firehose_request &request, const element_row &row)
+{
     const auto asked = number_attribute(request.line, "MaxPayloadSizeToTargetInBytes", UINT32_MAX);
     const auto &offer = bench_.wanted.payload;
     if (!asked)
@@ -170,7 +185,8 @@ void firehose_engine::configure(const firehose_request &request, const element_r
                    "\" />");
 }
 
-void firehose_engine::program(const firehose_request &request, const element_row &row) {
+void firehose_engine::program(const firehose_request &request, const element_row &row)
+{
     const auto size = number_attribute(request.line, "SECTOR_SIZE_IN_BYTES", UINT32_MAX);
     const auto sectors = number_attribute(request.line, "num_partition_sectors", most_sectors);
     if (!size || !sectors) {
@@ -188,7 +204,8 @@ void firehose_engine::program(const firehose_request &request, const element_row
     guard_.check();
 }
 
-size_t firehose_engine::take_data(view bytes) {
+size_t firehose_engine::take_data(view bytes)
+{
     const uint64_t most = std::min(data_left_, guard_.limit());
     const auto size = static_cast<size_t>(std::min<uint64_t>(bytes.size(), most));
     if (!stored(bench_.store.write_image(bytes.first(size))))
@@ -200,7 +217,8 @@ size_t firehose_engine::take_data(view bytes) {
     return size;
 }
 
-void firehose_engine::finish_data() {
+void firehose_engine::finish_data()
+{
     in_data_ = false;
     if (!stored(bench_.store.close_image()))
         return;
@@ -211,7 +229,8 @@ void firehose_engine::finish_data() {
     answer("firehose.data", "ack", ack);
 }
 
-void firehose_engine::power(const firehose_request &request, const element_row &row) {
+void firehose_engine::power(const firehose_request &request, const element_row &row)
+{
     const bool resets = attribute(request.line, "value") == "reset";
     const posted sent = answer(resets ? row.step : "firehose.other", "ack", ack);
     if (!resets || sent == posted::refused)
@@ -221,28 +240,33 @@ void firehose_engine::power(const firehose_request &request, const element_row &
     finish(progress::done);
 }
 
-void firehose_engine::storage_info(const firehose_request &, const element_row &row) {
+void firehose_engine::storage_info(const firehose_request &, const element_row &row)
+{
     for (const std::string &value : bench_.wanted.otp)
         say_log(row.step, value);
     answer(row.step, "ack", ack);
 }
 
-posted firehose_engine::say(std::string_view step, std::string_view kind, const std::string &element) {
+posted firehose_engine::say(std::string_view step, std::string_view kind, const std::string &element)
+{
     const std::string text = chunk(element);
     return bench_.out.post({std::string(step), std::string(kind), to_octets(text), to_octets(chunk(nak)),
                             json_members().text("text", text), 0});
 }
 
-void firehose_engine::say_log(std::string_view step, const std::string &value) {
+void firehose_engine::say_log(std::string_view step, const std::string &value)
+{
     say(step, "log", "<log value=\"" + value + "\"/>");
 }
 
-void firehose_engine::say_logs(uint32_t count) {
+void firehose_engine::say_logs(uint32_t count)
+{
     for (uint32_t i = 1; i <= count; i++)
         say_log("firehose.log", "INFO: programmer line " + std::to_string(i));
 }
 
-posted firehose_engine::answer(std::string_view step, std::string_view kind, const std::string &text) {
+posted firehose_engine::answer(std::string_view step, std::string_view kind, const std::string &text)
+{
     say_logs(bench_.wanted.log_before);
     const posted sent = say(step, kind, text);
     say_logs(bench_.wanted.log_after);

@@ -10,12 +10,14 @@ static constexpr std::string_view frame_start = "<data>";
 static constexpr std::string_view frame_end = "</data>";
 static constexpr std::string_view blanks = " \t\r\n";
 
-std::optional<size_t> request_length(std::string_view text) {
+std::optional<size_t> request_length(std::string_view text)
+{
     const size_t end = text.find(frame_end);
     return end == std::string_view::npos ? std::nullopt : std::optional<size_t>(end + frame_end.size());
 }
 
-static std::string_view element_line(std::string_view frame) {
+static std::string_view element_line(std::string_view frame)
+{
     const size_t start = frame.find('<');
     if (start == std::string_view::npos)
         return {};
@@ -23,7 +25,8 @@ static std::string_view element_line(std::string_view frame) {
     return end == std::string_view::npos ? std::string_view() : frame.substr(start, end + 1 - start);
 }
 
-std::optional<firehose_request> parse_request(std::string_view text) {
+std::optional<firehose_request> parse_request(std::string_view text)
+{
     const size_t start = text.find(frame_start);
     const size_t end = text.find(frame_end);
     if (!text.starts_with("<?xml") || start == std::string_view::npos || end == std::string_view::npos ||
@@ -37,12 +40,14 @@ std::optional<firehose_request> parse_request(std::string_view text) {
     return out;
 }
 
-static std::string_view skip_blanks(std::string_view text) {
+static std::string_view skip_blanks(std::string_view text)
+{
     const size_t first = text.find_first_not_of(blanks);
     return first == std::string_view::npos ? std::string_view() : text.substr(first);
 }
 
-std::optional<std::string_view> attribute(std::string_view line, std::string_view name) {
+std::optional<std::string_view> attribute(std::string_view line, std::string_view name)
+{
     std::string_view rest = line.substr(std::min(line.find_first_of(blanks), line.size()));
     while (!(rest = skip_blanks(rest)).empty()) {
         const size_t quote = rest.find("=\"");
@@ -58,7 +63,8 @@ std::optional<std::string_view> attribute(std::string_view line, std::string_vie
     return std::nullopt;
 }
 
-std::optional<uint64_t> number_attribute(std::string_view line, std::string_view name, uint64_t max) {
+std::optional<uint64_t> number_attribute(std::string_view line, std::string_view name, uint64_t max)
+{
     const auto value = attribute(line, name);
     return value ? parse_number(*value, max) : std::nullopt;
 }

@@ -13,7 +13,8 @@ namespace sim {
 static const std::string programmer_name = "programmer.bin";
 
 // Element names come from the host: only harmless characters reach a file name.
-static std::string harmless(std::string_view element) {
+static std::string harmless(std::string_view element)
+{
     std::string name;
     for (const char c : element.substr(0, 32)) {
         const bool plain =
@@ -23,7 +24,8 @@ static std::string harmless(std::string_view element) {
     return name.empty() ? "unknown" : name;
 }
 
-static bool write_all(int fd, view bytes) {
+static bool write_all(int fd, view bytes)
+{
     while (!bytes.empty()) {
         const ssize_t done = ::write(fd, bytes.data(), bytes.size());
         if (done < 0 && errno == EINTR)
@@ -35,12 +37,14 @@ static bool write_all(int fd, view bytes) {
     return true;
 }
 
-bool flash_store::failed(const std::string &name) {
+bool flash_store::failed(const std::string &name)
+{
     error_ = folder_ + (name.empty() ? "" : "/" + name) + ": " + std::strerror(errno);
     return false;
 }
 
-bool flash_store::prepare() {
+bool flash_store::prepare()
+{
     if (folder_.empty())
         return true;
     struct stat status {};
@@ -55,23 +59,27 @@ bool flash_store::prepare() {
     return true;
 }
 
-std::string flash_store::numbered(std::string_view element, std::string_view suffix) const {
+std::string flash_store::numbered(std::string_view element, std::string_view suffix) const
+{
     char number[16];
     std::snprintf(number, sizeof number, "%03u-", requests_ == 0 ? 0 : requests_ - 1);
     return number + harmless(element) + std::string(suffix);
 }
 
-bool flash_store::create(descriptor &file, const std::string &name) {
+bool flash_store::create(descriptor &file, const std::string &name)
+{
     const std::string path = folder_ + "/" + name;
     file.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
     return file.open() || failed(name);
 }
 
-bool flash_store::close(descriptor &file, const std::string &name) {
+bool flash_store::close(descriptor &file, const std::string &name)
+{
     return file.reset() == 0 || failed(name);
 }
 
-bool flash_store::keep_request(std::string_view element, std::string_view text) {
+bool flash_store::keep_request(std::string_view element, std::string_view text)
+{
     requests_++;
     if (folder_.empty())
         return true;
@@ -85,13 +93,15 @@ bool flash_store::keep_request(std::string_view element, std::string_view text) 
     return close(file, name);
 }
 
-bool flash_store::open_image() {
+bool flash_store::open_image()
+{
     image_size_ = 0;
     image_crc_.reset();
     return !keeps_data() || create(image_, numbered("program", ".bin"));
 }
 
-bool flash_store::write_image(view bytes) {
+bool flash_store::write_image(view bytes)
+{
     image_size_ += bytes.size();
     if (discard_)
         return true;
@@ -101,19 +111,23 @@ bool flash_store::write_image(view bytes) {
     return failed(numbered("program", ".bin"));
 }
 
-bool flash_store::close_image() {
+bool flash_store::close_image()
+{
     return close(image_, numbered("program", ".bin"));
 }
 
-std::optional<uint32_t> flash_store::image_crc() const {
+std::optional<uint32_t> flash_store::image_crc() const
+{
     return discard_ ? std::nullopt : std::optional<uint32_t>(image_crc_.value());
 }
 
-bool flash_store::open_programmer() {
+bool flash_store::open_programmer()
+{
     return !keeps_data() || create(programmer_, programmer_name);
 }
 
-bool flash_store::write_programmer(uint64_t offset, view bytes) {
+bool flash_store::write_programmer(uint64_t offset, view bytes)
+{
     if (!programmer_.open())
         return true;
     while (!bytes.empty()) {
@@ -129,7 +143,8 @@ bool flash_store::write_programmer(uint64_t offset, view bytes) {
     return true;
 }
 
-bool flash_store::close_programmer() {
+bool flash_store::close_programmer()
+{
     return close(programmer_, programmer_name);
 }
 

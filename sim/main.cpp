@@ -22,14 +22,16 @@ constexpr int exit_usage = 2;
 
 int stop_pipe[2] = {-1, -1}; // a signal handler can reach nothing but globals
 
-void ask_to_stop(int) {
+void ask_to_stop(int)
+{
     const int saved = errno;
     const ssize_t ignored = write(stop_pipe[1], "", 1);
     static_cast<void>(ignored);
     errno = saved;
 }
 
-bool catch_signals() {
+bool catch_signals()
+{
     if (pipe2(stop_pipe, O_CLOEXEC | O_NONBLOCK) != 0)
         return false;
     struct sigaction action {};
@@ -37,27 +39,32 @@ bool catch_signals() {
     return sigaction(SIGTERM, &action, nullptr) == 0 && sigaction(SIGINT, &action, nullptr) == 0;
 }
 
-int complain(int status, const std::string &text) {
+int complain(int status, const std::string &text)
+{
     std::fprintf(stderr, "kestrel-sim: %s\n", text.c_str());
     return status;
 }
 
-int system_error(const std::string &what) {
+int system_error(const std::string &what)
+{
     return complain(exit_system_error, what + ": " + std::strerror(errno));
 }
 
 // Where the modem can be reached; whoever started the program waits for it.
-void announce(const std::string &place) {
+void announce(const std::string &place)
+{
     std::printf("%s\n", place.c_str());
     std::fflush(stdout);
 }
 
-int result_status(const sim::served &result) {
+int result_status(const sim::served &result)
+{
     const int status = static_cast<int>(result.how);
     return status == 0 ? 0 : complain(status, result.trouble);
 }
 
-int run_on_usb(const sim::program_options &options, sim::device &modem, sim::transcript &log) {
+int run_on_usb(const sim::program_options &options, sim::device &modem, sim::transcript &log)
+{
     sim::vhci_port port(options.usb.first_port);
     if (!port.plug_in())
         return complain(exit_system_error, port.error());
@@ -67,7 +74,8 @@ int run_on_usb(const sim::program_options &options, sim::device &modem, sim::tra
     return result_status(sim::serve_usb(modem, port, options.usb, options.limits, log, stop_pipe[0]));
 }
 
-int run_on_pty(const sim::program_options &options, sim::device &modem) {
+int run_on_pty(const sim::program_options &options, sim::device &modem)
+{
     sim::pty_port port;
     if (!port.open())
         return complain(exit_system_error, port.error());
@@ -80,7 +88,8 @@ int run_on_pty(const sim::program_options &options, sim::device &modem) {
     return result_status(sim::serve(modem, port, options.limits, stop_pipe[0]));
 }
 
-int run(const sim::program_options &options) {
+int run(const sim::program_options &options)
+{
     sim::transcript log;
     if (!options.transcript.empty() && !log.open(options.transcript))
         return system_error(options.transcript);
@@ -92,7 +101,8 @@ int run(const sim::program_options &options) {
 
 } // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char **argv)
+{
     sim::program_options options;
     const std::string wrong = sim::parse_options(argc, argv, options);
     if (!wrong.empty())

@@ -14,12 +14,14 @@ static constexpr uint8_t closing_flag = 0x7E;
 // Subsystem 101, command 1, with its frame check sequence (RFC 1662).
 static const octets download_frame = {0x4B, 0x65, 0x01, 0x00, 0x54, 0x0F, 0x7E};
 
-void normal_engine::begin(uint32_t) {
+void normal_engine::begin(uint32_t)
+{
     input_.clear();
     echo_ = true;
 }
 
-size_t normal_engine::receive(view bytes) {
+size_t normal_engine::receive(view bytes)
+{
     size_t used = 0;
     while (used < bytes.size() && state() == progress::busy) {
         const uint8_t byte = bytes[used++];
@@ -28,7 +30,8 @@ size_t normal_engine::receive(view bytes) {
     return used;
 }
 
-void normal_engine::take_first(uint8_t byte) {
+void normal_engine::take_first(uint8_t byte)
+{
     if (byte == '\r' || byte == '\n' || byte == ' ')
         return;
     if (byte != 'A' && byte != 'a' && byte != subsystem_dispatch)
@@ -36,7 +39,8 @@ void normal_engine::take_first(uint8_t byte) {
     input_.push_back(byte);
 }
 
-void normal_engine::take(uint8_t byte) {
+void normal_engine::take(uint8_t byte)
+{
     const bool frame = input_.front() == subsystem_dispatch;
     input_.push_back(byte);
     if (frame && byte == closing_flag)
@@ -50,7 +54,8 @@ void normal_engine::take(uint8_t byte) {
         blame_host(frame ? "DIAG frame without an end" : "AT command without an end");
 }
 
-void normal_engine::answer_command(const std::string &command) {
+void normal_engine::answer_command(const std::string &command)
+{
     bench_.log.received("at", command.size() + 1, json_members().text("command", command));
     const std::string word = at_command_word(command);
     if (!word.starts_with("AT"))
@@ -67,7 +72,8 @@ void normal_engine::answer_command(const std::string &command) {
         {"at." + word, "at", to_octets(whole), to_octets(refusal), json_members().text("text", whole), 0});
 }
 
-void normal_engine::take_frame() {
+void normal_engine::take_frame()
+{
     const octets frame = std::move(input_);
     input_.clear();
     const bool known = frame == download_frame;
@@ -78,7 +84,8 @@ void normal_engine::take_frame() {
 }
 
 // The switch has no answer: its faults change what becomes of the device.
-void normal_engine::switch_to_download() {
+void normal_engine::switch_to_download()
+{
     const auto struck = bench_.faults.strike("diag");
     if (!struck)
         return finish(progress::done);

@@ -26,7 +26,8 @@ template <typename T> struct choice {
 };
 
 template <typename T, size_t N>
-static std::string choose(T &out, const std::array<choice<T>, N> &choices, std::string_view text) {
+static std::string choose(T &out, const std::array<choice<T>, N> &choices, std::string_view text)
+{
     const auto found = std::ranges::find(choices, text, &choice<T>::name);
     if (found == choices.end())
         return bad_value;
@@ -34,7 +35,8 @@ static std::string choose(T &out, const std::array<choice<T>, N> &choices, std::
     return "";
 }
 
-template <typename T> static std::string number(T &out, const char *text, uint64_t min, uint64_t max) {
+template <typename T> static std::string number(T &out, const char *text, uint64_t min, uint64_t max)
+{
     const auto value = parse_number(text, max);
     if (!value || *value < min)
         return bad_value;
@@ -43,7 +45,8 @@ template <typename T> static std::string number(T &out, const char *text, uint64
 }
 
 // Seconds with at most three decimals, as milliseconds.
-static std::string seconds(uint64_t &out_ms, std::string_view text) {
+static std::string seconds(uint64_t &out_ms, std::string_view text)
+{
     const size_t point = text.find('.');
     const auto whole = parse_number(text.substr(0, point), 1000000);
     std::string decimals(point == std::string_view::npos ? "0" : text.substr(point + 1));
@@ -57,7 +60,8 @@ static std::string seconds(uint64_t &out_ms, std::string_view text) {
     return "";
 }
 
-static std::string add_at_answer(target &out, const char *text) {
+static std::string add_at_answer(target &out, const char *text)
+{
     auto answer = parse_at_answer(text);
     if (!answer)
         return "COMMAND=ANSWER expected, with the escapes \\r \\n \\\\ \\xHH";
@@ -65,7 +69,8 @@ static std::string add_at_answer(target &out, const char *text) {
     return "";
 }
 
-static std::string add_fault(target &out, const char *text) {
+static std::string add_fault(target &out, const char *text)
+{
     fault planned;
     std::string wrong = parse_fault(text, planned);
     if (wrong.empty())
@@ -74,18 +79,21 @@ static std::string add_fault(target &out, const char *text) {
 }
 
 // VID:PID, each in one to four hexadecimal digits.
-static std::string usb_identifier(usb_id &out, std::string_view text) {
+static std::string usb_identifier(usb_id &out, std::string_view text)
+{
     const size_t colon = text.find(':');
     const auto half = [](std::string_view digits, uint16_t &value) {
         const auto [end, wrong] = std::from_chars(digits.data(), digits.data() + digits.size(), value, 16);
-        return wrong == std::errc() && end == digits.data() + digits.size() && digits.size() <= 4 && value != 0;
+        return wrong == std::errc() && end == digits.data() + digits.size() && digits.size() <= 4 &&
+               value != 0;
     };
     const bool good = colon != std::string_view::npos && half(text.substr(0, colon), out.vid) &&
                       half(text.substr(colon + 1), out.pid);
     return good ? "" : "two hexadecimal numbers expected, as in fff0:1001";
 }
 
-static std::string path(std::string &out, const char *text) {
+static std::string path(std::string &out, const char *text)
+{
     out = text;
     return out.empty() ? "a path is needed" : "";
 }
@@ -205,7 +213,8 @@ static const auto rows = std::to_array<option_row>({
 });
 // clang-format on
 
-static std::vector<struct option> getopt_table() {
+static std::vector<struct option> getopt_table()
+{
     std::vector<struct option> table;
     table.reserve(std::size(rows) + 1);
     for (const option_row &row : rows)
@@ -215,7 +224,8 @@ static std::vector<struct option> getopt_table() {
 }
 
 // What the options say together.
-static std::string check_together(const target &options) {
+static std::string check_together(const target &options)
+{
     const settings &device = options.device;
     if (device.start > device.until)
         return "--start lies behind --until";
@@ -234,7 +244,8 @@ static std::string check_together(const target &options) {
     return "";
 }
 
-static std::string complaint(char **argv, int code) {
+static std::string complaint(char **argv, int code)
+{
     const std::string word = argv[optind > 0 ? optind - 1 : 0];
     if (code == ':')
         return "option " + word + " needs a value";
@@ -245,7 +256,8 @@ static std::string complaint(char **argv, int code) {
     return "unknown option " + word;
 }
 
-std::string parse_options(int argc, char **argv, program_options &out) {
+std::string parse_options(int argc, char **argv, program_options &out)
+{
     const auto table = getopt_table();
     optind = 0; // start anew, in tests too
     opterr = 0;
@@ -295,11 +307,11 @@ protocol.
 
 static constexpr size_t help_column = 28;
 
-std::string help_text() {
-    std::string text =
-        "Usage: kestrel-sim [OPTION]...\n"
-        "A simulated modem on a pseudo-terminal, whose path is printed on standard output,\n"
-        "or on a virtual USB bus.\n\n";
+std::string help_text()
+{
+    std::string text = "Usage: kestrel-sim [OPTION]...\n"
+                       "A simulated modem on a pseudo-terminal, whose path is printed on standard output,\n"
+                       "or on a virtual USB bus.\n\n";
     for (const option_row &row : rows) {
         std::string line = "  --";
         line.append(row.name);
@@ -314,7 +326,8 @@ std::string help_text() {
     return text + faults_help;
 }
 
-std::string version_text() {
+std::string version_text()
+{
     return "kestrel-sim 1.6.1-0\n";
 }
 

@@ -9,13 +9,15 @@ namespace sim {
 static const octets garbage_bytes = {0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A,
                                      0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A};
 
-static octets shortened(const octets &bytes, uint32_t keep) {
+static octets shortened(const octets &bytes, uint32_t keep)
+{
     const size_t wanted = keep == 0 ? bytes.size() / 2 : keep;
     const size_t size = std::min(wanted, bytes.size());
     return octets(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size));
 }
 
-posted outbox::post(const message &it) {
+posted outbox::post(const message &it)
+{
     const auto struck = faults_.strike(it.step);
     if (struck && !silent_)
         return spoil(it, *struck);
@@ -24,7 +26,8 @@ posted outbox::post(const message &it) {
     return silent_ ? posted::spoiled : posted::whole;
 }
 
-posted outbox::spoil(const message &it, const fault &what) {
+posted outbox::spoil(const message &it, const fault &what)
+{
     log_.event("fault", json_members().text("step", it.step).text("fault", fault_name(what.kind)));
     switch (what.kind) {
     case fault_kind::silence:
@@ -62,7 +65,8 @@ posted outbox::spoil(const message &it, const fault &what) {
     return posted::spoiled;
 }
 
-void outbox::queue(const message &it, octets bytes) {
+void outbox::queue(const message &it, octets bytes)
+{
     if (bytes.empty())
         return;
     const size_t total = bytes.size();
@@ -80,7 +84,8 @@ void outbox::queue(const message &it, octets bytes) {
 }
 
 // Something else than the message: its fields would not be true.
-void outbox::queue_other(const message &it, const char *kind, octets bytes) {
+void outbox::queue_other(const message &it, const char *kind, octets bytes)
+{
     message other = it;
     other.kind = kind;
     other.fields = json_members().text("instead_of", it.kind);
@@ -88,26 +93,30 @@ void outbox::queue_other(const message &it, const char *kind, octets bytes) {
 }
 
 // The last thing that happens on the line.
-void outbox::queue_event(const char *kind, write_unit unit) {
+void outbox::queue_event(const char *kind, write_unit unit)
+{
     if (!silent_)
         queue_.push_back({log_.stage(), kind, {}, std::move(unit), 0, 0});
     fall_silent();
 }
 
-outbox::entry outbox::pop() {
+outbox::entry outbox::pop()
+{
     entry it = std::move(queue_.front());
     queue_.pop_front();
     return it;
 }
 
-void outbox::note(const entry &it) {
+void outbox::note(const entry &it)
+{
     if (it.is_event())
         log_.event(it.kind);
     else if (it.total != 0)
         log_.sent(it.stage, it.kind, it.total, it.fields);
 }
 
-write_unit outbox::take() {
+write_unit outbox::take()
+{
     entry first = pop();
     note(first);
     if (how_ != delivery::glued || first.is_event())

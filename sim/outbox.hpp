@@ -57,7 +57,8 @@ class outbox {
     void fall_silent() { silent_ = true; }
 
     // Drops what was posted in other stages and did not go out yet.
-    void keep_only(std::string_view stage) {
+    void keep_only(std::string_view stage)
+    {
         std::erase_if(queue_, [stage](const entry &it) { return it.stage != stage; });
     }
 

@@ -8,7 +8,8 @@
 
 namespace sim {
 
-bool port_link::make(const std::string &path, const std::string &target) {
+bool port_link::make(const std::string &path, const std::string &target)
+{
     struct stat status {};
     if (::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode) && ::unlink(path.c_str()) != 0)
         return false;
@@ -20,7 +21,8 @@ bool port_link::make(const std::string &path, const std::string &target) {
 }
 
 // Another run may have taken the path over meanwhile: its link stays.
-port_link::~port_link() {
+port_link::~port_link()
+{
     std::array<char, 256> now{};
     if (path_.empty())
         return;

@@ -10,12 +10,14 @@
 
 namespace sim {
 
-bool pty_port::failed(const char *what) {
+bool pty_port::failed(const char *what)
+{
     error_ = std::string(what) + ": " + std::strerror(errno);
     return false;
 }
 
-static bool make_raw(int fd) {
+static bool make_raw(int fd)
+{
     struct termios attributes {};
     if (tcgetattr(fd, &attributes) != 0)
         return false;
@@ -23,7 +25,8 @@ static bool make_raw(int fd) {
     return tcsetattr(fd, TCSANOW, &attributes) == 0;
 }
 
-bool pty_port::open() {
+bool pty_port::open()
+{
     char name[128];
     master_.reset(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
     if (!master_.open() || grantpt(master_.get()) != 0 || unlockpt(master_.get()) != 0)
@@ -42,7 +45,8 @@ bool pty_port::open() {
     return true;
 }
 
-bool pty_port::drained() const {
+bool pty_port::drained() const
+{
     // poll and not FIONREAD: it first carries over what the kernel still holds
     // between the two ends, so a unit just written is never taken for read.
     struct pollfd waiting {
@@ -51,7 +55,8 @@ bool pty_port::drained() const {
     return !slave_.open() || ::poll(&waiting, 1, 0) == 0;
 }
 
-std::optional<size_t> pty_port::read(std::span<uint8_t> room) {
+std::optional<size_t> pty_port::read(std::span<uint8_t> room)
+{
     const ssize_t done = ::read(master_.get(), room.data(), room.size());
     if (done > 0)
         return static_cast<size_t>(done);
@@ -60,7 +65,8 @@ std::optional<size_t> pty_port::read(std::span<uint8_t> room) {
     return std::nullopt;
 }
 
-std::optional<size_t> pty_port::write(view bytes) {
+std::optional<size_t> pty_port::write(view bytes)
+{
     const ssize_t done = ::write(master_.get(), bytes.data(), bytes.size());
     if (done >= 0)
         return static_cast<size_t>(done);
@@ -69,7 +75,8 @@ std::optional<size_t> pty_port::write(view bytes) {
     return std::nullopt;
 }
 
-void pty_port::hang_up() {
+void pty_port::hang_up()
+{
     slave_.reset();
     master_.reset();
 }

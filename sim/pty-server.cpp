@@ -23,7 +23,8 @@ namespace {
 class server {
   public:
     server(device &modem, pty_port &port, const serve_limits &limits, int stop_fd)
-        : modem_(modem), port_(port), limits_(limits), stop_fd_(stop_fd), room_(read_size) {
+        : modem_(modem), port_(port), limits_(limits), stop_fd_(stop_fd), room_(read_size)
+    {
         if (limits.timeout_ms != 0)
             deadline_ = monotonic_us() + limits.timeout_ms * 1000;
     }
@@ -60,7 +61,8 @@ class server {
 
 // The next unit may go at its delay; a second one without input between them
 // leaves the gap too, counted from the moment the host had read the first.
-void server::schedule_head() {
+void server::schedule_head()
+{
     const uint64_t now = monotonic_us();
     due_ = now + uint64_t{modem_.delay_ms()} * 1000;
     drain_until_ = due_ + uint64_t{limits_.drain_ms} * 1000;
@@ -68,7 +70,8 @@ void server::schedule_head() {
     scheduled_ = true;
 }
 
-bool server::write_rest() {
+bool server::write_rest()
+{
     const auto done = port_.write(unsent_);
     if (!done) {
         fail(ending::system_error, std::string("writing to the port: ") + std::strerror(errno));
@@ -79,7 +82,8 @@ bool server::write_rest() {
 }
 
 // Writes what may be written now; false ends the service.
-bool server::send_due() {
+bool server::send_due()
+{
     while (true) {
         if (!unsent_.empty() && !write_rest())
             return false;
@@ -107,7 +111,8 @@ bool server::send_due() {
     }
 }
 
-bool server::past_deadline() {
+bool server::past_deadline()
+{
     if (monotonic_us() < deadline_ || leave_at_ != 0)
         return false;
     fail(ending::timed_out, std::string("time-out in stage ") + modem_.stage_name());
@@ -116,7 +121,8 @@ bool server::past_deadline() {
 
 // At the end everything must be read before the master is closed, for that
 // throws unread bytes away; then the host is given time to close the port.
-bool server::check_end() {
+bool server::check_end()
+{
     if (!modem_.ended() || !modem_.idle() || !unsent_.empty())
         return false;
     const uint64_t now = monotonic_us();
@@ -130,7 +136,8 @@ bool server::check_end() {
 }
 
 // Reads what came; false when the host has closed the port at the end.
-bool server::take_input(short events) {
+bool server::take_input(short events)
+{
     if ((events & (POLLIN | POLLHUP | POLLERR)) == 0)
         return true;
     const uint64_t limit = std::min<uint64_t>(modem_.input_limit(), room_.size());
@@ -150,7 +157,8 @@ bool server::take_input(short events) {
     return true;
 }
 
-bool server::wait() {
+bool server::wait()
+{
     const uint64_t now = monotonic_us();
     if (modem_.wants_quiet())
         wake_ = std::min(wake_, last_input_ + quiet_us);
@@ -178,7 +186,8 @@ bool server::wait() {
     return take_input(fds[0].revents);
 }
 
-served server::run() {
+served server::run()
+{
     while (send_due() && !past_deadline() && !check_end() && wait()) {
     }
     if (modem_.ended() && result_.how == ending::complete)
@@ -188,7 +197,8 @@ served server::run() {
 
 } // namespace
 
-served serve(device &modem, pty_port &port, const serve_limits &limits, int stop_fd) {
+served serve(device &modem, pty_port &port, const serve_limits &limits, int stop_fd)
+{
     return server(modem, port, limits, stop_fd).run();
 }
 

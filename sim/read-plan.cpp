@@ -5,7 +5,8 @@
 
 namespace sim {
 
-static void shuffle(std::vector<read_request> &reads) {
+static void shuffle(std::vector<read_request> &reads)
+{
     uint32_t state = 20011; // any fixed start gives the same order every time
     for (size_t i = reads.size(); i > 1; i--) {
         state = state * 1664525U + 1013904223U;
@@ -13,7 +14,8 @@ static void shuffle(std::vector<read_request> &reads) {
     }
 }
 
-std::vector<read_request> plan_reads(uint64_t size, uint64_t block, read_order order) {
+std::vector<read_request> plan_reads(uint64_t size, uint64_t block, read_order order)
+{
     std::vector<read_request> reads;
     const int copies = order == read_order::twice ? 2 : 1;
     for (uint64_t offset = 0; offset < size; offset += block)

@@ -9,14 +9,16 @@ static constexpr size_t header_size = 8;
 static constexpr uint32_t download_request = 240;
 static constexpr uint32_t largest_command = 0x400; // what HELLO announces
 
-static octets packet_head(uint32_t command, uint32_t length) {
+static octets packet_head(uint32_t command, uint32_t length)
+{
     octets out;
     append_le32(out, command);
     append_le32(out, length);
     return out;
 }
 
-static octets hello(const settings &wanted, uint32_t mode) {
+static octets hello(const settings &wanted, uint32_t mode)
+{
     octets out = packet_head(1, 48);
     append_le32(out, wanted.hello_version);
     append_le32(out, wanted.hello_compatible);
@@ -26,7 +28,8 @@ static octets hello(const settings &wanted, uint32_t mode) {
     return out;
 }
 
-static octets read_data(const settings &wanted, const read_request &block) {
+static octets read_data(const settings &wanted, const read_request &block)
+{
     if (wanted.request_bits == 64) {
         octets out = packet_head(18, 32);
         append_le64(out, wanted.image_id);
@@ -41,29 +44,35 @@ static octets read_data(const settings &wanted, const read_request &block) {
     return out;
 }
 
-static octets end_image_tx(uint32_t image_id, uint32_t status) {
+static octets end_image_tx(uint32_t image_id, uint32_t status)
+{
     octets out = packet_head(4, 16);
     append_le32(out, image_id);
     append_le32(out, status);
     return out;
 }
 
-static octets done_response(uint32_t status) {
+static octets done_response(uint32_t status)
+{
     octets out = packet_head(6, 12);
     append_le32(out, status);
     return out;
 }
 
 // What the platform's boot loader reports after the one image it asked for.
-static uint32_t good_done_status(uint32_t platform) {
+static uint32_t good_done_status(uint32_t platform)
+{
     return platform == 0 ? 0 : 1;
 }
 
 sahara_engine::sahara_engine(workbench &bench)
     : engine(bench), mode_(bench.wanted.hello_mode),
-      guard_("sahara.data-in", bench.faults, bench.out, bench.log) {}
+      guard_("sahara.data-in", bench.faults, bench.out, bench.log)
+{
+}
 
-void sahara_engine::begin(uint32_t delay_ms) {
+void sahara_engine::begin(uint32_t delay_ms)
+{
     packet_.clear();
     phase_ = phase::hello;
     block_left_ = 0;
@@ -72,7 +81,8 @@ void sahara_engine::begin(uint32_t delay_ms) {
         say_hello(delay_ms);
 }
 
-void sahara_engine::say_hello(uint32_t delay_ms) {
+void sahara_engine::say_hello(uint32_t delay_ms)
+{
     const json_members fields = json_members()
                                     .number("version", bench_.wanted.hello_version)
                                     .number("compatible", bench_.wanted.hello_compatible)
@@ -82,19 +92,22 @@ void sahara_engine::say_hello(uint32_t delay_ms) {
         bench_.out.post({"sahara.hello", "hello", hello(bench_.wanted, mode_), {}, fields, delay_ms});
 }
 
-uint64_t sahara_engine::input_limit() const {
+uint64_t sahara_engine::input_limit() const
+{
     if (guard_.struck())
         return 0;
     return block_left_ > 0 ? guard_.limit() : UINT64_MAX;
 }
 
-static bool lone_reset(view bytes) {
+static bool lone_reset(view bytes)
+{
     if (bytes.size() != header_size || read_le32(bytes, 4) != header_size)
         return false;
     return read_le32(bytes, 0) == 7 || read_le32(bytes, 0) == 19;
 }
 
-size_t sahara_engine::receive(view bytes) {
+size_t sahara_engine::receive(view bytes)
+{
     size_t used = 0;
     while (used < bytes.size() && state() == progress::busy) {
         const view rest = bytes.subspan(used);
@@ -107,7 +120,8 @@ size_t sahara_engine::receive(view bytes) {
     return used;
 }
 
-size_t sahara_engine::take_data(view bytes) {
+size_t sahara_engine::take_data(view bytes)
+{
     const read_request &block = reads_[next_read_ - 1];
     const uint64_t most = std::min(block_left_, guard_.limit());
     const auto size = static_cast<size_t>(std::min<uint64_t>(bytes.size(), most));
@@ -124,7 +138,8 @@ size_t sahara_engine::take_data(view bytes) {
     return size;
 }
 
-size_t sahara_engine::take_packet_bytes(view bytes) {
+size_t sahara_engine::take_packet_bytes(view bytes)
+{
     // The header first: its length field says how much belongs to the packet.
     const size_t wanted = packet_.size() < header_size ? header_size : read_le32(packet_, 4);
     const size_t size = std::min(bytes.size(), wanted - packet_.size());
@@ -148,7 +163,8 @@ static constexpr std::array<known_packet, 5> known_packets = {{
     {download_request, 8, "enter_download"},
 }};
 
-void sahara_engine::take_packet() {
+void sahara_engine::take_packet()
+{
     const uint32_t command = read_le32(packet_, 0);
     const auto known = std::ranges::find(known_packets, command, &known_packet::command);
     if (known == known_packets.end())
@@ -168,14 +184,16 @@ void sahara_engine::take_packet() {
     packet_.clear();
 }
 
-bool sahara_engine::awaits(phase wanted, const char *packet) {
+bool sahara_engine::awaits(phase wanted, const char *packet)
+{
     if (phase_ == wanted)
         return true;
     blame_host(std::string(packet) + " at the wrong time");
     return false;
 }
 
-void sahara_engine::take_hello_response() {
+void sahara_engine::take_hello_response()
+{
     const uint32_t version = read_le32(packet_, 8);
     const uint32_t compatible = read_le32(packet_, 12);
     bench_.log.received("hello_response", packet_.size(),
@@ -203,7 +221,8 @@ void sahara_engine::take_hello_response() {
     next_request();
 }
 
-void sahara_engine::next_request() {
+void sahara_engine::next_request()
+{
     if (next_read_ == reads_.size())
         return end_image();
     const read_request &wanted = reads_[next_read_++];
@@ -212,7 +231,8 @@ void sahara_engine::next_request() {
     guard_.check();
 }
 
-void sahara_engine::ask(const read_request &wanted) {
+void sahara_engine::ask(const read_request &wanted)
+{
     bench_.out.post({"sahara.read",
                      "read_data",
                      read_data(bench_.wanted, wanted),
@@ -223,7 +243,8 @@ void sahara_engine::ask(const read_request &wanted) {
                          .number("bytes", wanted.length)});
 }
 
-void sahara_engine::end_image() {
+void sahara_engine::end_image()
+{
     if (!stored(bench_.store.close_programmer()))
         return;
     phase_ = phase::done;
@@ -233,7 +254,8 @@ void sahara_engine::end_image() {
                      json_members().number("image_id", id).number("status", status)});
 }
 
-void sahara_engine::take_done() {
+void sahara_engine::take_done()
+{
     if (!awaits(phase::done, "DONE"))
         return;
     const uint32_t good = good_done_status(bench_.wanted.platform);
@@ -249,15 +271,18 @@ void sahara_engine::take_done() {
         phase_ = phase::left;
 }
 
-void sahara_engine::take_state_reset() {
+void sahara_engine::take_state_reset()
+{
     begin(0);
 }
 
-void sahara_engine::take_reset() {
+void sahara_engine::take_reset()
+{
     finish(progress::reset);
 }
 
-void sahara_engine::take_download_request() {
+void sahara_engine::take_download_request()
+{
     if (!awaits(phase::hello, "enter download mode"))
         return;
     if (mode_ != 2)

@@ -9,7 +9,8 @@
 namespace sim {
 namespace {
 
-TEST(Bytes, FieldsAreLittleEndian) {
+TEST(Bytes, FieldsAreLittleEndian)
+{
     octets out;
     append_le32(out, 0x11223344);
     append_le64(out, 0x0102030405060708);
@@ -17,13 +18,15 @@ TEST(Bytes, FieldsAreLittleEndian) {
     EXPECT_EQ(read_le32(out, 0), 0x11223344U);
 }
 
-TEST(Crc32, CheckValueOfTheStandard) {
+TEST(Crc32, CheckValueOfTheStandard)
+{
     crc32 sum;
     sum.update(to_octets("123456789"));
     EXPECT_EQ(sum.value(), 0xCBF43926U);
 }
 
-TEST(Crc32, DoesNotDependOnThePieces) {
+TEST(Crc32, DoesNotDependOnThePieces)
+{
     crc32 sum;
     sum.update(to_octets("The quick brown "));
     sum.update(to_octets("f"));
@@ -31,20 +34,23 @@ TEST(Crc32, DoesNotDependOnThePieces) {
     EXPECT_EQ(sum.value(), 0x414FA339U);
 }
 
-TEST(JsonLine, MembersKeepTheirOrder) {
+TEST(JsonLine, MembersKeepTheirOrder)
+{
     json_members line;
     line.fraction("t", 1.5).text("kind", "data").number("length", UINT64_MAX).hex32("crc32", 0xAB);
     EXPECT_EQ(line.object(),
               R"({"t":1.500000,"kind":"data","length":18446744073709551615,"crc32":"000000ab"})");
 }
 
-TEST(JsonLine, OtherBytesAreEscaped) {
+TEST(JsonLine, OtherBytesAreEscaped)
+{
     json_members line;
     line.text("a", std::string_view("\"\\\r\n\0\x7f\xff", 7));
     EXPECT_EQ(line.object(), R"({"a":"\"\\\u000d\u000a\u0000\u007f\u00ff"})");
 }
 
-TEST(JsonLine, AppendTakesCareOfTheComma) {
+TEST(JsonLine, AppendTakesCareOfTheComma)
+{
     json_members none;
     json_members one;
     one.number("b", 2);
@@ -52,7 +58,8 @@ TEST(JsonLine, AppendTakesCareOfTheComma) {
     EXPECT_EQ(json_members().append(one).object(), R"({"b":2})");
 }
 
-TEST(Transcript, LineNamesDirectionStageKindAndLength) {
+TEST(Transcript, LineNamesDirectionStageKindAndLength)
+{
     transcript log;
     std::string line;
     log.set_sink([&line](const std::string &it) { line = it; });
@@ -62,7 +69,8 @@ TEST(Transcript, LineNamesDirectionStageKindAndLength) {
     EXPECT_EQ(line.substr(line.find(',')), R"(,"dir":"rx","stage":"sahara","kind":"done","length":8})");
 }
 
-TEST(Numbers, DigitsOnly) {
+TEST(Numbers, DigitsOnly)
+{
     EXPECT_EQ(parse_number("0", 5), 0U);
     EXPECT_EQ(parse_number("5", 5), 5U);
     EXPECT_EQ(parse_number("18446744073709551615", UINT64_MAX), UINT64_MAX);
@@ -70,30 +78,35 @@ TEST(Numbers, DigitsOnly) {
         EXPECT_FALSE(parse_number(bad, 5)) << bad;
 }
 
-std::vector<uint64_t> offsets(const std::vector<read_request> &reads) {
+std::vector<uint64_t> offsets(const std::vector<read_request> &reads)
+{
     std::vector<uint64_t> out;
     for (const read_request &it : reads)
         out.push_back(it.offset);
     return out;
 }
 
-TEST(ReadPlan, LastBlockIsShorter) {
+TEST(ReadPlan, LastBlockIsShorter)
+{
     const auto reads = plan_reads(10, 4, read_order::forward);
     EXPECT_EQ(offsets(reads), (std::vector<uint64_t>{0, 4, 8}));
     EXPECT_EQ(reads[2].length, 2U);
 }
 
-TEST(ReadPlan, Backward) {
+TEST(ReadPlan, Backward)
+{
     const auto reads = plan_reads(10, 4, read_order::backward);
     EXPECT_EQ(offsets(reads), (std::vector<uint64_t>{8, 4, 0}));
     EXPECT_EQ(reads[0].length, 2U);
 }
 
-TEST(ReadPlan, TwiceAsksForEveryBlockTwoTimes) {
+TEST(ReadPlan, TwiceAsksForEveryBlockTwoTimes)
+{
     EXPECT_EQ(offsets(plan_reads(8, 4, read_order::twice)), (std::vector<uint64_t>{0, 0, 4, 4}));
 }
 
-TEST(ReadPlan, ShuffleHoldsEveryBlockOnceInAFixedOrder) {
+TEST(ReadPlan, ShuffleHoldsEveryBlockOnceInAFixedOrder)
+{
     const auto order = offsets(plan_reads(16, 2, read_order::shuffle));
     auto sorted = order;
     std::sort(sorted.begin(), sorted.end());
@@ -102,7 +115,8 @@ TEST(ReadPlan, ShuffleHoldsEveryBlockOnceInAFixedOrder) {
     EXPECT_EQ(order, offsets(plan_reads(16, 2, read_order::shuffle)));
 }
 
-TEST(ReadPlan, NothingToAskFor) {
+TEST(ReadPlan, NothingToAskFor)
+{
     EXPECT_TRUE(plan_reads(0, 4, read_order::twice).empty());
 }
 

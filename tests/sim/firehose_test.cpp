@@ -27,35 +27,41 @@ const std::string program_none = "<?xml version=\"1.0\"?>\n<data>\n<program SECT
                                  "num_partition_sectors=\"0\"/>\n</data>\n";
 const std::string erase = "<?xml version=\"1.0\"?>\n<data>\n<erase num_partition_sectors=\"8\"/>\n</data>\n";
 
-std::string log_chunk(const std::string &value) {
+std::string log_chunk(const std::string &value)
+{
     return "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<data>\n<log value=\"" + value + "\"/>\n</data>";
 }
 
-settings programmer() {
+settings programmer()
+{
     settings wanted;
     wanted.start = stage::firehose;
     return wanted;
 }
 
-settings with_fault(const char *text) {
+settings with_fault(const char *text)
+{
     settings wanted = programmer();
     wanted.faults = {planned(text)};
     return wanted;
 }
 
-TEST(Firehose, SaysNothingByItself) {
+TEST(Firehose, SaysNothingByItself)
+{
     talk it(programmer());
     EXPECT_EQ(it.heard_text(), texts{});
 }
 
-TEST(Firehose, PlainRequestsAreAcknowledged) {
+TEST(Firehose, PlainRequestsAreAcknowledged)
+{
     talk it(programmer());
     EXPECT_EQ(it.say(nop), texts{ack});
     EXPECT_EQ(it.say(configure), texts{ack});
     EXPECT_EQ(it.say(erase), texts{ack});
 }
 
-TEST(Firehose, RequestCutAtEveryByte) {
+TEST(Firehose, RequestCutAtEveryByte)
+{
     for (size_t cut = 1; cut < nop.size(); cut++) {
         talk it(programmer());
         EXPECT_EQ(it.say(nop.substr(0, cut)), texts{}) << cut;
@@ -64,7 +70,8 @@ TEST(Firehose, RequestCutAtEveryByte) {
     }
 }
 
-TEST(Firehose, RequestByteByByte) {
+TEST(Firehose, RequestByteByByte)
+{
     talk it(programmer());
     texts answers;
     for (const char c : nop + erase)
@@ -73,12 +80,14 @@ TEST(Firehose, RequestByteByByte) {
     EXPECT_EQ(answers, (texts{ack, ack}));
 }
 
-TEST(Firehose, GluedRequestsAreAnsweredOneByOne) {
+TEST(Firehose, GluedRequestsAreAnsweredOneByOne)
+{
     talk it(programmer());
     EXPECT_EQ(it.say(nop + configure + erase), (texts{ack, ack, ack}));
 }
 
-TEST(Firehose, MissingLineFeedIsWaitedForThenDoneWithout) {
+TEST(Firehose, MissingLineFeedIsWaitedForThenDoneWithout)
+{
     talk it(programmer());
     EXPECT_EQ(it.say(nop.substr(0, nop.size() - 1)), texts{});
     ASSERT_TRUE(it.modem.wants_quiet());
@@ -88,7 +97,8 @@ TEST(Firehose, MissingLineFeedIsWaitedForThenDoneWithout) {
     EXPECT_EQ(it.say("\n" + nop), texts{ack});
 }
 
-TEST(Firehose, ProgramTakesTheAnnouncedBytes) {
+TEST(Firehose, ProgramTakesTheAnnouncedBytes)
+{
     scratch_folder flash;
     settings wanted = programmer();
     wanted.flash = flash.path;
@@ -103,7 +113,8 @@ TEST(Firehose, ProgramTakesTheAnnouncedBytes) {
         "\"num_partition_sectors\":\"2\",\"label\":\"a\""));
 }
 
-TEST(Firehose, DataAndNextRequestGluedToTheProgramRequest) {
+TEST(Firehose, DataAndNextRequestGluedToTheProgramRequest)
+{
     scratch_folder flash;
     settings wanted = programmer();
     wanted.flash = flash.path;
@@ -113,7 +124,8 @@ TEST(Firehose, DataAndNextRequestGluedToTheProgramRequest) {
     EXPECT_EQ(flash.content("001-erase.xml"), erase);
 }
 
-TEST(Firehose, DataChecksumInTheTranscript) {
+TEST(Firehose, DataChecksumInTheTranscript)
+{
     talk it(programmer());
     std::string request = program_2x4;
     request.replace(request.find("BYTES=\"4\""), 9, "BYTES=\"9\"");
@@ -122,12 +134,14 @@ TEST(Firehose, DataChecksumInTheTranscript) {
     EXPECT_TRUE(it.logged("\"kind\":\"data\",\"length\":9,\"crc32\":\"cbf43926\"}"));
 }
 
-TEST(Firehose, ProgramOfNoSectorsIsAcknowledgedTwice) {
+TEST(Firehose, ProgramOfNoSectorsIsAcknowledgedTwice)
+{
     talk it(programmer());
     EXPECT_EQ(it.say(program_none), (texts{ack, ack}));
 }
 
-TEST(Firehose, ProgramWithoutReadableSizesIsRefused) {
+TEST(Firehose, ProgramWithoutReadableSizesIsRefused)
+{
     for (const char *line :
          {"<program num_partition_sectors=\"2\"/>", "<program SECTOR_SIZE_IN_BYTES=\"512\"/>",
           "<program SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"-1\"/>",
@@ -139,7 +153,8 @@ TEST(Firehose, ProgramWithoutReadableSizesIsRefused) {
     }
 }
 
-TEST(Firehose, SizesBeyond32BitsAreCounted) {
+TEST(Firehose, SizesBeyond32BitsAreCounted)
+{
     talk it(programmer());
     it.say(std::string("<?xml version=\"1.0\"?>\n<data>\n<program SECTOR_SIZE_IN_BYTES=\"4294967295\" "
                        "num_partition_sectors=\"2147483647\"/>\n</data>\n"));
@@ -147,7 +162,8 @@ TEST(Firehose, SizesBeyond32BitsAreCounted) {
     EXPECT_FALSE(it.modem.ended());
 }
 
-TEST(Firehose, CounterOffer) {
+TEST(Firehose, CounterOffer)
+{
     settings wanted = programmer();
     wanted.payload = 16384;
     talk it(wanted);
@@ -156,21 +172,24 @@ TEST(Firehose, CounterOffer) {
                      "MaxPayloadSizeToTargetInBytesSupported=\"16384\" />\n</data>"}));
 }
 
-TEST(Firehose, CounterOfferThatTheHostMeetsIsAnAck) {
+TEST(Firehose, CounterOfferThatTheHostMeetsIsAnAck)
+{
     settings wanted = programmer();
     wanted.payload = 1048576;
     talk it(wanted);
     EXPECT_EQ(it.say(configure), texts{ack});
 }
 
-TEST(Firehose, OtpValuesComeOneByOneBeforeTheAck) {
+TEST(Firehose, OtpValuesComeOneByOneBeforeTheAck)
+{
     settings wanted = programmer();
     wanted.otp = {"one", "two"};
     talk it(wanted);
     EXPECT_EQ(it.say(get_otp), (texts{log_chunk("one"), log_chunk("two"), ack}));
 }
 
-TEST(Firehose, UnknownElementsAreAcknowledgedAndRecorded) {
+TEST(Firehose, UnknownElementsAreAcknowledgedAndRecorded)
+{
     scratch_folder flash;
     settings wanted = programmer();
     wanted.flash = flash.path;
@@ -182,12 +201,14 @@ TEST(Firehose, UnknownElementsAreAcknowledgedAndRecorded) {
     EXPECT_TRUE(it.logged("\"kind\":\"unknown\""));
 }
 
-TEST(Firehose, EmptyFrameIsRefused) {
+TEST(Firehose, EmptyFrameIsRefused)
+{
     talk it(programmer());
     EXPECT_EQ(it.say(std::string("<?xml version=\"1.0\"?>\n<data>\n\n</data>\n")), texts{nak});
 }
 
-TEST(Firehose, ResetOfPlatformZero) {
+TEST(Firehose, ResetOfPlatformZero)
+{
     settings wanted = programmer();
     wanted.platform = 0;
     talk it(wanted);
@@ -196,7 +217,8 @@ TEST(Firehose, ResetOfPlatformZero) {
     EXPECT_EQ(it.modem.how(), ending::complete);
 }
 
-TEST(Firehose, ResetOfTheOtherPlatformsNamesTheTargetReset) {
+TEST(Firehose, ResetOfTheOtherPlatformsNamesTheTargetReset)
+{
     for (const uint32_t platform : {1U, 2U}) {
         settings wanted = programmer();
         wanted.platform = platform;
@@ -206,14 +228,16 @@ TEST(Firehose, ResetOfTheOtherPlatformsNamesTheTargetReset) {
     }
 }
 
-TEST(Firehose, AnotherPowerValueDoesNotReset) {
+TEST(Firehose, AnotherPowerValueDoesNotReset)
+{
     talk it(programmer());
     EXPECT_EQ(it.say(std::string("<?xml version=\"1.0\"?>\n<data>\n<power value=\"off\"/>\n</data>\n")),
               texts{ack});
     EXPECT_FALSE(it.modem.ended());
 }
 
-TEST(Firehose, StayingReturnsToNormalMode) {
+TEST(Firehose, StayingReturnsToNormalMode)
+{
     settings wanted = programmer();
     wanted.stay = true;
     wanted.platform = 0;
@@ -223,7 +247,8 @@ TEST(Firehose, StayingReturnsToNormalMode) {
     EXPECT_EQ(it.say(std::string("AT\r")), (texts{"AT\r\r\nOK\r\n"}));
 }
 
-TEST(Firehose, LogMessagesAroundAnswers) {
+TEST(Firehose, LogMessagesAroundAnswers)
+{
     settings wanted = programmer();
     wanted.log_start = 1;
     wanted.log_before = 2;
@@ -235,14 +260,16 @@ TEST(Firehose, LogMessagesAroundAnswers) {
     EXPECT_EQ(it.say(nop), (texts{one, two, ack, one}));
 }
 
-TEST(Firehose, GluedDeliveryIsOneWrite) {
+TEST(Firehose, GluedDeliveryIsOneWrite)
+{
     settings wanted = programmer();
     wanted.how = delivery::glued;
     talk it(wanted);
     EXPECT_EQ(it.say(program_none), texts{ack + ack});
 }
 
-TEST(Firehose, DeliveryInBytesIsOneWriteEach) {
+TEST(Firehose, DeliveryInBytesIsOneWriteEach)
+{
     settings wanted = programmer();
     wanted.how = delivery::bytes;
     talk it(wanted);
@@ -253,7 +280,8 @@ TEST(Firehose, DeliveryInBytesIsOneWriteEach) {
     EXPECT_EQ(answer[78], ">");
 }
 
-TEST(Firehose, BytesThatAreNoRequestAreTheHostsFault) {
+TEST(Firehose, BytesThatAreNoRequestAreTheHostsFault)
+{
     for (const char *bad : {"x", "\n<?xml", "<?xl", "<data>"}) {
         talk it(programmer());
         it.say(std::string(bad));
@@ -263,28 +291,32 @@ TEST(Firehose, BytesThatAreNoRequestAreTheHostsFault) {
     }
 }
 
-TEST(Firehose, TooManyDataBytesAreTheHostsFault) {
+TEST(Firehose, TooManyDataBytesAreTheHostsFault)
+{
     talk it(programmer());
     it.say(program_2x4 + "123456789");
     ASSERT_TRUE(it.modem.ended());
     EXPECT_EQ(it.modem.how(), ending::host_error);
 }
 
-TEST(Firehose, RequestWithoutEndIsTheHostsFault) {
+TEST(Firehose, RequestWithoutEndIsTheHostsFault)
+{
     talk it(programmer());
     it.say("<?xml" + std::string(70000, ' '));
     ASSERT_TRUE(it.modem.ended());
     EXPECT_EQ(it.modem.trouble(), "firehose: request without an end");
 }
 
-TEST(Firehose, ResetOfTheBootLoaderThatComesLateEndsTheRun) {
+TEST(Firehose, ResetOfTheBootLoaderThatComesLateEndsTheRun)
+{
     talk it(programmer());
     EXPECT_EQ(it.say(octets{7, 0, 0, 0, 8, 0, 0, 0}), units{});
     ASSERT_TRUE(it.modem.ended());
     EXPECT_EQ(it.modem.how(), ending::complete);
 }
 
-TEST(Firehose, FolderThatCannotBeMadeIsASystemError) {
+TEST(Firehose, FolderThatCannotBeMadeIsASystemError)
+{
     settings wanted = programmer();
     wanted.flash = "/proc/no-such-place/x";
     talk it(wanted);
@@ -293,7 +325,8 @@ TEST(Firehose, FolderThatCannotBeMadeIsASystemError) {
     EXPECT_EQ(it.modem.trouble(), "/proc/no-such-place/x: No such file or directory");
 }
 
-TEST(Firehose, DiscardKeepsRequestsButNoData) {
+TEST(Firehose, DiscardKeepsRequestsButNoData)
+{
     scratch_folder flash;
     settings wanted = programmer();
     wanted.flash = flash.path;
@@ -305,7 +338,8 @@ TEST(Firehose, DiscardKeepsRequestsButNoData) {
     EXPECT_TRUE(it.logged("\"kind\":\"data\",\"length\":8}"));
 }
 
-TEST(FirehoseFault, NakAtEveryAnswer) {
+TEST(FirehoseFault, NakAtEveryAnswer)
+{
     struct {
         const char *step;
         std::string request;
@@ -326,19 +360,22 @@ TEST(FirehoseFault, NakAtEveryAnswer) {
     }
 }
 
-TEST(FirehoseFault, RefusedProgramRequestTakesNoData) {
+TEST(FirehoseFault, RefusedProgramRequestTakesNoData)
+{
     talk it(with_fault("firehose.program=nak"));
     it.say(program_2x4);
     EXPECT_EQ(it.say(reset), (texts{ack, target_reset}));
 }
 
-TEST(FirehoseFault, RefusedResetDoesNotEndTheRun) {
+TEST(FirehoseFault, RefusedResetDoesNotEndTheRun)
+{
     talk it(with_fault("firehose.reset=nak"));
     it.say(reset);
     EXPECT_FALSE(it.modem.ended());
 }
 
-TEST(FirehoseFault, EveryTime) {
+TEST(FirehoseFault, EveryTime)
+{
     talk it(with_fault("firehose.nop=late:250@all"));
     for (int i = 0; i < 3; i++) {
         EXPECT_EQ(it.say(nop), texts{ack});
@@ -346,7 +383,8 @@ TEST(FirehoseFault, EveryTime) {
     }
 }
 
-TEST(FirehoseFault, TruncatedOtpValue) {
+TEST(FirehoseFault, TruncatedOtpValue)
+{
     settings wanted = with_fault("firehose.otp=truncate:61");
     wanted.otp = {"abcdef"};
     talk it(wanted);
@@ -354,7 +392,8 @@ TEST(FirehoseFault, TruncatedOtpValue) {
               (texts{"<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<data>\n<log value=\"ab", ack}));
 }
 
-TEST(FirehoseFault, HangUpWhileDataArrive) {
+TEST(FirehoseFault, HangUpWhileDataArrive)
+{
     talk it(with_fault("firehose.data-in=hangup@5"));
     it.say(program_2x4);
     EXPECT_EQ(it.modem.input_limit(), 5U);
@@ -362,7 +401,8 @@ TEST(FirehoseFault, HangUpWhileDataArrive) {
     EXPECT_TRUE(it.hung_up);
 }
 
-TEST(FirehoseFault, StallCountsOverAllImages) {
+TEST(FirehoseFault, StallCountsOverAllImages)
+{
     talk it(with_fault("firehose.data-in=stall@12"));
     EXPECT_EQ(it.say(program_2x4 + "12345678"), (texts{ack, ack}));
     it.say(program_2x4);
@@ -372,7 +412,8 @@ TEST(FirehoseFault, StallCountsOverAllImages) {
     EXPECT_FALSE(it.hung_up);
 }
 
-TEST(FirehoseRequest, AttributesMatchWholeNamesOnly) {
+TEST(FirehoseRequest, AttributesMatchWholeNamesOnly)
+{
     const char *line = "<program xlabel=\"no\" label=\"yes\" empty=\"\" filename=\"a b\"/>";
     EXPECT_EQ(attribute(line, "label"), "yes");
     EXPECT_EQ(attribute(line, "empty"), "");

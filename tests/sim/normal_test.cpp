@@ -10,7 +10,8 @@ const octets diag_frame = {0x4B, 0x65, 0x01, 0x00, 0x54, 0x0F, 0x7E};
 const octets hello = {1, 0, 0, 0, 48, 0, 0, 0, 2, 0, 0, 0, 1, 0, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0,
                       0, 0, 0, 0, 0,  0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
 
-TEST(At, EchoesUntilEchoIsOff) {
+TEST(At, EchoesUntilEchoIsOff)
+{
     talk it({});
     EXPECT_EQ(it.say("AT\r"), (texts{"AT\r\r\nOK\r\n"}));
     EXPECT_EQ(it.say("ATE0\r"), (texts{"ATE0\r\r\nOK\r\n"}));
@@ -26,7 +27,8 @@ struct built_in_row {
 
 class AtBuiltIn : public testing::TestWithParam<built_in_row> {};
 
-TEST_P(AtBuiltIn, Answer) {
+TEST_P(AtBuiltIn, Answer)
+{
     talk it({});
     it.say("ATE0\r");
     EXPECT_EQ(it.say(GetParam().command), (texts{GetParam().answer}));
@@ -42,7 +44,8 @@ INSTANTIATE_TEST_SUITE_P(
                     built_in_row{"at#cgsn\r", "\r\n#CGSN: 004999010640000\r\n\r\nOK\r\n"},
                     built_in_row{"AT+CFUN=1\r", "\r\nERROR\r\n"}));
 
-TEST(At, OwnAnswersComeFirstAndTheLastOneCounts) {
+TEST(At, OwnAnswersComeFirstAndTheLastOneCounts)
+{
     settings wanted;
     wanted.at_answers = {{"AT#CGMM", "a"}, {"at#cgmm", "\r\n+CME ERROR: 10\r\n"}, {"AT+NEW", "new"}};
     talk it(wanted);
@@ -51,14 +54,16 @@ TEST(At, OwnAnswersComeFirstAndTheLastOneCounts) {
     EXPECT_EQ(it.say("AT+NEW\r"), (texts{"new"}));
 }
 
-TEST(At, AnEmptyAnswerIsSilence) {
+TEST(At, AnEmptyAnswerIsSilence)
+{
     settings wanted;
     wanted.at_answers = {{"ATE0", ""}};
     talk it(wanted);
     EXPECT_EQ(it.say("ATE0\r"), texts{});
 }
 
-TEST(At, CommandsMayArriveCutAnywhereOrGlued) {
+TEST(At, CommandsMayArriveCutAnywhereOrGlued)
+{
     const std::string command = "ATE0\r";
     for (size_t cut = 1; cut < command.size(); cut++) {
         talk it({});
@@ -69,7 +74,8 @@ TEST(At, CommandsMayArriveCutAnywhereOrGlued) {
     EXPECT_EQ(it.say("ATE0\rAT\r"), (texts{"ATE0\r\r\nOK\r\n", "\r\nOK\r\n"}));
 }
 
-TEST(At, NakFaultIsAnErrorAnswer) {
+TEST(At, NakFaultIsAnErrorAnswer)
+{
     settings wanted;
     wanted.faults = {planned("at.AT#CGMM=nak@2")};
     talk it(wanted);
@@ -78,7 +84,8 @@ TEST(At, NakFaultIsAnErrorAnswer) {
     EXPECT_EQ(it.say("AT#CGMM\r"), (texts{"\r\nERROR\r\n"}));
 }
 
-TEST(At, OtherBytesAreTheHostsFault) {
+TEST(At, OtherBytesAreTheHostsFault)
+{
     talk it({});
     it.say("xyz\r");
     ASSERT_TRUE(it.modem.ended());
@@ -86,39 +93,45 @@ TEST(At, OtherBytesAreTheHostsFault) {
     EXPECT_EQ(it.modem.trouble(), "normal: neither an AT command nor a DIAG frame");
 }
 
-TEST(At, CommandWithoutEndIsTheHostsFault) {
+TEST(At, CommandWithoutEndIsTheHostsFault)
+{
     talk it({});
     it.say("AT" + std::string(600, 'x'));
     ASSERT_TRUE(it.modem.ended());
     EXPECT_EQ(it.modem.trouble(), "normal: AT command without an end");
 }
 
-TEST(AtAnswerOption, Escapes) {
+TEST(AtAnswerOption, Escapes)
+{
     const auto parsed = parse_at_answer(R"(AT+X=\r\nA=\x41\\\r\n)");
     ASSERT_TRUE(parsed);
     EXPECT_EQ(parsed->first, "AT+X");
     EXPECT_EQ(parsed->second, "\r\nA=A\\\r\n");
 }
 
-TEST(AtAnswerOption, Malformed) {
+TEST(AtAnswerOption, Malformed)
+{
     for (const char *bad : {"AT", "=x", "AT=\\", "AT=\\q", "AT=\\x4", "AT=\\xg0"})
         EXPECT_FALSE(parse_at_answer(bad)) << bad;
 }
 
-TEST(Diag, SwitchEntersDownloadModeWithOneHello) {
+TEST(Diag, SwitchEntersDownloadModeWithOneHello)
+{
     talk it({});
     EXPECT_EQ(it.say(diag_frame), (units{hello}));
     EXPECT_STREQ(it.modem.stage_name(), "sahara");
 }
 
-TEST(Diag, SwitchMayArriveByteByByte) {
+TEST(Diag, SwitchMayArriveByteByByte)
+{
     talk it({});
     for (size_t i = 0; i + 1 < diag_frame.size(); i++)
         EXPECT_EQ(it.say(octets{diag_frame[i]}), units{});
     EXPECT_EQ(it.say(octets{0x7E}), (units{hello}));
 }
 
-TEST(Diag, SwitchMayFollowACommandInOnePiece) {
+TEST(Diag, SwitchMayFollowACommandInOnePiece)
+{
     talk it({});
     octets both = {'A', 'T', '\r'};
     both.insert(both.end(), diag_frame.begin(), diag_frame.end());
@@ -126,7 +139,8 @@ TEST(Diag, SwitchMayFollowACommandInOnePiece) {
     EXPECT_STREQ(it.modem.stage_name(), "sahara");
 }
 
-TEST(Diag, UntilDiagEndsWithoutHello) {
+TEST(Diag, UntilDiagEndsWithoutHello)
+{
     settings wanted;
     wanted.until = stage::normal;
     talk it(wanted);
@@ -135,14 +149,16 @@ TEST(Diag, UntilDiagEndsWithoutHello) {
     EXPECT_EQ(it.modem.how(), ending::complete);
 }
 
-TEST(Diag, WrongCheckSequenceIsTheHostsFault) {
+TEST(Diag, WrongCheckSequenceIsTheHostsFault)
+{
     talk it({});
     it.say(octets{0x4B, 0x65, 0x01, 0x00, 0x55, 0x0F, 0x7E});
     ASSERT_TRUE(it.modem.ended());
     EXPECT_EQ(it.modem.how(), ending::host_error);
 }
 
-TEST(Diag, LateSwitchDelaysTheHello) {
+TEST(Diag, LateSwitchDelaysTheHello)
+{
     settings wanted;
     wanted.faults = {planned("diag=late:700")};
     talk it(wanted);
@@ -150,7 +166,8 @@ TEST(Diag, LateSwitchDelaysTheHello) {
     EXPECT_EQ(it.last_delay_ms, 700U);
 }
 
-TEST(Diag, SkippedSwitchStaysInNormalMode) {
+TEST(Diag, SkippedSwitchStaysInNormalMode)
+{
     settings wanted;
     wanted.faults = {planned("diag=skip")};
     talk it(wanted);

@@ -7,7 +7,8 @@
 namespace sim {
 namespace {
 
-std::string parse(std::vector<std::string> words, program_options &out) {
+std::string parse(std::vector<std::string> words, program_options &out)
+{
     std::vector<char *> argv = {const_cast<char *>("kestrel-sim")};
     for (std::string &word : words)
         argv.push_back(word.data());
@@ -15,7 +16,8 @@ std::string parse(std::vector<std::string> words, program_options &out) {
     return parse_options(static_cast<int>(argv.size() - 1), argv.data(), out);
 }
 
-TEST(Options, Defaults) {
+TEST(Options, Defaults)
+{
     program_options got;
     EXPECT_EQ(parse({}, got), "");
     EXPECT_EQ(got.device.start, stage::normal);
@@ -30,7 +32,8 @@ TEST(Options, Defaults) {
     EXPECT_FALSE(got.help);
 }
 
-TEST(Options, EveryOptionReachesItsSetting) {
+TEST(Options, EveryOptionReachesItsSetting)
+{
     program_options got;
     EXPECT_EQ(parse({"--start",
                      "sahara",
@@ -130,7 +133,8 @@ TEST(Options, EveryOptionReachesItsSetting) {
     EXPECT_EQ(got.device.faults.size(), 2U);
 }
 
-TEST(Options, HelpAndVersionNeedNothingElse) {
+TEST(Options, HelpAndVersionNeedNothingElse)
+{
     program_options got;
     EXPECT_EQ(parse({"--help"}, got), "");
     EXPECT_TRUE(got.help);
@@ -146,7 +150,8 @@ struct bad_row {
 
 class OptionsBad : public testing::TestWithParam<bad_row> {};
 
-TEST_P(OptionsBad, IsRefusedWithItsComplaint) {
+TEST_P(OptionsBad, IsRefusedWithItsComplaint)
+{
     program_options got;
     EXPECT_EQ(parse(GetParam().words, got), GetParam().complaint);
 }

@@ -25,8 +25,8 @@ const std::string program_none =
 // A served device and the host's end of its line.
 class line {
   public:
-    explicit line(settings wanted, serve_limits limits = {0, 1, 1000, 2000})
-        : modem_(std::move(wanted), log_) {
+    explicit line(settings wanted, serve_limits limits = {0, 1, 1000, 2000}) : modem_(std::move(wanted), log_)
+    {
         EXPECT_TRUE(port_.open()) << port_.error();
         EXPECT_TRUE(modem_.start()) << modem_.trouble();
         EXPECT_EQ(pipe(stop_), 0);
@@ -34,7 +34,8 @@ class line {
         open_host();
         thread_ = std::thread([this, limits] { result_ = serve(modem_, port_, limits, stop_[0]); });
     }
-    ~line() {
+    ~line()
+    {
         host.reset();
         finish();
         close(stop_[0]);
@@ -45,7 +46,8 @@ class line {
 
     void open_host() { host.reset(open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK)); }
 
-    void say(std::string_view text) {
+    void say(std::string_view text)
+    {
         while (!text.empty()) {
             const ssize_t done = write(host.get(), text.data(), text.size());
             if (done > 0)
@@ -59,7 +61,8 @@ class line {
 
     // One read of at most 1024 bytes, as soon as something came; "(nothing)"
     // after the time, "(closed)" after a hang-up.
-    std::string hear(int ms = 3000) {
+    std::string hear(int ms = 3000)
+    {
         struct pollfd waiting {
             host.get(), POLLIN, 0
         };
@@ -70,12 +73,14 @@ class line {
         return got > 0 ? std::string(room, static_cast<size_t>(got)) : "(closed)";
     }
 
-    served stop() {
+    served stop()
+    {
         EXPECT_EQ(write(stop_[1], "", 1), 1);
         finish();
         return result_;
     }
-    served ended() { // by itself
+    served ended()
+    { // by itself
         thread_.join();
         return result_;
     }
@@ -84,7 +89,8 @@ class line {
     descriptor host;
 
   private:
-    void finish() {
+    void finish()
+    {
         if (!thread_.joinable())
             return;
         EXPECT_EQ(write(stop_[1], "", 1), 1);
@@ -99,20 +105,23 @@ class line {
     served result_;
 };
 
-settings programmer() {
+settings programmer()
+{
     settings wanted;
     wanted.start = stage::firehose;
     wanted.platform = 0;
     return wanted;
 }
 
-settings with_fault(const char *text) {
+settings with_fault(const char *text)
+{
     settings wanted = programmer();
     wanted.faults = {planned(text)};
     return wanted;
 }
 
-TEST(Pty, SlaveIsRaw) {
+TEST(Pty, SlaveIsRaw)
+{
     line it(programmer());
     struct termios attributes {};
     ASSERT_EQ(tcgetattr(it.host.get(), &attributes), 0);
@@ -121,7 +130,8 @@ TEST(Pty, SlaveIsRaw) {
     EXPECT_EQ(attributes.c_iflag & static_cast<tcflag_t>(ICRNL | IXON), 0U);
 }
 
-TEST(Pty, ConversationSurvivesCloseAndOpen) {
+TEST(Pty, ConversationSurvivesCloseAndOpen)
+{
     line it(programmer());
     it.say(nop);
     EXPECT_EQ(it.hear(), ack);
@@ -131,7 +141,8 @@ TEST(Pty, ConversationSurvivesCloseAndOpen) {
     EXPECT_EQ(it.hear(), ack);
 }
 
-TEST(Pty, HelloWaitsForAHostThatOpensLater) {
+TEST(Pty, HelloWaitsForAHostThatOpensLater)
+{
     settings wanted;
     wanted.start = stage::sahara;
     line it(wanted);
@@ -141,7 +152,8 @@ TEST(Pty, HelloWaitsForAHostThatOpensLater) {
               std::string("\1\0\0\0\x30\0\0\0\2\0\0\0\1\0\0\0\0\4\0\0", 20) + std::string(28, '\0'));
 }
 
-TEST(Pty, TwoAnswersAreTwoReadsHoweverSlowTheHost) {
+TEST(Pty, TwoAnswersAreTwoReadsHoweverSlowTheHost)
+{
     line it(programmer());
     for (int i = 0; i < 20; i++) {
         it.say(program_none);
@@ -151,14 +163,16 @@ TEST(Pty, TwoAnswersAreTwoReadsHoweverSlowTheHost) {
     }
 }
 
-TEST(Pty, AnswerThatIsNotReadHoldsTheNextOneOnlyForAWhile) {
+TEST(Pty, AnswerThatIsNotReadHoldsTheNextOneOnlyForAWhile)
+{
     line it(programmer(), {0, 0, 30, 1000});
     it.say(program_none);
     usleep(200000);
     EXPECT_EQ(it.hear(), ack + ack);
 }
 
-TEST(Pty, DeliveryInBytes) {
+TEST(Pty, DeliveryInBytes)
+{
     settings wanted = programmer();
     wanted.how = delivery::bytes;
     line it(wanted, {0, 0, 1000, 1000});
@@ -167,20 +181,23 @@ TEST(Pty, DeliveryInBytes) {
         ASSERT_EQ(it.hear(), std::string(1, c));
 }
 
-TEST(Pty, RequestWithoutLineFeedIsAnsweredAfterAMoment) {
+TEST(Pty, RequestWithoutLineFeedIsAnsweredAfterAMoment)
+{
     line it(programmer());
     it.say(nop.substr(0, nop.size() - 1));
     EXPECT_EQ(it.hear(), ack);
 }
 
-TEST(Pty, LateAnswer) {
+TEST(Pty, LateAnswer)
+{
     line it(with_fault("firehose.nop=late:150"));
     it.say(nop);
     EXPECT_EQ(it.hear(60), "(nothing)");
     EXPECT_EQ(it.hear(), ack);
 }
 
-TEST(Pty, PlannedHangUpClosesTheLineAfterWhatWasSaid) {
+TEST(Pty, PlannedHangUpClosesTheLineAfterWhatWasSaid)
+{
     line it(with_fault("firehose.data=hangup"));
     it.say(program_none);
     EXPECT_EQ(it.hear(), ack);
@@ -188,7 +205,8 @@ TEST(Pty, PlannedHangUpClosesTheLineAfterWhatWasSaid) {
     EXPECT_EQ(it.ended().how, ending::complete);
 }
 
-TEST(Pty, StalledDeviceLeavesTheRestUnread) {
+TEST(Pty, StalledDeviceLeavesTheRestUnread)
+{
     line it(with_fault("firehose.data-in=stall@5"));
     it.say(
         "<?xml version=\"1.0\"?>\n<data>\n<program SECTOR_SIZE_IN_BYTES=\"16\" num_partition_sectors=\"1\"/>\n</data>\n");
@@ -197,7 +215,8 @@ TEST(Pty, StalledDeviceLeavesTheRestUnread) {
     EXPECT_EQ(it.hear(100), "(nothing)");
 }
 
-TEST(Pty, DataOfSeveralMegabytes) {
+TEST(Pty, DataOfSeveralMegabytes)
+{
     line it(programmer());
     it.say("<?xml version=\"1.0\"?>\n<data>\n<program SECTOR_SIZE_IN_BYTES=\"4096\" "
            "num_partition_sectors=\"1024\"/>\n</data>\n");
@@ -208,7 +227,8 @@ TEST(Pty, DataOfSeveralMegabytes) {
     EXPECT_EQ(it.hear(), ack);
 }
 
-TEST(Pty, EndsWhenTheHostClosesAfterTheReset) {
+TEST(Pty, EndsWhenTheHostClosesAfterTheReset)
+{
     line it(programmer());
     it.say("<?xml version=\"1.0\"?>\n<data>\n<power value=\"reset\" DelayInSeconds=\"3\"/>\n</data>\n");
     EXPECT_EQ(it.hear(), ack);
@@ -218,26 +238,30 @@ TEST(Pty, EndsWhenTheHostClosesAfterTheReset) {
     EXPECT_EQ(result.trouble, "");
 }
 
-TEST(Pty, EndsWithoutTheHostAfterLingering) {
+TEST(Pty, EndsWithoutTheHostAfterLingering)
+{
     line it(programmer(), {0, 0, 1000, 50});
     it.say("<?xml version=\"1.0\"?>\n<data>\n<power value=\"reset\" DelayInSeconds=\"3\"/>\n</data>\n");
     EXPECT_EQ(it.hear(), ack);
     EXPECT_EQ(it.ended().how, ending::complete);
 }
 
-TEST(Pty, TimeOutNamesTheStage) {
+TEST(Pty, TimeOutNamesTheStage)
+{
     line it(programmer(), {50, 0, 1000, 1000});
     const served result = it.ended();
     EXPECT_EQ(result.how, ending::timed_out);
     EXPECT_EQ(result.trouble, "time-out in stage firehose");
 }
 
-TEST(Pty, StopEndsTheService) {
+TEST(Pty, StopEndsTheService)
+{
     line it(programmer());
     EXPECT_EQ(it.stop().how, ending::complete);
 }
 
-TEST(Pty, HostErrorIsReported) {
+TEST(Pty, HostErrorIsReported)
+{
     line it(programmer(), {0, 0, 1000, 50});
     it.say("rubbish");
     const served result = it.ended();

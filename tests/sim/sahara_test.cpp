@@ -17,12 +17,14 @@ const octets end_image = {4, 0, 0, 0, 16, 0, 0, 0, 13, 0, 0, 0, 0, 0, 0, 0};
 const octets done_response_1 = {6, 0, 0, 0, 12, 0, 0, 0, 1, 0, 0, 0};
 const octets done_response_0 = {6, 0, 0, 0, 12, 0, 0, 0, 0, 0, 0, 0};
 
-octets read_32(uint8_t offset, uint8_t length) {
+octets read_32(uint8_t offset, uint8_t length)
+{
     return {3, 0, 0, 0, 20, 0, 0, 0, 13, 0, 0, 0, offset, 0, 0, 0, length, 0, 0, 0};
 }
 
 // Ten bytes of programmer in blocks of four.
-settings small() {
+settings small()
+{
     settings wanted;
     wanted.start = stage::sahara;
     wanted.until = stage::sahara;
@@ -31,14 +33,16 @@ settings small() {
     return wanted;
 }
 
-settings with_fault(const char *text) {
+settings with_fault(const char *text)
+{
     settings wanted = small();
     wanted.faults = {planned(text)};
     return wanted;
 }
 
 // Up to the END_IMAGE_TX.
-void upload(talk &it) {
+void upload(talk &it)
+{
     it.heard();
     it.say(hello_response);
     it.say(to_octets("abcd"));
@@ -46,12 +50,14 @@ void upload(talk &it) {
     EXPECT_EQ(it.say(to_octets("ij")), (units{end_image}));
 }
 
-TEST(Sahara, HelloAtStart) {
+TEST(Sahara, HelloAtStart)
+{
     talk it(small());
     EXPECT_EQ(it.heard(), (units{hello}));
 }
 
-TEST(Sahara, HelloCarriesTheChosenFields) {
+TEST(Sahara, HelloCarriesTheChosenFields)
+{
     settings wanted = small();
     wanted.hello_version = 3;
     wanted.hello_compatible = 2;
@@ -61,7 +67,8 @@ TEST(Sahara, HelloCarriesTheChosenFields) {
                                   0, 0, 0, 0, 0,  0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}}));
 }
 
-TEST(Sahara, WholeUpload) {
+TEST(Sahara, WholeUpload)
+{
     scratch_folder flash;
     settings wanted = small();
     wanted.flash = flash.path;
@@ -77,7 +84,8 @@ TEST(Sahara, WholeUpload) {
     EXPECT_EQ(it.modem.how(), ending::complete);
 }
 
-TEST(Sahara, RequestsOf64Bits) {
+TEST(Sahara, RequestsOf64Bits)
+{
     settings wanted = small();
     wanted.request_bits = 64;
     wanted.image_id = 0x15;
@@ -88,7 +96,8 @@ TEST(Sahara, RequestsOf64Bits) {
                                                  4,  0, 0, 0, 0,  0, 0, 0, 4,    0, 0, 0, 0, 0, 0, 0}}));
 }
 
-TEST(Sahara, BackwardBlocksLandAtTheirOffsets) {
+TEST(Sahara, BackwardBlocksLandAtTheirOffsets)
+{
     scratch_folder flash;
     settings wanted = small();
     wanted.order = read_order::backward;
@@ -102,7 +111,8 @@ TEST(Sahara, BackwardBlocksLandAtTheirOffsets) {
     EXPECT_EQ(flash.content("programmer.bin"), "abcdefghij");
 }
 
-TEST(Sahara, PacketsAndBlocksMayArriveByteByByte) {
+TEST(Sahara, PacketsAndBlocksMayArriveByteByByte)
+{
     talk it(small());
     it.heard();
     for (size_t i = 0; i + 1 < hello_response.size(); i++)
@@ -114,14 +124,16 @@ TEST(Sahara, PacketsAndBlocksMayArriveByteByByte) {
     EXPECT_EQ(it.say(to_octets("d")), (units{read_32(4, 4)}));
 }
 
-TEST(Sahara, AllBlocksGluedTogether) {
+TEST(Sahara, AllBlocksGluedTogether)
+{
     talk it(small());
     it.heard();
     it.say(hello_response);
     EXPECT_EQ(it.say(to_octets("abcdefghij")), (units{read_32(4, 4), read_32(8, 2), end_image}));
 }
 
-TEST(Sahara, PlatformZeroReportsDoneWithZero) {
+TEST(Sahara, PlatformZeroReportsDoneWithZero)
+{
     settings wanted = small();
     wanted.platform = 0;
     talk it(wanted);
@@ -130,7 +142,8 @@ TEST(Sahara, PlatformZeroReportsDoneWithZero) {
     EXPECT_TRUE(it.modem.ended());
 }
 
-TEST(Sahara, AnotherDoneStatusKeepsTheBootLoaderRunning) {
+TEST(Sahara, AnotherDoneStatusKeepsTheBootLoaderRunning)
+{
     settings wanted = small();
     wanted.done_status = 0;
     talk it(wanted);
@@ -143,7 +156,8 @@ TEST(Sahara, AnotherDoneStatusKeepsTheBootLoaderRunning) {
     EXPECT_TRUE(it.logged("\"reason\":\"reset by the host\""));
 }
 
-TEST(Sahara, EndStatus) {
+TEST(Sahara, EndStatus)
+{
     settings wanted = small();
     wanted.end_status = 9;
     wanted.programmer_size = 0;
@@ -152,14 +166,16 @@ TEST(Sahara, EndStatus) {
     EXPECT_EQ(it.say(hello_response), (units{{4, 0, 0, 0, 16, 0, 0, 0, 13, 0, 0, 0, 9, 0, 0, 0}}));
 }
 
-TEST(Sahara, StateResetStartsAnew) {
+TEST(Sahara, StateResetStartsAnew)
+{
     talk it(small());
     upload(it);
     EXPECT_EQ(it.say(state_reset), (units{hello}));
     EXPECT_EQ(it.say(hello_response), (units{read_32(0, 4)}));
 }
 
-TEST(Sahara, LoneResetInsteadOfABlockIsObeyed) {
+TEST(Sahara, LoneResetInsteadOfABlockIsObeyed)
+{
     settings wanted = small();
     wanted.programmer_size = wanted.read_size = 100;
     talk it(wanted);
@@ -171,7 +187,8 @@ TEST(Sahara, LoneResetInsteadOfABlockIsObeyed) {
     EXPECT_TRUE(it.modem.ended());
 }
 
-TEST(Sahara, WithoutHelloItWaitsAndExpectsTheHostsOwnVersion) {
+TEST(Sahara, WithoutHelloItWaitsAndExpectsTheHostsOwnVersion)
+{
     settings wanted = small();
     wanted.no_hello = true;
     wanted.hello_version = 7;
@@ -181,7 +198,8 @@ TEST(Sahara, WithoutHelloItWaitsAndExpectsTheHostsOwnVersion) {
     EXPECT_EQ(it.say(hello_response), (units{read_32(0, 4)}));
 }
 
-TEST(Sahara, Mode2IsSentBackToDownloadMode) {
+TEST(Sahara, Mode2IsSentBackToDownloadMode)
+{
     settings wanted = small();
     wanted.hello_mode = 2;
     talk it(wanted);
@@ -200,7 +218,8 @@ struct broken_row {
 
 class SaharaBroken : public testing::TestWithParam<broken_row> {};
 
-TEST_P(SaharaBroken, IsTheHostsFault) {
+TEST_P(SaharaBroken, IsTheHostsFault)
+{
     talk it(small());
     it.heard();
     EXPECT_EQ(it.say(GetParam().sent), units{});
@@ -209,7 +228,8 @@ TEST_P(SaharaBroken, IsTheHostsFault) {
     EXPECT_EQ(it.modem.trouble(), GetParam().trouble);
 }
 
-octets changed(octets packet, size_t at, uint8_t value) {
+octets changed(octets packet, size_t at, uint8_t value)
+{
     packet[at] = value;
     return packet;
 }
@@ -226,37 +246,43 @@ INSTANTIATE_TEST_SUITE_P(
                     broken_row{"sahara: enter download mode although the HELLO mode is not 2",
                                enter_download}));
 
-TEST(SaharaFault, SkippedHelloComesAfterTheStateReset) {
+TEST(SaharaFault, SkippedHelloComesAfterTheStateReset)
+{
     talk it(with_fault("sahara.hello=skip"));
     EXPECT_EQ(it.heard(), units{});
     EXPECT_EQ(it.say(state_reset), (units{hello}));
 }
 
-TEST(SaharaFault, GarbageInsteadOfHello) {
+TEST(SaharaFault, GarbageInsteadOfHello)
+{
     talk it(with_fault("sahara.hello=garbage"));
     EXPECT_EQ(it.heard(), (units{{0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A,
                                   0xA5, 0x5A, 0xA5, 0x5A}}));
 }
 
-TEST(SaharaFault, RepeatedHello) {
+TEST(SaharaFault, RepeatedHello)
+{
     talk it(with_fault("sahara.hello=repeat"));
     EXPECT_EQ(it.heard(), (units{hello, hello}));
 }
 
-TEST(SaharaFault, TruncatedRequest) {
+TEST(SaharaFault, TruncatedRequest)
+{
     talk it(with_fault("sahara.read=truncate:12@2"));
     it.heard();
     EXPECT_EQ(it.say(hello_response), (units{read_32(0, 4)}));
     EXPECT_EQ(it.say(to_octets("abcd")), (units{{3, 0, 0, 0, 20, 0, 0, 0, 13, 0, 0, 0}}));
 }
 
-TEST(SaharaFault, HalfAMessageWithoutAByteCount) {
+TEST(SaharaFault, HalfAMessageWithoutAByteCount)
+{
     talk it(with_fault("sahara.read=truncate"));
     it.heard();
     EXPECT_EQ(it.say(hello_response), (units{{3, 0, 0, 0, 20, 0, 0, 0, 13, 0}}));
 }
 
-TEST(SaharaFault, SilenceLastsForEver) {
+TEST(SaharaFault, SilenceLastsForEver)
+{
     talk it(with_fault("sahara.read=silence@2"));
     it.heard();
     it.say(hello_response);
@@ -265,14 +291,16 @@ TEST(SaharaFault, SilenceLastsForEver) {
     EXPECT_TRUE(it.logged("\"kind\":\"fault\",\"step\":\"sahara.read\",\"fault\":\"silence\""));
 }
 
-TEST(SaharaFault, LateRequest) {
+TEST(SaharaFault, LateRequest)
+{
     talk it(with_fault("sahara.read=late:600"));
     it.heard();
     EXPECT_EQ(it.say(hello_response), (units{read_32(0, 4)}));
     EXPECT_EQ(it.last_delay_ms, 600U);
 }
 
-TEST(SaharaFault, HangUpInsteadOfEnd) {
+TEST(SaharaFault, HangUpInsteadOfEnd)
+{
     talk it(with_fault("sahara.end=hangup"));
     it.heard();
     it.say(hello_response);
@@ -280,7 +308,8 @@ TEST(SaharaFault, HangUpInsteadOfEnd) {
     EXPECT_TRUE(it.hung_up);
 }
 
-TEST(SaharaFault, NakIsAnEndStatusOfOne) {
+TEST(SaharaFault, NakIsAnEndStatusOfOne)
+{
     talk it(with_fault("sahara.end=nak"));
     it.heard();
     it.say(hello_response);
@@ -288,14 +317,16 @@ TEST(SaharaFault, NakIsAnEndStatusOfOne) {
               (octets{4, 0, 0, 0, 16, 0, 0, 0, 13, 0, 0, 0, 1, 0, 0, 0}));
 }
 
-TEST(SaharaFault, NakIsTheOtherDoneStatus) {
+TEST(SaharaFault, NakIsTheOtherDoneStatus)
+{
     talk it(with_fault("sahara.done=nak"));
     upload(it);
     EXPECT_EQ(it.say(done), (units{done_response_0}));
     EXPECT_FALSE(it.modem.ended());
 }
 
-TEST(SaharaFault, HangUpInTheMiddleOfABlock) {
+TEST(SaharaFault, HangUpInTheMiddleOfABlock)
+{
     talk it(with_fault("sahara.data-in=hangup@6"));
     it.heard();
     it.say(hello_response);
@@ -308,7 +339,8 @@ TEST(SaharaFault, HangUpInTheMiddleOfABlock) {
     EXPECT_EQ(it.modem.input_limit(), 0U);
 }
 
-TEST(SaharaFault, StallAfterTheLastByteAsksForNothingMore) {
+TEST(SaharaFault, StallAfterTheLastByteAsksForNothingMore)
+{
     talk it(with_fault("sahara.data-in=stall@10"));
     it.heard();
     it.say(hello_response);

@@ -14,12 +14,14 @@ class talk {
   public:
     explicit talk(settings wanted)
         : modem((log.set_sink([this](const std::string &line) { lines.push_back(line); }), std::move(wanted)),
-                log) {
+                log)
+    {
         started = modem.start();
     }
 
     // Everything that waits to be sent; a hang-up is noted in hung_up.
-    std::vector<octets> heard() {
+    std::vector<octets> heard()
+    {
         std::vector<octets> units;
         while (!modem.idle()) {
             last_delay_ms = modem.delay_ms();
@@ -32,22 +34,26 @@ class talk {
         return units;
     }
 
-    std::vector<octets> say(const octets &bytes) {
+    std::vector<octets> say(const octets &bytes)
+    {
         modem.receive(bytes);
         return heard();
     }
-    std::vector<std::string> say(const std::string &text) {
+    std::vector<std::string> say(const std::string &text)
+    {
         modem.receive(to_octets(text));
         return heard_text();
     }
-    std::vector<std::string> heard_text() {
+    std::vector<std::string> heard_text()
+    {
         std::vector<std::string> texts;
         for (const octets &unit : heard())
             texts.emplace_back(as_text(unit));
         return texts;
     }
 
-    bool logged(const std::string &part) const {
+    bool logged(const std::string &part) const
+    {
         for (const std::string &line : lines)
             if (line.find(part) != std::string::npos)
                 return true;
@@ -65,7 +71,8 @@ class talk {
 using texts = std::vector<std::string>;
 using units = std::vector<octets>;
 
-inline fault planned(const char *text) {
+inline fault planned(const char *text)
+{
     fault out;
     if (!parse_fault(text, out).empty())
         std::abort();
@@ -75,13 +82,15 @@ inline fault planned(const char *text) {
 // A new empty folder, removed with what is in it.
 class scratch_folder {
   public:
-    scratch_folder() {
+    scratch_folder()
+    {
         char name[] = "/tmp/kestrel-sim-test-XXXXXX";
         if (mkdtemp(name) == nullptr)
             std::abort();
         path = name;
     }
-    ~scratch_folder() {
+    ~scratch_folder()
+    {
         const std::string command = "rm -rf '" + path + "'";
         if (std::system(command.c_str()) != 0)
             std::abort();
@@ -90,7 +99,8 @@ class scratch_folder {
     scratch_folder &operator=(const scratch_folder &) = delete;
 
     // The content of a file; "(no file)" when it is missing.
-    std::string content(const std::string &name) const {
+    std::string content(const std::string &name) const
+    {
         std::FILE *file = std::fopen((path + "/" + name).c_str(), "rb");
         if (file == nullptr)
             return "(no file)";

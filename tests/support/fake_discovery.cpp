@@ -29,7 +29,8 @@ core_device_info make_device(const char *vid, const char *pid,
     return info;
 }
 
-int core_device_enumerate(const core_usb_id *identifiers, size_t count, core_device_info *devices, size_t *size)
+int core_device_enumerate(const core_usb_id *identifiers, size_t count, core_device_info *devices,
+                          size_t *size)
 {
     fake_discovery &fake = fake_discovery::instance();
     fake.enumerated.emplace_back(identifiers, identifiers + count);

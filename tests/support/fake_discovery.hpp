@@ -1,5 +1,5 @@
-// A stand-in for the platform's discovery (core-discovery.hpp): answers from two queues that the test fills. An
-// unexpected call fails the test.
+// A stand-in for the platform's discovery (core-discovery.hpp): answers from two queues that the test fills.
+// An unexpected call fails the test.
 #pragma once
 
 #include "core-discovery.hpp"

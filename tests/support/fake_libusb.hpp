@@ -1,6 +1,6 @@
-// A strict scripted stand-in for libusb, linked in its place. It describes one bus of devices and answers bulk
-// transfers from a script; a call that the script does not expect fails the test, and so does one that never
-// came (verify()).
+// A strict scripted stand-in for libusb, linked in its place. It describes one bus of devices and answers
+// bulk transfers from a script; a call that the script does not expect fails the test, and so does one that
+// never came (verify()).
 #pragma once
 
 #include <cstdint>
@@ -47,14 +47,15 @@ class fake_libusb {
     static fake_libusb &instance();
     // Forgets everything; one device may be given right away.
     void reset();
-    // Checks that the script is used up and that contexts, handles, lists, descriptors and claims are released.
+    // Checks that the script is used up and that contexts, handles, lists, descriptors and claims are
+    // released.
     void verify();
 
     std::vector<fake_device> devices;
     std::deque<fake_transfer> transfers;
     int init_result = 0;
     int claim_result = 0;
-    int device_list_result = 0;     // negative: libusb_get_device_list fails with it
+    int device_list_result = 0;       // negative: libusb_get_device_list fails with it
     bool no_device_of_handle = false; // libusb_get_device answers null
 
     // What happened, in order: "init", "option 3", "open 05c6:9008", "detach 0", "claim 0", "out 01 512",

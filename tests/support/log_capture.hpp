@@ -1,5 +1,5 @@
-// Captures what the code under test logs, for as long as the object lives; the log core's state is put back at
-// the end. Messages are recorded as passed to the pretty printer: level, source file, function and text.
+// Captures what the code under test logs, for as long as the object lives; the log core's state is put back
+// at the end. Messages are recorded as passed to the pretty printer: level, source file, function and text.
 #pragma once
 
 #include "zepho-log.hpp"

@@ -14,7 +14,8 @@
 
 namespace private_mounts {
 
-inline bool write_text(const std::string &path, const std::string &text) {
+inline bool write_text(const std::string &path, const std::string &text)
+{
     std::ofstream stream(path);
     stream << text;
     stream.close();
@@ -22,7 +23,8 @@ inline bool write_text(const std::string &path, const std::string &text) {
 }
 
 // Moves the process into the namespace, once. False, with the reason, where that is not permitted.
-inline bool enter(std::string *reason) {
+inline bool enter(std::string *reason)
+{
     static bool entered = false;
     if (entered)
         return true;
@@ -50,7 +52,8 @@ inline bool enter(std::string *reason) {
 }
 
 // An empty /sys in place of the one before.
-inline bool empty_sys(std::string *reason) {
+inline bool empty_sys(std::string *reason)
+{
     if (!enter(reason))
         return false;
     if (mount("tmpfs", "/sys", "tmpfs", 0, nullptr) == 0)
@@ -61,7 +64,8 @@ inline bool empty_sys(std::string *reason) {
 
 // A /dev that holds the terminals and the usual memory devices only, until restore_dev(). A pseudo-terminal
 // has to be opened before.
-inline bool empty_dev(std::string *reason) {
+inline bool empty_dev(std::string *reason)
+{
     if (!enter(reason))
         return false;
     const auto fail = [reason](const char *what) {
@@ -89,12 +93,14 @@ inline bool empty_dev(std::string *reason) {
 }
 
 // The machine's /dev again. Only after empty_dev() has succeeded.
-inline void restore_dev() {
+inline void restore_dev()
+{
     umount2("/dev", MNT_DETACH);
 }
 
 // Writes a file below one of the two, its folders included.
-inline void write(const std::string &path, const std::string &text) {
+inline void write(const std::string &path, const std::string &text)
+{
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     write_text(path, text);
 }

@@ -18,12 +18,9 @@ static pairs ids_of(const core_usb_id_list &list)
 
 TEST(OtherTable, MakesTheModemList)
 {
-    EXPECT_EQ(ids_of(modem_list), (pairs{{0xFFF2, 1},
-                                         {0xFFF3, 3},
-                                         {0x17CB, 0x011A},
-                                         {0x17CB, 0x0309},
-                                         {0xFFF2, 2},
-                                         {0x05C6, 0x9008}}));
+    EXPECT_EQ(
+        ids_of(modem_list),
+        (pairs{{0xFFF2, 1}, {0xFFF3, 3}, {0x17CB, 0x011A}, {0x17CB, 0x0309}, {0xFFF2, 2}, {0x05C6, 0x9008}}));
 }
 
 TEST(OtherTable, MakesTheDownloadModeList)

@@ -18,7 +18,8 @@ using texts = std::vector<std::string>;
 
 namespace {
 
-core_device_info device_info(const char *vid, const char *pid, const char *name = "") {
+core_device_info device_info(const char *vid, const char *pid, const char *name = "")
+{
     core_device_info info{};
     strlcpy(info.vid, vid, sizeof info.vid);
     strlcpy(info.pid, pid, sizeof info.pid);
@@ -28,7 +29,8 @@ core_device_info device_info(const char *vid, const char *pid, const char *name 
 
 const core_device_info qdl = device_info("05c6", "9008");
 
-fake_device bulk_device(uint16_t packet_size = 512) {
+fake_device bulk_device(uint16_t packet_size = 512)
+{
     return {.vid = 0x05C6,
             .pid = 0x9008,
             .bus = 1,
@@ -39,20 +41,23 @@ fake_device bulk_device(uint16_t packet_size = 512) {
 class Endpoint : public ::testing::Test {
   protected:
     void SetUp() override { fake.reset(); }
-    void TearDown() override {
+    void TearDown() override
+    {
         if (ep.handle != nullptr || ep.context != nullptr)
             endpoint_close(&ep);
         fake.verify();
     }
 
-    void open(const fake_device &device) {
+    void open(const fake_device &device)
+    {
         fake.devices = {device};
         ASSERT_EQ(endpoint_open(&qdl, &ep), 0);
         fake.calls.clear();
     }
 
     // A record as left behind by something else.
-    static core_endpoint garbage() {
+    static core_endpoint garbage()
+    {
         core_endpoint record{};
         record.interface = 7;
         record.in_endpoint = 0x8F;
@@ -61,7 +66,8 @@ class Endpoint : public ::testing::Test {
         return record;
     }
 
-    void expect_closed() const {
+    void expect_closed() const
+    {
         EXPECT_EQ(ep.handle, nullptr);
         EXPECT_EQ(ep.context, nullptr);
         EXPECT_EQ(fake.open_handles, 0);
@@ -84,7 +90,8 @@ class SystemName : public Endpoint {
   protected:
     // The name of a device on `bus` behind `ports`, in a buffer of `size` bytes.
     std::string name_of(uint8_t bus, const std::vector<uint8_t> &ports, size_t size = 64,
-                        bool overflow = false) {
+                        bool overflow = false)
+    {
         fake.devices = {
             {.vid = 1, .pid = 1, .bus = bus, .ports = ports, .interfaces = {}, .port_overflow = overflow}};
         libusb_device **list = nullptr;
@@ -100,56 +107,67 @@ class SystemName : public Endpoint {
 
 } // namespace
 
-TEST_F(SystemName, HasBusAndPorts) {
+TEST_F(SystemName, HasBusAndPorts)
+{
     EXPECT_EQ(name_of(1, {2, 3}), "1-2.3");
     EXPECT_EQ(length, 5);
 }
 
-TEST_F(SystemName, HasOnePortBehindTheRootHub) {
+TEST_F(SystemName, HasOnePortBehindTheRootHub)
+{
     EXPECT_EQ(name_of(12, {4}), "12-4");
 }
 
-TEST_F(SystemName, HasSevenLevelsAtMost) {
+TEST_F(SystemName, HasSevenLevelsAtMost)
+{
     EXPECT_EQ(name_of(1, {1, 2, 3, 4, 5, 6, 255}), "1-1.2.3.4.5.6.255");
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(SystemName, OfARootHubIsItsBus) {
+TEST_F(SystemName, OfARootHubIsItsBus)
+{
     EXPECT_EQ(name_of(2, {}), "usb2");
     EXPECT_EQ(length, 4);
 }
 
-TEST_F(SystemName, IsEmptyBeyondSevenLevels) {
+TEST_F(SystemName, IsEmptyBeyondSevenLevels)
+{
     EXPECT_EQ(name_of(1, {1}, 64, true), "");
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"libusb_get_port_numbers error: Array is too small (7)\n"});
 }
 
-TEST_F(SystemName, IsEmptyInABufferTooSmallForTheBus) {
+TEST_F(SystemName, IsEmptyInABufferTooSmallForTheBus)
+{
     EXPECT_EQ(name_of(100, {2}, 4), "");
 }
 
-TEST_F(SystemName, IsEmptyInABufferTooSmallForThePorts) {
+TEST_F(SystemName, IsEmptyInABufferTooSmallForThePorts)
+{
     EXPECT_EQ(name_of(1, {2, 3}, 5), ""); // "1-2.3" needs six bytes
 }
 
-TEST_F(SystemName, FitsABufferOfExactlyItsSize) {
+TEST_F(SystemName, FitsABufferOfExactlyItsSize)
+{
     EXPECT_EQ(name_of(1, {2, 3}, 6), "1-2.3");
 }
 
-TEST_F(EndpointOpen, RefusesAnEmptyProductIdWithoutTouchingLibusb) {
+TEST_F(EndpointOpen, RefusesAnEmptyProductIdWithoutTouchingLibusb)
+{
     const core_device_info info = device_info("05c6", "");
     EXPECT_EQ(endpoint_open(&info, &ep), -22);
     EXPECT_EQ(fake.calls, texts{});
     expect_closed();
 }
 
-TEST_F(EndpointOpen, RefusesAnEmptyVendorIdWithoutTouchingLibusb) {
+TEST_F(EndpointOpen, RefusesAnEmptyVendorIdWithoutTouchingLibusb)
+{
     const core_device_info info = device_info("", "9008");
     EXPECT_EQ(endpoint_open(&info, &ep), -22);
     EXPECT_EQ(fake.calls, texts{});
 }
 
-TEST_F(EndpointOpen, LeavesAClosedRecordBehindEvenWhenTheIdentifierIsEmpty) {
+TEST_F(EndpointOpen, LeavesAClosedRecordBehindEvenWhenTheIdentifierIsEmpty)
+{
     ep.handle = reinterpret_cast<libusb_device_handle *>(&ep); // stale, never to be closed
     ep.context = reinterpret_cast<libusb_context *>(&ep);
     const core_device_info info = device_info("05c6", "");
@@ -160,34 +178,39 @@ TEST_F(EndpointOpen, LeavesAClosedRecordBehindEvenWhenTheIdentifierIsEmpty) {
     ep.context = nullptr;
 }
 
-TEST_F(EndpointOpen, RefusesAnIdentifierThatDoesNotParse) {
+TEST_F(EndpointOpen, RefusesAnIdentifierThatDoesNotParse)
+{
     const core_device_info info = device_info("05c6", "9o08");
     EXPECT_EQ(endpoint_open(&info, &ep), -102);
     EXPECT_TRUE(log.has(CORE_LOG_ERR, "could not convert 05c6:9o08\n"));
     EXPECT_EQ(fake.calls, texts{});
 }
 
-TEST_F(EndpointOpen, LogsAsItsSourceFile) {
+TEST_F(EndpointOpen, LogsAsItsSourceFile)
+{
     const core_device_info info = device_info("05c6", "9o08");
     endpoint_open(&info, &ep);
     EXPECT_EQ(log.messages().back().file, "core-endpoint.c");
     EXPECT_EQ(log.messages().back().function, "endpoint_open");
 }
 
-TEST_F(EndpointOpen, StartsLibusbWithLogLevelThreeAndOpensByIdentifier) {
+TEST_F(EndpointOpen, StartsLibusbWithLogLevelThreeAndOpensByIdentifier)
+{
     fake.devices = {bulk_device()};
     EXPECT_EQ(endpoint_open(&qdl, &ep), 0);
     EXPECT_EQ(fake.calls, (texts{"init", "option 3", "open 05c6:9008"}));
 }
 
-TEST_F(EndpointOpen, KeepsLibusbSilentWhereEveryLineIsJson) {
+TEST_F(EndpointOpen, KeepsLibusbSilentWhereEveryLineIsJson)
+{
     core_log_set_pprint(CORE_LOG_PPRINT_JSON);
     fake.devices = {bulk_device()};
     EXPECT_EQ(endpoint_open(&qdl, &ep), 0);
     EXPECT_EQ(fake.calls[1], "option 0");
 }
 
-TEST_F(EndpointOpen, TakesTheEndpointsOfBothDirections) {
+TEST_F(EndpointOpen, TakesTheEndpointsOfBothDirections)
+{
     fake.devices = {bulk_device(1024)};
     fake.devices[0].interfaces[0].number = 4;
     EXPECT_EQ(endpoint_open(&qdl, &ep), 0);
@@ -199,21 +222,24 @@ TEST_F(EndpointOpen, TakesTheEndpointsOfBothDirections) {
     EXPECT_NE(ep.context, nullptr);
 }
 
-TEST_F(EndpointOpen, PassesOnThatLibusbDoesNotStart) {
+TEST_F(EndpointOpen, PassesOnThatLibusbDoesNotStart)
+{
     fake.init_result = LIBUSB_ERROR_OTHER;
     EXPECT_EQ(endpoint_open(&qdl, &ep), -99);
     EXPECT_EQ(log.texts(CORE_LOG_ERR).size(), 1U);
     expect_closed();
 }
 
-TEST_F(EndpointOpen, ReportsADeviceThatIsNotThere) {
+TEST_F(EndpointOpen, ReportsADeviceThatIsNotThere)
+{
     EXPECT_EQ(endpoint_open(&qdl, &ep), -19);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"could not open device 0x05C6:0x9008\n"});
     EXPECT_EQ(fake.calls, (texts{"init", "option 3", "open 05c6:9008", "exit"}));
     expect_closed();
 }
 
-TEST_F(EndpointOpen, FindsADeviceByTheEndOfItsPath) {
+TEST_F(EndpointOpen, FindsADeviceByTheEndOfItsPath)
+{
     fake.devices = {{.vid = 0x1D6B, .pid = 2, .bus = 1, .ports = {}, .interfaces = {}}, bulk_device()};
     const core_device_info info = device_info("05c6", "9008", "/sys/bus/usb/devices/1-2.3");
     EXPECT_EQ(endpoint_open(&info, &ep), 0);
@@ -221,7 +247,8 @@ TEST_F(EndpointOpen, FindsADeviceByTheEndOfItsPath) {
     EXPECT_EQ(ep.in_endpoint, 0x81);
 }
 
-TEST_F(EndpointOpen, TakesTheFirstDeviceInListOrderThatTheWholePathEndsIn) {
+TEST_F(EndpointOpen, TakesTheFirstDeviceInListOrderThatTheWholePathEndsIn)
+{
     fake_device first = bulk_device();
     first.pid = 0x1111;
     fake_device second = bulk_device();
@@ -232,13 +259,15 @@ TEST_F(EndpointOpen, TakesTheFirstDeviceInListOrderThatTheWholePathEndsIn) {
     EXPECT_EQ(fake.calls[3], "open 05c6:1111");
 }
 
-TEST_F(EndpointOpen, ComparesThePathAsPlainText) {
+TEST_F(EndpointOpen, ComparesThePathAsPlainText)
+{
     fake.devices = {bulk_device()};
     const core_device_info info = device_info("05c6", "9008", "/sys/bus/usb/devices/11-2.3");
     EXPECT_EQ(endpoint_open(&info, &ep), 0);
 }
 
-TEST_F(EndpointOpen, NeverMatchesAPathShorterThanTheName) {
+TEST_F(EndpointOpen, NeverMatchesAPathShorterThanTheName)
+{
     fake.devices = {bulk_device()};
     const core_device_info info = device_info("05c6", "9008", "2.3");
     EXPECT_EQ(endpoint_open(&info, &ep), -102);
@@ -246,7 +275,8 @@ TEST_F(EndpointOpen, NeverMatchesAPathShorterThanTheName) {
     expect_closed();
 }
 
-TEST_F(EndpointOpen, SkipsADeviceWithoutASystemName) {
+TEST_F(EndpointOpen, SkipsADeviceWithoutASystemName)
+{
     fake_device deep = bulk_device();
     deep.port_overflow = true;
     fake.devices = {deep};
@@ -255,7 +285,8 @@ TEST_F(EndpointOpen, SkipsADeviceWithoutASystemName) {
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "Device not found\n");
 }
 
-TEST_F(EndpointOpen, ReportsADeviceListThatFails) {
+TEST_F(EndpointOpen, ReportsADeviceListThatFails)
+{
     fake.device_list_result = LIBUSB_ERROR_NO_MEM;
     const core_device_info info = device_info("05c6", "9008", "1-2.3");
     EXPECT_EQ(endpoint_open(&info, &ep), -19);
@@ -263,7 +294,8 @@ TEST_F(EndpointOpen, ReportsADeviceListThatFails) {
     expect_closed();
 }
 
-TEST_F(EndpointOpen, FreesTheListOfAListedDeviceThatDoesNotOpen) {
+TEST_F(EndpointOpen, FreesTheListOfAListedDeviceThatDoesNotOpen)
+{
     fake.devices = {bulk_device()};
     fake.devices[0].open_result = LIBUSB_ERROR_ACCESS;
     const core_device_info info = device_info("05c6", "9008", "1-2.3");
@@ -273,7 +305,8 @@ TEST_F(EndpointOpen, FreesTheListOfAListedDeviceThatDoesNotOpen) {
     expect_closed();
 }
 
-TEST_F(EndpointOpen, ReportsAHandleWithoutADevice) {
+TEST_F(EndpointOpen, ReportsAHandleWithoutADevice)
+{
     fake.devices = {bulk_device()};
     fake.no_device_of_handle = true;
     EXPECT_EQ(endpoint_open(&qdl, &ep), -102);
@@ -281,7 +314,8 @@ TEST_F(EndpointOpen, ReportsAHandleWithoutADevice) {
     expect_closed();
 }
 
-TEST_F(EndpointOpen, PassesOnThatThereIsNoConfiguration) {
+TEST_F(EndpointOpen, PassesOnThatThereIsNoConfiguration)
+{
     fake.devices = {bulk_device()};
     fake.devices[0].config_result = LIBUSB_ERROR_NOT_FOUND;
     EXPECT_EQ(endpoint_open(&qdl, &ep), -5);
@@ -289,7 +323,8 @@ TEST_F(EndpointOpen, PassesOnThatThereIsNoConfiguration) {
     expect_closed();
 }
 
-TEST_F(EndpointOpen, TakesTheLastEndpointOfEachDirectionOverAllInterfaces) {
+TEST_F(EndpointOpen, TakesTheLastEndpointOfEachDirectionOverAllInterfaces)
+{
     fake_device device = bulk_device();
     device.interfaces = {
         {.number = 0, .settings = {{{0x81, 2, 64}, {0x02, 2, 64}}, {{0x83, 2, 64}, {0x04, 2, 128}}}},
@@ -304,7 +339,8 @@ TEST_F(EndpointOpen, TakesTheLastEndpointOfEachDirectionOverAllInterfaces) {
     EXPECT_EQ(ep.max_packet_size, 256);
 }
 
-TEST_F(EndpointOpen, PassesOverControlEndpoints) {
+TEST_F(EndpointOpen, PassesOverControlEndpoints)
+{
     fake_device device = bulk_device();
     device.interfaces.push_back(
         {.number = 1, .driver_active = true, .settings = {{{0x85, 0, 8}, {0x05, 0xF0, 8}}}}); // low bits only
@@ -316,7 +352,8 @@ TEST_F(EndpointOpen, PassesOverControlEndpoints) {
     EXPECT_EQ(ep.out_endpoint, 0x01);
 }
 
-TEST_F(EndpointOpen, OpensADeviceWithAnInEndpointOnly) {
+TEST_F(EndpointOpen, OpensADeviceWithAnInEndpointOnly)
+{
     fake_device device = bulk_device();
     device.interfaces[0].settings = {{{0x81, 2, 512}}};
     fake.devices = {device};
@@ -326,7 +363,8 @@ TEST_F(EndpointOpen, OpensADeviceWithAnInEndpointOnly) {
     EXPECT_NE(ep.handle, nullptr);
 }
 
-TEST_F(EndpointOpen, DetachesTheKernelDriverOnce) {
+TEST_F(EndpointOpen, DetachesTheKernelDriverOnce)
+{
     fake.devices = {bulk_device()};
     fake.devices[0].interfaces[0].driver_active = true;
     EXPECT_EQ(endpoint_open(&qdl, &ep), 0);
@@ -334,7 +372,8 @@ TEST_F(EndpointOpen, DetachesTheKernelDriverOnce) {
     EXPECT_EQ(ep.out_endpoint, 0x01);
 }
 
-TEST_F(EndpointOpen, EndsTheScanOfASettingWhoseDriverStays) {
+TEST_F(EndpointOpen, EndsTheScanOfASettingWhoseDriverStays)
+{
     fake.devices = {bulk_device()};
     fake.devices[0].interfaces[0].driver_active = true;
     fake.devices[0].interfaces[0].detach_result = LIBUSB_ERROR_NOT_SUPPORTED;
@@ -344,7 +383,8 @@ TEST_F(EndpointOpen, EndsTheScanOfASettingWhoseDriverStays) {
     expect_closed();
 }
 
-TEST_F(EndpointOpen, KeepsTheOtherInterfacesOpenAfterADriverThatStays) {
+TEST_F(EndpointOpen, KeepsTheOtherInterfacesOpenAfterADriverThatStays)
+{
     fake_device device = bulk_device();
     device.interfaces.insert(device.interfaces.begin(), {.number = 3,
                                                          .driver_active = true,
@@ -357,7 +397,8 @@ TEST_F(EndpointOpen, KeepsTheOtherInterfacesOpenAfterADriverThatStays) {
     EXPECT_EQ(ep.in_endpoint, 0x81);
 }
 
-TEST_F(EndpointOpen, ReturnsTheLastOfSeveralDetachErrors) {
+TEST_F(EndpointOpen, ReturnsTheLastOfSeveralDetachErrors)
+{
     fake_device device = bulk_device();
     const auto blocked = [](uint8_t number, int result) {
         return fake_interface{
@@ -368,7 +409,8 @@ TEST_F(EndpointOpen, ReturnsTheLastOfSeveralDetachErrors) {
     EXPECT_EQ(endpoint_open(&qdl, &ep), -1);
 }
 
-TEST_F(EndpointOpen, ReportsADeviceWithoutEndpoints) {
+TEST_F(EndpointOpen, ReportsADeviceWithoutEndpoints)
+{
     fake_device device = bulk_device();
     device.interfaces[0].settings = {{}};
     fake.devices = {device};
@@ -377,7 +419,8 @@ TEST_F(EndpointOpen, ReportsADeviceWithoutEndpoints) {
     expect_closed();
 }
 
-TEST_F(EndpointOpen, ReleasesEverythingAgain) {
+TEST_F(EndpointOpen, ReleasesEverythingAgain)
+{
     fake.devices = {bulk_device()};
     ASSERT_EQ(core_usb_endpoint_open(&qdl, &ep), 0);
     EXPECT_EQ(fake.open_descriptors, 0);
@@ -387,7 +430,8 @@ TEST_F(EndpointOpen, ReleasesEverythingAgain) {
     EXPECT_EQ(fake.open_contexts, 0);
 }
 
-TEST_F(InterfaceOpen, TakesTheEndpointsOfThatInterfaceOnly) {
+TEST_F(InterfaceOpen, TakesTheEndpointsOfThatInterfaceOnly)
+{
     fake_device device = bulk_device();
     device.interfaces.push_back({.number = 1, .settings = {{{0x82, 2, 64}, {0x02, 2, 64}}}});
     device.interfaces.push_back({.number = 2, .settings = {{{0x83, 2, 128}, {0x03, 2, 128}}}});
@@ -400,14 +444,16 @@ TEST_F(InterfaceOpen, TakesTheEndpointsOfThatInterfaceOnly) {
     EXPECT_EQ(log.texts(CORE_LOG_DBG), texts{"opening edpoint from interface 1\n"});
 }
 
-TEST_F(InterfaceOpen, GoesByIdentifierEvenWithAPath) {
+TEST_F(InterfaceOpen, GoesByIdentifierEvenWithAPath)
+{
     fake.devices = {bulk_device()};
     const core_device_info info = device_info("05c6", "9008", "/sys/bus/usb/devices/9-9");
     EXPECT_EQ(interface_open(&info, &ep, 0), 0);
     EXPECT_EQ(fake.calls, (texts{"init", "option 3", "open 05c6:9008"}));
 }
 
-TEST_F(InterfaceOpen, RefusesAnInterfaceThatTheDeviceDoesNotHave) {
+TEST_F(InterfaceOpen, RefusesAnInterfaceThatTheDeviceDoesNotHave)
+{
     fake_device device = bulk_device();
     device.interfaces.push_back({.number = 1, .settings = {{}}});
     device.interfaces.push_back({.number = 2, .settings = {{}}});
@@ -418,32 +464,37 @@ TEST_F(InterfaceOpen, RefusesAnInterfaceThatTheDeviceDoesNotHave) {
     expect_closed();
 }
 
-TEST_F(InterfaceOpen, RefusesTheFirstInterfaceBeyondTheLast) {
+TEST_F(InterfaceOpen, RefusesTheFirstInterfaceBeyondTheLast)
+{
     fake.devices = {bulk_device()};
     EXPECT_EQ(interface_open(&qdl, &ep, 1), -19);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"Interface 1 is out of device capability (1)\n"});
 }
 
-TEST_F(InterfaceOpen, RefusesAnEmptyIdentifierWithoutTouchingLibusb) {
+TEST_F(InterfaceOpen, RefusesAnEmptyIdentifierWithoutTouchingLibusb)
+{
     const core_device_info info = device_info("05c6", "");
     EXPECT_EQ(interface_open(&info, &ep, 0), -22);
     EXPECT_EQ(fake.calls, texts{});
 }
 
-TEST_F(InterfaceOpen, RefusesAnIdentifierThatDoesNotParse) {
+TEST_F(InterfaceOpen, RefusesAnIdentifierThatDoesNotParse)
+{
     const core_device_info info = device_info("zzzz", "9008");
     EXPECT_EQ(interface_open(&info, &ep, 0), -102);
     EXPECT_TRUE(log.has(CORE_LOG_ERR, "could not convert zzzz:9008\n"));
     EXPECT_EQ(log.messages().back().function, "interface_open");
 }
 
-TEST_F(InterfaceOpen, ReportsADeviceThatIsNotThere) {
+TEST_F(InterfaceOpen, ReportsADeviceThatIsNotThere)
+{
     EXPECT_EQ(interface_open(&qdl, &ep, 0), -19);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"could not open device 0x05C6:0x9008\n"});
     expect_closed();
 }
 
-TEST_F(InterfaceOpen, ReportsAHandleWithoutADevice) {
+TEST_F(InterfaceOpen, ReportsAHandleWithoutADevice)
+{
     fake.devices = {bulk_device()};
     fake.no_device_of_handle = true;
     EXPECT_EQ(interface_open(&qdl, &ep, 0), -102);
@@ -451,7 +502,8 @@ TEST_F(InterfaceOpen, ReportsAHandleWithoutADevice) {
     expect_closed();
 }
 
-TEST_F(InterfaceOpen, PassesOnThatThereIsNoConfiguration) {
+TEST_F(InterfaceOpen, PassesOnThatThereIsNoConfiguration)
+{
     fake.devices = {bulk_device()};
     fake.devices[0].config_result = LIBUSB_ERROR_IO;
     EXPECT_EQ(interface_open(&qdl, &ep, 0), -1);
@@ -459,7 +511,8 @@ TEST_F(InterfaceOpen, PassesOnThatThereIsNoConfiguration) {
     expect_closed();
 }
 
-TEST_F(InterfaceOpen, PassesOnThatTheDriverStays) {
+TEST_F(InterfaceOpen, PassesOnThatTheDriverStays)
+{
     fake.devices = {bulk_device()};
     fake.devices[0].interfaces[0].driver_active = true;
     fake.devices[0].interfaces[0].detach_result = LIBUSB_ERROR_NOT_FOUND;
@@ -469,20 +522,23 @@ TEST_F(InterfaceOpen, PassesOnThatTheDriverStays) {
     expect_closed();
 }
 
-TEST_F(InterfaceOpen, TakesEightBitsOfTheApplicationsNumber) {
+TEST_F(InterfaceOpen, TakesEightBitsOfTheApplicationsNumber)
+{
     fake.devices = {bulk_device()};
     EXPECT_EQ(core_usb_interface_open(&qdl, &ep, 0x100), 0);
     EXPECT_EQ(ep.interface, 0);
 }
 
-TEST_F(EndpointClose, ClosesTheHandleBeforeTheContext) {
+TEST_F(EndpointClose, ClosesTheHandleBeforeTheContext)
+{
     open(bulk_device());
     EXPECT_EQ(endpoint_close(&ep), 0);
     EXPECT_EQ(fake.calls, (texts{"close", "exit"}));
     ep = {};
 }
 
-TEST_F(EndpointClose, LeavesTheFieldsAsTheyAre) {
+TEST_F(EndpointClose, LeavesTheFieldsAsTheyAre)
+{
     open(bulk_device());
     const core_endpoint before = ep;
     endpoint_close(&ep);
@@ -492,17 +548,20 @@ TEST_F(EndpointClose, LeavesTheFieldsAsTheyAre) {
     ep = {};
 }
 
-TEST_F(EndpointClose, TouchesNothingOfARecordThatIsNotOpen) {
+TEST_F(EndpointClose, TouchesNothingOfARecordThatIsNotOpen)
+{
     EXPECT_EQ(endpoint_close(&ep), 0);
     EXPECT_EQ(fake.calls, texts{});
 }
 
-TEST_F(EndpointClose, AssertsARecord) {
+TEST_F(EndpointClose, AssertsARecord)
+{
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(endpoint_close(nullptr), "assertion failed: ep");
 }
 
-TEST_F(EndpointTransfer, ClaimsTheInterfaceForEachTransfer) {
+TEST_F(EndpointTransfer, ClaimsTheInterfaceForEachTransfer)
+{
     open(bulk_device());
     fake.transfers = {{0x01, "ping"}, {0x81, "pong"}};
     char answer[16] = {};
@@ -514,14 +573,16 @@ TEST_F(EndpointTransfer, ClaimsTheInterfaceForEachTransfer) {
     EXPECT_EQ(fake.calls, (texts{"claim 0", "out 01 4", "release 0", "claim 0", "in 81 16", "release 0"}));
 }
 
-TEST_F(EndpointTransfer, WaitsThirtySeconds) {
+TEST_F(EndpointTransfer, WaitsThirtySeconds)
+{
     open(bulk_device());
     fake.transfers = {{0x01, "ping"}};
     EXPECT_EQ(core_usb_endpoint_write(&ep, "ping", 4, &moved), 0);
     EXPECT_EQ(fake.timeouts, std::vector<unsigned>{30000});
 }
 
-TEST_F(EndpointTransfer, PassesOnThatTheInterfaceIsNotClaimed) {
+TEST_F(EndpointTransfer, PassesOnThatTheInterfaceIsNotClaimed)
+{
     open(bulk_device());
     fake.claim_result = LIBUSB_ERROR_BUSY;
     EXPECT_EQ(core_usb_endpoint_write(&ep, "ping", 4, &moved), -6);
@@ -530,7 +591,8 @@ TEST_F(EndpointTransfer, PassesOnThatTheInterfaceIsNotClaimed) {
     EXPECT_EQ(moved, 0);
 }
 
-TEST_F(EndpointTransfer, ReportsAReadThatTimesOut) {
+TEST_F(EndpointTransfer, ReportsAReadThatTimesOut)
+{
     open(bulk_device());
     fake.transfers = {{.endpoint = 0x81, .data = "", .result = LIBUSB_ERROR_TIMEOUT}};
     char answer[16];
@@ -540,14 +602,16 @@ TEST_F(EndpointTransfer, ReportsAReadThatTimesOut) {
     EXPECT_EQ(fake.calls.back(), "release 0");
 }
 
-TEST_F(EndpointTransfer, TellsWhatMovedBeforeTheTimeOut) {
+TEST_F(EndpointTransfer, TellsWhatMovedBeforeTheTimeOut)
+{
     open(bulk_device());
     fake.transfers = {{.endpoint = 0x01, .data = "12345678", .result = LIBUSB_ERROR_TIMEOUT, .moved = 5}};
     EXPECT_EQ(core_usb_endpoint_write(&ep, "12345678", 8, &moved), -110);
     EXPECT_EQ(moved, 5);
 }
 
-TEST_F(EndpointTransfer, LogsAnyOtherErrorAndGoesOn) {
+TEST_F(EndpointTransfer, LogsAnyOtherErrorAndGoesOn)
+{
     open(bulk_device());
     fake.transfers = {{.endpoint = 0x01, .data = "1234", .result = LIBUSB_ERROR_PIPE, .moved = 0}};
     EXPECT_EQ(core_usb_endpoint_write(&ep, "1234", 4, &moved), 0);
@@ -556,14 +620,16 @@ TEST_F(EndpointTransfer, LogsAnyOtherErrorAndGoesOn) {
     EXPECT_EQ(fake.calls.back(), "release 0");
 }
 
-TEST_F(EndpointTransfer, TellsOfAShortWrite) {
+TEST_F(EndpointTransfer, TellsOfAShortWrite)
+{
     open(bulk_device());
     fake.transfers = {{.endpoint = 0x01, .data = "1234", .moved = 1}};
     EXPECT_EQ(core_usb_endpoint_write(&ep, "1234", 4, &moved), 0);
     EXPECT_EQ(moved, 1);
 }
 
-TEST_F(EndpointTransfer, SendsNothingToARecordThatIsNotOpen) {
+TEST_F(EndpointTransfer, SendsNothingToARecordThatIsNotOpen)
+{
     ep.handle = nullptr;
     EXPECT_EQ(core_usb_endpoint_write(&ep, "1234", 4, &moved), -22);
     EXPECT_EQ(moved, 0);
@@ -571,14 +637,16 @@ TEST_F(EndpointTransfer, SendsNothingToARecordThatIsNotOpen) {
     EXPECT_EQ(fake.calls, texts{});
 }
 
-TEST_F(EndpointTransfer, RefusesALengthThatLibusbCannotExpress) {
+TEST_F(EndpointTransfer, RefusesALengthThatLibusbCannotExpress)
+{
     open(bulk_device());
     char byte = 0;
     EXPECT_EQ(endpoint_transfer(&ep, true, &byte, static_cast<size_t>(INT_MAX) + 1, &moved), -22);
     EXPECT_EQ(fake.calls, texts{});
 }
 
-TEST_F(EndpointTransfer, EndsWholePacketsWithAnEmptyOne) {
+TEST_F(EndpointTransfer, EndsWholePacketsWithAnEmptyOne)
+{
     open(bulk_device(512));
     ep.send_zero_length_packet = true;
     const std::string data(1024, 'd');
@@ -590,7 +658,8 @@ TEST_F(EndpointTransfer, EndsWholePacketsWithAnEmptyOne) {
     EXPECT_EQ(log.texts(CORE_LOG_DBG), texts{"sending zero-length packet\n"});
 }
 
-TEST_F(EndpointTransfer, AddsNothingToAShortLastPacket) {
+TEST_F(EndpointTransfer, AddsNothingToAShortLastPacket)
+{
     open(bulk_device(512));
     ep.send_zero_length_packet = true;
     const std::string data(1000, 'd');
@@ -599,7 +668,8 @@ TEST_F(EndpointTransfer, AddsNothingToAShortLastPacket) {
     EXPECT_EQ(fake.calls, (texts{"claim 0", "out 01 1000", "release 0"}));
 }
 
-TEST_F(EndpointTransfer, AddsNothingWithoutTheFlag) {
+TEST_F(EndpointTransfer, AddsNothingWithoutTheFlag)
+{
     open(bulk_device(512));
     ep.send_zero_length_packet = false;
     const std::string data(512, 'd');
@@ -608,7 +678,8 @@ TEST_F(EndpointTransfer, AddsNothingWithoutTheFlag) {
     EXPECT_EQ(fake.calls.size(), 3U);
 }
 
-TEST_F(EndpointTransfer, AddsNothingToARead) {
+TEST_F(EndpointTransfer, AddsNothingToARead)
+{
     open(bulk_device(512));
     ep.send_zero_length_packet = true;
     fake.transfers = {{0x81, "answer"}};
@@ -617,7 +688,8 @@ TEST_F(EndpointTransfer, AddsNothingToARead) {
     EXPECT_EQ(fake.calls.size(), 3U);
 }
 
-TEST_F(EndpointTransfer, AddsNothingWhereThePacketSizeIsZero) {
+TEST_F(EndpointTransfer, AddsNothingWhereThePacketSizeIsZero)
+{
     open(bulk_device(0));
     ep.send_zero_length_packet = true;
     fake.transfers = {{0x01, "1234"}};
@@ -625,7 +697,8 @@ TEST_F(EndpointTransfer, AddsNothingWhereThePacketSizeIsZero) {
     EXPECT_EQ(fake.calls.size(), 3U);
 }
 
-TEST_F(EndpointTransfer, ReportsAnEmptyPacketThatTimesOut) {
+TEST_F(EndpointTransfer, ReportsAnEmptyPacketThatTimesOut)
+{
     open(bulk_device(4));
     ep.send_zero_length_packet = true;
     fake.transfers = {{0x01, "1234"}, {.endpoint = 0x01, .data = "", .result = LIBUSB_ERROR_TIMEOUT}};
@@ -635,7 +708,8 @@ TEST_F(EndpointTransfer, ReportsAnEmptyPacketThatTimesOut) {
     EXPECT_EQ(fake.calls.back(), "release 0");
 }
 
-TEST_F(EndpointTransfer, LogsAnyOtherErrorOfTheEmptyPacketAndGoesOn) {
+TEST_F(EndpointTransfer, LogsAnyOtherErrorOfTheEmptyPacketAndGoesOn)
+{
     open(bulk_device(4));
     ep.send_zero_length_packet = true;
     fake.transfers = {{0x01, "1234"}, {.endpoint = 0x01, .data = "", .result = LIBUSB_ERROR_IO}};
@@ -643,7 +717,8 @@ TEST_F(EndpointTransfer, LogsAnyOtherErrorOfTheEmptyPacketAndGoesOn) {
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"bulk zlp transfer error -1\n"});
 }
 
-TEST_F(EndpointTransfer, KeepsTheTimeOutOfTheDataWhenTheEmptyPacketGoesThrough) {
+TEST_F(EndpointTransfer, KeepsTheTimeOutOfTheDataWhenTheEmptyPacketGoesThrough)
+{
     open(bulk_device(4));
     ep.send_zero_length_packet = true;
     fake.transfers = {{.endpoint = 0x01, .data = "1234", .result = LIBUSB_ERROR_TIMEOUT, .moved = 0},
@@ -652,7 +727,8 @@ TEST_F(EndpointTransfer, KeepsTheTimeOutOfTheDataWhenTheEmptyPacketGoesThrough) 
     EXPECT_EQ(moved, 0);
 }
 
-TEST(DeviceFlush, DiscardsWhatWaits) {
+TEST(DeviceFlush, DiscardsWhatWaits)
+{
     pty port;
     const int handle = open(port.path().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
     ASSERT_GE(handle, 0);
@@ -666,17 +742,20 @@ TEST(DeviceFlush, DiscardsWhatWaits) {
     close(handle);
 }
 
-TEST(DeviceFlush, FailsWhereThereIsNoTerminal) {
+TEST(DeviceFlush, FailsWhereThereIsNoTerminal)
+{
     const int handle = open("/dev/null", O_RDWR);
     EXPECT_EQ(core_device_flush(handle), -5);
     close(handle);
 }
 
-TEST(DeviceFlush, FailsWithoutADevice) {
+TEST(DeviceFlush, FailsWithoutADevice)
+{
     EXPECT_EQ(core_device_flush(-1), -5);
 }
 
-TEST(RealPath, FollowsALink) {
+TEST(RealPath, FollowsALink)
+{
     const temp_dir dir;
     const std::string target = dir.write("ttyUSB7", "");
     ASSERT_EQ(symlink(target.c_str(), dir.at("by-id").c_str()), 0);
@@ -687,26 +766,31 @@ TEST(RealPath, FollowsALink) {
     EXPECT_EQ(std::string(out), std::string(expected) + "/ttyUSB7");
 }
 
-TEST(RealPath, RefusesANullPath) {
+TEST(RealPath, RefusesANullPath)
+{
     char out[PATH_MAX];
     EXPECT_EQ(core_get_real_path(nullptr, out), -22);
 }
 
-TEST(RealPath, RefusesAnEmptyPath) {
+TEST(RealPath, RefusesAnEmptyPath)
+{
     char out[PATH_MAX];
     EXPECT_EQ(core_get_real_path("", out), -22);
 }
 
-TEST(RealPath, RefusesANullBuffer) {
+TEST(RealPath, RefusesANullBuffer)
+{
     EXPECT_EQ(core_get_real_path("/dev", nullptr), -22);
 }
 
-TEST(RealPath, MapsWhyItFailed) {
+TEST(RealPath, MapsWhyItFailed)
+{
     char out[PATH_MAX];
     EXPECT_EQ(core_get_real_path("/nonexistent/node", out), -2);
 }
 
-TEST(RealPath, MapsAnErrorWithoutACodeOfItsOwn) {
+TEST(RealPath, MapsAnErrorWithoutACodeOfItsOwn)
+{
     const temp_dir dir;
     ASSERT_EQ(symlink("loop", dir.at("loop").c_str()), 0);
     char out[PATH_MAX];

@@ -587,7 +587,8 @@ TEST_F(Usb, ConfigureNakWithACounterOfferOfZeroFails)
     programmer.answers("<response value=\"NAK\" MaxPayloadSizeToTargetInBytesSupported=\"0\"/>");
     uint32_t payload = 1048576;
     EXPECT_EQ(send_config(device, &payload), -71);
-    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"the programmer supports a payload of 0 bytes, which cannot be used"});
+    EXPECT_EQ(log.texts(CORE_LOG_ERR),
+              texts{"the programmer supports a payload of 0 bytes, which cannot be used"});
 }
 
 TEST_F(Usb, ConfigureNakWithACounterOfferThatNoTransferMovesFails)

@@ -10,13 +10,15 @@
 namespace {
 
 // What follows the time stamp of an event; empty when the line does not begin with one.
-std::string after_timestamp(const std::string &line) {
+std::string after_timestamp(const std::string &line)
+{
     static const std::regex stamp("^\\{\"timestamp\": \"[0-9]{10,}\\.[0-9]{9}\", ([^]*)$");
     std::smatch match;
     return std::regex_match(line, match, stamp) ? match[1].str() : "";
 }
 
-modem described(const char *model) {
+modem described(const char *model)
+{
     modem m{};
     m.probing_mode = PROBING_USB;
     m.usb_id = {0xFFF0, 0x1001};
@@ -26,7 +28,8 @@ modem described(const char *model) {
     return m;
 }
 
-void add_port(modem *m, const char *name, uint32_t type) {
+void add_port(modem *m, const char *name, uint32_t type)
+{
     strlcpy(m->modem_port[m->modem_port_size].port_name, name, sizeof m->modem_port[0].port_name);
     m->modem_port[m->modem_port_size].port_type = type;
     ++m->modem_port_size;
@@ -34,14 +37,16 @@ void add_port(modem *m, const char *name, uint32_t type) {
 
 class ModemDescription : public ::testing::Test {
   protected:
-    void SetUp() override {
+    void SetUp() override
+    {
         ASSERT_TRUE(setup_json_output());
         json_set_event(false);
     }
     void TearDown() override { core_log_set_pprint(CORE_LOG_PPRINT_PLAIN); }
 
     // The one event that describes the modems, without its time stamp.
-    std::string describe(const std::vector<modem> &modems) {
+    std::string describe(const std::vector<modem> &modems)
+    {
         json_print_modems(modems.data(), static_cast<uint8_t>(modems.size()));
         EXPECT_EQ(print.lines().size(), 1U);
         return print.lines().empty() ? "" : after_timestamp(print.lines().back().text);
@@ -52,13 +57,15 @@ class ModemDescription : public ::testing::Test {
 
 } // namespace
 
-TEST(SetupJsonOutput, SelectsTheJsonPrinter) {
+TEST(SetupJsonOutput, SelectsTheJsonPrinter)
+{
     EXPECT_FALSE(core_log_is_json());
     EXPECT_TRUE(setup_json_output());
     EXPECT_TRUE(core_log_is_json());
 }
 
-TEST(SetupJsonOutput, TurnsLogMessagesIntoObjects) {
+TEST(SetupJsonOutput, TurnsLogMessagesIntoObjects)
+{
     const print_capture print;
     setup_json_output();
     core_log(CORE_LOG_INF, "../main.c", "main", 7, "ready\n");
@@ -68,7 +75,8 @@ TEST(SetupJsonOutput, TurnsLogMessagesIntoObjects) {
               "\"line\": 7, \"msg\": \"ready\"}\n");
 }
 
-TEST(ModemEvent, IsEmptyBeforeItIsSet) {
+TEST(ModemEvent, IsEmptyBeforeItIsSet)
+{
     const print_capture print;
     ASSERT_TRUE(setup_json_output());
     const modem m = described("KA100");
@@ -77,7 +85,8 @@ TEST(ModemEvent, IsEmptyBeforeItIsSet) {
     EXPECT_EQ(after_timestamp(print.lines()[0].text).substr(0, 22), "\"type\": \"\", \"modem\": [");
 }
 
-TEST_F(ModemDescription, HoldsEveryField) {
+TEST_F(ModemDescription, HoldsEveryField)
+{
     modem m = described("KA100");
     strlcpy(m.imei, "356938035643809", sizeof m.imei);
     strlcpy(m.cfun, "1", sizeof m.cfun);
@@ -95,7 +104,8 @@ TEST_F(ModemDescription, HoldsEveryField) {
         "\"modem_size\": 1}\n");
 }
 
-TEST_F(ModemDescription, WritesEmptyTextsAsNullAndNoPortsAsAnEmptyArray) {
+TEST_F(ModemDescription, WritesEmptyTextsAsNullAndNoPortsAsAnEmptyArray)
+{
     modem m{};
     strlcpy(m.model_name, "QDL", sizeof m.model_name);
     EXPECT_EQ(
@@ -106,24 +116,28 @@ TEST_F(ModemDescription, WritesEmptyTextsAsNullAndNoPortsAsAnEmptyArray) {
         "\"modem_size\": 1}\n");
 }
 
-TEST_F(ModemDescription, GoesOutAsInformation) {
+TEST_F(ModemDescription, GoesOutAsInformation)
+{
     describe({described("KA100")});
     EXPECT_EQ(print.lines()[0].level, CORE_LOG_INF);
 }
 
-TEST_F(ModemDescription, WritesIdentifiersWithFourDigits) {
+TEST_F(ModemDescription, WritesIdentifiersWithFourDigits)
+{
     modem m = described("QDL");
     m.usb_id = {0x05C6, 0x011A};
     EXPECT_NE(describe({m}).find("\"vid\": \"0x05C6\", \"pid\": \"0x011A\", "), std::string::npos);
 }
 
-TEST_F(ModemDescription, NamesAPortOfTheCommandLine) {
+TEST_F(ModemDescription, NamesAPortOfTheCommandLine)
+{
     modem m = described("KA100");
     m.probing_mode = PROBING_PORT;
     EXPECT_NE(describe({m}).find("[{\"probing_mode\": \"port\", "), std::string::npos);
 }
 
-TEST_F(ModemDescription, NamesTheOtherPortTypes) {
+TEST_F(ModemDescription, NamesTheOtherPortTypes)
+{
     modem m = described("QDL");
     add_port(&m, "/dev/wwan0firehose0", PORT_FIRMWARE_UPDATE);
     add_port(&m, "/dev/wwan0mbim0", PORT_UNKNOWN);
@@ -133,7 +147,8 @@ TEST_F(ModemDescription, NamesTheOtherPortTypes) {
               std::string::npos);
 }
 
-TEST_F(ModemDescription, WritesAPortWithoutANameAsNull) {
+TEST_F(ModemDescription, WritesAPortWithoutANameAsNull)
+{
     modem m = described("KA100");
     add_port(&m, "", PORT_UNKNOWN);
     EXPECT_NE(describe({m}).find("\"modem_port\": [{\"port_type\": \"unknown\", \"port_name\": null}], "
@@ -141,18 +156,21 @@ TEST_F(ModemDescription, WritesAPortWithoutANameAsNull) {
               std::string::npos);
 }
 
-TEST_F(ModemDescription, TellsOfARemoval) {
+TEST_F(ModemDescription, TellsOfARemoval)
+{
     json_set_event(true);
     EXPECT_EQ(describe({described("KA100")}).substr(0, 28), "\"type\": \"REMOVE\", \"modem\": [");
 }
 
-TEST_F(ModemDescription, TellsOfTheLatestEvent) {
+TEST_F(ModemDescription, TellsOfTheLatestEvent)
+{
     json_set_event(true);
     json_set_event(false);
     EXPECT_EQ(describe({described("KA100")}).substr(0, 25), "\"type\": \"ADD\", \"modem\": [");
 }
 
-TEST_F(ModemDescription, ListsEveryModem) {
+TEST_F(ModemDescription, ListsEveryModem)
+{
     const std::string text = describe({described("KA100"), described("KB200")});
     const std::string first = "{\"probing_mode\": \"usb\", \"vid\": \"0xFFF0\", \"pid\": \"0x1001\", "
                               "\"dev_path\": \"/sys/1-2\", \"usb_serial\": \"0123\", \"model_name\": \"";
@@ -162,25 +180,29 @@ TEST_F(ModemDescription, ListsEveryModem) {
                         rest + "], \"modem_size\": 2}\n");
 }
 
-TEST_F(ModemDescription, LeavesOutAModemWithoutAModelName) {
+TEST_F(ModemDescription, LeavesOutAModemWithoutAModelName)
+{
     const std::string text = describe({described(""), described("KB200"), modem{}});
     EXPECT_NE(text.find("\"model_name\": \"KB200\""), std::string::npos);
     EXPECT_NE(text.find("], \"modem_size\": 1}\n"), std::string::npos);
 }
 
-TEST_F(ModemDescription, IsNotPrintedWithoutAModel) {
+TEST_F(ModemDescription, IsNotPrintedWithoutAModel)
+{
     const std::vector<modem> modems = {described(""), modem{}};
     json_print_modems(modems.data(), 2);
     EXPECT_TRUE(print.lines().empty());
 }
 
-TEST_F(ModemDescription, LooksAtTheGivenCountOnly) {
+TEST_F(ModemDescription, LooksAtTheGivenCountOnly)
+{
     const std::vector<modem> modems = {described(""), described("KB200")};
     json_print_modems(modems.data(), 1);
     EXPECT_TRUE(print.lines().empty());
 }
 
-TEST_F(ModemDescription, KeepsNothingOfTheOneBefore) {
+TEST_F(ModemDescription, KeepsNothingOfTheOneBefore)
+{
     modem m = described("KA100");
     add_port(&m, "/dev/ttyUSB0", PORT_DIAGNOSTIC);
     describe({m, m});
@@ -191,12 +213,14 @@ TEST_F(ModemDescription, KeepsNothingOfTheOneBefore) {
               std::string::npos);
 }
 
-TEST_F(ModemDescription, EscapesItsTexts) {
+TEST_F(ModemDescription, EscapesItsTexts)
+{
     modem m = described("K\"A\\1\x01\xFF");
     EXPECT_NE(describe({m}).find("\"model_name\": \"K\\\"A\\\\1\\u0001\xEF\xBF\xBD\", "), std::string::npos);
 }
 
-TEST_F(ModemDescription, HoldsEightModemsWithShortTexts) {
+TEST_F(ModemDescription, HoldsEightModemsWithShortTexts)
+{
     std::vector<modem> modems(8);
     for (modem &m : modems)
         m = described("KA100");
@@ -204,14 +228,16 @@ TEST_F(ModemDescription, HoldsEightModemsWithShortTexts) {
     EXPECT_NE(text.find("], \"modem_size\": 8}\n"), std::string::npos);
 }
 
-TEST_F(ModemDescription, DescribesEightModemsAtMost) {
+TEST_F(ModemDescription, DescribesEightModemsAtMost)
+{
     std::vector<modem> modems(9);
     for (modem &m : modems)
         m = described("KA100");
     EXPECT_NE(describe(modems).find("], \"modem_size\": 8}\n"), std::string::npos);
 }
 
-TEST_F(ModemDescription, DropsATextThatIsTooLongAndWhatFollowsIt) {
+TEST_F(ModemDescription, DropsATextThatIsTooLongAndWhatFollowsIt)
+{
     modem m = described("KA100");
     memset(m.versions, 'v', 600); // a key and its value take 546 bytes at most
     json_print_modems(&m, 1);
@@ -225,7 +251,8 @@ TEST_F(ModemDescription, DropsATextThatIsTooLongAndWhatFollowsIt) {
         "\"cfun\": null}], \"modem_size\": 1}\n");
 }
 
-TEST_F(ModemDescription, IsDroppedWhenTheModemsDoNotFit) {
+TEST_F(ModemDescription, IsDroppedWhenTheModemsDoNotFit)
+{
     std::vector<modem> modems(8);
     for (modem &m : modems) {
         m = described("KA100");

@@ -10,13 +10,15 @@
 namespace {
 
 // "05C6:9008"
-std::string text_of(const core_usb_id &id) {
+std::string text_of(const core_usb_id &id)
+{
     char text[32];
     snprintf(text, sizeof text, "%04X:%04X", id.vid, id.pid);
     return text;
 }
 
-std::vector<std::string> texts_of(const core_usb_id_list &list, size_t first, size_t count) {
+std::vector<std::string> texts_of(const core_usb_id_list &list, size_t first, size_t count)
+{
     std::vector<std::string> found;
     for (size_t i = first; i < first + count && i < list.count; ++i)
         found.push_back(text_of(list.ids[i]));
@@ -24,7 +26,8 @@ std::vector<std::string> texts_of(const core_usb_id_list &list, size_t first, si
 }
 
 void expect_map(uint32_t vid, uint32_t pid, const char *diagnostic, const char *at,
-                const char *firmware_update, int minimum_ports) {
+                const char *firmware_update, int minimum_ports)
+{
     const core_usb_id id{vid, pid};
     const port_map map = get_port_map(&id);
     EXPECT_STREQ(map.diagnostic, diagnostic);
@@ -33,17 +36,20 @@ void expect_map(uint32_t vid, uint32_t pid, const char *diagnostic, const char *
     EXPECT_EQ(map.minimum_ports, minimum_ports);
 }
 
-bool is_maker(const core_usb_id &id) {
+bool is_maker(const core_usb_id &id)
+{
     return id.vid == 0xFFF0 || id.vid == 0xFFF1;
 }
 
 } // namespace
 
-TEST(ModemList, HasThirtyIdentifiers) {
+TEST(ModemList, HasThirtyIdentifiers)
+{
     EXPECT_EQ(modem_list.count, 30);
 }
 
-TEST(ModemList, BeginsWithTheMakersModemsInNormalOperation) {
+TEST(ModemList, BeginsWithTheMakersModemsInNormalOperation)
+{
     for (size_t i = 0; i < 25; ++i) {
         const core_usb_id &id = modem_list.ids[i];
         EXPECT_TRUE(is_maker(id)) << text_of(id);
@@ -51,38 +57,44 @@ TEST(ModemList, BeginsWithTheMakersModemsInNormalOperation) {
     }
 }
 
-TEST(ModemList, HasMakersIdentifiersOfTwoVendors) {
+TEST(ModemList, HasMakersIdentifiersOfTwoVendors)
+{
     std::set<uint32_t> vendors;
     for (size_t i = 0; i < 25; ++i)
         vendors.insert(modem_list.ids[i].vid);
     EXPECT_EQ(vendors, (std::set<uint32_t>{0xFFF0, 0xFFF1}));
 }
 
-TEST(ModemList, GoesOnWithPcieThenDownloadModeAndEndsWithTheChipVendorsDevice) {
+TEST(ModemList, GoesOnWithPcieThenDownloadModeAndEndsWithTheChipVendorsDevice)
+{
     EXPECT_EQ(texts_of(modem_list, 25, 5),
               (std::vector<std::string>{"17CB:011A", "17CB:0309", "FFF0:1F01", "FFF1:2F01", "05C6:9008"}));
 }
 
-TEST(ModemList, HoldsNoIdentifierTwice) {
+TEST(ModemList, HoldsNoIdentifierTwice)
+{
     std::set<std::string> seen;
     for (unsigned i = 0; i < modem_list.count; ++i)
         EXPECT_TRUE(seen.insert(text_of(modem_list.ids[i])).second) << text_of(modem_list.ids[i]);
 }
 
-TEST(ModemList, HoldsValidIdentifiersOnly) {
+TEST(ModemList, HoldsValidIdentifiersOnly)
+{
     for (unsigned i = 0; i < modem_list.count; ++i) {
         const core_usb_id &id = modem_list.ids[i];
         EXPECT_TRUE(id.vid >= 1 && id.vid <= 0xFFFF && id.pid >= 1 && id.pid <= 0xFFFF) << text_of(id);
     }
 }
 
-TEST(DownloadModeList, HasTheChipVendorsDeviceTheMakersAndPcieInThatOrder) {
+TEST(DownloadModeList, HasTheChipVendorsDeviceTheMakersAndPcieInThatOrder)
+{
     EXPECT_EQ(download_mode_list.count, 5);
     EXPECT_EQ(texts_of(download_mode_list, 0, 5),
               (std::vector<std::string>{"05C6:9008", "FFF0:1F01", "FFF1:2F01", "17CB:011A", "17CB:0309"}));
 }
 
-TEST(DownloadModeList, IsPartOfTheModemList) {
+TEST(DownloadModeList, IsPartOfTheModemList)
+{
     for (unsigned i = 0; i < download_mode_list.count; ++i) {
         const auto matches = [i](const core_usb_id &id) {
             return id.vid == download_mode_list.ids[i].vid && id.pid == download_mode_list.ids[i].pid;
@@ -92,43 +104,55 @@ TEST(DownloadModeList, IsPartOfTheModemList) {
     }
 }
 
-TEST(PortMap, OfTheDownloadDevice) {
+TEST(PortMap, OfTheDownloadDevice)
+{
     expect_map(0x05C6, 0x9008, "", "", "00", 1);
 }
-TEST(PortMap, OfTheFirstPcieModem) {
+TEST(PortMap, OfTheFirstPcieModem)
+{
     expect_map(0x17CB, 0x011A, "-1", "-1", "-1", 2);
 }
-TEST(PortMap, OfTheSecondPcieModem) {
+TEST(PortMap, OfTheSecondPcieModem)
+{
     expect_map(0x17CB, 0x0309, "-1", "-1", "-1", 2);
 }
-TEST(PortMap, OfAMakersModemWithThreePorts) {
+TEST(PortMap, OfAMakersModemWithThreePorts)
+{
     expect_map(0xFFF0, 0x1001, "00", "01,02", "", 3);
 }
-TEST(PortMap, OfAMakersModemWithTheDiagnosticPortLast) {
+TEST(PortMap, OfAMakersModemWithTheDiagnosticPortLast)
+{
     expect_map(0xFFF0, 0x1010, "03", "02", "", 3);
 }
-TEST(PortMap, OfAMakersModemWithTwoPorts) {
+TEST(PortMap, OfAMakersModemWithTwoPorts)
+{
     expect_map(0xFFF1, 0x2020, "02", "01", "", 2);
 }
-TEST(PortMap, OfAMakersDownloadModeDevice) {
+TEST(PortMap, OfAMakersDownloadModeDevice)
+{
     expect_map(0xFFF0, 0x1F01, "", "", "00", 1);
 }
-TEST(PortMap, OfTheOtherMakersDownloadModeDevice) {
+TEST(PortMap, OfTheOtherMakersDownloadModeDevice)
+{
     expect_map(0xFFF1, 0x2F01, "", "", "00", 1);
 }
-TEST(PortMap, GoesByTheProductIdAlone) {
+TEST(PortMap, GoesByTheProductIdAlone)
+{
     expect_map(0x1234, 0x9008, "", "", "00", 1);
 }
-TEST(PortMap, OfAnUnknownProductIsEmpty) {
+TEST(PortMap, OfAnUnknownProductIsEmpty)
+{
     expect_map(0x05C6, 0x9009, "", "", "", 0);
 }
 
-TEST(PortMap, IsThereForEveryProductOfTheModemList) {
+TEST(PortMap, IsThereForEveryProductOfTheModemList)
+{
     for (unsigned i = 0; i < modem_list.count; ++i)
         EXPECT_GE(get_port_map(&modem_list.ids[i]).minimum_ports, 1) << text_of(modem_list.ids[i]);
 }
 
-TEST(PortMap, ListsTwoDigitInterfacesSeparatedByCommas) {
+TEST(PortMap, ListsTwoDigitInterfacesSeparatedByCommas)
+{
     for (unsigned i = 0; i < modem_list.count; ++i) {
         const port_map map = get_port_map(&modem_list.ids[i]);
         for (const std::string list : {map.diagnostic, map.at, map.firmware_update}) {
@@ -143,7 +167,8 @@ TEST(PortMap, ListsTwoDigitInterfacesSeparatedByCommas) {
 }
 
 // A port name is classified by the first list that holds its interface: no interface may be in two of them.
-TEST(PortMap, NamesEachInterfaceOnce) {
+TEST(PortMap, NamesEachInterfaceOnce)
+{
     for (unsigned i = 0; i < modem_list.count; ++i) {
         const port_map map = get_port_map(&modem_list.ids[i]);
         std::set<std::string> seen;
@@ -154,59 +179,75 @@ TEST(PortMap, NamesEachInterfaceOnce) {
     }
 }
 
-static bool is_pcie(uint32_t vid, uint32_t pid) {
+static bool is_pcie(uint32_t vid, uint32_t pid)
+{
     const core_usb_id id{vid, pid};
     return is_pcie_modem(&id);
 }
 
-TEST(PcieModem, IsTheFirst) {
+TEST(PcieModem, IsTheFirst)
+{
     EXPECT_TRUE(is_pcie(0x17CB, 0x011A));
 }
-TEST(PcieModem, IsTheSecond) {
+TEST(PcieModem, IsTheSecond)
+{
     EXPECT_TRUE(is_pcie(0x17CB, 0x0309));
 }
-TEST(PcieModem, IsNoOtherProduct) {
+TEST(PcieModem, IsNoOtherProduct)
+{
     EXPECT_FALSE(is_pcie(0x17CB, 0x0308));
 }
-TEST(PcieModem, IsNoOtherVendor) {
+TEST(PcieModem, IsNoOtherVendor)
+{
     EXPECT_FALSE(is_pcie(0x05C6, 0x011A));
 }
-TEST(PcieModem, IsNotTheDownloadDevice) {
+TEST(PcieModem, IsNotTheDownloadDevice)
+{
     EXPECT_FALSE(is_pcie(0x05C6, 0x9008));
 }
 
-static bool is_download_mode(uint32_t vid, uint32_t pid) {
+static bool is_download_mode(uint32_t vid, uint32_t pid)
+{
     const core_usb_id id{vid, pid};
     return is_download_mode_modem(&id);
 }
 
-TEST(DownloadMode, IsTheChipVendorsDevice) {
+TEST(DownloadMode, IsTheChipVendorsDevice)
+{
     EXPECT_TRUE(is_download_mode(0x05C6, 0x9008));
 }
-TEST(DownloadMode, IsTheMakersFirst) {
+TEST(DownloadMode, IsTheMakersFirst)
+{
     EXPECT_TRUE(is_download_mode(0xFFF0, 0x1F01));
 }
-TEST(DownloadMode, IsTheMakersSecond) {
+TEST(DownloadMode, IsTheMakersSecond)
+{
     EXPECT_TRUE(is_download_mode(0xFFF1, 0x2F01));
 }
-TEST(DownloadMode, IsNoOtherVendorsProduct) {
+TEST(DownloadMode, IsNoOtherVendorsProduct)
+{
     EXPECT_FALSE(is_download_mode(0xFFF0, 0x9008));
 }
-TEST(DownloadMode, IsNoPcieModem) {
+TEST(DownloadMode, IsNoPcieModem)
+{
     EXPECT_FALSE(is_download_mode(0x17CB, 0x011A));
 }
-TEST(DownloadMode, IsNoModemInNormalOperation) {
+TEST(DownloadMode, IsNoModemInNormalOperation)
+{
     EXPECT_FALSE(is_download_mode(0xFFF0, 0x1001));
 }
-TEST(DownloadMode, IsNoEmptyIdentifier) {
+TEST(DownloadMode, IsNoEmptyIdentifier)
+{
     EXPECT_FALSE(is_download_mode(0, 0));
 }
 
-TEST(DownloadDevice, IsNamedAsTheKernelShowsIt) {
+TEST(DownloadDevice, IsNamedAsTheKernelShowsIt)
+{
     EXPECT_STREQ(QDL_VENDOR_TEXT, "5c6");
     EXPECT_STREQ(QDL_PRODUCT_TEXT, "9008");
 }
 
-TEST(ModemFamilies, AreSeparatedByCommas) {
+TEST(ModemFamilies, AreSeparatedByCommas)
+{
     EXPECT_STREQ(modem_families, "KA100, KA110, KB200, KB210, KC300");
 }

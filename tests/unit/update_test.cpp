@@ -23,14 +23,16 @@ const char several_modems[] = "multiple modems not supported, please keep a sing
 const char bailing_out[] = "dry-run requested, bailing out";
 const char probing_failed[] = "failure in modem probing, trying fw update anyway";
 
-core_usb_event arrival(uint32_t vid, uint32_t pid) {
+core_usb_event arrival(uint32_t vid, uint32_t pid)
+{
     core_usb_event event{};
     event.id = {vid, pid};
     strlcpy(event.path, "/sys/bus/usb/devices/1-2", sizeof event.path);
     return event;
 }
 
-core_usb_event removal(uint32_t vid, uint32_t pid) {
+core_usb_event removal(uint32_t vid, uint32_t pid)
+{
     core_usb_event event = arrival(vid, pid);
     event.removed = true;
     return event;
@@ -38,7 +40,8 @@ core_usb_event removal(uint32_t vid, uint32_t pid) {
 
 class Driver : public ::testing::Test {
   protected:
-    void SetUp() override {
+    void SetUp() override
+    {
         options = {};
         memset(&package, 0, sizeof package);
         keep_running = 1;
@@ -46,14 +49,16 @@ class Driver : public ::testing::Test {
         discovery.reset();
         sleep.reset();
     }
-    void TearDown() override {
+    void TearDown() override
+    {
         fw_package_free();
         EXPECT_TRUE(discovery.enumerations.empty()) << "fewer scans than expected";
         EXPECT_TRUE(discovery.events.empty()) << "fewer waits for an event than expected";
     }
 
     // A package of the given version, without image files, as the firmware directory.
-    void give_package(const std::string &version = "49.01.103") {
+    void give_package(const std::string &version = "49.01.103")
+    {
         dir.write("contents.xml", "<?xml version=\"1.0\"?>\n<contents>\n<partition_file>\n"
                                   "<file_name>rawprogram_nand.xml</file_name>\n</partition_file>\n"
                                   "<device_programmer>\n<file_name>programmer.mbn</file_name>\n"
@@ -65,14 +70,17 @@ class Driver : public ::testing::Test {
         options.firmware_directory = dir.path().c_str();
     }
 
-    void scan_finds(const std::vector<core_device_info> &devices) {
+    void scan_finds(const std::vector<core_device_info> &devices)
+    {
         discovery.enumerations.push_back({.result = 0, .devices = devices});
     }
     void scan_answers(int result) { discovery.enumerations.push_back({.result = result, .devices = {}}); }
-    void event(const core_usb_event &what) {
+    void event(const core_usb_event &what)
+    {
         discovery.events.push_back({.result = 0, .event = what, .before = {}});
     }
-    void event_error(int result) {
+    void event_error(int result)
+    {
         discovery.events.push_back({.result = result, .event = {}, .before = {}});
     }
 
@@ -80,7 +88,8 @@ class Driver : public ::testing::Test {
     int listen() { return update_after_listening(modems, 8, options.json); }
 
     // The texts of a level, without those of the modules that the driver calls.
-    texts driver_texts(int level) const {
+    texts driver_texts(int level) const
+    {
         texts found;
         for (const logged_message &message : log.messages()) {
             if (message.level == level && message.file == "../main.c")
@@ -120,16 +129,20 @@ class Interrupt : public Driver {};
 class answering_modem {
   public:
     explicit answering_modem(const std::string &version_lines)
-        : player([this, version_lines] { play(version_lines); }) {}
+        : player([this, version_lines] { play(version_lines); })
+    {
+    }
     ~answering_modem() { player.join(); }
 
-    core_device_info device() const {
+    core_device_info device() const
+    {
         return make_device("fff0", "1001",
                            {{"/nonexistent/0", "00"}, {port.path(), "01"}, {"/nonexistent/2", "02"}});
     }
 
   private:
-    void play(const std::string &version_lines) {
+    void play(const std::string &version_lines)
+    {
         const std::pair<std::string, std::string> talk[] = {
             {"ATE0\r", "\r\nOK\r\n"},
             {"AT#CGMM\r", "\r\n#CGMM: KA100\r\n\r\nOK\r\n"},
@@ -149,14 +162,16 @@ class answering_modem {
 
 } // namespace
 
-TEST_F(BusScanRetry, EndsWithTheFirstSuccess) {
+TEST_F(BusScanRetry, EndsWithTheFirstSuccess)
+{
     scan_finds({download});
     EXPECT_EQ(start_usb_bus_scan(&modem_list, modems, 8), 0);
     EXPECT_TRUE(sleep.slept.empty());
     EXPECT_TRUE(driver_texts(CORE_LOG_ERR).empty());
 }
 
-TEST_F(BusScanRetry, PausesHalfASecondAfterEachIncompleteEnumeration) {
+TEST_F(BusScanRetry, PausesHalfASecondAfterEachIncompleteEnumeration)
+{
     scan_answers(-11);
     scan_finds({make_device("05c6", "9008", {})}); // its port is not there yet
     scan_finds({download});
@@ -165,7 +180,8 @@ TEST_F(BusScanRetry, PausesHalfASecondAfterEachIncompleteEnumeration) {
     EXPECT_EQ(count_modems(modems, 8), 1);
 }
 
-TEST_F(BusScanRetry, GivesUpAfterSixteenCalls) {
+TEST_F(BusScanRetry, GivesUpAfterSixteenCalls)
+{
     for (int i = 0; i < 16; ++i)
         scan_answers(-11);
     EXPECT_EQ(start_usb_bus_scan(&modem_list, modems, 8), -11);
@@ -173,14 +189,16 @@ TEST_F(BusScanRetry, GivesUpAfterSixteenCalls) {
     EXPECT_EQ(driver_texts(CORE_LOG_ERR), texts{"failed port enumeration"});
 }
 
-TEST_F(BusScanRetry, PausesAfterTheLastCallToo) {
+TEST_F(BusScanRetry, PausesAfterTheLastCallToo)
+{
     for (int i = 0; i < 16; ++i)
         scan_answers(-11);
     start_usb_bus_scan(&modem_list, modems, 8);
     EXPECT_EQ(sleep.slept, std::vector<unsigned>(16, 500));
 }
 
-TEST_F(BusScanRetry, SucceedsWithTheSixteenthCall) {
+TEST_F(BusScanRetry, SucceedsWithTheSixteenthCall)
+{
     for (int i = 0; i < 15; ++i)
         scan_answers(-11);
     scan_finds({download});
@@ -188,41 +206,47 @@ TEST_F(BusScanRetry, SucceedsWithTheSixteenthCall) {
     EXPECT_TRUE(driver_texts(CORE_LOG_ERR).empty());
 }
 
-TEST_F(BusScanRetry, ReportsTooManyModems) {
+TEST_F(BusScanRetry, ReportsTooManyModems)
+{
     scan_finds(std::vector<core_device_info>(9, download));
     EXPECT_EQ(start_usb_bus_scan(&modem_list, modems, 8), -12);
     EXPECT_EQ(driver_texts(CORE_LOG_ERR), texts{"too many modems connected, increase MAX_MODEM_NUMBER"});
 }
 
-TEST_F(BusScanRetry, NotesThatNothingIsConnected) {
+TEST_F(BusScanRetry, NotesThatNothingIsConnected)
+{
     scan_answers(-19);
     EXPECT_EQ(start_usb_bus_scan(&modem_list, modems, 8), -19);
     EXPECT_EQ(driver_texts(CORE_LOG_DBG), texts{"no device with compatible VID/PID has been found"});
     EXPECT_TRUE(log.texts(CORE_LOG_ERR).empty());
 }
 
-TEST_F(BusScanRetry, PassesOnAnyOtherErrorWithoutAWord) {
+TEST_F(BusScanRetry, PassesOnAnyOtherErrorWithoutAWord)
+{
     scan_answers(-5);
     EXPECT_EQ(start_usb_bus_scan(&modem_list, modems, 8), -5);
     EXPECT_TRUE(driver_texts(CORE_LOG_ERR).empty());
     EXPECT_TRUE(driver_texts(CORE_LOG_DBG).empty());
 }
 
-TEST_F(BusScanRetry, LogsAsTheDriver) {
+TEST_F(BusScanRetry, LogsAsTheDriver)
+{
     scan_answers(-19);
     start_usb_bus_scan(&modem_list, modems, 8);
     EXPECT_EQ(log.messages().back().file, "../main.c");
     EXPECT_EQ(log.messages().back().function, "start_usb_bus_scan");
 }
 
-TEST_F(BusScanRetry, LooksForTheGivenTable) {
+TEST_F(BusScanRetry, LooksForTheGivenTable)
+{
     scan_answers(-19);
     start_usb_bus_scan(&download_mode_list, modems, 8);
     ASSERT_EQ(discovery.enumerated[0].size(), 5U);
     EXPECT_EQ(discovery.enumerated[0][0].pid, 0x9008U);
 }
 
-TEST_F(BusScanRetry, AllowsSevenPorts) {
+TEST_F(BusScanRetry, AllowsSevenPorts)
+{
     ports found;
     for (int i = 0; i < 8; ++i)
         found.emplace_back("/dev/ttyUSB" + std::to_string(i), "0" + std::to_string(i));
@@ -230,19 +254,22 @@ TEST_F(BusScanRetry, AllowsSevenPorts) {
     EXPECT_EQ(start_usb_bus_scan(&modem_list, modems, 8), -12);
 }
 
-TEST_F(UpdateWithScan, ReportsAScanThatFails) {
+TEST_F(UpdateWithScan, ReportsAScanThatFails)
+{
     scan_answers(-100);
     EXPECT_EQ(scan(), -100);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"error scanning the bus"});
 }
 
-TEST_F(UpdateWithScan, LooksForTheWholeModemList) {
+TEST_F(UpdateWithScan, LooksForTheWholeModemList)
+{
     scan_answers(-100);
     scan();
     EXPECT_EQ(discovery.enumerated[0].size(), 30U);
 }
 
-TEST_F(UpdateWithScan, WaitsForAModemWhenNothingIsAttached) {
+TEST_F(UpdateWithScan, WaitsForAModemWhenNothingIsAttached)
+{
     scan_answers(-19);
     event_error(-100);
     EXPECT_EQ(scan(), -100);
@@ -250,26 +277,30 @@ TEST_F(UpdateWithScan, WaitsForAModemWhenNothingIsAttached) {
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"failed listening on the USB bus"});
 }
 
-TEST_F(UpdateWithScan, RefusesTwoModems) {
+TEST_F(UpdateWithScan, RefusesTwoModems)
+{
     scan_finds({mute, download});
     EXPECT_EQ(scan(), -22);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{several_modems});
 }
 
-TEST_F(UpdateWithScan, DescribesTheModemsThatItRefuses) {
+TEST_F(UpdateWithScan, DescribesTheModemsThatItRefuses)
+{
     scan_finds({mute, download});
     scan();
     EXPECT_TRUE(log.has(CORE_LOG_DBG, "PID: 0x1001"));
     EXPECT_TRUE(log.has(CORE_LOG_DBG, "PID: 0x9008"));
 }
 
-TEST_F(UpdateWithScan, RefusesNoModemLikeSeveral) {
+TEST_F(UpdateWithScan, RefusesNoModemLikeSeveral)
+{
     scan_finds({});
     EXPECT_EQ(scan(), -22);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{several_modems});
 }
 
-TEST_F(UpdateWithScan, RefusesAModemInDownloadModeWithoutForceButSucceeds) {
+TEST_F(UpdateWithScan, RefusesAModemInDownloadModeWithoutForceButSucceeds)
+{
     give_package();
     scan_finds({download});
     EXPECT_EQ(scan(), 0);
@@ -278,7 +309,8 @@ TEST_F(UpdateWithScan, RefusesAModemInDownloadModeWithoutForceButSucceeds) {
     EXPECT_TRUE(log.has(CORE_LOG_DBG, "found supported modem"));
 }
 
-TEST_F(UpdateWithScan, TakesAMakersDownloadModeDeviceAsInDownloadMode) {
+TEST_F(UpdateWithScan, TakesAMakersDownloadModeDeviceAsInDownloadMode)
+{
     give_package();
     scan_finds({makers_download});
     EXPECT_EQ(scan(), 0);
@@ -286,21 +318,24 @@ TEST_F(UpdateWithScan, TakesAMakersDownloadModeDeviceAsInDownloadMode) {
               texts{"cannot check firmware compatibility in QDL mode, --force option is mandatory"});
 }
 
-TEST_F(UpdateWithScan, DoesNotDescribeAModemInDownloadMode) {
+TEST_F(UpdateWithScan, DoesNotDescribeAModemInDownloadMode)
+{
     give_package();
     scan_finds({download});
     scan();
     EXPECT_FALSE(log.has(CORE_LOG_DBG, "Probing mode: usb"));
 }
 
-TEST_F(UpdateWithScan, DoesNotSwitchOnPcieForAUsbDownloadDevice) {
+TEST_F(UpdateWithScan, DoesNotSwitchOnPcieForAUsbDownloadDevice)
+{
     give_package();
     scan_finds({download});
     scan();
     EXPECT_FALSE(options.pcie);
 }
 
-TEST_F(UpdateWithScan, SwitchesOnPcieForAFirehosePort) {
+TEST_F(UpdateWithScan, SwitchesOnPcieForAFirehosePort)
+{
     give_package();
     options.force = true;
     options.dry_run = true;
@@ -309,7 +344,8 @@ TEST_F(UpdateWithScan, SwitchesOnPcieForAFirehosePort) {
     EXPECT_TRUE(options.pcie);
 }
 
-TEST_F(UpdateWithScan, TakesAFirehosePortAsDownloadMode) {
+TEST_F(UpdateWithScan, TakesAFirehosePortAsDownloadMode)
+{
     give_package();
     scan_finds({firehose});
     EXPECT_EQ(scan(), 0);
@@ -317,7 +353,8 @@ TEST_F(UpdateWithScan, TakesAFirehosePortAsDownloadMode) {
               texts{"cannot check firmware compatibility in QDL mode, --force option is mandatory"});
 }
 
-TEST_F(UpdateWithScan, GoesFromAFirehosePortStraightToFirehose) {
+TEST_F(UpdateWithScan, GoesFromAFirehosePortStraightToFirehose)
+{
     give_package();
     options.force = true;
     scan_finds({firehose});
@@ -327,7 +364,8 @@ TEST_F(UpdateWithScan, GoesFromAFirehosePortStraightToFirehose) {
         EXPECT_NE(message.file, "../sahara.c");
 }
 
-TEST_F(UpdateWithScan, LooksAtTheFirstPortOnlyForFirehose) {
+TEST_F(UpdateWithScan, LooksAtTheFirstPortOnlyForFirehose)
+{
     give_package();
     options.force = true;
     options.dry_run = true;
@@ -337,7 +375,8 @@ TEST_F(UpdateWithScan, LooksAtTheFirstPortOnlyForFirehose) {
     EXPECT_TRUE(log.has(CORE_LOG_DBG, "firmware compatibility cannot be checked"));
 }
 
-TEST_F(UpdateWithScan, GoesOnWhenProbingFails) {
+TEST_F(UpdateWithScan, GoesOnWhenProbingFails)
+{
     give_package();
     options.force = true;
     options.dry_run = true;
@@ -347,7 +386,8 @@ TEST_F(UpdateWithScan, GoesOnWhenProbingFails) {
     EXPECT_EQ(driver_texts(CORE_LOG_ERR), texts{bailing_out});
 }
 
-TEST_F(UpdateWithScan, SaysNothingOfAModemWithoutAnAtPort) {
+TEST_F(UpdateWithScan, SaysNothingOfAModemWithoutAnAtPort)
+{
     give_package();
     options.force = true;
     options.dry_run = true;
@@ -356,7 +396,8 @@ TEST_F(UpdateWithScan, SaysNothingOfAModemWithoutAnAtPort) {
     EXPECT_EQ(log.count(CORE_LOG_DBG, probing_failed), 0);
 }
 
-TEST_F(UpdateWithScan, DescribesTheModemThatItUpdates) {
+TEST_F(UpdateWithScan, DescribesTheModemThatItUpdates)
+{
     give_package();
     options.force = true;
     options.dry_run = true;
@@ -365,7 +406,8 @@ TEST_F(UpdateWithScan, DescribesTheModemThatItUpdates) {
     EXPECT_EQ(log.count(CORE_LOG_DBG, "Probing mode: usb"), 1);
 }
 
-TEST_F(UpdateWithScan, ComparesTheVersionThatTheModemTells) {
+TEST_F(UpdateWithScan, ComparesTheVersionThatTheModemTells)
+{
     const answering_modem answering("\r\n49.01.102-P0F.010102\r\nM0F\r\nP0F\r\nA0F\r\n\r\nOK\r\n");
     give_package("49.01.103");
     options.dry_run = true;
@@ -376,7 +418,8 @@ TEST_F(UpdateWithScan, ComparesTheVersionThatTheModemTells) {
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{bailing_out});
 }
 
-TEST_F(UpdateWithScan, RefusesADowngradeOfTheModem) {
+TEST_F(UpdateWithScan, RefusesADowngradeOfTheModem)
+{
     const answering_modem answering("\r\n49.01.102-P0F.010102\r\nM0F\r\nP0F\r\nA0F\r\n\r\nOK\r\n");
     give_package("49.01.101");
     options.dry_run = true;
@@ -386,7 +429,8 @@ TEST_F(UpdateWithScan, RefusesADowngradeOfTheModem) {
     EXPECT_EQ(driver_texts(CORE_LOG_DBG).back(), "flashing is not possible");
 }
 
-TEST_F(UpdateWithScan, DescribesTheModemAsAnArrivalInJsonMode) {
+TEST_F(UpdateWithScan, DescribesTheModemAsAnArrivalInJsonMode)
+{
     const answering_modem answering("\r\n49.01.102-P0F.010102\r\nM0F\r\nP0F\r\nA0F\r\n\r\nOK\r\n");
     const print_capture print;
     give_package("49.01.103");
@@ -404,7 +448,8 @@ TEST_F(UpdateWithScan, DescribesTheModemAsAnArrivalInJsonMode) {
         std::string::npos);
 }
 
-TEST_F(UpdateWithScan, DescribesSeveralModemsInJsonMode) {
+TEST_F(UpdateWithScan, DescribesSeveralModemsInJsonMode)
+{
     const print_capture print;
     options.json = true;
     ASSERT_TRUE(setup_json_output());
@@ -415,7 +460,8 @@ TEST_F(UpdateWithScan, DescribesSeveralModemsInJsonMode) {
     EXPECT_NE(print.lines()[0].text.find("\"modem_size\": 2}\n"), std::string::npos);
 }
 
-TEST_F(Listening, SaysWhatItWaitsFor) {
+TEST_F(Listening, SaysWhatItWaitsFor)
+{
     event_error(-100);
     EXPECT_EQ(listen(), -100);
     ASSERT_EQ(log.messages().size(), 2U);
@@ -426,19 +472,22 @@ TEST_F(Listening, SaysWhatItWaitsFor) {
     EXPECT_EQ(log.messages()[1].text, "failed listening on the USB bus");
 }
 
-TEST_F(Listening, HasNoTimeOut) {
+TEST_F(Listening, HasNoTimeOut)
+{
     event_error(-100);
     listen();
     EXPECT_EQ(discovery.listened, std::vector<int>{-1});
 }
 
-TEST_F(Listening, EndsWithAnyErrorOfTheWait) {
+TEST_F(Listening, EndsWithAnyErrorOfTheWait)
+{
     event_error(-110);
     EXPECT_EQ(listen(), -110);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"failed listening on the USB bus"});
 }
 
-TEST_F(Listening, GoesOnAfterARemoval) {
+TEST_F(Listening, GoesOnAfterARemoval)
+{
     event(removal(0xFFF0, 0x1001));
     event_error(-5);
     EXPECT_EQ(listen(), -5);
@@ -446,7 +495,8 @@ TEST_F(Listening, GoesOnAfterARemoval) {
     EXPECT_TRUE(discovery.enumerated.empty());
 }
 
-TEST_F(Listening, ScansTheModemListAfterAnArrival) {
+TEST_F(Listening, ScansTheModemListAfterAnArrival)
+{
     event(arrival(0x05C6, 0x9008));
     scan_answers(-100);
     EXPECT_EQ(listen(), -100);
@@ -455,14 +505,16 @@ TEST_F(Listening, ScansTheModemListAfterAnArrival) {
     EXPECT_TRUE(log.has(CORE_LOG_DBG, "device 05C6:9008, type add, path /sys/bus/usb/devices/1-2"));
 }
 
-TEST_F(Listening, EndsWithAScanThatFails) {
+TEST_F(Listening, EndsWithAScanThatFails)
+{
     event(arrival(0xFFF0, 0x1001));
     scan_answers(-5);
     EXPECT_EQ(listen(), -5);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"failed USB bus scan"});
 }
 
-TEST_F(Listening, EndsWithPortsThatNeverCome) {
+TEST_F(Listening, EndsWithPortsThatNeverCome)
+{
     event(arrival(0xFFF0, 0x1001));
     for (int i = 0; i < 16; ++i)
         scan_answers(-11);
@@ -470,7 +522,8 @@ TEST_F(Listening, EndsWithPortsThatNeverCome) {
     EXPECT_EQ(log.texts(CORE_LOG_ERR), (texts{"failed port enumeration", "failed USB bus scan"}));
 }
 
-TEST_F(Listening, GoesOnWhenTheScanFindsNoDevice) {
+TEST_F(Listening, GoesOnWhenTheScanFindsNoDevice)
+{
     event(arrival(0xFFF0, 0x1001));
     scan_answers(-19);
     event(arrival(0x05C6, 0x9008));
@@ -480,7 +533,8 @@ TEST_F(Listening, GoesOnWhenTheScanFindsNoDevice) {
     EXPECT_EQ(discovery.listened, (std::vector<int>{-1, -1}));
 }
 
-TEST_F(Listening, GoesOnWhenTheScanFindsAnEmptyBus) {
+TEST_F(Listening, GoesOnWhenTheScanFindsAnEmptyBus)
+{
     event(arrival(0xFFF0, 0x1001));
     scan_finds({});
     event_error(-5);
@@ -488,7 +542,8 @@ TEST_F(Listening, GoesOnWhenTheScanFindsAnEmptyBus) {
     EXPECT_FALSE(log.has(CORE_LOG_DBG, "found supported modem"));
 }
 
-TEST_F(Listening, RepeatsAScanWhilePortsAreMissing) {
+TEST_F(Listening, RepeatsAScanWhilePortsAreMissing)
+{
     event(arrival(0x05C6, 0x9008));
     scan_finds({make_device("05c6", "9008", {})});
     scan_finds({download});
@@ -497,7 +552,8 @@ TEST_F(Listening, RepeatsAScanWhilePortsAreMissing) {
     EXPECT_EQ(sleep.slept, std::vector<unsigned>{500});
 }
 
-TEST_F(Listening, ClearsTheArrayBeforeEachScan) {
+TEST_F(Listening, ClearsTheArrayBeforeEachScan)
+{
     modems[0].probing_mode = PROBING_USB;
     modems[7].probing_mode = PROBING_USB;
     event(arrival(0x05C6, 0x9008));
@@ -507,7 +563,8 @@ TEST_F(Listening, ClearsTheArrayBeforeEachScan) {
     EXPECT_EQ(count_modems(modems, 8), 1);
 }
 
-TEST_F(Listening, RefusesSeveralModemsAndDescribesThem) {
+TEST_F(Listening, RefusesSeveralModemsAndDescribesThem)
+{
     event(arrival(0xFFF0, 0x1001));
     scan_finds({mute, download});
     EXPECT_EQ(listen(), -22);
@@ -516,7 +573,8 @@ TEST_F(Listening, RefusesSeveralModemsAndDescribesThem) {
     EXPECT_TRUE(log.has(CORE_LOG_DBG, "PID: 0x9008"));
 }
 
-TEST_F(Listening, TakesTheDownloadDeviceAsInDownloadMode) {
+TEST_F(Listening, TakesTheDownloadDeviceAsInDownloadMode)
+{
     event(arrival(0x05C6, 0x9008));
     scan_finds({download});
     give_package();
@@ -527,7 +585,8 @@ TEST_F(Listening, TakesTheDownloadDeviceAsInDownloadMode) {
     EXPECT_FALSE(log.has(CORE_LOG_DBG, "Probing mode: usb"));
 }
 
-TEST_F(Listening, ReportsAProbingThatFailsAndGoesOn) {
+TEST_F(Listening, ReportsAProbingThatFailsAndGoesOn)
+{
     event(arrival(0xFFF0, 0x1001));
     scan_finds({mute});
     give_package();
@@ -537,7 +596,8 @@ TEST_F(Listening, ReportsAProbingThatFailsAndGoesOn) {
     EXPECT_EQ(driver_texts(CORE_LOG_ERR), (texts{probing_failed, bailing_out}));
 }
 
-TEST_F(Listening, ReportsAModemWithoutAnAtPort) {
+TEST_F(Listening, ReportsAModemWithoutAnAtPort)
+{
     event(arrival(0x17CB, 0x011A));
     scan_finds({without_at});
     give_package();
@@ -547,7 +607,8 @@ TEST_F(Listening, ReportsAModemWithoutAnAtPort) {
     EXPECT_EQ(driver_texts(CORE_LOG_ERR), (texts{probing_failed, bailing_out}));
 }
 
-TEST_F(Listening, DescribesTheModemThatItUpdates) {
+TEST_F(Listening, DescribesTheModemThatItUpdates)
+{
     event(arrival(0x17CB, 0x011A));
     scan_finds({without_at});
     give_package();
@@ -557,7 +618,8 @@ TEST_F(Listening, DescribesTheModemThatItUpdates) {
     EXPECT_EQ(log.count(CORE_LOG_DBG, "PID: 0x011A"), 1);
 }
 
-TEST_F(Listening, ReportsAnUpdateThatFails) {
+TEST_F(Listening, ReportsAnUpdateThatFails)
+{
     event(arrival(0xFFF0, 0x1001));
     scan_finds({mute});
     give_package();
@@ -566,7 +628,8 @@ TEST_F(Listening, ReportsAnUpdateThatFails) {
     EXPECT_EQ(log.messages().back().function, "update_after_listening");
 }
 
-TEST_F(Listening, DescribesTheArrivalInJsonMode) {
+TEST_F(Listening, DescribesTheArrivalInJsonMode)
+{
     const answering_modem answering("\r\n49.01.102-P0F.010102\r\nM0F\r\nP0F\r\nA0F\r\n\r\nOK\r\n");
     const print_capture print;
     options.json = true;
@@ -582,7 +645,8 @@ TEST_F(Listening, DescribesTheArrivalInJsonMode) {
     EXPECT_NE(print.lines()[0].text.find("\"type\": \"ADD\", \"modem\": [{"), std::string::npos);
 }
 
-TEST_F(Listening, KeepsARemovalForTheNextDescription) {
+TEST_F(Listening, KeepsARemovalForTheNextDescription)
+{
     const print_capture print;
     options.json = true;
     ASSERT_TRUE(setup_json_output());
@@ -597,7 +661,8 @@ TEST_F(Listening, KeepsARemovalForTheNextDescription) {
     EXPECT_NE(print.lines()[0].text.find("\"type\": \"REMOVE\", "), std::string::npos);
 }
 
-TEST_F(Listening, EndsAfterAnInterrupt) {
+TEST_F(Listening, EndsAfterAnInterrupt)
+{
     discovery.events.push_back(
         {.result = 0, .event = arrival(0xFFF0, 0x1001), .before = [] { interrupt_handler(SIGINT); }});
     EXPECT_EQ(listen(), -125);
@@ -606,26 +671,30 @@ TEST_F(Listening, EndsAfterAnInterrupt) {
     EXPECT_TRUE(discovery.enumerated.empty());
 }
 
-TEST_F(Listening, TellsOfAnInterruptRatherThanOfTheWaitsError) {
+TEST_F(Listening, TellsOfAnInterruptRatherThanOfTheWaitsError)
+{
     discovery.events.push_back({.result = -4, .event = {}, .before = [] { interrupt_handler(SIGINT); }});
     EXPECT_EQ(listen(), -125);
     EXPECT_TRUE(log.texts(CORE_LOG_ERR).empty());
 }
 
-TEST_F(Listening, ClosesTheLogFileAfterAnInterrupt) {
+TEST_F(Listening, ClosesTheLogFileAfterAnInterrupt)
+{
     ASSERT_EQ(core_log_set_output(dir.at("log").c_str(), false), 0);
     discovery.events.push_back({.result = 0, .event = {}, .before = [] { interrupt_handler(SIGINT); }});
     EXPECT_EQ(listen(), -125);
     EXPECT_EQ(print_function, stdout_print);
 }
 
-TEST_F(UpdateWithPort, IsRefusedWithoutForceBecauseNoVersionIsKnown) {
+TEST_F(UpdateWithPort, IsRefusedWithoutForceBecauseNoVersionIsKnown)
+{
     give_package();
     EXPECT_EQ(update_with_port(modems, 8, false, "/nonexistent/port"), -22);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"unable to get the package version of the modem"});
 }
 
-TEST_F(UpdateWithPort, IsForcedWithoutProbing) {
+TEST_F(UpdateWithPort, IsForcedWithoutProbing)
+{
     give_package();
     options.force = true;
     options.dry_run = true;
@@ -634,7 +703,8 @@ TEST_F(UpdateWithPort, IsForcedWithoutProbing) {
     EXPECT_TRUE(log.has(CORE_LOG_DBG, "firmware compatibility cannot be checked"));
 }
 
-TEST_F(UpdateWithPort, SwitchesTheModemOverItsPort) {
+TEST_F(UpdateWithPort, SwitchesTheModemOverItsPort)
+{
     pty port;
     give_package();
     options.force = true;
@@ -644,7 +714,8 @@ TEST_F(UpdateWithPort, SwitchesTheModemOverItsPort) {
     EXPECT_EQ(log.texts(CORE_LOG_INF), texts{"Entered QDL mode, stopping"});
 }
 
-TEST_F(UpdateWithPort, TakesTheModemAsInDownloadModeWhenTheSwitchIsSkipped) {
+TEST_F(UpdateWithPort, TakesTheModemAsInDownloadModeWhenTheSwitchIsSkipped)
+{
     pty port;
     give_package();
     options.force = true;
@@ -654,18 +725,21 @@ TEST_F(UpdateWithPort, TakesTheModemAsInDownloadModeWhenTheSwitchIsSkipped) {
     EXPECT_FALSE(log.has(CORE_LOG_DBG, "firmware compatibility cannot be checked"));
 }
 
-TEST_F(UpdateProcedure, PassesOnThatThereIsNoPackage) {
+TEST_F(UpdateProcedure, PassesOnThatThereIsNoPackage)
+{
     options.firmware_directory = dir.path().c_str();
     EXPECT_EQ(start_update_procedure(modems, 8, false), -2);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"firmware not supported: " + dir.path()});
 }
 
-TEST_F(UpdateProcedure, LooksAtThePackageBeforeTheDownloadModeRule) {
+TEST_F(UpdateProcedure, LooksAtThePackageBeforeTheDownloadModeRule)
+{
     options.firmware_directory = dir.path().c_str();
     EXPECT_EQ(start_update_procedure(modems, 8, true), -2);
 }
 
-TEST_F(UpdateProcedure, StopsWithoutTheModemsVersion) {
+TEST_F(UpdateProcedure, StopsWithoutTheModemsVersion)
+{
     give_package();
     EXPECT_EQ(start_update_procedure(modems, 8, false), -22);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"unable to get the package version of the modem"});
@@ -674,7 +748,8 @@ TEST_F(UpdateProcedure, StopsWithoutTheModemsVersion) {
     EXPECT_EQ(log.messages().back().function, "start_update_procedure");
 }
 
-TEST_F(UpdateProcedure, StopsADryRunBeforeTheModemIsTouched) {
+TEST_F(UpdateProcedure, StopsADryRunBeforeTheModemIsTouched)
+{
     give_package();
     options.dry_run = true;
     strlcpy(modems[0].versions, "49.01.102-P0F", sizeof modems[0].versions);
@@ -682,7 +757,8 @@ TEST_F(UpdateProcedure, StopsADryRunBeforeTheModemIsTouched) {
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{bailing_out});
 }
 
-TEST_F(UpdateProcedure, RefusesADryRunOnAnIncompatibleModem) {
+TEST_F(UpdateProcedure, RefusesADryRunOnAnIncompatibleModem)
+{
     give_package();
     options.dry_run = true;
     strlcpy(modems[0].versions, "50.01.102-P0F", sizeof modems[0].versions);
@@ -690,7 +766,8 @@ TEST_F(UpdateProcedure, RefusesADryRunOnAnIncompatibleModem) {
     EXPECT_FALSE(log.has(CORE_LOG_ERR, bailing_out));
 }
 
-TEST_F(UpdateProcedure, ForcesADowngrade) {
+TEST_F(UpdateProcedure, ForcesADowngrade)
+{
     give_package("49.01.101");
     options.dry_run = true;
     options.force = true;
@@ -699,7 +776,8 @@ TEST_F(UpdateProcedure, ForcesADowngrade) {
     EXPECT_EQ(log.texts(CORE_LOG_INF), texts{"performing a downgrade"});
 }
 
-TEST_F(UpdateProcedure, LeavesAModemInDownloadModeAloneWithoutForce) {
+TEST_F(UpdateProcedure, LeavesAModemInDownloadModeAloneWithoutForce)
+{
     give_package();
     options.dry_run = true;
     EXPECT_EQ(start_update_procedure(modems, 8, true), 0);
@@ -707,7 +785,8 @@ TEST_F(UpdateProcedure, LeavesAModemInDownloadModeAloneWithoutForce) {
               texts{"cannot check firmware compatibility in QDL mode, --force option is mandatory"});
 }
 
-TEST_F(UpdateProcedure, StopsADryRunOnAModemInDownloadMode) {
+TEST_F(UpdateProcedure, StopsADryRunOnAModemInDownloadMode)
+{
     give_package();
     options.dry_run = true;
     options.force = true;
@@ -715,7 +794,8 @@ TEST_F(UpdateProcedure, StopsADryRunOnAModemInDownloadMode) {
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{bailing_out});
 }
 
-TEST_F(UpdateProcedure, StopsADryRunBeforeTheEnterQdlStop) {
+TEST_F(UpdateProcedure, StopsADryRunBeforeTheEnterQdlStop)
+{
     give_package();
     options.dry_run = true;
     options.enter_qdl = true;
@@ -724,14 +804,16 @@ TEST_F(UpdateProcedure, StopsADryRunBeforeTheEnterQdlStop) {
     EXPECT_FALSE(log.has(CORE_LOG_INF, "Entered QDL mode, stopping"));
 }
 
-TEST_F(UpdateProcedure, PassesOnTheResultOfTheHandOff) {
+TEST_F(UpdateProcedure, PassesOnTheResultOfTheHandOff)
+{
     give_package();
     options.force = true;
     EXPECT_EQ(start_update_procedure(modems, 8, false), -19); // no diagnostic port to switch over
     EXPECT_EQ(driver_texts(CORE_LOG_ERR), texts{"unable to set the modem to firmware update mode"});
 }
 
-TEST_F(PortModem, HasOneDiagnosticPort) {
+TEST_F(PortModem, HasOneDiagnosticPort)
+{
     prepare_port_modem(&modems[0], false, "/dev/ttyUSB3");
     EXPECT_EQ(modems[0].probing_mode, 1U);
     EXPECT_EQ(modems[0].modem_port_size, 1);
@@ -740,18 +822,21 @@ TEST_F(PortModem, HasOneDiagnosticPort) {
     EXPECT_STREQ(modems[0].usb_serial, "unknown");
 }
 
-TEST_F(PortModem, HasOneFirmwareUpdatePortWhenTheSwitchIsSkipped) {
+TEST_F(PortModem, HasOneFirmwareUpdatePortWhenTheSwitchIsSkipped)
+{
     prepare_port_modem(&modems[0], true, "/dev/ttyUSB3");
     EXPECT_EQ(modems[0].modem_port_size, 1);
     EXPECT_EQ(modems[0].modem_port[0].port_type, 3U);
 }
 
-TEST_F(PortModem, CutsALongPath) {
+TEST_F(PortModem, CutsALongPath)
+{
     prepare_port_modem(&modems[0], false, std::string(1024, 'p').c_str());
     EXPECT_EQ(std::string(modems[0].modem_port[0].port_name), std::string(1023, 'p'));
 }
 
-TEST_F(PortModem, LeavesThePcieMarkAsItIs) {
+TEST_F(PortModem, LeavesThePcieMarkAsItIs)
+{
     modems[0].is_pcie = true;
     prepare_port_modem(&modems[0], false, "/dev/wwan0at0");
     prepare_port_modem(&modems[1], false, "/dev/ttyUSB0");
@@ -759,33 +844,38 @@ TEST_F(PortModem, LeavesThePcieMarkAsItIs) {
     EXPECT_FALSE(modems[1].is_pcie);
 }
 
-TEST_F(PortModem, LeavesTheTextsOfTheProbing) {
+TEST_F(PortModem, LeavesTheTextsOfTheProbing)
+{
     strlcpy(modems[0].versions, "49.01.102-P0F", sizeof modems[0].versions);
     prepare_port_modem(&modems[0], true, "/dev/ttyUSB0");
     EXPECT_STREQ(modems[0].versions, "49.01.102-P0F");
 }
 
-TEST(CountModems, CountsRecordsThatAreNotEntirelyZero) {
+TEST(CountModems, CountsRecordsThatAreNotEntirelyZero)
+{
     modem modems[8] = {};
     modems[1].probing_mode = PROBING_USB;
     modems[7].versions[1023] = 'x';
     EXPECT_EQ(count_modems(modems, 8), 2);
 }
 
-TEST(CountModems, LooksAtTheGivenCountOnly) {
+TEST(CountModems, LooksAtTheGivenCountOnly)
+{
     modem modems[8] = {};
     modems[7].probing_mode = PROBING_USB;
     EXPECT_EQ(count_modems(modems, 7), 0);
 }
 
-TEST(CountModems, CountsAFullArray) {
+TEST(CountModems, CountsAFullArray)
+{
     modem modems[8] = {};
     for (modem &m : modems)
         m.is_pcie = true;
     EXPECT_EQ(count_modems(modems, 8), 8);
 }
 
-TEST_F(PrintModem, TellsEveryField) {
+TEST_F(PrintModem, TellsEveryField)
+{
     modem &m = modems[0];
     m.probing_mode = PROBING_USB;
     m.usb_id = {0xFFF0, 0x101};
@@ -809,7 +899,8 @@ TEST_F(PrintModem, TellsEveryField) {
     EXPECT_EQ(log.messages().size(), 11U);
 }
 
-TEST_F(PrintModem, LeavesOutImeiCfunAndVersionsThatAreEmpty) {
+TEST_F(PrintModem, LeavesOutImeiCfunAndVersionsThatAreEmpty)
+{
     prepare_port_modem(&modems[0], true, "/dev/ttyUSB0");
     print_modem(&modems[0]);
     EXPECT_EQ(log.texts(CORE_LOG_DBG), (texts{"Probing mode: port", "VID: 0x0000", "PID: 0x0000",
@@ -817,7 +908,8 @@ TEST_F(PrintModem, LeavesOutImeiCfunAndVersionsThatAreEmpty) {
                                               "Port: /dev/ttyUSB0, type: firmware update", "Model name: "}));
 }
 
-TEST_F(PrintModem, LeavesOutFreeRecords) {
+TEST_F(PrintModem, LeavesOutFreeRecords)
+{
     modems[2].usb_id.pid = 0x1234;
     modems[5].usb_id.pid = 0x5678;
     print_modems(modems, 8);
@@ -826,13 +918,15 @@ TEST_F(PrintModem, LeavesOutFreeRecords) {
     EXPECT_TRUE(log.has(CORE_LOG_DBG, "PID: 0x5678"));
 }
 
-TEST_F(PrintModem, LooksAtTheGivenCountOnly) {
+TEST_F(PrintModem, LooksAtTheGivenCountOnly)
+{
     modems[5].usb_id.pid = 0x5678;
     print_modems(modems, 5);
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(ShowModems, PrintsTextWithoutJsonMode) {
+TEST_F(ShowModems, PrintsTextWithoutJsonMode)
+{
     const print_capture print;
     strlcpy(modems[0].model_name, "KA100", sizeof modems[0].model_name);
     show_modems(modems, 8);
@@ -840,7 +934,8 @@ TEST_F(ShowModems, PrintsTextWithoutJsonMode) {
     EXPECT_TRUE(print.lines().empty());
 }
 
-TEST_F(ShowModems, PrintsAnEventInJsonMode) {
+TEST_F(ShowModems, PrintsAnEventInJsonMode)
+{
     const print_capture print;
     ASSERT_TRUE(setup_json_output());
     const log_capture quiet;
@@ -852,19 +947,22 @@ TEST_F(ShowModems, PrintsAnEventInJsonMode) {
     EXPECT_NE(print.lines()[0].text.find("\"model_name\": \"KA100\""), std::string::npos);
 }
 
-TEST_F(Interrupt, TellsThePlatformLibraryAndTheLoops) {
+TEST_F(Interrupt, TellsThePlatformLibraryAndTheLoops)
+{
     EXPECT_EQ(keep_running, 1);
     interrupt_handler(2);
     EXPECT_EQ(keep_running, 0);
     EXPECT_EQ(sigint_detected, 1);
 }
 
-TEST_F(Interrupt, DoesNothingElse) {
+TEST_F(Interrupt, DoesNothingElse)
+{
     interrupt_handler(2);
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(Interrupt, TellsThePlatformLibraryOfSigintOnly) {
+TEST_F(Interrupt, TellsThePlatformLibraryOfSigintOnly)
+{
     interrupt_handler(15);
     EXPECT_EQ(keep_running, 0);
     EXPECT_EQ(sigint_detected, 0);
