@@ -22,7 +22,7 @@ constexpr char reset_request[] =
 constexpr char memory_name[] = "nand";
 constexpr char supported_payload[] = "MaxPayloadSizeToTargetInBytesSupported";
 constexpr int max_empty_chunks = 10;
-constexpr uint32_t max_payload_size = 1U << 30; // more than one read or transfer moves
+constexpr uint32_t max_payload_size = 1U << 30; // one read and one transfer still move as much
 
 int open_endpoint(core_endpoint *endpoint)
 {
