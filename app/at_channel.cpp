@@ -96,12 +96,12 @@ int finish_text(const at_command *command, at_response *response)
 
 void flush_port(int device)
 {
+    constexpr int max_reads = 1024; // what still comes after 64 KiB never ends
     char scratch[64];
     size_t bytes = 0;
     int err = CORE_OK;
-    do {
+    for (int i = 0; i < max_reads && err == CORE_OK && (i == 0 || bytes > 0); ++i)
         err = core_device_read(device, scratch, sizeof scratch, &bytes);
-    } while (err == CORE_OK && bytes > 0);
     log_dbg("err %d bytes %u", err, static_cast<unsigned>(bytes));
 }
 

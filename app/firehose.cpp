@@ -136,13 +136,18 @@ bool firehose_has_nak(const firehose_chunk *chunk)
     return strstr(chunk->text, "value=\"NAK\"") != nullptr;
 }
 
-int idle_guard::check(const firehose_chunk *chunk)
+int answer_guard::check(const firehose_chunk *chunk)
 {
     empty_chunks = chunk->size == 0 ? empty_chunks + 1 : 0;
-    if (empty_chunks < max_empty_chunks)
-        return CORE_OK;
-    log_err("the programmer sends empty answers only");
-    return CORE_EPROTO;
+    if (empty_chunks == max_empty_chunks) {
+        log_err("the programmer sends empty answers only");
+        return CORE_EPROTO;
+    }
+    if (limit.passed()) {
+        log_err("the programmer sends everything but an answer");
+        return CORE_EPROTO;
+    }
+    return CORE_OK;
 }
 
 int firehose_write(firehose_device *device, const void *buf, size_t len)
@@ -160,6 +165,7 @@ int firehose_write(firehose_device *device, const void *buf, size_t len)
 
 int read_ack_nack(firehose_device *device)
 {
+    answer_guard guard;
     for (;;) {
         firehose_chunk chunk;
         if (firehose_read(device, timeouts::ack, &chunk) != CORE_OK || chunk.size == 0)
@@ -171,6 +177,8 @@ int read_ack_nack(firehose_device *device)
             log_err("%s", chunk.text);
             return CORE_EGENERIC;
         }
+        if (const int err = guard.check(&chunk); err != CORE_OK)
+            return err;
     }
 }
 
@@ -211,6 +219,7 @@ int send_config(firehose_device *device, uint32_t *payload)
         log_err("error sending config %u", static_cast<unsigned>(err));
         return err;
     }
+    answer_guard guard;
     for (;;) {
         firehose_chunk chunk;
         if (firehose_read(device, timeouts::configure, &chunk) != CORE_OK || chunk.size == 0)
@@ -222,6 +231,8 @@ int send_config(firehose_device *device, uint32_t *payload)
             log_dbg("%s", chunk.text);
             return take_counter_offer(chunk, payload);
         }
+        if (const int err = guard.check(&chunk); err != CORE_OK)
+            return err;
     }
 }
 
@@ -240,7 +251,7 @@ int wait_reset_response(firehose_device *device, bool wait_for_bsp_target_reset)
 {
     bool ack_seen = false;
     bool target_reset_seen = false;
-    idle_guard guard{};
+    answer_guard guard;
     for (;;) {
         firehose_chunk chunk;
         if (const int err = firehose_read(device, timeouts::reset_answer, &chunk); err != CORE_OK)

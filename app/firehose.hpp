@@ -10,6 +10,8 @@
 #include "core-endpoint.hpp"
 #include "core-owners.hpp"
 #include "modem.hpp"
+#include "time-limit.hpp"
+#include "timeouts.hpp"
 #include "xml.hpp"
 
 // The connection; zeroed before use.
@@ -41,15 +43,21 @@ int firehose_read(firehose_device *device, unsigned timeout_ms, firehose_chunk *
 bool firehose_has_ack(const firehose_chunk *chunk);
 bool firehose_has_nak(const firehose_chunk *chunk);
 
-// Counts chunks that brought nothing, so that a connection that delivers nothing at once cannot hold the
-// program for ever.
-struct idle_guard {
-    int empty_chunks;
-    // CORE_EPROTO (logged) when this is the tenth empty chunk in a row, else 0.
+// Watches over one wait for an answer, so that neither a connection that delivers nothing at once nor a
+// programmer that talks about other things can hold the program for ever.
+class answer_guard {
+  public:
+    // CORE_EPROTO (logged) when this is the tenth empty chunk in a row, or when the whole wait has taken five
+    // minutes; else 0.
     int check(const firehose_chunk *chunk);
+
+  private:
+    int empty_chunks = 0;
+    time_limit limit{timeouts::answer_in_all};
 };
 
-// Waits for ACK: 0; CORE_EGENERIC after NAK, silence or a failed read.
+// Waits for ACK: 0; CORE_EGENERIC after NAK, silence or a failed read; CORE_EPROTO when five minutes brought
+// everything but an answer.
 int read_ack_nack(firehose_device *device);
 // Sends a request and waits for its ACK.
 int generic_ack_nack_request(firehose_device *device, const char *xml);
@@ -57,8 +65,8 @@ int send_nop(firehose_device *device);
 // Formats the configure request; its length, -1 on failure.
 int get_config_xml(owned_text *out, uint32_t payload, const char *memory_name);
 // Proposes `*payload`; a NAK that tells what the programmer supports is taken as a counter-offer and stored
-// in `*payload`. 0, CORE_EGENERIC, CORE_ENOMEM, CORE_EPROTO (a counter-offer of 0 or above 1 GiB) or a
-// write's error.
+// in `*payload`. 0, CORE_EGENERIC, CORE_ENOMEM, CORE_EPROTO (a counter-offer of 0 or above 1 GiB, or no
+// answer among whatever else comes) or a write's error.
 int send_config(firehose_device *device, uint32_t *payload);
 // Sends the power reset and waits for its answer. 0, whatever that is, or the write's error.
 int send_reset(firehose_device *device, bool wait_for_bsp_target_reset);

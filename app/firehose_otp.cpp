@@ -42,7 +42,7 @@ int get_otp(firehose_device *device)
 
 int print_otp_response(firehose_device *device)
 {
-    idle_guard guard{};
+    answer_guard guard;
     for (;;) {
         firehose_chunk chunk;
         int err = firehose_read(device, timeouts::otp, &chunk);

@@ -11,11 +11,11 @@ static constexpr char log_source[] = "../at_channel.c";
 
 namespace {
 
-constexpr at_command echo_off_command = {"ATE0", "", AT_NO_INFORMATION, 2000, 60};
-constexpr at_command model_command = {"AT#CGMM", "#CGMM:", AT_SINGLE_LINE, 500, 3};
-constexpr at_command model_fallback_command = {"AT+GMM", "", AT_SINGLE_LINE, 500, 3};
-constexpr at_command imei_command = {"AT#CGSN", "#CGSN:", AT_SINGLE_LINE, 500, 3};
-constexpr at_command versions_command = {"AT#SWPKGV", "", AT_SEVERAL_LINES, 500, 3};
+constexpr at_command echo_off_command = {"ATE0", "", AT_NO_INFORMATION, timeouts::at_echo_off, 60};
+constexpr at_command model_command = {"AT#CGMM", "#CGMM:", AT_SINGLE_LINE, timeouts::at_query, 3};
+constexpr at_command model_fallback_command = {"AT+GMM", "", AT_SINGLE_LINE, timeouts::at_query, 3};
+constexpr at_command imei_command = {"AT#CGSN", "#CGSN:", AT_SINGLE_LINE, timeouts::at_query, 3};
+constexpr at_command versions_command = {"AT#SWPKGV", "", AT_SEVERAL_LINES, timeouts::at_query, 3};
 
 constexpr int echo_off_tries = 11;
 constexpr int version_lines = 4;

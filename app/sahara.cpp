@@ -4,6 +4,8 @@
 #include "core-file.hpp"
 #include "core-owners.hpp"
 #include "core.hpp"
+#include "time-limit.hpp"
+#include "timeouts.hpp"
 #include "write-all.hpp"
 #include "zepho-log.hpp"
 
@@ -317,6 +319,7 @@ namespace sahara {
 int flush_port(int port)
 {
     char chunk[1024 + 1];
+    const time_limit limit(timeouts::flush_in_all);
     size_t count = 0;
     int err = CORE_OK;
     do {
@@ -324,7 +327,7 @@ int flush_port(int port)
         err = core_device_read_timeout(port, chunk, sizeof chunk - 1, timeouts::flush, &count);
         if (count > 0)
             log_dbg("%s", chunk);
-    } while (err == CORE_OK && count > 0 && sigint_detected == 0);
+    } while (err == CORE_OK && count > 0 && sigint_detected == 0 && !limit.passed());
     if (err != CORE_OK && err != CORE_ETIMEDOUT)
         log_err("error %d", err);
     return err;
@@ -414,9 +417,14 @@ int send_programmer(int port, const image_list *package)
     if (const int err = open_programmer(package->programmer_path, &file, &u.file_size); err != CORE_OK)
         return err;
     u.file = file.get();
+    const time_limit limit(timeouts::upload_in_all);
     step last = step::served;
-    while (last == step::served)
+    while (last == step::served && !limit.passed())
         last = serve_request(&u, &result);
+    if (last == step::served) {
+        log_err("the boot loader asks for more and more");
+        return CORE_EPROTO;
+    }
     if (last == step::ended)
         return result;
     if (const uint32_t status = get_u32(u.packet, 12); status != 0) {

@@ -24,11 +24,12 @@ int send_hello_response(int port, uint32_t version, uint32_t compatible_version)
 // The maker's private request to restart into download mode: CORE_EAGAIN once acknowledged, CORE_EPROTO when
 // ten packets bring no acknowledgement.
 int send_zepho_qdl_cmd(int port);
-// Serves the programmer until DONE. 0 also after a packet or a file that was too short.
+// Serves the programmer until DONE. 0 also after a packet or a file that was too short; CORE_EPROTO when the
+// requests have not come to an end after ten minutes.
 int send_programmer(int port, const image_list *package);
 int state_reset(int port);
 int reset_modem(int port);
-// Reads until the port is silent: 0, CORE_ETIMEDOUT (the usual end) or an error.
+// Reads until the port is silent, for half a minute at most: 0, CORE_ETIMEDOUT (the usual end) or an error.
 int flush_port(int port);
 
 } // namespace sahara

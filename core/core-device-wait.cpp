@@ -3,6 +3,7 @@
 
 #include "core-owners.hpp"
 #include "core.hpp"
+#include "timeouts.hpp"
 #include "zepho-log.hpp"
 
 #include <cerrno>
@@ -16,7 +17,6 @@ static constexpr char log_source[] = "core-device.c";
 
 namespace {
 
-constexpr int poll_timeout_ms = 1000;
 constexpr int keep_waiting = 1; // no result yet
 
 // An inotify descriptor and its watch.
@@ -61,7 +61,7 @@ int wait_once(int descriptor, const char *port, const char *name)
     if (access(port, F_OK) == 0)
         return CORE_OK;
     pollfd watched{descriptor, POLLIN, 0};
-    if (poll(&watched, 1, poll_timeout_ms) == -1) {
+    if (poll(&watched, 1, timeouts::node_watch) == -1) {
         const int err = errno;
         if (err == EINTR && sigint_detected != 0)
             return keep_waiting; // the loop sees the flag

@@ -1,6 +1,7 @@
 #include "core-device.hpp"
 
 #include "core.hpp"
+#include "timeouts.hpp"
 #include "zepho-log.hpp"
 
 #include <algorithm>
@@ -212,7 +213,7 @@ int core_device_write(int handle, const void *buf, size_t len, size_t *written)
 {
     errno = 0;
     *written = 0;
-    if (const int err = _core_device_poll(handle, CORE_DEVICE_WRITE_TIMEOUT_MS, POLLOUT); err != CORE_OK)
+    if (const int err = _core_device_poll(handle, timeouts::device_write, POLLOUT); err != CORE_OK)
         return err;
     const ssize_t count = write(handle, buf, len);
     if (count == -1) {
@@ -228,7 +229,7 @@ int core_device_recoursive_write(int handle, const void *buf, size_t len)
 {
     static constexpr uint8_t max_retries = 10;
     static constexpr unsigned retry_pause_ms = 10;
-    if (const int err = _core_device_poll(handle, CORE_DEVICE_WRITE_TIMEOUT_MS, POLLOUT); err != CORE_OK)
+    if (const int err = _core_device_poll(handle, timeouts::device_write, POLLOUT); err != CORE_OK)
         return err;
     size_t written = 0;
     uint8_t retries = max_retries;

@@ -11,9 +11,6 @@
 #include <cstddef>
 #include <cstdint>
 
-// Milliseconds that a write waits for room.
-constexpr int CORE_DEVICE_WRITE_TIMEOUT_MS = 5000;
-
 // Modem lines, each 0 or 1.
 struct core_serial_state {
     uint8_t dsr; // data set ready, or line enable

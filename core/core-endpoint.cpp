@@ -2,6 +2,7 @@
 
 #include "core-device.hpp"
 #include "core.hpp"
+#include "timeouts.hpp"
 #include "zepho-log.hpp"
 
 #include <cerrno>
@@ -16,7 +17,6 @@ static constexpr char log_source[] = "core-endpoint.c";
 
 namespace {
 
-constexpr unsigned transfer_timeout_ms = 30000;
 constexpr int max_port_depth = 7;
 constexpr int libusb_log_level_info = 3;
 constexpr int libusb_log_level_none = 0;
@@ -313,7 +313,7 @@ int endpoint_transfer(core_endpoint *ep, bool out, void *buf, size_t len, int *t
     int result = CORE_OK;
     int moved = 0;
     int err = libusb_bulk_transfer(ep->handle, address, static_cast<unsigned char *>(buf),
-                                   static_cast<int>(len), &moved, transfer_timeout_ms);
+                                   static_cast<int>(len), &moved, timeouts::usb_transfer);
     if (err != 0) {
         log_err("bulk transfer error %i\n", err);
         if (err == LIBUSB_ERROR_TIMEOUT)
@@ -323,7 +323,7 @@ int endpoint_transfer(core_endpoint *ep, bool out, void *buf, size_t len, int *t
         *transferred = moved;
     if (needs_zero_length_packet(ep, out, len)) {
         log_dbg("sending zero-length packet\n");
-        err = libusb_bulk_transfer(ep->handle, address, nullptr, 0, &moved, transfer_timeout_ms);
+        err = libusb_bulk_transfer(ep->handle, address, nullptr, 0, &moved, timeouts::usb_transfer);
         if (err != 0) {
             log_err("bulk zlp transfer error %i\n", err);
             if (err == LIBUSB_ERROR_TIMEOUT)

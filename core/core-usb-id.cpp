@@ -2,6 +2,7 @@
 
 #include "core-discovery.hpp"
 #include "core.hpp"
+#include "timeouts.hpp"
 #include "zepho-log.hpp"
 
 #include <cstdlib>
@@ -82,14 +83,13 @@ int core_usb_id_get_device_if_connected(const core_usb_id_list *list, core_devic
 static int enumerate_arrived(const core_usb_id &id)
 {
     static constexpr unsigned retries = 3;
-    static constexpr unsigned pause_ms = 1000;
     static core_device_info info;
     size_t size = 1;
     int result = core_device_enumerate(&id, 1, &info, &size);
     for (unsigned i = 0; i < retries && result != CORE_OK; ++i) {
         log_as("core_usb_id_wait_for_devices", CORE_LOG_DBG,
-               "no device found, maybe not ready yet. Retrying after %ums...\n", pause_ms);
-        core_sleep(pause_ms);
+               "no device found, maybe not ready yet. Retrying after %ums...\n", timeouts::arrived_device_pause);
+        core_sleep(timeouts::arrived_device_pause);
         size = 1;
         result = core_device_enumerate(&id, 1, &info, &size);
     }

@@ -793,6 +793,15 @@ TEST(FlushPort, EndsWhereNothingIsReadWithoutAnError)
     close(device);
 }
 
+TEST(FlushPort, EndsAfter64KiBOfWhatNeverEnds)
+{
+    log_capture log;
+    const int device = open("/dev/zero", O_RDWR);
+    flush_port(device);
+    EXPECT_EQ(log.texts(CORE_LOG_DBG), texts{"err 0 bytes 64"});
+    close(device);
+}
+
 TEST(FlushPort, EndsWithAnyError)
 {
     log_capture log;

@@ -2,6 +2,7 @@
 
 #include "core-device.hpp"
 #include "core.hpp"
+#include "fake_clock.hpp"
 #include "fake_programmer.hpp"
 #include "log_capture.hpp"
 #include "pty.hpp"
@@ -169,6 +170,15 @@ TEST_F(Otp, TenEmptyChunksInARowEndTheRead)
         programmer.answers_nothing();
     EXPECT_EQ(print_otp_response(device), -71);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), (texts{"the programmer sends empty answers only",
+                                              "error reading otp values " + protocol_error_unsigned}));
+}
+
+TEST_F(Otp, AProgrammerThatTalksForFiveMinutesEndsTheRead)
+{
+    fake_clock::instance().per_read_ms = 300000;
+    programmer.answers(log_chunk);
+    EXPECT_EQ(print_otp_response(device), -71);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), (texts{"the programmer sends everything but an answer",
                                               "error reading otp values " + protocol_error_unsigned}));
 }
 

@@ -2,6 +2,7 @@
 
 #include "core-device.hpp"
 #include "core.hpp"
+#include "fake_clock.hpp"
 #include "fake_programmer.hpp"
 #include "libc_hooks.hpp"
 #include "log_capture.hpp"
@@ -396,6 +397,48 @@ TEST_F(Usb, AckAtTheEndOfAFullChunkIsSeen)
     firehose_device *const device = programmer.open();
     programmer.answers(std::string(1013, ' ') + "value=\"ACK\"");
     EXPECT_EQ(read_ack_nack(device), 0);
+}
+
+// The clock goes on by 100 s with each reading: the wait begins at one, each chunk is another.
+TEST_F(Usb, AckWaitGivesUpAProgrammerThatTalksForFiveMinutes)
+{
+    firehose_device *const device = programmer.open();
+    fake_clock::instance().per_read_ms = 100000;
+    programmer.answers(log_chunk);
+    programmer.answers(log_chunk);
+    programmer.answers(log_chunk);
+    EXPECT_EQ(read_ack_nack(device), -71);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"the programmer sends everything but an answer"});
+}
+
+TEST_F(Usb, AckAfterAlmostFiveMinutesOfTalkIsTaken)
+{
+    firehose_device *const device = programmer.open();
+    fake_clock::instance().per_read_ms = 100000;
+    programmer.answers(log_chunk);
+    programmer.answers(log_chunk);
+    programmer.answers(ack_chunk);
+    EXPECT_EQ(read_ack_nack(device), 0);
+}
+
+TEST_F(Usb, ConfigureGivesUpAProgrammerThatTalksForFiveMinutes)
+{
+    firehose_device *const device = programmer.open();
+    fake_clock::instance().per_read_ms = 300000;
+    programmer.takes(configure_request);
+    programmer.answers(log_chunk);
+    uint32_t payload = FIREHOSE_PAYLOAD_SIZE;
+    EXPECT_EQ(send_config(device, &payload), -71);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"the programmer sends everything but an answer"});
+}
+
+TEST_F(Usb, ResetWaitGivesUpAProgrammerThatTalksForFiveMinutes)
+{
+    firehose_device *const device = programmer.open();
+    fake_clock::instance().per_read_ms = 300000;
+    programmer.answers(log_chunk);
+    EXPECT_EQ(wait_reset_response(device, false), -71);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"the programmer sends everything but an answer"});
 }
 
 TEST_F(Usb, AckAcrossTwoChunksIsNotSeen)

@@ -2,6 +2,7 @@
 
 #include "core-device.hpp"
 #include "core.hpp"
+#include "fake_clock.hpp"
 #include "libc_hooks.hpp"
 #include "log_capture.hpp"
 #include "pty.hpp"
@@ -249,6 +250,15 @@ TEST_F(Sahara, FlushEndsWellAtTheEndOfTheInput)
     handle = open(dir.write("empty", "").c_str(), O_RDWR | O_NONBLOCK);
     EXPECT_EQ(sahara::flush_port(handle), 0);
     EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(Sahara, FlushGivesUpAPortThatDoesNotFallSilentInHalfAMinute)
+{
+    open_port();
+    port.send(std::string(1024, 'x') + std::string(1024, 'y') + "never read");
+    fake_clock::instance().per_read_ms = 15000;
+    EXPECT_EQ(sahara::flush_port(handle), 0);
+    EXPECT_EQ(log.texts(CORE_LOG_DBG), (texts{std::string(1024, 'x'), std::string(1024, 'y')}));
 }
 
 // --- state_reset, reset_modem
@@ -599,6 +609,20 @@ TEST_F(Upload, ServesRegionsInOrder)
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{});
     EXPECT_EQ(log.messages().back().function, "send_programmer");
     EXPECT_EQ(port.receive_until_quiet(), "");
+}
+
+// The clock goes on by 200 s with each reading: at the start, at each request and at each block.
+TEST_F(Upload, GivesUpABootLoaderThatAsksForTenMinutes)
+{
+    fake_clock::instance().per_read_ms = 200000;
+    EXPECT_EQ(run(0,
+                  [](pty &p) {
+                      p.send(read_0_4);
+                      EXPECT_EQ(p.receive(4), "ABCD");
+                      p.send(read_0_4);
+                  }),
+              -71);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"the boot loader asks for more and more"});
 }
 
 TEST_F(Upload, ServesRegionsOutOfOrderAndTheSameOneTwice)

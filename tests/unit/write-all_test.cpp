@@ -1,5 +1,7 @@
 #include "write-all.hpp"
 
+#include "fake_clock.hpp"
+
 #include <deque>
 #include <gtest/gtest.h>
 #include <string>
@@ -183,4 +185,19 @@ TEST(WriteAll, CountsEmptyWritesAnewAfterAByte)
     sink port(script);
     EXPECT_EQ(port.write("hello", back_pressure::fail), 0);
     EXPECT_EQ(port.taken, "hello");
+}
+
+TEST(WriteAll, GivesUpAPortThatCreepsForFiveMinutes)
+{
+    fake_clock::instance().per_read_ms = 100000;
+    sink port({{0, 1}, {0, 1}, {0, 1}});
+    EXPECT_EQ(port.write("hello", back_pressure::fail), -71);
+    EXPECT_EQ(port.taken, "hel");
+}
+
+TEST(WriteAll, IsDoneWithTheLastByteHoweverLongItTook)
+{
+    fake_clock::instance().per_read_ms = 300000;
+    sink port({{0, 5}});
+    EXPECT_EQ(port.write("hello", back_pressure::fail), 0);
 }
