@@ -25,6 +25,12 @@ struct built_in_row {
     const char *answer;
 };
 
+// Shown as the test's name.
+void PrintTo(const built_in_row &row, std::ostream *out)
+{
+    *out << std::string_view(row.command).substr(0, strlen(row.command) - 1);
+}
+
 class AtBuiltIn : public testing::TestWithParam<built_in_row> {};
 
 TEST_P(AtBuiltIn, Answer)

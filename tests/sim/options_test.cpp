@@ -148,6 +148,12 @@ struct bad_row {
     const char *complaint;
 };
 
+// Shown as the test's name.
+void PrintTo(const bad_row &row, std::ostream *out)
+{
+    *out << row.complaint;
+}
+
 class OptionsBad : public testing::TestWithParam<bad_row> {};
 
 TEST_P(OptionsBad, IsRefusedWithItsComplaint)

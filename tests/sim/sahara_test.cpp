@@ -216,6 +216,12 @@ struct broken_row {
     octets sent;
 };
 
+// Shown as the test's name.
+void PrintTo(const broken_row &row, std::ostream *out)
+{
+    *out << row.trouble;
+}
+
 class SaharaBroken : public testing::TestWithParam<broken_row> {};
 
 TEST_P(SaharaBroken, IsTheHostsFault)

@@ -9,6 +9,12 @@ struct shipped_wait {
     unsigned expected;
 };
 
+// Shown behind the test's name.
+void PrintTo(const shipped_wait &wait, std::ostream *out)
+{
+    *out << wait.expected;
+}
+
 class ShippedWait : public testing::TestWithParam<shipped_wait> {};
 
 TEST_P(ShippedWait, HasItsValue)
