@@ -31,10 +31,11 @@ static int run(int argc, char **argv)
 {
     if (const int err = check_args(argc, argv); err != 0)
         return err;
-    if (options.pcie)
-        modems[0].is_pcie = true;
-    if (options.port[0] != '\0')
+    if (options.port[0] != '\0') {
+        modems[0].is_pcie =
+            options.pcie; // a scan sees for itself, and a marked record would count as a modem
         return update_with_port(modems, MAX_MODEM_NUMBER, options.skip_enter_qdl, options.port);
+    }
     return update_with_scan(modems, MAX_MODEM_NUMBER, options.json);
 }
 

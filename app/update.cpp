@@ -75,10 +75,20 @@ void prepare_port_modem(modem *m, bool skip_enter_qdl, const char *port)
     strlcpy(m->usb_serial, "unknown", sizeof m->usb_serial);
 }
 
+// A scan fills free slots: what the one before it found would count a second time.
+static void forget_scanned_modems(modem *modems, uint8_t max_modems)
+{
+    for (uint8_t i = 0; i < max_modems; ++i) {
+        if (modems[i].probing_mode == PROBING_USB)
+            memset(&modems[i], 0, sizeof modems[i]); // a free slot is zero in every byte
+    }
+}
+
 int start_usb_bus_scan(const core_usb_id_list *table, modem *modems, uint8_t max_modems)
 {
     int result = CORE_EAGAIN;
     for (int i = 0; i < timeouts::scan_calls && result == CORE_EAGAIN; ++i) {
+        forget_scanned_modems(modems, max_modems);
         result = scan_usb_bus(table, modems, max_modems, MAX_MODEM_PORTS);
         if (result == CORE_EAGAIN)
             core_sleep(timeouts::scan_retry_pause);
@@ -105,6 +115,16 @@ int update_with_port(modem *modems, uint8_t max_modems, bool skip_enter_qdl, con
     return start_update_procedure(modems, max_modems, skip_enter_qdl);
 }
 
+// True for a modem that takes the programmer or the images as it is. One whose first port is the programmer's
+// is spoken to over that port, as if --pcie had been given.
+static bool is_in_download_mode(const modem *m)
+{
+    const bool has_firehose_port = strstr(m->modem_port[0].port_name, firehose_port_mark) != nullptr;
+    if (has_firehose_port)
+        options.pcie = true;
+    return has_firehose_port || is_download_mode_modem(&m->usb_id);
+}
+
 int update_with_scan(modem *modems, uint8_t max_modems, bool json)
 {
     const int err = start_usb_bus_scan(&modem_list, modems, max_modems);
@@ -117,11 +137,7 @@ int update_with_scan(modem *modems, uint8_t max_modems, bool json)
     if (count_modems(modems, max_modems) != 1)
         return refuse_several_modems(modems, max_modems, __func__);
     log_dbg("found supported modem");
-    const modem *const first = &modems[0];
-    const bool has_firehose_port = strstr(first->modem_port[0].port_name, firehose_port_mark) != nullptr;
-    if (has_firehose_port)
-        options.pcie = true;
-    if (has_firehose_port || is_download_mode_modem(&first->usb_id))
+    if (is_in_download_mode(&modems[0]))
         return start_update_procedure(modems, max_modems, true);
     const int probe_err = collect_modem_array_basic_information(modems, max_modems, false);
     if (probe_err != CORE_OK && probe_err != CORE_ENODEV)
@@ -137,7 +153,7 @@ static int update_attached_modem(modem *modems, uint8_t max_modems)
 {
     static constexpr char function[] = "update_after_listening";
     log_as(function, CORE_LOG_DBG, "found supported modem");
-    if (is_download_mode_modem(&modems[0].usb_id))
+    if (is_in_download_mode(&modems[0]))
         return start_update_procedure(modems, max_modems, true);
     if (collect_modem_array_basic_information(modems, max_modems, false) != CORE_OK)
         log_as(function, CORE_LOG_ERR, "failure in modem probing, trying fw update anyway");

@@ -180,6 +180,25 @@ TEST_F(BusScanRetry, PausesHalfASecondAfterEachIncompleteEnumeration)
     EXPECT_EQ(count_modems(modems, 8), 1);
 }
 
+TEST_F(BusScanRetry, CountsAModemOnceThatWasCompleteBeforeAnother)
+{
+    const core_device_info without_ports = make_device("fff1", "2f01", {});
+    scan_finds({download, without_ports}); // the last one decides that it is too early
+    scan_finds({download, makers_download});
+    EXPECT_EQ(start_usb_bus_scan(&modem_list, modems, 8), 0);
+    EXPECT_EQ(count_modems(modems, 8), 2);
+}
+
+TEST_F(BusScanRetry, KeepsARecordThatNoScanFilled)
+{
+    prepare_port_modem(&modems[0], false, "/dev/ttyUSB7");
+    scan_finds({make_device("05c6", "9008", {})});
+    scan_finds({download});
+    EXPECT_EQ(start_usb_bus_scan(&modem_list, modems, 8), 0);
+    EXPECT_EQ(count_modems(modems, 8), 2);
+    EXPECT_STREQ(modems[0].modem_port[0].port_name, "/dev/ttyUSB7");
+}
+
 TEST_F(BusScanRetry, GivesUpAfterSixteenCalls)
 {
     for (int i = 0; i < 16; ++i)
@@ -583,6 +602,17 @@ TEST_F(Listening, TakesTheDownloadDeviceAsInDownloadMode)
     EXPECT_EQ(log.texts(CORE_LOG_ERR),
               texts{"cannot check firmware compatibility in QDL mode, --force option is mandatory"});
     EXPECT_FALSE(log.has(CORE_LOG_DBG, "Probing mode: usb"));
+}
+
+TEST_F(Listening, TakesAFirehosePortAsDownloadModeOverPcie)
+{
+    event(arrival(0x17CB, 0x0309));
+    scan_finds({firehose});
+    give_package();
+    options.force = true;
+    EXPECT_EQ(listen(), -2); // the port that Firehose opens does not exist
+    EXPECT_TRUE(options.pcie);
+    EXPECT_EQ(driver_texts(CORE_LOG_ERR), texts{"unable to update the modem through FIREHOSE"});
 }
 
 TEST_F(Listening, ReportsAProbingThatFailsAndGoesOn)
