@@ -61,5 +61,10 @@ constexpr unsigned flush_in_all = ms(30000);
 // Devices on the bus
 constexpr unsigned arrived_device_pause = ms(1000);
 constexpr int node_watch = ms(1000); // SIGINT is looked for as often
+constexpr unsigned port_access = ms(2000);
+constexpr unsigned port_access_pause = ms(50);
+constexpr int bus_look = ms(500); // as often at least, and for SIGINT as well
+constexpr unsigned interfaces = ms(2000);
+constexpr unsigned interfaces_pause = ms(50);
 
 } // namespace timeouts

@@ -1,0 +1,360 @@
+#include "core-sysfs.hpp"
+
+#include "core-owners.hpp"
+#include "core.hpp"
+
+#include <cctype>
+#include <climits>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t text_size = 1024; // of a path or text in the records
+constexpr uint32_t max_id = 0xFFFF;
+constexpr uint32_t max_interface = 99; // two decimal digits
+constexpr uint32_t max_count = 0xFF;
+constexpr uint32_t max_number = 0xFFFFF;
+
+using path_text = char[text_size];
+
+// printf(3) into a text of the records; false when it does not fit.
+template <typename... Parts> bool compose(path_text &out, const char *format, Parts... parts)
+{
+    const int length = snprintf(out, sizeof out, format, parts...);
+    return length >= 0 && static_cast<size_t>(length) < sizeof out;
+}
+
+// The entries of a folder that `select` takes, numbers in their names by value; none when there is no such
+// folder.
+class listing {
+  public:
+    using selector = int (*)(const dirent *);
+    listing(const char *folder, selector select) : count(scandir(folder, &entries, select, versionsort)) {}
+    listing(const listing &) = delete;
+    listing &operator=(const listing &) = delete;
+    ~listing()
+    {
+        for (int i = 0; i < count; ++i)
+            free(entries[i]);
+        if (count >= 0)
+            free(entries);
+    }
+    int size() const { return count; }
+    const char *operator[](int index) const { return entries[index]->d_name; }
+
+  private:
+    dirent **entries = nullptr;
+    int count;
+};
+
+bool resolve(const char *path, path_text &out)
+{
+    char resolved[PATH_MAX];
+    return realpath(path, resolved) != nullptr && strlcpy(out, resolved, sizeof out) < sizeof out;
+}
+
+const char *last_component(const char *path)
+{
+    const char *const slash = strrchr(path, '/');
+    return slash != nullptr ? slash + 1 : path;
+}
+
+// Reads an attribute without its line end.
+bool read_text(const char *folder, const char *attribute, char *out, size_t size)
+{
+    path_text path;
+    if (!compose(path, "%s/%s", folder, attribute))
+        return false;
+    const owned_file file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (file.get() < 0)
+        return false;
+    const ssize_t length = read(file.get(), out, size);
+    if (length < 0 || static_cast<size_t>(length) == size)
+        return false;
+    out[length] = '\0';
+    out[strcspn(out, "\n")] = '\0';
+    return true;
+}
+
+// Reads a number that may have blanks before it and "0x" where it is hexadecimal, and nothing behind it.
+bool read_number(const char *folder, const char *attribute, int base, uint32_t max, uint32_t *out)
+{
+    char text[16];
+    if (!read_text(folder, attribute, text, sizeof text) || strchr(text, '-') != nullptr)
+        return false;
+    char *end = nullptr;
+    const unsigned long value = strtoul(text, &end, base);
+    if (end == text || *end != '\0' || value > max)
+        return false;
+    *out = static_cast<uint32_t>(value);
+    return true;
+}
+
+bool read_id(const char *folder, const char *vendor, const char *product, core_usb_id *id)
+{
+    return read_number(folder, vendor, 16, max_id, &id->vid) &&
+           read_number(folder, product, 16, max_id, &id->pid) && !core_usb_id_is_empty(id);
+}
+
+// True for `prefix` and digits, and nothing else.
+bool is_numbered(const char *name, const char *prefix)
+{
+    const size_t length = strlen(prefix);
+    if (strncmp(name, prefix, length) != 0 || strlen(name) >= CORE_SYSFS_NAME_SIZE)
+        return false;
+    const char *const digits = name + length;
+    return *digits != '\0' && digits[strspn(digits, "0123456789")] == '\0';
+}
+
+// Names such as 1-2.3; an interface's is 1-2.3:1.0, a root hub's usb1.
+int is_usb_device(const dirent *entry)
+{
+    const char *const name = entry->d_name;
+    return isdigit(static_cast<unsigned char>(name[0])) != 0 && strchr(name, ':') == nullptr &&
+           strlen(name) < CORE_SYSFS_NAME_SIZE;
+}
+
+int is_usb_interface(const dirent *entry)
+{
+    return strchr(entry->d_name, ':') != nullptr;
+}
+
+// A controller; its channels are mhi0_IPCR and the like.
+int is_mhi_controller(const dirent *entry)
+{
+    return is_numbered(entry->d_name, "mhi");
+}
+
+// A port such as wwan0at0; wwan0 is the device that has the ports.
+int is_wwan_port(const dirent *entry)
+{
+    const char *const name = entry->d_name;
+    return strncmp(name, "wwan", 4) == 0 && !is_numbered(name, "wwan") && strlen(name) < CORE_SYSFS_NAME_SIZE;
+}
+
+int is_usb_serial_port(const dirent *entry)
+{
+    return is_numbered(entry->d_name, "ttyUSB");
+}
+
+int is_acm_port(const dirent *entry)
+{
+    return is_numbered(entry->d_name, "ttyACM");
+}
+
+bool is_below(const char *path, const char *folder)
+{
+    const size_t length = strlen(folder);
+    return strncmp(path, folder, length) == 0 && path[length] == '/';
+}
+
+// Calls `take` (a port's name and real path) for each wwan port below a device's or an interface's folder.
+template <typename Take> void for_each_wwan_port(const char *sys, const char *folder, Take take)
+{
+    path_text ports;
+    if (!compose(ports, "%s/class/wwan", sys))
+        return;
+    const listing names(ports, is_wwan_port);
+    for (int i = 0; i < names.size(); ++i) {
+        path_text link;
+        path_text path;
+        if (compose(link, "%s/%s", ports, names[i]) && resolve(link, path) && is_below(path, folder))
+            take(names[i], path);
+    }
+}
+
+bool parent_of(const char *path, path_text &out)
+{
+    strlcpy(out, path, sizeof out);
+    char *const slash = strrchr(out, '/');
+    if (slash == nullptr)
+        return false;
+    *slash = '\0';
+    return true;
+}
+
+// The number of the folder that holds the port changes whenever the kernel makes the ports anew; the kind of
+// the ports tells download mode from normal operation.
+void look_at_pcie_ports(const char *sys, const char *pci_folder, core_sysfs_device *device)
+{
+    for_each_wwan_port(sys, pci_folder, [device](const char *name, const char *path) {
+        path_text folder;
+        struct stat status {};
+        if (!parent_of(path, folder) || stat(folder, &status) != 0)
+            return;
+        if (strstr(name, "firehose") != nullptr)
+            device->has_firehose_port = true;
+        if (device->incarnation == 0)
+            device->incarnation = static_cast<uint64_t>(status.st_ino) << 1;
+    });
+    device->incarnation |= device->has_firehose_port ? 1 : 0;
+}
+
+bool read_usb_device(core_sysfs_device *device)
+{
+    if (!read_id(device->path, "idVendor", "idProduct", &device->id))
+        return false;
+    uint32_t bus = 0;
+    uint32_t number = 0;
+    read_number(device->path, "busnum", 10, max_number, &bus);
+    read_number(device->path, "devnum", 10, max_number, &number);
+    device->incarnation = static_cast<uint64_t>(bus) << 32 | number;
+    return true;
+}
+
+bool read_pcie_modem(const char *sys, core_sysfs_device *device)
+{
+    path_text pci_folder;
+    if (!parent_of(device->path, pci_folder) || !read_id(pci_folder, "vendor", "device", &device->id))
+        return false;
+    look_at_pcie_ports(sys, pci_folder, device);
+    return true;
+}
+
+// Puts a port where it belongs in the order of interface and name; what does not fit falls off the end.
+void insert_port(core_device_info *info, const char *interface, const char *name)
+{
+    path_text node;
+    if (!compose(node, "/dev/%s", name))
+        return;
+    uint32_t place = 0;
+    while (place < info->port_count) {
+        const int order = strcmp(interface, info->interface_numbers[place]);
+        if (order < 0 || (order == 0 && strverscmp(node, info->port_names[place]) < 0))
+            break;
+        ++place;
+    }
+    if (place == CORE_DEVICE_MAX_PORTS)
+        return;
+    if (info->port_count < CORE_DEVICE_MAX_PORTS)
+        ++info->port_count;
+    const uint32_t behind = info->port_count - 1 - place;
+    memmove(info->port_names[place + 1], info->port_names[place], behind * sizeof info->port_names[0]);
+    memmove(info->interface_numbers[place + 1], info->interface_numbers[place],
+            behind * sizeof info->interface_numbers[0]);
+    strlcpy(info->port_names[place], node, sizeof info->port_names[place]);
+    strlcpy(info->interface_numbers[place], interface, sizeof info->interface_numbers[place]);
+}
+
+// A serial converter's port is a device of the interface, and its tty is the port's.
+void insert_usb_serial_ports(const char *interface_folder, const char *interface, core_device_info *info)
+{
+    const listing ports(interface_folder, is_usb_serial_port);
+    for (int i = 0; i < ports.size(); ++i) {
+        path_text tty;
+        if (compose(tty, "%s/%s/tty/%s", interface_folder, ports[i], ports[i]) && access(tty, F_OK) == 0)
+            insert_port(info, interface, ports[i]);
+    }
+}
+
+void insert_acm_ports(const char *interface_folder, const char *interface, core_device_info *info)
+{
+    path_text folder;
+    if (!compose(folder, "%s/tty", interface_folder))
+        return;
+    const listing ports(folder, is_acm_port);
+    for (int i = 0; i < ports.size(); ++i)
+        insert_port(info, interface, ports[i]);
+}
+
+void insert_wwan_ports(const char *sys, const char *folder, const char *interface, core_device_info *info)
+{
+    for_each_wwan_port(sys, folder, [interface, info](const char *name, const char *) {
+        insert_port(info, interface, name);
+    });
+}
+
+void insert_usb_ports(const char *sys, const core_sysfs_device *device, core_device_info *info)
+{
+    const listing interfaces(device->path, is_usb_interface);
+    for (int i = 0; i < interfaces.size(); ++i) {
+        path_text folder;
+        uint32_t number = 0;
+        if (!compose(folder, "%s/%s", device->path, interfaces[i]) ||
+            !read_number(folder, "bInterfaceNumber", 16, max_interface, &number))
+            continue;
+        char interface[12];
+        snprintf(interface, sizeof interface, "%02u", number);
+        insert_usb_serial_ports(folder, interface, info);
+        insert_acm_ports(folder, interface, info);
+        insert_wwan_ports(sys, folder, interface, info);
+    }
+}
+
+} // namespace
+
+size_t core_sysfs_find_devices(const char *sys, core_sysfs_filter wanted, const void *context,
+                               core_sysfs_device *devices, size_t room)
+{
+    const struct {
+        const char *folder;
+        listing::selector select;
+        bool is_pcie;
+    } buses[] = {
+        {"bus/usb/devices", is_usb_device, false},
+        {"bus/mhi/devices", is_mhi_controller, true},
+    };
+    size_t count = 0;
+    for (const auto &bus : buses) {
+        path_text folder;
+        if (!compose(folder, "%s/%s", sys, bus.folder))
+            continue;
+        const listing names(folder, bus.select);
+        for (int i = 0; i < names.size() && count < room; ++i) {
+            path_text link;
+            core_sysfs_device *const device = &devices[count];
+            *device = {};
+            device->is_pcie = bus.is_pcie;
+            // A link that leads to another name is no device's: the name is what libusb's devices are found
+            // by.
+            if (!compose(link, "%s/%s", folder, names[i]) || !resolve(link, device->path) ||
+                strcmp(last_component(device->path), names[i]) != 0)
+                continue;
+            if ((bus.is_pcie ? read_pcie_modem(sys, device) : read_usb_device(device)) &&
+                wanted(&device->id, context))
+                ++count;
+        }
+    }
+    return count;
+}
+
+bool core_sysfs_is_attached(const core_sysfs_device *device)
+{
+    if (device->is_pcie)
+        return access(device->path, F_OK) == 0;
+    core_sysfs_device now{};
+    strlcpy(now.path, device->path, sizeof now.path);
+    return read_usb_device(&now) && now.incarnation == device->incarnation &&
+           core_usb_id_equals(&now.id, &device->id);
+}
+
+bool core_sysfs_is_complete(const core_sysfs_device *device)
+{
+    uint32_t interfaces = 0;
+    if (device->is_pcie || !read_number(device->path, "bNumInterfaces", 10, max_count, &interfaces))
+        return true;
+    const listing folders(device->path, is_usb_interface);
+    return folders.size() >= static_cast<int>(interfaces);
+}
+
+bool core_sysfs_describe(const char *sys, const core_sysfs_device *device, core_device_info *info)
+{
+    *info = {};
+    strlcpy(info->name, device->path, sizeof info->name);
+    strlcpy(info->path, device->path, sizeof info->path);
+    snprintf(info->vid, sizeof info->vid, "%04x", device->id.vid & max_id);
+    snprintf(info->pid, sizeof info->pid, "%04x", device->id.pid & max_id);
+    if (device->is_pcie) {
+        path_text pci_folder;
+        // Ports that came after the look at the device would make it one that has not been told of.
+        if (device->incarnation != 0 && parent_of(device->path, pci_folder))
+            insert_wwan_ports(sys, pci_folder, "", info);
+    } else {
+        if (!read_text(device->path, "serial", info->serial, sizeof info->serial))
+            info->serial[0] = '\0';
+        insert_usb_ports(sys, device, info);
+    }
+    return core_sysfs_is_attached(device);
+}
