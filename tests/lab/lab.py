@@ -56,18 +56,20 @@ def high_speed_bus():
 class UsbModem(harness.Sim):
     """A simulated modem on the bus, inside a with statement. It leaves the bus with the statement."""
 
-    def __init__(self, folder, *options, begin='normal', port=0, limit=150):
+    def __init__(self, folder, *options, begin='normal', port=0, ports=None, limit=150):
         Path(folder).mkdir(parents=True, exist_ok=True)
         super().__init__(folder, '--usb', '--usb-port', str(port), *options, begin=begin, limit=limit)
         bus = high_speed_bus()
         self.name = f'{bus.name[3:]}-{port + 1}'
         self.place = bus / self.name
         self.begin = begin
+        self.ports = (3 if begin == 'normal' else 1) if ports is None else ports
 
     def __enter__(self):
         super().__enter__()
         try:
-            self.wait_for_ports(3 if self.begin == 'normal' else 1)
+            wait_for(self.identifier, 10, f'{self.name} on the bus')
+            self.wait_for_ports(self.ports)
             assert self.begin == 'normal' or self.tty(0) == DOWNLOAD_PORT
         except AssertionError:
             self.__exit__(None, None, None)
