@@ -9,6 +9,7 @@
 #include <cctype>
 #include <cerrno>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 static constexpr char log_source[] = "core-discovery.c";
@@ -37,8 +38,36 @@ bool is_worth_waiting(const core_roots &roots, const char *port)
            (errno == ENOENT || errno == EACCES);
 }
 
+const char *last_component(const char *path)
+{
+    const char *const slash = strrchr(path, '/');
+    return slash != nullptr ? slash + 1 : path;
+}
+
+bool is_same_node(const struct stat &a, const struct stat &b)
+{
+    if (S_ISCHR(a.st_mode) && S_ISCHR(b.st_mode))
+        return a.st_rdev == b.st_rdev;
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// True when the descriptor is open on the node. A process in a container knows the port by another path, or
+// another port by this one: the device decides. Only what has the node's name is looked at, since a look at a
+// file on a server that does not answer would never end.
+bool is_open_on(int descriptors, const char *number, const char *node, const struct stat &status)
+{
+    char target[1024];
+    const ssize_t length = readlinkat(descriptors, number, target, sizeof target - 1);
+    if (length < 0)
+        return false;
+    target[length] = '\0';
+    struct stat opened {};
+    return strcmp(last_component(target), last_component(node)) == 0 &&
+           fstatat(descriptors, number, &opened, 0) == 0 && is_same_node(opened, status);
+}
+
 // True when one of the process's descriptors is open on the node.
-bool holds(const char *process_folder, const char *node)
+bool holds(const char *process_folder, const char *node, const struct stat &status)
 {
     char folder[512];
     snprintf(folder, sizeof folder, "%s/fd", process_folder);
@@ -46,12 +75,7 @@ bool holds(const char *process_folder, const char *node)
     if (descriptors == nullptr)
         return false; // gone, or another user's
     while (const dirent *const entry = readdir(descriptors.get())) {
-        char target[1024];
-        const ssize_t length = readlinkat(dirfd(descriptors.get()), entry->d_name, target, sizeof target - 1);
-        if (length < 0)
-            continue;
-        target[length] = '\0';
-        if (strcmp(target, node) == 0)
+        if (is_open_on(dirfd(descriptors.get()), entry->d_name, node, status))
             return true;
     }
     return false;
@@ -74,7 +98,8 @@ void read_name(const char *process_folder, char *out, size_t size)
 bool find_holder(const core_roots &roots, const char *node, process *holder)
 {
     const owned_directory processes(opendir(roots.proc));
-    if (processes == nullptr)
+    struct stat status {};
+    if (processes == nullptr || stat(node, &status) != 0)
         return false;
     while (const dirent *const entry = readdir(processes.get())) {
         char *end = nullptr;
@@ -82,7 +107,7 @@ bool find_holder(const core_roots &roots, const char *node, process *holder)
         char folder[256];
         const int length = snprintf(folder, sizeof folder, "%s/%s", roots.proc, entry->d_name);
         if (id <= 0 || *end != '\0' || id == getpid() || length < 0 ||
-            static_cast<size_t>(length) >= sizeof folder || !holds(folder, node))
+            static_cast<size_t>(length) >= sizeof folder || !holds(folder, node, status))
             continue;
         holder->id = id;
         read_name(folder, holder->name, sizeof holder->name);

@@ -10,7 +10,7 @@ WORKERS = 8  # the cases mostly wait
 
 
 def pytest_configure():
-    for name in ('KESTREL', 'KESTREL_SIM'):
+    for name in ('KESTREL', 'KESTREL_DISCOVERING', 'KESTREL_SIM'):
         if not os.access(os.environ.get(name, ''), os.X_OK):
             pytest.exit(f'{name} must name the built program', 2)
 

@@ -1,12 +1,14 @@
 """A machine that the unmodified updater takes for its own: a mount namespace in which /sys is a plain folder and
-/dev holds little more than the simulated modem's port as /dev/ttyUSB0. The folders can be changed from outside
-while the updater runs."""
+/dev holds little more than the simulated modem's port, as /dev/ttyUSB0 or under other names. The folders can be
+changed from outside while the updater runs."""
+import os
+import shutil
 import subprocess
 from pathlib import Path
 
-# The arguments: the tree, the port, and the command to execute.
+# The arguments: the tree, the nodes (NAME=PORT, separated by blanks), and the command to execute.
 ENTER = '''
-tree=$1 port=$2
+tree=$1 nodes=$2
 shift 2
 for node in null zero random urandom; do
     : > "$tree/dev/$node"
@@ -14,8 +16,10 @@ for node in null zero random urandom; do
 done
 mkdir "$tree/dev/pts"
 mount --bind /dev/pts "$tree/dev/pts"
-: > "$tree/dev/ttyUSB0"
-mount --bind "$port" "$tree/dev/ttyUSB0"
+for node in $nodes; do
+    : > "$tree/dev/${node%%=*}"
+    mount --bind "${node#*=}" "$tree/dev/${node%%=*}"
+done
 mount --bind "$tree/sys" /sys
 mount --rbind "$tree/dev" /dev
 exec "$@"
@@ -54,6 +58,54 @@ class FakeTree:
                                     f'DRIVER=usb\nPRODUCT={product}\nTYPE=0/0/0\n')
         new.rename(self.devices / name)
 
+    def attach_usb(self, name, vid, pid, ports, number=5):
+        """A USB device with a serial converter's port on each interface (interface number: port), as the kernel
+        shows it: the link on the bus is what comes last."""
+        folder = self.root / 'sys/devices/pci0000:00/usb1' / name
+        for attribute, text in {'idVendor': vid, 'idProduct': pid, 'busnum': '1', 'devnum': number,
+                                'serial': '0123ABC', 'bNumInterfaces': f' {len(ports)}'}.items():
+            folder.mkdir(parents=True, exist_ok=True)
+            (folder / attribute).write_text(f'{text}\n')
+        for interface, port in ports.items():
+            self.add_port(name, interface, port)
+        (self.devices / name).symlink_to(os.path.relpath(folder, self.devices))
+
+    def add_port(self, name, interface, port):
+        folder = self.root / f'sys/devices/pci0000:00/usb1/{name}/{name}:1.{int(interface, 16)}'
+        (folder / port / 'tty' / port).mkdir(parents=True)
+        (folder / 'bInterfaceNumber').write_text(f'{interface}\n')
+
+    def detach_usb(self, name):
+        (self.devices / name).unlink()
+        shutil.rmtree(self.root / 'sys/devices/pci0000:00/usb1' / name)
+
+    def attach_pcie(self, *ports):
+        """A PCIe modem behind mhi0 with wwan ports."""
+        pci = self.root / 'sys/devices/pci0000:00/0000:01:00.0'
+        pci.mkdir(parents=True)
+        (pci / 'vendor').write_text('0x17cb\n')
+        (pci / 'device').write_text('0x0309\n')
+        controller = self.trigger.parent
+        controller.rename(pci / 'mhi0')
+        controller.symlink_to(os.path.relpath(pci / 'mhi0', controller.parent))
+        self.add_wwan(*ports)
+
+    def add_wwan(self, *ports):
+        folder = self.root / 'sys/devices/pci0000:00/0000:01:00.0/mhi0/wwan/wwan0'
+        links = self.root / 'sys/class/wwan'
+        links.mkdir(parents=True, exist_ok=True)
+        for port in ports:
+            (folder / port).mkdir(parents=True)
+            (links / port).symlink_to(os.path.relpath(folder / port, links))
+
+    def remove_wwan(self, *ports):
+        for port in ports:
+            (self.root / 'sys/class/wwan' / port).unlink()
+        shutil.rmtree(self.root / 'sys/devices/pci0000:00/0000:01:00.0/mhi0/wwan')
+
     def enter(self, port):
-        """The command that executes another one inside the tree."""
-        return [*UNSHARE, 'sh', '-e', '-c', ENTER, 'sh', self.root, port]
+        """The command that executes another one inside the tree; `port` is that of /dev/ttyUSB0, or a mapping
+        of names below /dev to ports."""
+        nodes = port if isinstance(port, dict) else {'ttyUSB0': port}
+        return [*UNSHARE, 'sh', '-e', '-c', ENTER, 'sh', self.root,
+                ' '.join(f'{node}={target}' for node, target in nodes.items())]

@@ -14,6 +14,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 KESTREL = os.environ.get('KESTREL', '')
+KESTREL_DISCOVERING = os.environ.get('KESTREL_DISCOVERING', '')  # with the discovery of Linux
 KESTREL_SIM = os.environ.get('KESTREL_SIM', '')
 SOURCE = Path(os.environ.get('KESTREL_SOURCE') or Path(__file__).resolve().parents[2])
 
@@ -68,10 +69,10 @@ def finish(process, limit, begun=None):
     return Outcome(process.returncode, out, err, time.monotonic() - begun)
 
 
-def run(*arguments, limit=40, before=()):
+def run(*arguments, limit=40, before=(), program=None):
     """Runs the updater to its end; `before` is a command that is to execute it."""
     begun = time.monotonic()
-    return finish(start(*before, KESTREL, *arguments), limit, begun)
+    return finish(start(*before, program or KESTREL, *arguments), limit, begun)
 
 
 class Sim:

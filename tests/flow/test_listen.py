@@ -1,4 +1,4 @@
-"""Runs without a port. This platform has no device enumeration, so that the bus scan ends every one of them."""
+"""Runs without a port, of the build without a discovery: the bus scan ends every one of them."""
 import pytest
 
 from harness import FAILED, VERSION, json_lines, run

@@ -5,6 +5,7 @@
 #include "log_capture.hpp"
 #include "sysfs_tree.hpp"
 
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -155,6 +156,22 @@ TEST_F(PortHolder, IsNotWhoHadADeviceThatHasGone)
     tree.add_process(812, "some-daemon", tree.dev("ttyUSB0") + " (deleted)");
     report();
     EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(PortHolder, IsNotWhoHasAnotherDeviceOfThatName)
+{
+    tree.add_process(812, "some-daemon", tree.write("container/dev/ttyUSB0", ""));
+    report();
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(PortHolder, IsReportedUnderWhateverPathItHasTheDevice)
+{
+    std::filesystem::create_directory(tree.dev("../container"));
+    std::filesystem::create_hard_link(tree.dev("ttyUSB0"), tree.dev("../container/ttyUSB0"));
+    tree.add_process(812, "some-daemon", tree.dev("../container/ttyUSB0"));
+    report();
+    EXPECT_EQ(log.messages().size(), 1U);
 }
 
 TEST_F(PortHolder, CannotWriteControlCharactersIntoTheLog)
