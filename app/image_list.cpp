@@ -97,8 +97,7 @@ int join_base(const char *base_dir, char (&path)[1024])
         log_as("build_image_array_from_xml", CORE_LOG_ERR, "out of memory");
         return CORE_ENOMEM;
     }
-    strlcpy(path, joined.get(), sizeof path);
-    return CORE_OK;
+    return store_path(path, joined.get());
 }
 
 // Without a description, the first rawprogram file that the programmer's directory lists is taken.
@@ -234,11 +233,20 @@ bool validate_image(const char *base_dir, image *img)
     img->file_size = static_cast<uint64_t>(size);
     if (const int err = file.close(); err != CORE_OK)
         return fail(__LINE__, "unable to close file err = %u, for image", err);
-    strlcpy(img->filename, path.get(), sizeof img->filename);
-    return true;
+    return store_path(img->filename, path.get()) == CORE_OK;
 }
 
 } // namespace
+
+int store_path(char (&field)[1024], const char *path)
+{
+    if (strlen(path) < sizeof field) {
+        strlcpy(field, path, sizeof field);
+        return CORE_OK;
+    }
+    log_err("path of more than %zu characters: %s", sizeof field - 1, path);
+    return CORE_EINVAL;
+}
 
 int parse_content_xml(const char *path, image_list *list)
 {

@@ -21,10 +21,10 @@ static int find_package_in_directory(const char *directory)
     static constexpr char function[] = "fw_package_init";
     const struct {
         const char *file;
-        char *path;
+        char (*path)[1024];
     } sources[] = {
-        {"/contents.xml", package.content_xml_path},
-        {"/prog_nand_firehose_9x06.mbn", package.programmer_path},
+        {"/contents.xml", &package.content_xml_path},
+        {"/prog_nand_firehose_9x06.mbn", &package.programmer_path},
     };
     for (const auto &source : sources) {
         const owned_text path = format_text("%s%s%s", directory, "/", source.file);
@@ -32,10 +32,8 @@ static int find_package_in_directory(const char *directory)
             log_as(function, CORE_LOG_ERR, "string join error: %s", strerror(errno));
             return CORE_ENOMEM;
         }
-        if (core_file_exists(path.get()) == CORE_OK) {
-            strlcpy(source.path, path.get(), sizeof package.content_xml_path);
-            return CORE_OK;
-        }
+        if (core_file_exists(path.get()) == CORE_OK)
+            return store_path(*source.path, path.get());
     }
     log_as(function, CORE_LOG_ERR, "firmware not supported: %s", directory);
     return CORE_ENOENT;
@@ -85,7 +83,8 @@ owned_text get_new_pkgver(const image_list *list)
         log_err("%s: error in generating path for information.contents file", __func__);
         return nullptr;
     }
-    const owned_stream file(fopen(path.get(), "r"));
+    const owned_stream file(core_file_check_regular(path.get()) == CORE_OK ? fopen(path.get(), "r")
+                                                                           : nullptr);
     if (file == nullptr) {
         log_err("%s: cannot open the file %s", __func__, path.get());
         return nullptr;

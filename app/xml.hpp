@@ -58,13 +58,17 @@ bool get_value(char *dest, size_t dest_size, const char *line, line_type type);
 // True for a null line, a line with "<?xml", or any line with '>'.
 bool is_valid_xml(const char *line);
 
+// Stores a path in a field of the list. 0, or CORE_EINVAL (logged) when it does not fit: cut, it would name
+// another file.
+int store_path(char (&field)[1024], const char *path);
 // Fills programmer_path and partition_file_path from the description. 0, CORE_EINVAL (arguments, or a file
 // that cannot be opened), CORE_ENOENT (an entry is missing), CORE_ENOMEM or the read's error.
 int parse_content_xml(const char *path, image_list *list);
 // The whole build, from content_xml_path or, when that is empty, from the programmer's directory. 0,
 // CORE_EINVAL, CORE_ENOENT, CORE_ENOMEM (also for too many images) or a file's error.
 int build_image_array_from_xml(image_list *list);
-// Checks every image that names a file below `base_dir` and completes its path and size.
+// Checks every image that names a file below `base_dir` and completes its path and size. False for a file
+// that is not there, is no regular file, cannot be opened, or has a path that does not fit.
 bool validate_image_list(const char *base_dir, image *images, uint32_t count);
 
 // Debug lines that describe one image, or every used one.

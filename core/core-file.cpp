@@ -39,8 +39,26 @@ int core_file_exists(const char *path)
     return CORE_ENOENT;
 }
 
+int core_file_check_regular(const char *path)
+{
+    struct stat status {};
+    if (stat(path, &status) == 0) {
+        if (S_ISREG(status.st_mode))
+            return CORE_OK;
+        log_err("'%s' is not a regular file", path);
+        return CORE_EINVAL;
+    }
+    if (errno != ENOENT || lstat(path, &status) != 0)
+        return CORE_OK; // nothing is there, or opening it tells what is wrong
+    log_err("'%s' is a link to a file that is not there", path);
+    return CORE_ENOENT;
+}
+
 int core_file_open(const char *path, int *handle)
 {
+    *handle = -1;
+    if (const int err = core_file_check_regular(path); err != CORE_OK)
+        return err;
     *handle = open(path, O_RDWR | O_CREAT | O_NONBLOCK, 0644);
     if (*handle == -1) {
         const int err = errno;

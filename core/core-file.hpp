@@ -10,8 +10,14 @@
 
 // 0 when the path exists, else CORE_ENOENT whatever the reason; CORE_EINVAL for a null path.
 int core_file_exists(const char *path);
+// Asked before a file is opened, because opening a FIFO waits for its other end and opening some devices has
+// effects: 0 for a regular file (links are followed) and where nothing is that could be opened by mistake;
+// CORE_EINVAL, logged, for a directory, FIFO, device or socket; CORE_ENOENT, logged, for a link to nothing,
+// through which a file would be created somewhere else.
+int core_file_check_regular(const char *path);
 // Opens for reading and writing, non-blocking; a missing file is created empty (mode 0644), an existing one
-// is not truncated. `*handle` receives the descriptor, -1 on failure. 0 or the mapped errno.
+// is not truncated. `*handle` receives the descriptor, -1 on failure. 0, the mapped errno or the refusal of
+// core_file_check_regular.
 int core_file_open(const char *path, int *handle);
 int core_file_close(int handle);
 int core_file_read(int handle, void *buf, size_t len, size_t *nread);

@@ -4,13 +4,16 @@
 #include "temp_dir.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 #include <vector>
 
@@ -263,13 +266,80 @@ TEST_F(FileOpen, ReportsAMissingDirectory)
     EXPECT_EQ(log.messages()[0].function, "core_file_open");
 }
 
-TEST_F(FileOpen, ReportsADirectoryAsGenericFailure)
+TEST_F(FileOpen, RefusesADirectory)
 {
     int handle = 77;
-    EXPECT_EQ(core_file_open(dir.path().c_str(), &handle), -102);
+    EXPECT_EQ(core_file_open(dir.path().c_str(), &handle), -22);
     EXPECT_EQ(handle, -1);
-    EXPECT_EQ(log.texts(CORE_LOG_ERR),
-              strings{"error 21 Is a directory opening file '" + dir.path() + "'\n"});
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"'" + dir.path() + "' is not a regular file"});
+    EXPECT_EQ(log.messages().back().function, "core_file_check_regular");
+}
+
+TEST_F(FileOpen, RefusesAFifo)
+{
+    const std::string path = dir.at("fifo");
+    ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
+    int handle = 77;
+    EXPECT_EQ(core_file_open(path.c_str(), &handle), -22);
+    EXPECT_EQ(handle, -1);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"'" + path + "' is not a regular file"});
+}
+
+TEST_F(FileOpen, DoesNotOpenAFifoThatItRefuses)
+{
+    const std::string path = dir.at("fifo");
+    ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
+    int handle = 77;
+    core_file_open(path.c_str(), &handle);
+    EXPECT_EQ(open(path.c_str(), O_WRONLY | O_NONBLOCK), -1); // as it is while nobody has the other end
+    EXPECT_EQ(errno, ENXIO);
+}
+
+TEST_F(FileOpen, RefusesADevice)
+{
+    int handle = 77;
+    EXPECT_EQ(core_file_open("/dev/null", &handle), -22);
+    EXPECT_EQ(handle, -1);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"'/dev/null' is not a regular file"});
+}
+
+TEST_F(FileOpen, RefusesASocket)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    dir.at("socket").copy(address.sun_path, sizeof address.sun_path - 1);
+    const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    int handle = 77;
+    EXPECT_EQ(core_file_open(address.sun_path, &handle), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"'" + dir.at("socket") + "' is not a regular file"});
+    close(listener);
+}
+
+TEST_F(FileOpen, FollowsALinkToAFile)
+{
+    make_link(dir.write("f", "content"), "link");
+    const open_file file(dir.at("link"));
+    EXPECT_GE(file.handle, 0);
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(FileOpen, CreatesNoFileThroughALink)
+{
+    const std::string path = make_link(dir.at("target"), "link");
+    int handle = 77;
+    EXPECT_EQ(core_file_open(path.c_str(), &handle), -2);
+    EXPECT_EQ(handle, -1);
+    EXPECT_FALSE(exists(dir.at("target")));
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"'" + path + "' is a link to a file that is not there"});
+}
+
+TEST_F(Files, ThatAreRegularOrNotThereMayBeOpened)
+{
+    EXPECT_EQ(core_file_check_regular(dir.write("f", "").c_str()), 0);
+    EXPECT_EQ(core_file_check_regular(dir.at("none").c_str()), 0);
+    EXPECT_FALSE(exists(dir.at("none")));
+    EXPECT_TRUE(log.messages().empty());
 }
 
 TEST_F(FileOpen, ReportsAFileThatMayNotBeWritten)

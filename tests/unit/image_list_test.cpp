@@ -385,8 +385,9 @@ TEST(ParseContentXml, ReportsADirectoryInPlaceOfTheFile)
     const temp_dir dir;
     const auto list = std::make_unique<image_list>();
     EXPECT_EQ(parse_content_xml(dir.path().c_str(), list.get()), -22);
-    EXPECT_EQ(log.texts(CORE_LOG_ERR).back(),
-              "unable to open xml file " + dir.path() + ", error = 4294967194");
+    EXPECT_EQ(log.texts(CORE_LOG_ERR),
+              (texts{"'" + dir.path() + "' is not a regular file",
+                     "unable to open xml file " + dir.path() + ", error = 4294967274"}));
 }
 
 TEST(ParseContentXml, ReportsAnUnknownSize)
@@ -766,9 +767,11 @@ TEST(BuildImages, ReportsADirectoryInPlaceOfThePartitionFile)
     package_directory package(frame(""));
     std::filesystem::remove(package.dir.at("rawprogram_nand.xml"));
     std::filesystem::create_directory(package.dir.at("rawprogram_nand.xml"));
-    EXPECT_EQ(package.build(), -102);
-    EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "unable to open partition file " + package.dir.path() +
-                                                  "/rawprogram_nand.xml, err = 4294967194");
+    EXPECT_EQ(package.build(), -22);
+    const std::string path = package.dir.at("rawprogram_nand.xml");
+    EXPECT_EQ(log.texts(CORE_LOG_ERR),
+              (texts{"'" + path + "' is not a regular file",
+                     "unable to open partition file " + path + ", err = 4294967274"}));
 }
 
 TEST(BuildImages, ReportsAnUnknownSizeOfThePartitionFile)
@@ -894,7 +897,7 @@ TEST(ValidateImages, ReportsADirectoryInPlaceOfAFile)
     package_directory package(frame("<program filename=\"boot.img\"/>\n"));
     std::filesystem::create_directory(package.dir.at("boot.img"));
     EXPECT_EQ(package.build(), -22);
-    EXPECT_TRUE(log.has(CORE_LOG_ERR, "unable to open file err = 4294967194, for image"));
+    EXPECT_TRUE(log.has(CORE_LOG_ERR, "unable to open file err = 4294967274, for image"));
     EXPECT_TRUE(log.has(CORE_LOG_DBG, "\tFilename: boot.img"));
 }
 
@@ -960,15 +963,66 @@ TEST(ValidateImages, KnowsSizesOfMoreThan32Bits)
     system_calls = {};
 }
 
-TEST(ValidateImages, CutsAFullPathToItsField)
+namespace {
+
+// A name of boot.img that makes its full path this long.
+std::string name_for_path(const std::string &directory, size_t length)
 {
-    std::string name = "boot.img";
-    while (name.size() < 1010)
+    const size_t size = length - directory.size() - 1;
+    std::string name = size % 2 == 0 ? "boot.img" : ".//boot.img";
+    while (name.size() < size)
         name.insert(0, "./");
-    package_directory package(frame("<program filename=\"" + name + "\"/>\n"));
+    return name;
+}
+
+} // namespace
+
+TEST(ValidateImages, TakesAPathOf1023Characters)
+{
+    package_directory package("");
+    const std::string name = name_for_path(package.dir.path(), 1023);
+    package.dir.write("rawprogram_nand.xml", frame("<program filename=\"" + name + "\"/>\n"));
     package.dir.write("boot.img", "0123");
     EXPECT_EQ(package.build(), 0);
-    EXPECT_EQ(package.at(0).filename, (package.dir.path() + "/" + name).substr(0, 1023));
+    EXPECT_EQ(package.at(0).filename, package.dir.path() + "/" + name);
+    EXPECT_EQ(strlen(package.at(0).filename), 1023U);
+}
+
+TEST(ValidateImages, RefusesAPathOf1024Characters)
+{
+    log_capture log;
+    package_directory package("");
+    const std::string name = name_for_path(package.dir.path(), 1024);
+    package.dir.write("rawprogram_nand.xml", frame("<program filename=\"" + name + "\"/>\n"));
+    package.dir.write("boot.img", "0123");
+    EXPECT_EQ(package.build(), -22);
+    const std::string path = package.dir.path() + "/" + name;
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), (texts{("path of more than 1023 characters: " + path).substr(0, 1024),
+                                              "image list validation failure"}));
+}
+
+TEST(BuildImages, RefusesAPathOfTheRawprogramFileThatDoesNotFit)
+{
+    log_capture log;
+    package_directory package("");
+    package.dir.write("contents.xml", "<?xml?>\n<device_programmer>\n<file_name>p.mbn</file_name>\n"
+                                      "<partition_file>\n<file_name>" +
+                                          std::string(1023, 'r') + "</file_name>\n");
+    EXPECT_EQ(package.build(), -22);
+    const std::string path = package.dir.path() + "/" + std::string(1023, 'r');
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{("path of more than 1023 characters: " + path).substr(0, 1024)});
+}
+
+TEST(BuildImages, RefusesAPathOfTheProgrammerThatDoesNotFit)
+{
+    log_capture log;
+    package_directory package("");
+    package.dir.write("contents.xml", "<?xml?>\n<device_programmer>\n<file_name>" + std::string(1023, 'p') +
+                                          "</file_name>\n<partition_file>\n"
+                                          "<file_name>rawprogram_nand.xml</file_name>\n");
+    EXPECT_EQ(package.build(), -22);
+    const std::string path = package.dir.path() + "/" + std::string(1023, 'p');
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{("path of more than 1023 characters: " + path).substr(0, 1024)});
 }
 
 TEST(ValidateImages, SkipsFreeSlots)
@@ -1082,9 +1136,9 @@ TEST(BuildFlatImages, ReportsADirectoryInPlaceOfThePartitionFile)
     log_capture log;
     flat_directory package;
     std::filesystem::create_directory(package.dir.at("rawprogram_nand.xml"));
-    EXPECT_EQ(package.build(), -102);
+    EXPECT_EQ(package.build(), -22);
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "unable to open partition file " + package.dir.path() +
-                                                  "/rawprogram_nand.xml, err = 4294967194");
+                                                  "/rawprogram_nand.xml, err = 4294967274");
 }
 
 TEST(BuildFlatImages, LooksInThePresentDirectoryForABareName)

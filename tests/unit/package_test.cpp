@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -110,6 +111,18 @@ TEST_F(PackageInit, RefusesADirectoryWithNeither)
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"firmware not supported: " + dir.path()});
     EXPECT_EQ(log.messages().back().file, "../main.c");
     EXPECT_EQ(log.messages().back().function, "fw_package_init");
+}
+
+TEST_F(PackageInit, RefusesADirectoryWhosePackageHasAPathThatDoesNotFit)
+{
+    write_package();
+    std::string directory = dir.path();
+    while (directory.size() < 1010)
+        directory += "/.";
+    options.firmware_directory = directory.c_str();
+    EXPECT_EQ(fw_package_init(), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR),
+              texts{("path of more than 1023 characters: " + directory + "//contents.xml").substr(0, 1024)});
 }
 
 TEST_F(PackageInit, RefusesAnEmptyDirectory)
@@ -360,8 +373,20 @@ TEST(NewPackageVersion, IsNotFoundInADirectoryOfThatName)
     const temp_dir dir;
     std::filesystem::create_directory(dir.at("information.contents"));
     EXPECT_EQ(version_of(dir.at("contents.xml"), ""), "(null)");
-    EXPECT_EQ(log.texts(CORE_LOG_ERR),
-              texts{"search_pkgv: no PKG VER found in the information.contents file"});
+    const std::string path = dir.at("information.contents");
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), (texts{"'" + path + "' is not a regular file",
+                                              "get_new_pkgver: cannot open the file " + path}));
+}
+
+TEST(NewPackageVersion, DoesNotWaitForTheOtherEndOfAFifo)
+{
+    log_capture log;
+    const temp_dir dir;
+    const std::string path = dir.at("information.contents");
+    ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
+    EXPECT_EQ(version_of(dir.at("contents.xml"), ""), "(null)");
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), (texts{"'" + path + "' is not a regular file",
+                                              "get_new_pkgver: cannot open the file " + path}));
 }
 
 // ---- the version line
