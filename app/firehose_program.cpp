@@ -2,6 +2,7 @@
 
 #include "core-file.hpp"
 #include "core.hpp"
+#include "package_check.hpp"
 #include "zepho-log.hpp"
 
 #include <algorithm>
@@ -121,6 +122,24 @@ bool contains(const image *img, const char *text)
     return strstr(img->command, text) != nullptr;
 }
 
+// The data of one image, whose command announced so many sectors: the file must be what it was then, also
+// when all of it has gone out.
+int send_data(firehose_device *device, const image *img, uint32_t max_payload)
+{
+    static constexpr char function[] = "send_command_with_binary";
+    if (const int err = check_image_file(img); err != CORE_OK)
+        return err;
+    if (img->label[0] != '\0')
+        log_as(function, CORE_LOG_INF, "Updating image %s", img->label);
+    log_as(function, CORE_LOG_DBG, "sending binary %s", img->filename);
+    if (const int err = send_binary(device, max_payload, img->sector_size_in_bytes, img->filename);
+        err != CORE_OK) {
+        log_as(function, CORE_LOG_ERR, "error in sending binary %s", img->filename);
+        return err;
+    }
+    return check_image_file(img);
+}
+
 } // namespace
 
 int send_commands(const image_list *package, firehose_device *device, uint32_t max_payload, bool *reset_sent)
@@ -150,25 +169,18 @@ int send_command_with_binary(firehose_device *device, const image *img, uint32_t
         return CORE_OK;
     }
     if (has_data) {
-        const int err =
+        int err =
             check_sectors(img->file_size, max_payload, img->sector_size_in_bytes, img->filename, __func__);
+        if (err == CORE_OK)
+            err = check_image_file(img);
         if (err != CORE_OK)
             return err;
     }
-    int err = send_command(device, img, is_erase);
-    if (err != CORE_OK) {
+    if (const int err = send_command(device, img, is_erase); err != CORE_OK) {
         log_err("error for command");
         return err;
     }
-    if (!has_data)
-        return CORE_OK;
-    if (img->label[0] != '\0')
-        log_inf("Updating image %s", img->label);
-    log_dbg("sending binary %s", img->filename);
-    err = send_binary(device, max_payload, img->sector_size_in_bytes, img->filename);
-    if (err != CORE_OK)
-        log_err("error in sending binary %s", img->filename);
-    return err;
+    return has_data ? send_data(device, img, max_payload) : CORE_OK;
 }
 
 int send_command(firehose_device *device, const image *img, bool is_erase)

@@ -147,6 +147,11 @@ static int write_images(const modem *m)
     return err;
 }
 
+bool uploads_programmer(const modem *m, bool already_in_qdl)
+{
+    return !options.enter_qdl && (already_in_qdl ? !options.pcie : !m->is_pcie);
+}
+
 int hand_off(modem *modems, uint8_t max_modems, bool already_in_qdl)
 {
     modem *const m = &modems[0];

@@ -12,6 +12,8 @@
 
 // 0; the first failure of a stage; CORE_ENOTSUPPORTED when no download device came; CORE_ECANCELED.
 int hand_off(modem *modems, uint8_t max_modems, bool already_in_qdl);
+// Whether the hand-off of this modem will upload the package's programmer, as far as can be told before it.
+bool uploads_programmer(const modem *m, bool already_in_qdl);
 // Switches a PCIe modem through the kernel's MHI attribute. 0, also for a port name that does not tell which
 // (the caller then waits as usual), or -1.
 int trigger_edl_mode(const modem *m);

@@ -8,6 +8,7 @@
 #include "modem_probing.hpp"
 #include "options.hpp"
 #include "package.hpp"
+#include "package_check.hpp"
 #include "timeouts.hpp"
 #include "usb_probe.hpp"
 #include "zepho-log.hpp"
@@ -206,6 +207,9 @@ int update_after_listening(modem *modems, uint8_t max_modems, bool json)
 int start_update_procedure(modem *modems, uint8_t max_modems, bool already_in_qdl)
 {
     if (const int err = fw_package_init(); err != CORE_OK)
+        return err;
+    if (const int err = check_package(&package, options.otp, uploads_programmer(&modems[0], already_in_qdl));
+        err != CORE_OK)
         return err;
     if (!already_in_qdl) {
         const int err = check_fw_compatibility(modems[0].versions, &package, options.force);

@@ -21,7 +21,7 @@ int update_with_scan(modem *modems, uint8_t max_modems, bool json);
 int update_after_listening(modem *modems, uint8_t max_modems, bool json);
 int update_with_port(modem *modems, uint8_t max_modems, bool skip_enter_qdl, const char *port);
 
-// The common tail: package, compatibility, dry-run stop, hand-off. 0 also for a modem in download mode that
+// The common tail: package, its check, compatibility, dry-run stop, hand-off. 0 also for a modem in download mode that
 // is not forced.
 int start_update_procedure(modem *modems, uint8_t max_modems, bool already_in_qdl);
 

@@ -60,7 +60,7 @@ def usb(folder):
     """The switch on the diagnostic port, then the boot loader on the port of the download device."""
     tree = fake_tree.FakeTree(folder)
     tree.attach()
-    package = packages.write(folder / 'package', [], programmer=content('programmer', 20000))
+    package = packages.write(folder / 'package', [packages.ERASE], programmer=content('programmer', 20000))
     return in_tree(tree, folder, package, None, sim=['--programmer-size', '20000'], begin='normal', until='sahara')
 
 

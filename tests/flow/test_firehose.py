@@ -102,7 +102,6 @@ CASES = {
     'late data': partial(one, sim=['--fault', 'firehose.data=late:2500']),
     'own reset': partial(one, more=[POWER_RESET]),
     'only a reset': partial(of_lines, lines=[POWER_RESET]),
-    'no line': partial(of_lines, lines=[]),
     'other lines': partial(of_lines, lines=['<patch value="0"/>', program('', 'skipped'), '<erase label="all"/>',
                                             ERASE[:-2] + 'filename="one.bin" />', '<!-- ' + ERASE + ' -->',
                                             '<zeroout/>', program('one.bin', ''), '<!--', program('one.bin'), '-->']),
@@ -263,12 +262,6 @@ def test_package_of_a_reset_alone_sends_one_reset(result_of):
     session = result_of('only a reset')
     assert good(session) == VERSION + COMPLETED
     assert session.received() == ['nop', 'configure', 'power']
-
-
-def test_package_without_lines_is_only_reset(result_of):
-    session = result_of('no line')
-    assert good(session) == VERSION + COMPLETED
-    assert [text.encode() for text in session.requests('power')] == [RESET]
 
 
 def test_other_lines_are_requests_without_data(result_of):

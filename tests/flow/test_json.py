@@ -33,7 +33,7 @@ def quoted_directory(folder):
 
 
 def undecodable_name(folder):
-    package = packages.write(folder / 'package', [])
+    package = packages.write(folder / 'package', [packages.ERASE])
     (package / packages.RAWPROGRAM).write_bytes(
         b'<?xml?>\n<program SECTOR_SIZE_IN_BYTES="4096" num_partition_sectors="1" label="l\xe4bel" filename="' +
         UNDECODABLE + b'" />\n')
@@ -42,7 +42,7 @@ def undecodable_name(folder):
 
 
 def sahara(folder, *sim):
-    package = packages.write(folder / 'package', [], programmer=content('programmer', 20000))
+    package = packages.write(folder / 'package', [packages.ERASE], programmer=content('programmer', 20000))
     return upload(folder, package, '--json', sim=['--programmer-size', '20000', *sim])
 
 

@@ -160,8 +160,7 @@ def test_description_that_is_a_directory_is_refused(folder):
     (folder / 'contents.xml').unlink()
     (folder / 'contents.xml').mkdir()
     path = f'{folder}//contents.xml'
-    why = (f"error 21 Is a directory opening file '{path}'\n"
-           f'unable to open xml file {path}, error = 4294967194\n')
+    why = f"'{path}' is not a regular file\nunable to open xml file {path}, error = 4294967274\n"
     check_bad(dry_run(folder), 234, bad_description(folder, path, why, '4294967274'))
 
 
@@ -222,7 +221,7 @@ def test_missing_image_is_dumped_with_debug(folder):
                                   'filename="gone"', '<program filename="gone"',
                                   '<!--\n' + program('gone') + '\n-->'])
 def test_line_that_is_no_image_needs_no_file(line, folder):
-    packages.write(folder, [line])
+    packages.write(folder, [ERASE, line])
     check_good(dry_run(folder))
 
 
@@ -236,9 +235,10 @@ def test_201_images_are_refused(folder):
     check_bad(dry_run(folder), 244, 'Images > MAX_IMAGE_NUMBER, increase the define\n' + NO_LIST)
 
 
-def test_attribute_of_1024_characters_is_complained_about_and_left_empty(folder):
+def test_attribute_of_1024_characters_is_complained_about_and_its_line_refused(folder):
     packages.write(folder, [f'<program label="{"x" * 1024}" filename=""/>'])
-    check_good(dry_run(folder), 'attribute size 1024 > max_dest_size\n')
+    check_bad(dry_run(folder), 234, 'attribute size 1024 > max_dest_size\n'
+              f'command of more than 1023 characters in {folder}/{RAWPROGRAM}: <program label="{"x" * 44}...\n' + FAILED)
 
 
 @pytest.mark.parametrize('line, why', [

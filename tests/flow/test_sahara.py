@@ -12,7 +12,7 @@ PROGRAMMER = content('programmer', 20000)
 
 
 def of_programmer(folder, sim=(), version=PLATFORM_1, arguments=()):
-    package = packages.write(folder / 'package', [], version=version, programmer=PROGRAMMER)
+    package = packages.write(folder / 'package', [packages.ERASE], version=version, programmer=PROGRAMMER)
     return upload(folder, package, *arguments, sim=['--programmer-size', '20000', *sim])
 
 

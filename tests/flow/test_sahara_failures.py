@@ -22,7 +22,7 @@ GONE = 'error writing command\nerror -125\n'  # the RESET that cannot be sent an
 
 
 def of_programmer(folder, sim=(), version=PLATFORM_1, data=PROGRAMMER, name=packages.PROGRAMMER, sim_leaves=True):
-    package = packages.write(folder / 'package', [], version=version, programmer=data)
+    package = packages.write(folder / 'package', [packages.ERASE], version=version, programmer=data)
     (package / 'contents.xml').write_text(packages.contents_xml(name))
     return upload(folder, package, sim=['--programmer-size', str(len(data)), *sim], sim_leaves=sim_leaves)
 
@@ -83,8 +83,8 @@ CASES = {
                           sim_leaves=False),
     'hello garbage': partial(of_programmer, sim=fault('hello=garbage')),
     'byte by byte': partial(of_programmer, sim=['--delivery', 'bytes']),
-    'empty programmer': partial(of_programmer, data=b'', sim=['--programmer-size', '4096']),
-    'no programmer': partial(of_programmer, name='missing/programmer.mbn'),
+    'empty programmer': partial(of_programmer, data=b'', sim=['--programmer-size', '4096'], sim_leaves=False),
+    'no programmer': partial(of_programmer, name='missing/programmer.mbn', sim_leaves=False),
 }
 
 
@@ -170,15 +170,15 @@ def test_hello_that_comes_byte_by_byte_is_none(result_of):
 def test_empty_programmer_is_refused(result_of):
     session = result_of('empty programmer')
     path = session.flash.parent / 'package/programmer.mbn'
-    assert parts(session) == (234, SENDING, f'programmer image {path} is empty\n' + NOT_UPDATED + NOT_SENT)
-    assert session.received() == ['hello_response', 'reset']
+    assert parts(session) == (234, VERSION, f'programmer image {path} is empty\n' + FAILED)
+    assert session.received() == []
 
 
-def test_programmer_that_cannot_be_opened(result_of):
+def test_programmer_that_is_not_there(result_of):
     session = result_of('no programmer')
     path = session.flash.parent / 'package/missing/programmer.mbn'
-    assert parts(session) == (254, SENDING, f"error 2 No such file or directory opening file '{path}'\n"
-                              'unable to open programmer image 4294967294\n' + NOT_UPDATED + NOT_SENT)
+    assert parts(session) == (254, VERSION, f'file is not there: {path}\n' + FAILED)
+    assert session.received() == []
 
 
 def test_port_that_does_not_exist(folder):

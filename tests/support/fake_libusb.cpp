@@ -272,6 +272,11 @@ int libusb_bulk_transfer(libusb_device_handle *, unsigned char endpoint, unsigne
     f.calls.push_back(format("%s %02x %d", in ? "in" : "out", endpoint, length));
     f.timeouts.push_back(timeout);
     EXPECT_EQ(f.open_claims, 1) << "a transfer without a claimed interface";
+    if (!in && f.sink) {
+        f.sink(data, length);
+        *transferred = length;
+        return 0;
+    }
     if (!in)
         f.written.emplace_back(reinterpret_cast<char *>(data), static_cast<size_t>(length));
     if (f.transfers.empty()) {

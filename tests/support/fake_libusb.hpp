@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -53,6 +54,8 @@ class fake_libusb {
 
     std::vector<fake_device> devices;
     std::deque<fake_transfer> transfers;
+    // When set, takes the data of every OUT transfer in place of the script, and nothing is kept of them.
+    std::function<void(const unsigned char *data, int length)> sink;
     int init_result = 0;
     int claim_result = 0;
     int device_list_result = 0;       // negative: libusb_get_device_list fails with it

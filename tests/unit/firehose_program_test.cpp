@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <memory>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <thread>
 
@@ -595,21 +596,29 @@ TEST_F(Program, FileThatCannotBeSoughtIsReportedWithTheOffset)
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "lseek error at 0");
 }
 
-// Cuts the file to 300 bytes once the sending of its first chunk is announced.
-static std::string file_to_cut;
+// Gives the file another size once this message is logged.
+static std::string file_to_change;
+static std::string change_at;
+static uintmax_t change_to;
 static core_log_pprint_fn recorder;
-static int cut_file(int level, const char *file, const char *function, int line, char *message)
+static int change_file(int level, const char *file, const char *function, int line, char *message)
 {
-    if (strcmp(message, "Sending 1000 bytes at offset 0") == 0)
-        std::filesystem::resize_file(file_to_cut, 300);
+    if (message == change_at)
+        std::filesystem::resize_file(file_to_change, change_to);
     return recorder(level, file, function, line, message);
+}
+static void change_once_logged(const std::string &file, const std::string &message, uintmax_t size)
+{
+    file_to_change = file;
+    change_at = message;
+    change_to = size;
+    recorder = pretty_print_function;
+    pretty_print_function = change_file;
 }
 
 TEST_F(Program, FileThatShrinksEndsItWellWithoutDataOrAck)
 {
-    file_to_cut = path();
-    recorder = pretty_print_function;
-    pretty_print_function = cut_file;
+    change_once_logged(path(), "Sending 1000 bytes at offset 0", 300);
     const size_t before = open_descriptors();
     EXPECT_EQ(send_file(content(1000), megabyte, 4096), 0);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"error 0 reading 1048576 bytes (read 300 bytes)"});
@@ -619,9 +628,7 @@ TEST_F(Program, FileThatShrinksEndsItWellWithoutDataOrAck)
 
 TEST_F(Program, FileThatShrinksBehindTheFirstChunkEndsItWell)
 {
-    file_to_cut = path();
-    recorder = pretty_print_function;
-    pretty_print_function = cut_file;
+    change_once_logged(path(), "Sending 1000 bytes at offset 0", 300);
     EXPECT_EQ(send_file(content(1500), 1000, 500), 0);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"error 0 reading 1000 bytes (read 300 bytes)"});
 }
@@ -982,26 +989,42 @@ TEST_F(Program, RefusedDataNamesTheFile)
     EXPECT_TRUE(log.has(CORE_LOG_DBG, "\tFilesize: 1000"));
 }
 
-TEST_F(Program, FileThatIsGoneSendsNothingButStillWaitsForAnAck)
+TEST_F(Program, FileThatIsGoneSendsNotEvenTheCommand)
 {
-    // Opening a file creates it where it is missing.
     add_image(program_line, content(1000));
     std::filesystem::remove(path());
-    programmer.takes(frame_begin + program_line_1_sector + frame_end);
-    programmer.answers(ack_chunk);
-    programmer.answers(nak_chunk);
-    EXPECT_EQ(send(), -102);
-    EXPECT_TRUE(log.has(CORE_LOG_INF, "Sent 0 bytes"));
+    EXPECT_EQ(send(), -2);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"file is not there: " + path()});
+    EXPECT_TRUE(programmer.usb.written.empty());
+    EXPECT_FALSE(std::filesystem::exists(path()));
 }
 
-TEST_F(Program, FileWhoseDirectoryIsGoneFails)
+TEST_F(Program, FileThatHasShrunkSendsNotEvenTheCommand)
 {
-    image *const img = add_image(program_line, content(1000));
-    strlcpy(img->filename, dir.at("gone/image.bin").c_str(), sizeof img->filename);
-    programmer.takes(frame_begin + program_line_1_sector + frame_end);
+    add_image(program_line, content(1000));
+    std::filesystem::resize_file(path(), 999);
+    EXPECT_EQ(send(), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"file of 1000 bytes has changed to 999: " + path()});
+    EXPECT_TRUE(programmer.usb.written.empty());
+}
+
+TEST_F(Program, FileThatIsAFifoNowSendsNotEvenTheCommand)
+{
+    add_image(program_line, "");
+    std::filesystem::remove(path());
+    ASSERT_EQ(mkfifo(path().c_str(), 0644), 0);
+    EXPECT_EQ(send(), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"'" + path() + "' is not a regular file"});
+    EXPECT_TRUE(programmer.usb.written.empty());
+}
+
+TEST_F(Program, EraseDoesNotNeedItsFile)
+{
+    add_image("<erase start=\"0\"/>", content(1000));
+    std::filesystem::remove(path());
+    programmer.takes(frame_begin + "<erase start=\"0\"/>" + frame_end);
     programmer.answers(ack_chunk);
-    EXPECT_EQ(send(), -2);
-    EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "error in sending binary " + dir.at("gone/image.bin"));
+    EXPECT_EQ(send(), 0);
 }
 
 TEST_F(Program, CommandThatCannotBeRewrittenSendsNothing)
@@ -1028,17 +1051,73 @@ TEST_F(Program, SectorLargerThanThePayloadSendsNotEvenTheCommand)
     EXPECT_TRUE(programmer.usb.written.empty());
 }
 
-TEST_F(Program, ShortReadLetsTheWalkGoOn)
+TEST_F(Program, FileThatShrinksBehindItsCommandSendsNoData)
 {
-    // The next command is sent although the programmer still waits for the data.
+    add_image(program_line, content(1000));
+    change_once_logged(path(), "sending request: " + frame_begin + program_line_1_sector + frame_end, 300);
+    programmer.takes(frame_begin + program_line_1_sector + frame_end);
+    programmer.answers(ack_chunk);
+    EXPECT_EQ(send(), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"file of 1000 bytes has changed to 300: " + path()});
+    EXPECT_EQ(log.texts(CORE_LOG_INF), texts{});
+}
+
+TEST_F(Program, FileThatGrowsWhileItIsSentFails)
+{
+    add_image(program_line, content(1000));
+    change_once_logged(path(), "Sending 1000 bytes at offset 0", 1001);
+    programmer.takes(frame_begin + program_line_1_sector + frame_end);
+    programmer.answers(ack_chunk);
+    programmer.takes(content(1000) + padding(3096));
+    programmer.takes_zero_length_packet();
+    programmer.answers(ack_chunk);
+    EXPECT_EQ(send(), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"file of 1000 bytes has changed to 1001: " + path()});
+}
+
+TEST_F(Program, ShortReadEndsTheWalk)
+{
+    // The programmer still waits for the data and would take the next command for them.
     add_image("<program label=\"a\"/>", content(1000))->sector_size_in_bytes = 500;
     add_command("<erase id=\"2\"/>");
-    file_to_cut = path();
-    recorder = pretty_print_function;
-    pretty_print_function = cut_file;
+    change_once_logged(path(), "Sending 1000 bytes at offset 0", 300);
     programmer.takes(frame_begin + "<program label=\"a\"/>" + frame_end);
     programmer.answers(ack_chunk);
-    programmer.takes(frame_begin + "<erase id=\"2\"/>" + frame_end);
+    EXPECT_EQ(send(), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), (texts{"error 0 reading 1048576 bytes (read 300 bytes)",
+                                              "file of 1000 bytes has changed to 300: " + path()}));
+}
+
+// --- files of more than 4 GiB
+
+TEST_F(Image, SectorCountOfFiveGibibytes)
+{
+    set_command("<program SECTOR_SIZE_IN_BYTES=\"4096\" num_partition_sectors=\"640\"/>");
+    set_file(5368709120);
+    EXPECT_EQ(rewritten(), "<program SECTOR_SIZE_IN_BYTES=\"4096\" num_partition_sectors=\"1310720\"/>");
+}
+
+TEST_F(Program, FiveGibibytesAreSentWholeEveryPayloadFromItsOffset)
+{
+    // Every mebibyte of the file begins with its number. In memory, where holes are read at once.
+    const owned_file handle(memfd_create("image.bin", 0));
+    ASSERT_EQ(ftruncate(handle.get(), 5368709120), 0);
+    for (int64_t i = 0; i < 5120; ++i)
+        ASSERT_EQ(pwrite(handle.get(), &i, sizeof i, i * megabyte), 8);
+    const std::string file = "/proc/self/fd/" + std::to_string(handle.get());
+    int64_t chunks = 0;
+    int64_t wrong_chunks = 0;
+    programmer.usb.sink = [&](const unsigned char *data, int length) {
+        if (length == 0) // the zero-length packet
+            return;
+        int64_t number = -1;
+        memcpy(&number, data, sizeof number);
+        wrong_chunks += length == 1048576 && number == chunks ? 0 : 1;
+        ++chunks;
+    };
     programmer.answers(ack_chunk);
-    EXPECT_EQ(send(), 0);
+    EXPECT_EQ(send_binary(device, megabyte, 4096, file.c_str()), 0);
+    EXPECT_EQ(chunks, 5120);
+    EXPECT_EQ(wrong_chunks, 0);
+    EXPECT_TRUE(log.has(CORE_LOG_INF, "Sent 5368709120 bytes"));
 }

@@ -733,6 +733,25 @@ TEST_F(Upload, IsDoneForAPcieModemInDownloadModeWithoutTheOption)
     EXPECT_EQ(driver_texts(CORE_LOG_ERR), texts{no_upload});
 }
 
+TEST_F(Upload, IsForetoldFromTheModemAndTheOptions)
+{
+    const struct {
+        bool already_in_qdl, pcie_modem, pcie_option, enter_qdl, uploads;
+    } cases[] = {
+        {false, false, false, false, true}, {true, false, false, false, true},
+        {true, true, false, false, true},   {false, true, true, false, false},
+        {true, true, true, false, false},   {false, true, false, false, false},
+        {false, false, true, false, true},  {false, false, false, true, false},
+        {true, false, false, true, false},
+    };
+    for (const auto &c : cases) {
+        modems[0].is_pcie = c.pcie_modem;
+        options.pcie = c.pcie_option;
+        options.enter_qdl = c.enter_qdl;
+        EXPECT_EQ(uploads_programmer(&modems[0], c.already_in_qdl), c.uploads) << &c - cases;
+    }
+}
+
 TEST_F(Upload, IsLeftOutForAModemInDownloadModeWithThePcieOption)
 {
     give_unopenable_port();

@@ -11,6 +11,7 @@
 #include "temp_dir.hpp"
 #include "usb_probe.hpp"
 
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <thread>
 
@@ -768,6 +769,53 @@ TEST_F(UpdateProcedure, LooksAtThePackageBeforeTheDownloadModeRule)
     EXPECT_EQ(start_update_procedure(modems, 8, true), -2);
 }
 
+TEST_F(UpdateProcedure, ChecksThePackageBeforeTheModemsVersion)
+{
+    give_package();
+    dir.write("rawprogram_nand.xml", "<?xml version=\"1.0\"?>\n");
+    EXPECT_EQ(start_update_procedure(modems, 8, false), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"no command in " + dir.path() + "/rawprogram_nand.xml"});
+}
+
+TEST_F(UpdateProcedure, ChecksThePackageBeforeTheDownloadModeRule)
+{
+    give_package();
+    std::filesystem::remove(dir.at("programmer.mbn"));
+    EXPECT_EQ(start_update_procedure(modems, 8, true), -2);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"file is not there: " + dir.path() + "/programmer.mbn"});
+}
+
+TEST_F(UpdateProcedure, ChecksTheProgrammerInADryRunToo)
+{
+    give_package();
+    std::filesystem::remove(dir.at("programmer.mbn"));
+    options.dry_run = true;
+    options.force = true;
+    EXPECT_EQ(start_update_procedure(modems, 8, false), -2);
+}
+
+TEST_F(UpdateProcedure, NeedsNoProgrammerToStopInDownloadMode)
+{
+    pty port;
+    give_package();
+    std::filesystem::remove(dir.at("programmer.mbn"));
+    options.force = true;
+    options.enter_qdl = true;
+    EXPECT_EQ(update_with_port(modems, 8, false, port.path().c_str()), 0);
+    EXPECT_EQ(log.texts(CORE_LOG_INF), texts{"Entered QDL mode, stopping"});
+}
+
+TEST_F(UpdateProcedure, NeedsNoCommandsToReadOtpValues)
+{
+    give_package();
+    dir.write("rawprogram_nand.xml", "<?xml version=\"1.0\"?>\n");
+    options.dry_run = true;
+    options.force = true;
+    options.otp = true;
+    EXPECT_EQ(start_update_procedure(modems, 8, false), 0);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{bailing_out});
+}
+
 TEST_F(UpdateProcedure, StopsWithoutTheModemsVersion)
 {
     give_package();
@@ -794,6 +842,18 @@ TEST_F(UpdateProcedure, RefusesADryRunOnAnIncompatibleModem)
     strlcpy(modems[0].versions, "50.01.102-P0F", sizeof modems[0].versions);
     EXPECT_EQ(start_update_procedure(modems, 8, false), -1);
     EXPECT_FALSE(log.has(CORE_LOG_ERR, bailing_out));
+}
+
+TEST_F(UpdateProcedure, RefusesAVersionThatEndsInACarriageReturn)
+{
+    give_package("49.01.103\r");
+    options.force = true;
+    strlcpy(modems[0].versions, "49.01.102-P0F", sizeof modems[0].versions);
+    EXPECT_EQ(start_update_procedure(modems, 8, false), -22);
+    EXPECT_EQ(
+        log.texts(CORE_LOG_ERR),
+        (texts{"invalid length of version: 49.01.103\r", "unsupported platform: 49.01.103\r; reason: -22",
+               "invalid length of version: 49.01.103\r", "wrong package version"}));
 }
 
 TEST_F(UpdateProcedure, ForcesADowngrade)

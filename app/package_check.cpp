@@ -1,0 +1,221 @@
+#include "package_check.hpp"
+
+#include "core-file.hpp"
+#include "core-owners.hpp"
+#include "core.hpp"
+#include "zepho-log.hpp"
+
+#include <cinttypes>
+#include <libgen.h>
+
+static constexpr char log_source[] = "../main.c";
+
+namespace {
+
+constexpr char check_function[] = "check_package";
+constexpr uint64_t max_sectors = INT32_MAX; // a command announces them as a signed number
+constexpr char information_file[] = "information.contents";
+
+bool contains(const char *text, const char *part)
+{
+    return strstr(text, part) != nullptr;
+}
+
+bool is_blank(char c)
+{
+    return c == ' ' || c == '\t' || c == '\r';
+}
+
+const char *skip_blanks(const char *text)
+{
+    while (is_blank(*text))
+        ++text;
+    return text;
+}
+
+// The size of a file that must be there: opening it would create it.
+int measure(const char *path, uint64_t *size, const char *function)
+{
+    if (core_file_exists(path) != CORE_OK) {
+        log_as(function, CORE_LOG_ERR, "file is not there: %s", path);
+        return CORE_ENOENT;
+    }
+    owned_file file;
+    if (const int err = core_file_open(path, file.receive()); err != CORE_OK)
+        return err;
+    int64_t bytes = 0;
+    const int err = core_file_get_size(file.get(), &bytes);
+    *size = static_cast<uint64_t>(bytes);
+    return err;
+}
+
+int check_text(const char *path)
+{
+    const owned_stream file(core_file_check_regular(path) == CORE_OK ? fopen(path, "r") : nullptr);
+    if (file == nullptr) {
+        log_as(check_function, CORE_LOG_ERR, "cannot open the file %s", path);
+        return CORE_ENOENT;
+    }
+    char block[4096];
+    while (const size_t count = fread(block, 1, sizeof block, file.get())) {
+        if (memchr(block, '\0', count) != nullptr) {
+            log_as(check_function, CORE_LOG_ERR, "NUL byte in %s", path);
+            return CORE_EINVAL;
+        }
+    }
+    return CORE_OK;
+}
+
+// The name is what stands behind the directory of the package.
+int check_name(const char *path, size_t directory_length)
+{
+    for (const char *part = path + directory_length; part != nullptr; part = strchr(part, '/')) {
+        part += strspn(part, "/");
+        if (strncmp(part, "..", 2) == 0 && (part[2] == '/' || part[2] == '\0')) {
+            log_as(check_function, CORE_LOG_ERR, "file name leads out of the package: %s", path);
+            return CORE_EINVAL;
+        }
+    }
+    return CORE_OK;
+}
+
+int check_names(const image_list *package, size_t directory_length)
+{
+    if (package->content_xml_path[0] != '\0') { // else both lie beside each other
+        for (const char *path : {package->programmer_path, package->partition_file_path}) {
+            if (const int err = check_name(path, directory_length); err != CORE_OK)
+                return err;
+        }
+    }
+    for (uint32_t i = 0; i < package->image_count; ++i) {
+        const image *const img = &package->images[i];
+        if (img->filename[0] == '\0')
+            continue;
+        if (const int err = check_name(img->filename, directory_length); err != CORE_OK)
+            return err;
+    }
+    return CORE_OK;
+}
+
+int check_texts_and_names(const image_list *package)
+{
+    const bool has_description = package->content_xml_path[0] != '\0';
+    const owned_text path(strdup(has_description ? package->content_xml_path : package->programmer_path));
+    const char *const directory = path != nullptr ? dirname(path.get()) : "";
+    const owned_text information = format_text("%s/%s", directory, information_file);
+    if (path == nullptr || information == nullptr) {
+        log_as(check_function, CORE_LOG_ERR, "out of memory");
+        return CORE_ENOMEM;
+    }
+    for (const char *text : {package->content_xml_path, package->partition_file_path,
+                             static_cast<const char *>(information.get())}) {
+        if (text[0] == '\0')
+            continue;
+        if (const int err = check_text(text); err != CORE_OK)
+            return err;
+    }
+    return check_names(package, strlen(directory));
+}
+
+bool is_cut(const image *img)
+{
+    size_t length = strlen(img->command);
+    if (length < sizeof img->command - 1)
+        return false;
+    while (length > 0 && is_blank(img->command[length - 1]))
+        --length;
+    return length == 0 || img->command[length - 1] != '>';
+}
+
+// True when the line has an attribute of just this name, however it is written, with a value that is not
+// empty.
+bool names_a_file(const char *line)
+{
+    static constexpr char name[] = "filename";
+    for (const char *found = strstr(line, name); found != nullptr; found = strstr(found + 1, name)) {
+        if (found == line || !is_blank(found[-1]))
+            continue; // the end of another name
+        const char *const equals = skip_blanks(found + strlen(name));
+        if (*equals != '=')
+            continue;
+        const char *const quote = skip_blanks(equals + 1);
+        if ((*quote != '"' && *quote != '\'') || quote[1] != quote[0])
+            return true;
+    }
+    return false;
+}
+
+int check_command(const image *img, const char *path)
+{
+    if (is_cut(img)) {
+        log_as(check_function, CORE_LOG_ERR, "command of more than %zu characters in %s: %.60s...",
+               sizeof img->command - 1, path, img->command);
+        return CORE_EINVAL;
+    }
+    if (img->filename[0] == '\0' && contains(img->command, "<program ") && names_a_file(img->command)) {
+        log_as(check_function, CORE_LOG_ERR, "file name cannot be read in %s: %s", path, img->command);
+        return CORE_EINVAL;
+    }
+    const bool has_data = img->filename[0] != '\0' && !contains(img->command, "<erase ");
+    if (has_data && img->sector_size_in_bytes != 0 &&
+        img->file_size > max_sectors * img->sector_size_in_bytes) {
+        log_as(check_function, CORE_LOG_ERR, "too many sectors of %u bytes: %s", img->sector_size_in_bytes,
+               img->filename);
+        return CORE_EINVAL;
+    }
+    return CORE_OK;
+}
+
+int check_commands(const image_list *package, bool may_be_empty)
+{
+    bool is_empty = true;
+    for (uint32_t i = 0; i < package->image_count; ++i) {
+        if (is_empty_image(&package->images[i]))
+            continue;
+        is_empty = false;
+        if (const int err = check_command(&package->images[i], package->partition_file_path); err != CORE_OK)
+            return err;
+    }
+    if (is_empty && !may_be_empty) {
+        log_as(check_function, CORE_LOG_ERR, "no command in %s", package->partition_file_path);
+        return CORE_EINVAL;
+    }
+    return CORE_OK;
+}
+
+int check_programmer(const char *path)
+{
+    uint64_t size = 0;
+    if (const int err = measure(path, &size, check_function); err != CORE_OK)
+        return err;
+    if (size == 0) {
+        log_as(check_function, CORE_LOG_ERR, "programmer image %s is empty", path);
+        return CORE_EINVAL;
+    }
+    return CORE_OK;
+}
+
+} // namespace
+
+int check_package(const image_list *package, bool otp, bool uploads_programmer)
+{
+    int err = check_texts_and_names(package);
+    if (err == CORE_OK)
+        err = check_commands(package, otp);
+    if (err == CORE_OK && uploads_programmer)
+        err = check_programmer(package->programmer_path);
+    return err;
+}
+
+int check_image_file(const image *img)
+{
+    uint64_t size = 0;
+    if (const int err = measure(img->filename, &size, __func__); err != CORE_OK)
+        return err;
+    if (size != img->file_size) {
+        log_err("file of %" PRIu64 " bytes has changed to %" PRIu64 ": %s", img->file_size, size,
+                img->filename);
+        return CORE_EINVAL;
+    }
+    return CORE_OK;
+}

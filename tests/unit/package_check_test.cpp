@@ -1,0 +1,395 @@
+#include "package_check.hpp"
+
+#include "core.hpp"
+#include "log_capture.hpp"
+#include "temp_dir.hpp"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <memory>
+#include <sys/stat.h>
+
+using texts = std::vector<std::string>;
+
+namespace {
+
+constexpr char content[] = "<?xml version=\"1.0\" ?>\n"
+                           "<partition_file>\n"
+                           "<file_name>rawprogram_nand.xml</file_name>\n"
+                           "<device_programmer>\n"
+                           "<file_name>prog.mbn</file_name>\n";
+constexpr char erase[] = "<erase start_sector=\"0\"/>\n";
+constexpr char program[] =
+    "<program SECTOR_SIZE_IN_BYTES=\"4096\" filename=\"boot.img\" num_partition_sectors=\"1\"/>\n";
+
+class PackageCheck : public testing::Test {
+  protected:
+    PackageCheck()
+    {
+        dir.write("contents.xml", content);
+        dir.write("information.contents", "PKG VER : 49.01.102\n");
+        dir.write("prog.mbn", "programmer");
+        dir.write("boot.img", "0123");
+        write_lines(std::string(erase) + program);
+        list->image_count = MAX_IMAGE_NUMBER;
+        strlcpy(list->content_xml_path, dir.at("contents.xml").c_str(), sizeof list->content_xml_path);
+    }
+
+    void write_lines(const std::string &lines) const
+    {
+        dir.write("rawprogram_nand.xml", "<?xml version=\"1.0\" ?>\n<data>\n" + lines + "</data>\n");
+    }
+    void write_names(const std::string &programmer, const std::string &partition_file) const
+    {
+        dir.write("contents.xml", "<?xml?>\n<partition_file>\n<file_name>" + partition_file +
+                                      "</file_name>\n<device_programmer>\n<file_name>" + programmer +
+                                      "</file_name>\n");
+    }
+    // Reads the package and checks it; reading alone succeeds with every package here.
+    int check(bool otp = false, bool uploads_programmer = true)
+    {
+        EXPECT_EQ(build_image_array_from_xml(list.get()), 0);
+        log.clear();
+        return check_package(list.get(), otp, uploads_programmer);
+    }
+    int check_lines(const std::string &lines)
+    {
+        write_lines(lines);
+        return check();
+    }
+    texts errors() const { return log.texts(CORE_LOG_ERR); }
+
+    temp_dir dir;
+    log_capture log;
+    std::unique_ptr<image_list> list = std::make_unique<image_list>();
+    const std::string rawprogram = dir.at("rawprogram_nand.xml");
+};
+
+// The names in a package, the lines in its rawprogram file, and the programmer.
+class PackageTexts : public PackageCheck {};
+class PackageNames : public PackageCheck {};
+class PackageCommands : public PackageCheck {};
+class PackageProgrammer : public PackageCheck {};
+class ImageFile : public PackageCheck {};
+
+} // namespace
+
+TEST_F(PackageCheck, AcceptsAGoodPackageSilently)
+{
+    EXPECT_EQ(check(), 0);
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(PackageCheck, LogsAsTheDriver)
+{
+    EXPECT_EQ(check_lines(""), -22);
+    ASSERT_EQ(log.messages().size(), 1U);
+    EXPECT_EQ(log.messages()[0].file, "../main.c");
+    EXPECT_EQ(log.messages()[0].function, "check_package");
+}
+
+// ---- the texts
+
+TEST_F(PackageTexts, OfTheDescriptionHaveNoNulBytes)
+{
+    dir.write("contents.xml", content + std::string(1, '\0'));
+    EXPECT_EQ(check(), -22);
+    EXPECT_EQ(errors(), texts{"NUL byte in " + dir.at("contents.xml")});
+}
+
+TEST_F(PackageTexts, OfTheRawprogramFileHaveNoNulBytes)
+{
+    write_lines(erase + std::string(1, '\0') + program);
+    EXPECT_EQ(check(), -22);
+    EXPECT_EQ(errors(), texts{"NUL byte in " + rawprogram});
+}
+
+TEST_F(PackageTexts, OfTheInformationFileHaveNoNulBytes)
+{
+    dir.write("information.contents", std::string("PKG VER : 49.01\0.102\n", 21));
+    EXPECT_EQ(check(), -22);
+    EXPECT_EQ(errors(), texts{"NUL byte in " + dir.at("information.contents")});
+}
+
+TEST_F(PackageTexts, AreReadToTheirEnd)
+{
+    write_lines(erase + std::string(20000, ' ') + std::string(1, '\0'));
+    EXPECT_EQ(check(), -22);
+    EXPECT_EQ(errors(), texts{"NUL byte in " + rawprogram});
+}
+
+TEST_F(PackageTexts, MustStillBeThere)
+{
+    EXPECT_EQ(build_image_array_from_xml(list.get()), 0);
+    log.clear();
+    std::filesystem::remove(dir.at("information.contents"));
+    EXPECT_EQ(check_package(list.get(), false, true), -2);
+    EXPECT_EQ(errors(), texts{"cannot open the file " + dir.at("information.contents")});
+}
+
+TEST_F(PackageTexts, AreNotWaitedForInAFifo)
+{
+    EXPECT_EQ(build_image_array_from_xml(list.get()), 0);
+    log.clear();
+    std::filesystem::remove(rawprogram);
+    ASSERT_EQ(mkfifo(rawprogram.c_str(), 0644), 0);
+    EXPECT_EQ(check_package(list.get(), false, true), -2);
+    EXPECT_EQ(errors(),
+              (texts{"'" + rawprogram + "' is not a regular file", "cannot open the file " + rawprogram}));
+}
+
+TEST_F(PackageTexts, OfAProgrammerAloneAreBesideIt)
+{
+    list->content_xml_path[0] = '\0';
+    strlcpy(list->programmer_path, dir.at("prog.mbn").c_str(), sizeof list->programmer_path);
+    dir.write("information.contents", std::string("PKG VER : 49.01\0.102\n", 21));
+    EXPECT_EQ(check(), -22);
+    EXPECT_EQ(errors(), texts{"NUL byte in " + dir.at("information.contents")});
+}
+
+// ---- the names
+
+TEST_F(PackageNames, OfImagesStayInThePackage)
+{
+    dir.write("images/boot.img", "0123");
+    EXPECT_EQ(check_lines("<program filename=\"images/../boot.img\"/>\n"), -22);
+    EXPECT_EQ(errors(), texts{"file name leads out of the package: " + dir.path() + "/images/../boot.img"});
+}
+
+TEST_F(PackageNames, OfErasedImagesStayInThePackage)
+{
+    dir.write("images/x", "");
+    EXPECT_EQ(check_lines("<erase filename=\"images/../boot.img\"/>\n"), -22);
+}
+
+TEST_F(PackageNames, MayNotEndInTwoDots)
+{
+    write_names("..", "rawprogram_nand.xml");
+    EXPECT_EQ(check(false, false), -22);
+    EXPECT_EQ(errors(), texts{"file name leads out of the package: " + dir.path() + "/.."});
+}
+
+TEST_F(PackageNames, OfTheProgrammerStayInThePackage)
+{
+    write_names("../prog.mbn", "rawprogram_nand.xml");
+    EXPECT_EQ(check(), -22);
+    EXPECT_EQ(errors(), texts{"file name leads out of the package: " + dir.path() + "/../prog.mbn"});
+}
+
+TEST_F(PackageNames, OfTheProgrammerStayInThePackageAlsoWhenItIsNotUploaded)
+{
+    write_names("../prog.mbn", "rawprogram_nand.xml");
+    EXPECT_EQ(check(false, false), -22);
+}
+
+TEST_F(PackageNames, OfTheRawprogramFileStayInThePackage)
+{
+    dir.write("lists/x", "");
+    write_names("prog.mbn", "lists//../rawprogram_nand.xml");
+    EXPECT_EQ(check(), -22);
+    EXPECT_EQ(errors(),
+              texts{"file name leads out of the package: " + dir.path() + "/lists//../rawprogram_nand.xml"});
+}
+
+TEST_F(PackageNames, MayHoldTwoDotsInAComponent)
+{
+    dir.write("..images/boot..img..", "0123");
+    EXPECT_EQ(check_lines("<program filename=\"..images/boot..img..\" SECTOR_SIZE_IN_BYTES=\"1\"/>\n"), 0);
+}
+
+TEST_F(PackageNames, MayHoldASingleDot)
+{
+    EXPECT_EQ(check_lines("<program filename=\"./boot.img\"/>\n"), 0);
+}
+
+TEST_F(PackageNames, ThatAreAbsoluteStandBelowThePackage)
+{
+    dir.write("abs/boot.img", "0123");
+    EXPECT_EQ(check_lines("<program filename=\"/abs/boot.img\"/>\n"), 0);
+    EXPECT_EQ(list->images[0].filename, dir.path() + "//abs/boot.img");
+}
+
+TEST_F(PackageNames, OfTheUserMayLeadAnywhere)
+{
+    dir.write("other/x", "");
+    strlcpy(list->content_xml_path, dir.at("other/../contents.xml").c_str(), sizeof list->content_xml_path);
+    EXPECT_EQ(check(), 0);
+}
+
+// ---- the commands
+
+TEST_F(PackageCommands, AreNeeded)
+{
+    EXPECT_EQ(check_lines("<!--\n" + std::string(program) + "-->\n"), -22);
+    EXPECT_EQ(errors(), texts{"no command in " + rawprogram});
+}
+
+TEST_F(PackageCommands, AreNeededInAnEmptyFileToo)
+{
+    dir.write("rawprogram_nand.xml", "");
+    EXPECT_EQ(check(), -22);
+    EXPECT_EQ(errors(), texts{"no command in " + rawprogram});
+}
+
+TEST_F(PackageCommands, InTheFirstLineAreNone)
+{
+    dir.write("rawprogram_nand.xml", program);
+    EXPECT_EQ(check(), -22);
+    EXPECT_EQ(errors(), texts{"no command in " + rawprogram});
+}
+
+TEST_F(PackageCommands, AreNotNeededToReadOtpValues)
+{
+    write_lines("");
+    EXPECT_EQ(check(true), 0);
+}
+
+TEST_F(PackageCommands, OfMoreThan1023CharactersAreRefused)
+{
+    const std::string begin = "<erase padding=\"";
+    EXPECT_EQ(check_lines(begin + std::string(1005, 'x') + "\"/>\n"), -22); // 1024 characters
+    EXPECT_EQ(errors(), texts{"command of more than 1023 characters in " + rawprogram + ": " + begin +
+                              std::string(44, 'x') + "..."});
+}
+
+TEST_F(PackageCommands, Of1023CharactersAreWhole)
+{
+    EXPECT_EQ(check_lines("<erase padding=\"" + std::string(1004, 'x') + "\"/>\n"), 0);
+    EXPECT_EQ(strlen(list->images[0].command), 1023U);
+}
+
+TEST_F(PackageCommands, ThatEndBeforeTheCutAreWhole)
+{
+    EXPECT_EQ(check_lines(erase + std::string("<erase/>") + std::string(2000, ' ') + "\r\n"), 0);
+}
+
+TEST_F(PackageCommands, ThatBeginBehindTheCutAreRefused)
+{
+    EXPECT_EQ(check_lines(std::string(1023, ' ') + erase), -22);
+}
+
+TEST_F(PackageCommands, WithoutANameOfAFileMaySkipIt)
+{
+    for (const char *line : {"<program filename=\"\"/>", "<program label=\"a\"/>", "<program filename=''/>",
+                             "<program filename = \"\" />", "<program label=\"filename\"/>"}) {
+        EXPECT_EQ(check_lines(line + std::string("\n")), 0) << line;
+        memset(list->images, 0, sizeof list->images);
+    }
+}
+
+TEST_F(PackageCommands, WhoseNameOfAFileCannotBeReadAreRefused)
+{
+    for (const char *line :
+         {"<program filename='boot.img'/>", "<program filename =\"boot.img\"/>",
+          "<program filename= \"boot.img\"/>", "<program\tfilename=boot.img /> <program />",
+          "<program filename=\"boot.img />", "<program label=\"filename\" filename=\"boot.img\"/>",
+          "<program sparse_filename=\"\" filename=\"boot.img\"/>"}) {
+        EXPECT_EQ(check_lines(line + std::string("\n")), -22) << line;
+        EXPECT_EQ(errors(), texts{"file name cannot be read in " + rawprogram + ": " + line});
+        memset(list->images, 0, sizeof list->images);
+    }
+}
+
+TEST_F(PackageCommands, WithANameOf1024CharactersAreRefused)
+{
+    EXPECT_EQ(check_lines("<program filename=\"" + std::string(1024, 'x') + "\"/>\n"), -22);
+    EXPECT_EQ(errors(), texts{"command of more than 1023 characters in " + rawprogram +
+                              ": <program filename=\"" + std::string(41, 'x') + "..."});
+}
+
+TEST_F(PackageCommands, ThatAreNoProgramLinesMayHaveAnyName)
+{
+    EXPECT_EQ(check_lines("<patch filename='DISK' start_sector=\"0\"/>\n"), 0);
+}
+
+TEST_F(PackageCommands, MayAnnounce2147483647Sectors)
+{
+    write_lines("<program SECTOR_SIZE_IN_BYTES=\"1\" filename=\"boot.img\"/>\n");
+    std::filesystem::resize_file(dir.at("boot.img"), 2147483647);
+    EXPECT_EQ(check(), 0);
+}
+
+TEST_F(PackageCommands, MayNotAnnounceMoreSectors)
+{
+    write_lines("<program SECTOR_SIZE_IN_BYTES=\"1\" filename=\"boot.img\"/>\n");
+    std::filesystem::resize_file(dir.at("boot.img"), 2147483648);
+    EXPECT_EQ(check(), -22);
+    EXPECT_EQ(errors(), texts{"too many sectors of 1 bytes: " + dir.at("boot.img")});
+}
+
+TEST_F(PackageCommands, MayAnnounceFiveGibibytes)
+{
+    std::filesystem::resize_file(dir.at("boot.img"), 5368709120);
+    EXPECT_EQ(check(), 0);
+}
+
+TEST_F(PackageCommands, ThatEraseAnnounceNoSectorsOfTheirFile)
+{
+    write_lines("<erase SECTOR_SIZE_IN_BYTES=\"1\" filename=\"boot.img\"/>\n");
+    std::filesystem::resize_file(dir.at("boot.img"), 2147483648);
+    EXPECT_EQ(check(), 0);
+}
+
+// ---- the programmer
+
+TEST_F(PackageProgrammer, MustBeThereAndIsNotCreated)
+{
+    std::filesystem::remove(dir.at("prog.mbn"));
+    EXPECT_EQ(check(), -2);
+    EXPECT_EQ(errors(), texts{"file is not there: " + dir.at("prog.mbn")});
+    EXPECT_FALSE(std::filesystem::exists(dir.at("prog.mbn")));
+}
+
+TEST_F(PackageProgrammer, MustNotBeEmpty)
+{
+    dir.write("prog.mbn", "");
+    EXPECT_EQ(check(), -22);
+    EXPECT_EQ(errors(), texts{"programmer image " + dir.at("prog.mbn") + " is empty"});
+}
+
+TEST_F(PackageProgrammer, MustBeAFile)
+{
+    std::filesystem::remove(dir.at("prog.mbn"));
+    std::filesystem::create_directory(dir.at("prog.mbn"));
+    EXPECT_EQ(check(), -22);
+    EXPECT_EQ(errors(), texts{"'" + dir.at("prog.mbn") + "' is not a regular file"});
+}
+
+TEST_F(PackageProgrammer, MayBeMissingWhereItIsNotUploaded)
+{
+    std::filesystem::remove(dir.at("prog.mbn"));
+    EXPECT_EQ(check(false, false), 0);
+}
+
+TEST_F(PackageProgrammer, IsNeededToReadOtpValuesToo)
+{
+    std::filesystem::remove(dir.at("prog.mbn"));
+    EXPECT_EQ(check(true, true), -2);
+}
+
+// ---- the file of an image
+
+TEST_F(ImageFile, ThatIsUnchangedMayBeSent)
+{
+    EXPECT_EQ(check(), 0);
+    EXPECT_EQ(check_image_file(&list->images[1]), 0);
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(ImageFile, ThatHasGrownMayNotBeSent)
+{
+    EXPECT_EQ(check(), 0);
+    dir.write("boot.img", "01234");
+    EXPECT_EQ(check_image_file(&list->images[1]), -22);
+    EXPECT_EQ(errors(), texts{"file of 4 bytes has changed to 5: " + dir.at("boot.img")});
+    EXPECT_EQ(log.messages().back().function, "check_image_file");
+}
+
+TEST_F(ImageFile, ThatIsGoneMayNotBeSent)
+{
+    EXPECT_EQ(check(), 0);
+    std::filesystem::remove(dir.at("boot.img"));
+    EXPECT_EQ(check_image_file(&list->images[1]), -2);
+    EXPECT_EQ(errors(), texts{"file is not there: " + dir.at("boot.img")});
+    EXPECT_EQ(log.messages().back().function, "check_image_file");
+}
