@@ -8,8 +8,8 @@
 // failure. `max_payload` is the negotiated payload size in bytes.
 int send_commands(const image_list *package, firehose_device *device, uint32_t max_payload, bool *reset_sent);
 // One image: its command and, unless it is an erase or names no file, its data. CORE_EINVAL, before anything
-// is sent, when the data cannot be cut into sectors. CORE_EINVAL or CORE_ENOENT when the file is no longer the
-// one whose sectors the command announces, looked at before the command, before the data and after them.
+// is sent, when the data cannot be cut into sectors. CORE_EINVAL or CORE_ENOENT when the file is no longer
+// the one whose sectors the command announces, looked at before the command, before the data and after them.
 int send_command_with_binary(firehose_device *device, const image *img, uint32_t max_payload);
 // The request of one image alone. 0, CORE_ENOMEM or the failure of the request.
 int send_command(firehose_device *device, const image *img, bool is_erase);

@@ -24,7 +24,7 @@ int read_text(int file, owned_text *text, const char *function)
         log_as(function, CORE_LOG_ERR, "unable to get bin file size %u", static_cast<unsigned>(err));
         return err;
     }
-    if (static_cast<uint64_t>(size) < SIZE_MAX)
+    if (size <= MAX_TEXT_SIZE)
         text->reset(static_cast<char *>(calloc(static_cast<size_t>(size) + 1, 1)));
     if (*text == nullptr) {
         log_as(function, CORE_LOG_ERR, "out of memory");

@@ -83,10 +83,14 @@ owned_text get_new_pkgver(const image_list *list)
         log_err("%s: error in generating path for information.contents file", __func__);
         return nullptr;
     }
-    const owned_stream file(core_file_check_regular(path.get()) == CORE_OK ? fopen(path.get(), "r")
-                                                                           : nullptr);
+    const owned_stream file(core_file_open_stream(path.get()));
     if (file == nullptr) {
         log_err("%s: cannot open the file %s", __func__, path.get());
+        return nullptr;
+    }
+    int64_t size = 0;
+    if (core_file_get_size(fileno(file.get()), &size) != CORE_OK || size > MAX_TEXT_SIZE) {
+        log_err("%s: too large: %s", __func__, path.get());
         return nullptr;
     }
     return search_pkgv(file.get());

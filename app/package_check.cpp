@@ -51,7 +51,7 @@ int measure(const char *path, uint64_t *size, const char *function)
 
 int check_text(const char *path)
 {
-    const owned_stream file(core_file_check_regular(path) == CORE_OK ? fopen(path, "r") : nullptr);
+    const owned_stream file(core_file_open_stream(path));
     if (file == nullptr) {
         log_as(check_function, CORE_LOG_ERR, "cannot open the file %s", path);
         return CORE_ENOENT;

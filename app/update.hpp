@@ -21,8 +21,8 @@ int update_with_scan(modem *modems, uint8_t max_modems, bool json);
 int update_after_listening(modem *modems, uint8_t max_modems, bool json);
 int update_with_port(modem *modems, uint8_t max_modems, bool skip_enter_qdl, const char *port);
 
-// The common tail: package, its check, compatibility, dry-run stop, hand-off. 0 also for a modem in download mode that
-// is not forced.
+// The common tail: package, its check, compatibility, dry-run stop, hand-off. 0 also for a modem in download
+// mode that is not forced.
 int start_update_procedure(modem *modems, uint8_t max_modems, bool already_in_qdl);
 
 // Scans the bus, again and again while the enumeration is incomplete (at most 16 times, 500 ms apart).

@@ -10,6 +10,9 @@
 #include <cstdint>
 
 constexpr uint32_t MAX_IMAGE_NUMBER = 200;
+// No text of a package may be larger, in bytes: a file with holes can pretend to any size, and would be read
+// until the memory is full or for hours.
+constexpr int64_t MAX_TEXT_SIZE = 64 * 1024 * 1024;
 
 // One element line of the rawprogram file; a record of zero bytes is a free slot.
 struct image {
@@ -62,10 +65,11 @@ bool is_valid_xml(const char *line);
 // another file.
 int store_path(char (&field)[1024], const char *path);
 // Fills programmer_path and partition_file_path from the description. 0, CORE_EINVAL (arguments, or a file
-// that cannot be opened), CORE_ENOENT (an entry is missing), CORE_ENOMEM or the read's error.
+// that cannot be opened), CORE_ENOENT (an entry is missing), CORE_ENOMEM (also for a file of more than
+// MAX_TEXT_SIZE) or the read's error.
 int parse_content_xml(const char *path, image_list *list);
 // The whole build, from content_xml_path or, when that is empty, from the programmer's directory. 0,
-// CORE_EINVAL, CORE_ENOENT, CORE_ENOMEM (also for too many images) or a file's error.
+// CORE_EINVAL, CORE_ENOENT, CORE_ENOMEM (also for too many images, or too large a text) or a file's error.
 int build_image_array_from_xml(image_list *list);
 // Checks every image that names a file below `base_dir` and completes its path and size. False for a file
 // that is not there, is no regular file, cannot be opened, or has a path that does not fit.

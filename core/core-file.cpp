@@ -6,7 +6,6 @@
 #include "zepho-log.hpp"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
@@ -66,6 +65,19 @@ int core_file_open(const char *path, int *handle)
         return map_errno_to_core_err(err);
     }
     return CORE_OK;
+}
+
+FILE *core_file_open_stream(const char *path)
+{
+    if (core_file_check_regular(path) != CORE_OK) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    owned_file handle(open(path, O_RDONLY | O_NONBLOCK));
+    FILE *const stream = handle.get() >= 0 ? fdopen(handle.get(), "r") : nullptr;
+    if (stream != nullptr)
+        handle.release(); // the stream closes it
+    return stream;
 }
 
 int core_file_close(int handle)

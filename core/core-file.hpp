@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 // 0 when the path exists, else CORE_ENOENT whatever the reason; CORE_EINVAL for a null path.
 int core_file_exists(const char *path);
@@ -19,6 +20,10 @@ int core_file_check_regular(const char *path);
 // is not truncated. `*handle` receives the descriptor, -1 on failure. 0, the mapped errno or the refusal of
 // core_file_check_regular.
 int core_file_open(const char *path, int *handle);
+// Opens a regular file for reading only, as a stream that the caller closes. Null with errno, after a refusal
+// of core_file_check_regular with EINVAL. Reading does not wait: some files of the kernel are regular ones
+// that bring something when there is news.
+FILE *core_file_open_stream(const char *path);
 int core_file_close(int handle);
 int core_file_read(int handle, void *buf, size_t len, size_t *nread);
 int core_file_write(int handle, const void *buf, size_t len, size_t *written);

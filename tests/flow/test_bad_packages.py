@@ -304,6 +304,17 @@ def test_line_of_10_mb_is_refused_quickly_and_in_few_words(name, text, status, e
     check_refused(folder, package, status, err.replace('<package>', str(package)))
 
 
+@pytest.mark.parametrize('name, status, err', [
+    ('contents.xml', 244, 'out of memory\nunable to parse content xml file <path>, err = 4294967284\n' + NO_LIST),
+    ('information.contents', 254, 'get_new_pkgver: too large: <path>\n' + NO_VERSION),
+    (RAWPROGRAM, 244, 'out of memory\n' + NO_LIST),
+])
+def test_text_of_a_tebibyte_of_holes_is_refused_quickly(name, status, err, folder):
+    package = packages.one_image(folder / 'package')
+    os.truncate(package / name, 1024 * 1024 * MIB)
+    check_refused(folder, package, status, err.replace('<path>', path_of(package, name)))
+
+
 # --- file names
 
 @pytest.mark.parametrize('name', ['../one.bin', 'in/../one.bin', './/../one.bin', 'in//../../package/one.bin'])

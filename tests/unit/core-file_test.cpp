@@ -1,5 +1,6 @@
 #include "core-file.hpp"
 
+#include "core-owners.hpp"
 #include "log_capture.hpp"
 #include "temp_dir.hpp"
 
@@ -332,6 +333,34 @@ TEST_F(FileOpen, CreatesNoFileThroughALink)
     EXPECT_EQ(handle, -1);
     EXPECT_FALSE(exists(dir.at("target")));
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"'" + path + "' is a link to a file that is not there"});
+}
+
+TEST_F(Files, AreOpenedAsStreamsForReading)
+{
+    const std::string path = dir.write("f", "content");
+    chmod(path.c_str(), 0444);
+    const owned_stream stream(core_file_open_stream(path.c_str()));
+    ASSERT_NE(stream, nullptr);
+    char text[16] = {};
+    EXPECT_EQ(fread(text, 1, sizeof text, stream.get()), 7U);
+    EXPECT_STREQ(text, "content");
+    EXPECT_EQ(fcntl(fileno(stream.get()), F_GETFL) & (O_ACCMODE | O_NONBLOCK), O_RDONLY | O_NONBLOCK);
+}
+
+TEST_F(Files, AreNotCreatedAsStreams)
+{
+    errno = 0;
+    EXPECT_EQ(core_file_open_stream(dir.at("none").c_str()), nullptr);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_FALSE(exists(dir.at("none")));
+}
+
+TEST_F(Files, AreNoStreamsWhenTheyAreNotRegular)
+{
+    errno = 0;
+    EXPECT_EQ(core_file_open_stream(dir.path().c_str()), nullptr);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"'" + dir.path() + "' is not a regular file"});
 }
 
 TEST_F(Files, ThatAreRegularOrNotThereMayBeOpened)

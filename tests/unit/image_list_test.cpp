@@ -409,6 +409,22 @@ TEST(ParseContentXml, ReportsMissingMemory)
     system_calls = {};
 }
 
+TEST(ParseContentXml, GivesNoMemoryToMoreThan64Mebibytes)
+{
+    log_capture log;
+    description xml(content);
+    std::filesystem::resize_file(xml.path, 64 * 1024 * 1024 + 1);
+    EXPECT_EQ(xml.parse(), -12);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"out of memory"});
+}
+
+TEST(ParseContentXml, Reads64Mebibytes)
+{
+    description xml(content);
+    std::filesystem::resize_file(xml.path, 64 * 1024 * 1024);
+    EXPECT_EQ(xml.parse(), 0);
+}
+
 TEST(ParseContentXml, ReportsAFailedRead)
 {
     log_capture log;

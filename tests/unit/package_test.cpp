@@ -378,6 +378,16 @@ TEST(NewPackageVersion, IsNotFoundInADirectoryOfThatName)
                                               "get_new_pkgver: cannot open the file " + path}));
 }
 
+TEST(NewPackageVersion, IsNotLookedForInMoreThan64Mebibytes)
+{
+    log_capture log;
+    const temp_dir dir;
+    const std::string path = dir.write("information.contents", "PKG VER : 49.01.102\n");
+    std::filesystem::resize_file(path, 64 * 1024 * 1024 + 1);
+    EXPECT_EQ(version_of(dir.at("contents.xml"), ""), "(null)");
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"get_new_pkgver: too large: " + path});
+}
+
 TEST(NewPackageVersion, DoesNotWaitForTheOtherEndOfAFifo)
 {
     log_capture log;
