@@ -74,6 +74,13 @@ extern "C" void vsyslog(int priority, const char *format, va_list arguments)
     system_log.push_back({priority, text});
 }
 
+// What a build with checked buffer sizes calls in its place.
+extern "C" void __vsyslog_chk(int priority, int, const char *format, // NOLINT(bugprone-reserved-identifier)
+                              va_list arguments)
+{
+    vsyslog(priority, format, arguments);
+}
+
 // An allocation that fails shall answer null here too, as it does without a sanitizer.
 extern "C" const char *__asan_default_options() // NOLINT(bugprone-reserved-identifier)
 {
