@@ -186,8 +186,7 @@ void look_at_pcie_ports(const char *sys, const char *pci_folder, core_sysfs_devi
             return;
         if (strstr(name, "firehose") != nullptr)
             device->has_firehose_port = true;
-        if (device->incarnation == 0)
-            device->incarnation = static_cast<uint64_t>(status.st_ino) << 1;
+        device->incarnation = static_cast<uint64_t>(status.st_ino) << 1;
     });
     device->incarnation |= device->has_firehose_port ? 1 : 0;
 }

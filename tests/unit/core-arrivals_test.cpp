@@ -181,6 +181,20 @@ TEST_F(PcieEvent, ComesWithTheFirstPort)
     EXPECT_EQ(next(), "");
 }
 
+TEST_F(PcieEvent, ComesAtOnceOfAModemThatTheEnumerationMissed)
+{
+    tree.add_wwan(add_pcie(), "wwan0at0");
+    EXPECT_EQ(next(), "+ 17cb:0309 mhi0");
+}
+
+TEST_F(PcieEvent, ComesOfAnyModemThatIsAttachedInARunWithAGivenPort)
+{
+    known.enumerated = false;
+    EXPECT_EQ(next(download_ids), "");
+    tree.add_wwan(add_pcie(), "wwan0at0");
+    EXPECT_EQ(next(download_ids), "+ 17cb:0309 mhi0");
+}
+
 TEST_F(PcieEvent, ComesAgainWhenTheModemRestartedInDownloadMode)
 {
     const std::string mhi = add_pcie();

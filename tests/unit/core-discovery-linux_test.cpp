@@ -160,6 +160,14 @@ TEST_F(Listen, DoesNotTellOfADeviceThatWasEnumerated)
     EXPECT_EQ(listen(100), -110);
 }
 
+TEST_F(Listen, TellsOfAPcieModemThatCameAfterTheEnumeration)
+{
+    EXPECT_EQ(enumerate(), -19);
+    tree.add_wwan(tree.add_mhi("mhi0", "0000:01:00.0", "0x17cb", "0x0309"), "wwan0at0");
+    EXPECT_EQ(listen(100), 0);
+    EXPECT_EQ(event.id.vid, 0x17CBU);
+}
+
 TEST_F(Listen, TellsOfADeviceThatWasEnumeratedAndCameBack)
 {
     tree.add_usb("1-2", "05c6", "9008", 5);

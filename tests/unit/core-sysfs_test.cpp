@@ -286,6 +286,14 @@ TEST_F(UsbPorts, OfACommunicationDeviceAreListed)
     EXPECT_EQ(ports_of(), (ports{{"/dev/ttyACM0", "03"}}));
 }
 
+TEST_F(UsbPorts, OfSeveralKindsOnAnInterfaceAreListedByName)
+{
+    const std::string interface = tree.add_interface(tree.add_usb("1-2", "fff0", "1001"), 0, "00");
+    tree.add_tty(interface, "ttyUSB0");
+    tree.add_acm(interface, "ttyACM0");
+    EXPECT_EQ(ports_of(), (ports{{"/dev/ttyACM0", "00"}, {"/dev/ttyUSB0", "00"}}));
+}
+
 TEST_F(UsbPorts, OfTheWwanClassAreListedWithTheirInterface)
 {
     const std::string device = tree.add_usb("1-2", "fff0", "1001");

@@ -7,7 +7,22 @@
 #include <linux/netlink.h>
 #include <string>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <vector>
+
+// The failure of the next receive call, which a socket pair does not show by itself; 0 for none.
+static int receive_error = 0;
+
+extern "C" ssize_t recvmsg(int handle, msghdr *header, int flags)
+{
+    if (receive_error != 0) {
+        errno = receive_error;
+        receive_error = 0;
+        return -1;
+    }
+    return syscall(SYS_recvmsg, handle, header, flags);
+}
 
 namespace {
 
@@ -148,6 +163,21 @@ TEST_F(UeventSocket, PassesOverAMessageThatIsTooLong)
     bytes[8191] = '\0'; // what is left of it would be well-formed
     send(bytes);
     EXPECT_EQ(drain(), core_uevents::none);
+}
+
+TEST_F(UeventSocket, TellsOfMessagesThatWereLost)
+{
+    receive_error = ENOBUFS;
+    EXPECT_EQ(drain(), core_uevents::some);
+    EXPECT_EQ(drain(), core_uevents::none);
+}
+
+TEST_F(UeventSocket, GoesOnAfterASignal)
+{
+    receive_error = EINTR;
+    EXPECT_EQ(drain(), core_uevents::none);
+    send(device_added);
+    EXPECT_EQ(drain(), core_uevents::some);
 }
 
 TEST_F(UeventSocket, IsBrokenWhenItCannotBeRead)
