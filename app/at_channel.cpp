@@ -150,11 +150,9 @@ int clean_command_response(at_response *response)
     log_dbg("%s", response->text);
     static constexpr size_t longest = sizeof response->text - sizeof "\r\n";
     const char *const begin = skip_white(response->text);
-    size_t length = strlen(begin);
+    size_t length = strnlen(begin, longest); // cut first, so that the cut text is trimmed as well
     while (length > 0 && is_white(begin[length - 1]))
         --length;
-    if (length > longest)
-        length = longest;
     const owned_text clean =
         length > 0 ? format_text("%.*s\r\n", static_cast<int>(length), begin) : format_text("%s", "");
     if (clean == nullptr)

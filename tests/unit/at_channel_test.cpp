@@ -865,6 +865,13 @@ TEST(CleanResponseText, IsCutToMakeRoomForTheLineEnd)
     EXPECT_EQ(response.text, std::string(1021, 'x') + "\r\n");
 }
 
+TEST(CleanResponseText, IsTrimmedWhereItIsCut)
+{
+    at_response response = response_of(std::string(1018, 'x') + " \r\nyy");
+    EXPECT_EQ(clean_command_response(&response), 0);
+    EXPECT_EQ(response.text, std::string(1018, 'x') + "\r\n");
+}
+
 TEST(CleanResponseText, IsLoggedBeforeAndAfter)
 {
     log_capture log;
