@@ -71,7 +71,9 @@ bool convert_uint_attribute(const char *line, const char *name, uint32_t *value)
     char *end = nullptr;
     errno = 0;
     const unsigned long number = strtoul(text, &end, 10);
-    if (errno != 0 || number > UINT32_MAX || *text == '-') {
+    // A minus sign, also one behind blanks, makes strtoul wrap around to a number that nobody wrote.
+    const bool is_negative = memchr(text, '-', static_cast<size_t>(end - text)) != nullptr;
+    if (errno != 0 || number > UINT32_MAX || is_negative) {
         log_as(function, CORE_LOG_ERR, "unable to perform conversion");
         return false;
     }

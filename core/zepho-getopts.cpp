@@ -33,8 +33,10 @@ static int get_unsigned_value(const option_descriptor *flag, const char *text)
         log_as(function, CORE_LOG_ERR, "Invalid string\n");
         return CORE_EINVAL;
     }
-    if (errno == 0 && value > UINT32_MAX)
-        errno = ERANGE; // as where a long has 32 bits
+    // A number above 32 bits fails as it does where a long has no more, and so does a negative one, which
+    // strtoul wraps around.
+    if (errno == 0 && (value > UINT32_MAX || strchr(text, '-') != nullptr))
+        errno = ERANGE;
     if (errno != 0) {
         const int err = errno;
         log_as(function, CORE_LOG_ERR, "could not convert %s: error %d %s\n", text, err, strerror(err));

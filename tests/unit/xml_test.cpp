@@ -451,6 +451,22 @@ TEST(UintAttribute, RefusesANegativeNumber)
     EXPECT_TRUE(log.has(CORE_LOG_ERR, "unable to perform conversion"));
 }
 
+TEST(UintAttribute, RefusesANegativeNumberBehindABlank)
+{
+    log_capture log;
+    uint32_t value = 7;
+    EXPECT_FALSE(get_uint_attribute("<program size=\" -18446744073709551615\"/>", "size", &value)); // 1 - 2^64
+    EXPECT_EQ(value, 7U);
+    EXPECT_TRUE(log.has(CORE_LOG_ERR, "unable to perform conversion"));
+}
+
+TEST(UintAttribute, TakesAMinusSignBehindTheValue)
+{
+    const number_attribute read("<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"a-b\"/>");
+    EXPECT_TRUE(read.found);
+    EXPECT_EQ(read.value, 512U);
+}
+
 TEST(UintAttribute, RefusesANumberThatNoLongHolds)
 {
     log_capture log;

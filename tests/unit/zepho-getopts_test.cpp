@@ -456,6 +456,14 @@ TEST_F(GetValue, RefusesANumberThatTheDestinationDoesNotHold)
     EXPECT_EQ(number, 99U);
 }
 
+TEST_F(GetValue, RefusesANegativeNumberThatWrapsAround)
+{
+    EXPECT_EQ(get(OPTION_UNSIGNED, &number, " -18446744073709551615"), -22); // 1 - 2^64
+    EXPECT_EQ(log.texts(CORE_LOG_ERR),
+              strings{"could not convert  -18446744073709551615: error 34 Numerical result out of range\n"});
+    EXPECT_EQ(number, 99U);
+}
+
 TEST_F(GetValue, IsNotConfusedByAnEarlierError)
 {
     errno = ERANGE;
