@@ -1,0 +1,150 @@
+// A whole Firehose session, with a programmer that is played from the input. The low bits of the first byte:
+// the OTP values instead of the package (1), a package that resets the modem itself (2), a platform that is
+// waited for (4). The programmer's script follows (fuzz_peer.hpp).
+//
+// Whatever the programmer says: the requests come in order, none before the one in front of it was answered,
+// and each session ends with one reset.
+#include "core.hpp"
+#include "firehose.hpp"
+#include "fuzz.hpp"
+#include "fuzz_file.hpp"
+#include "fuzz_peer.hpp"
+
+#include <algorithm>
+
+namespace {
+
+constexpr size_t file_size = 1000;
+
+std::string framed(const std::string &element)
+{
+    return "<?xml version=\"1.0\"?>\n<data>\n" + element + "\n</data>\n";
+}
+
+const std::string ping = framed("<nop value=\"ping\"/>");
+const std::string configure =
+    framed("<configure MaxPayloadSizeToTargetInBytes=\"1048576\" MemoryName=\"nand\" />");
+const std::string otp = framed("<getstorageinfo  physical_partition_number=\"0\"/>");
+const std::string reset = framed("<power value=\"reset\" DelayInSeconds=\"3\"/>");
+const std::string own_reset = framed("<power value=\"reset\" DelayInSeconds=\"1\"/>");
+const std::string erase =
+    framed("<erase SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"64\" start_sector=\"0\" />");
+const std::string program = framed("<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"one\" filename=\"one.bin\" "
+                                   "num_partition_sectors=\"2\" start_sector=\"0\" />");
+
+void add_image(image_list *list, const char *command, const char *path)
+{
+    image &img = list->images[list->image_count++];
+    strlcpy(img.command, command, sizeof img.command);
+    if (path == nullptr)
+        return;
+    strlcpy(img.filename, path, sizeof img.filename);
+    strlcpy(img.label, "one", sizeof img.label);
+    img.sector_size_in_bytes = 512;
+    img.file_size = file_size;
+}
+
+void make_package(image_list *list, const char *path, bool with_reset)
+{
+    list->image_count = 0;
+    memset(list->images, 0, 4 * sizeof(image));
+    add_image(list, "<erase SECTOR_SIZE_IN_BYTES=\"512\" num_partition_sectors=\"64\" start_sector=\"0\" />",
+              nullptr);
+    add_image(
+        list,
+        "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"one\" filename=\"one.bin\" num_partition_sectors=\"9\" "
+        "start_sector=\"0\" />",
+        path);
+    if (with_reset)
+        add_image(list, "<power value=\"reset\" DelayInSeconds=\"1\"/>", nullptr);
+}
+
+// The file, padded with 0xFF to whole sectors, or to the payload where that is no multiple of them.
+bool is_file_data(const std::string &sent, const std::string &content)
+{
+    return sent.size() >= file_size && sent.size() < file_size + 1024 && starts_with(sent, content) &&
+           sent.find_first_not_of('\xFF', file_size) == std::string::npos;
+}
+
+// What came last before event `index`, up to what was sent before.
+std::string answer_before(const fuzz_peer &peer, size_t index)
+{
+    while (index > 0 && peer.events()[index - 1].what == peer_event::send_failed)
+        --index;
+    const bool received = index > 0 && peer.events()[index - 1].what == peer_event::received;
+    return received ? peer.events()[index - 1].bytes.c_str() : "";
+}
+
+bool is_good_answer(const std::string &request, const std::string &answer)
+{
+    return contains(answer, "value=\"ACK\"") ||
+           (request == configure && contains(answer, "value=\"NAK\"") &&
+            contains(answer, "MaxPayloadSizeToTargetInBytesSupported=\""));
+}
+
+// Compares the bursts with the requests that are due; returns how many of them went out. `*last` receives
+// the burst that is none of them, empty when there is none.
+size_t check_requests(const fuzz_peer &peer, const std::vector<std::string> &requests,
+                      const std::string &content, std::string *last)
+{
+    const auto bursts = peer.bursts();
+    size_t sent = 0;
+    for (; sent < bursts.size() && sent < requests.size(); ++sent) {
+        const std::string &bytes = bursts[sent].bytes;
+        const bool is_due = requests[sent].empty() ? is_file_data(bytes, content) : bytes == requests[sent];
+        if (!is_due)
+            break;
+        if (sent > 0)
+            fuzz_check(is_good_answer(requests[sent - 1], answer_before(peer, bursts[sent].first_event)));
+    }
+    fuzz_check(bursts.size() <= sent + 1);
+    *last = sent < bursts.size() ? bursts[sent].bytes : "";
+    return sent;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    static const std::string content(file_size, 'k');
+    static fuzz_file file;
+    static modem m;
+    static image_list package;
+    fuzz_input input(data, size);
+    const uint8_t flags = input.take_byte();
+    const bool otp_only = (flags & 1) != 0;
+    const bool own = (flags & 2) != 0 && !otp_only;
+    quiet_log();
+    file.set(content);
+    make_package(&package, file.path(), own);
+    package.platform = (flags & 4) != 0 ? 1 : 0;
+
+    fuzz_peer peer(input.rest());
+    m.is_pcie = true;
+    m.modem_port_size = 1;
+    m.modem_port[0].port_type = PORT_FIRMWARE_UPDATE;
+    strlcpy(m.modem_port[0].port_name, peer.lend(), sizeof m.modem_port[0].port_name);
+    const int result = firehose_update(&m, &package, otp_only);
+    fuzz_check(peer.was_closed());
+
+    std::vector<std::string> requests = {ping, configure}; // an empty one is the file's data
+    if (otp_only)
+        requests.push_back(otp);
+    else
+        requests.insert(requests.end(), {erase, program, ""});
+    if (own)
+        requests.push_back(own_reset);
+    std::string last;
+    const size_t sent = check_requests(peer, requests, content, &last);
+    if (peer.write_failed()) {
+        // The part of a request, of the data or of the reset that the port still took.
+        const std::string due = sent < requests.size() && !requests[sent].empty() ? requests[sent] : content;
+        fuzz_check(starts_with(due, last) || starts_with(reset, last) || starts_with(last, content));
+        return 0;
+    }
+    const bool reset_itself = own && sent == requests.size();
+    fuzz_check(last == (reset_itself ? "" : reset));
+    if (result == CORE_OK)
+        fuzz_check(sent == requests.size());
+    return 0;
+}

@@ -1,0 +1,130 @@
+// The rawprogram file, in a package whose other files are there. The first byte says whether the package has
+// a description.
+#include "core.hpp"
+#include "fuzz.hpp"
+#include "fuzz_file.hpp"
+#include "temp_dir.hpp"
+#include "xml.hpp"
+
+#include <algorithm>
+#include <sys/stat.h>
+
+namespace {
+
+// The package around the rawprogram file.
+struct package_folder {
+    temp_dir folder;
+    std::string description = folder.write(
+        "contents.xml", "<?xml version=\"1.0\"?>\n<device_programmer>\n<file_name>prog.mbn</file_name>\n"
+                        "</device_programmer>\n<partition_file>\n<file_name>rawprogram_nand.xml</file_name>\n"
+                        "</partition_file>\n");
+    std::string programmer = folder.write("prog.mbn", "programmer");
+    fuzz_file rawprogram{folder.at("rawprogram_nand.xml")};
+
+    package_folder()
+    {
+        folder.write("a.bin", "12345");
+        folder.write("empty.bin", "");
+        folder.write("sub/b.bin", std::string(1000, 'b'));
+    }
+};
+
+// The command lines as the format has them: behind the first line, outside of comments, with both brackets.
+std::vector<std::string> find_commands(const std::string &text)
+{
+    const std::string read = text.c_str(); // as far as a text goes
+    std::vector<std::string> commands;
+    bool first = true;
+    bool in_comment = false;
+    for (size_t at = 0; at < read.size();) {
+        const size_t end = std::min(read.find('\n', at), read.size());
+        const std::string line = read.substr(at, end - at);
+        at = end + 1;
+        if (line.empty())
+            continue;
+        if (first) {
+            first = false;
+            continue;
+        }
+        const bool opens = contains(line, "<!--");
+        const bool closes = contains(line, "-->");
+        if (opens || closes) {
+            in_comment = opens != closes ? opens : in_comment;
+            continue;
+        }
+        const char *const others[] = {"<data>", "</data>", "<partition_file", "<device_programmer",
+                                      "<file_name"};
+        const bool other = std::any_of(std::begin(others), std::end(others),
+                                       [&line](const char *mark) { return contains(line, mark); });
+        if (!in_comment && !other && contains(line, "<") && contains(line, ">"))
+            commands.push_back(line);
+    }
+    return commands;
+}
+
+// The number between the quotes, as the line writes it; "" stands for 0.
+void check_sector_size(const std::string &line, uint32_t value)
+{
+    const std::string name = "SECTOR_SIZE_IN_BYTES=\"";
+    const size_t found = line.find(name);
+    fuzz_check(found != std::string::npos);
+    const std::string text =
+        line.substr(found + name.size(), line.find('"', found + name.size()) - found - name.size());
+    fuzz_check(text.find_first_not_of("0123456789+ \t\v\f\r") == std::string::npos);
+    const size_t digits = text.find_first_of("123456789");
+    fuzz_check(text.substr(digits) == std::to_string(value));
+}
+
+void check_image(const image &img, const std::string &line, const std::string &folder, bool validated)
+{
+    fuzz_check(is_terminated(img.command, sizeof img.command) && is_terminated(img.label, sizeof img.label) &&
+               is_terminated(img.filename, sizeof img.filename));
+    fuzz_check(line.substr(0, sizeof img.command - 1) == img.command);
+    if (img.label[0] != '\0')
+        fuzz_check(contains(line, "label=\"" + std::string(img.label) + "\""));
+    if (img.sector_size_in_bytes != 0)
+        check_sector_size(line, img.sector_size_in_bytes);
+    if (!validated || img.filename[0] == '\0')
+        return;
+    const std::string path = img.filename;
+    fuzz_check(starts_with(path, folder + "/"));
+    const std::string name = path.substr(folder.size() + 1);
+    fuzz_check(contains(line, "filename=\"" + name + (path.size() < sizeof img.filename - 1 ? "\"" : "")));
+    struct stat status {};
+    fuzz_check(stat(img.filename, &status) == 0 && static_cast<uint64_t>(status.st_size) == img.file_size);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    static package_folder package;
+    static image_list list;
+    fuzz_input input(data, size);
+    const bool described = (input.take_byte() & 1) != 0;
+    const std::string text = input.rest();
+    if (contains(text, ".."))
+        return 0; // no file outside of the folder is opened
+    quiet_log();
+    package.rawprogram.set(text);
+    list.content_xml_path[0] = list.programmer_path[0] = list.partition_file_path[0] = '\0';
+    list.image_count = MAX_IMAGE_NUMBER;
+    strlcpy(described ? list.content_xml_path : list.programmer_path,
+            (described ? package.description : package.programmer).c_str(), sizeof list.programmer_path);
+    const int result = build_image_array_from_xml(&list);
+    fuzz_check(result <= 0);
+
+    const std::vector<std::string> commands = find_commands(text);
+    if (commands.size() > MAX_IMAGE_NUMBER)
+        fuzz_check(result != CORE_OK);
+    uint32_t used = 0;
+    while (used < MAX_IMAGE_NUMBER && !is_empty_image(&list.images[used]))
+        ++used;
+    fuzz_check(used <= commands.size());
+    if (result == CORE_OK)
+        fuzz_check(used == commands.size());
+    for (uint32_t i = 0; i < used; ++i)
+        check_image(list.images[i], commands[i], package.folder.path(), result == CORE_OK);
+    memset(list.images, 0, used * sizeof(image)); // for the next execution
+    return 0;
+}
