@@ -67,7 +67,7 @@ bool core_uevent_concerns_modems(const char *message, size_t size)
         start += line.size() + 1;
         if (!line.starts_with(key))
             continue;
-        if (!subsystem.empty())
+        if (subsystem.data() != nullptr)
             return false; // the kernel says it once
         line.remove_prefix(key.size());
         subsystem = line;

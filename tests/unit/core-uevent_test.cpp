@@ -115,6 +115,7 @@ TEST(UeventMessage, OfTwoSubsystemsIsNone)
 {
     EXPECT_FALSE(concerns(message({"add@/devices/x", "SUBSYSTEM=usb", "SUBSYSTEM=block"})));
     EXPECT_FALSE(concerns(message({"add@/devices/x", "SUBSYSTEM=usb", "SUBSYSTEM=usb"})));
+    EXPECT_FALSE(concerns(message({"add@/devices/x", "SUBSYSTEM=", "SUBSYSTEM=usb"})));
 }
 
 TEST(UeventMessage, OfRubbishIsNone)
