@@ -12,7 +12,7 @@
 constexpr uint32_t MAX_IMAGE_NUMBER = 200;
 // No text of a package may be larger, in bytes: a file with holes can pretend to any size, and would be read
 // until the memory is full or for hours.
-constexpr int64_t MAX_TEXT_SIZE = 64 * 1024 * 1024;
+constexpr int64_t MAX_TEXT_SIZE = INT64_C(64) * 1024 * 1024;
 
 // One element line of the rawprogram file; a record of zero bytes is a free slot.
 struct image {
