@@ -129,7 +129,7 @@ void describe_modems(fuzz_input *input)
 void print_message(fuzz_input *input)
 {
     const std::string file = input->take_until('\n');
-    const std::string function = input->take_until('\n');
+    const std::string function = exact_text(input->take_until('\n')).data();
     const std::string text = input->rest();
     if (function == JSON_TYPE_PROGRESS || function == JSON_TYPE_CUSTOM)
         return; // these say what the message is

@@ -3,6 +3,7 @@
 #include "core.hpp"
 #include "fuzz.hpp"
 #include "fuzz_file.hpp"
+#include "package_check.hpp"
 #include "temp_dir.hpp"
 #include "xml.hpp"
 
@@ -23,6 +24,7 @@ struct package_folder {
 
     package_folder()
     {
+        folder.write("information.contents", "PKG VER : 49.01.102\n");
         folder.write("a.bin", "12345");
         folder.write("empty.bin", "");
         folder.write("sub/b.bin", std::string(1000, 'b'));
@@ -94,6 +96,23 @@ void check_image(const image &img, const std::string &line, const std::string &f
     fuzz_check(stat(img.filename, &status) == 0 && static_cast<uint64_t>(status.st_size) == img.file_size);
 }
 
+// What passes the check of the whole package: a text that was read to its end, with a command in it, and
+// files as they were measured.
+void check_decision(const image_list &list, uint32_t used, const std::string &text)
+{
+    const int decision = check_package(&list, false, true);
+    fuzz_check(decision <= 0);
+    if (decision != CORE_OK)
+        return;
+    fuzz_check(used > 0 && !contains(text, std::string(1, '\0')));
+    for (uint32_t i = 0; i < used; ++i) {
+        const image &img = list.images[i];
+        const bool is_cut = strlen(img.command) == sizeof img.command - 1;
+        fuzz_check(!is_cut || contains(img.command, ">"));
+        fuzz_check(img.filename[0] == '\0' || check_image_file(&img) == CORE_OK);
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
@@ -125,6 +144,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         fuzz_check(used == commands.size());
     for (uint32_t i = 0; i < used; ++i)
         check_image(list.images[i], commands[i], package.folder.path(), result == CORE_OK);
+    if (result == CORE_OK)
+        check_decision(list, used, text);
     memset(list.images, 0, used * sizeof(image)); // for the next execution
     return 0;
 }
