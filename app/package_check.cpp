@@ -66,6 +66,64 @@ int check_text(const char *path)
     return CORE_OK;
 }
 
+// How many commands that change the flash begin in the line.
+int count_flash_commands(const char *line)
+{
+    int count = 0;
+    for (const char *element : {"<program", "<erase"}) {
+        for (const char *found = strstr(line, element); found != nullptr; found = strstr(found + 1, element))
+            ++count;
+    }
+    return count;
+}
+
+// True when the line ends inside an element.
+bool goes_on(const char *line)
+{
+    const char *const open = strrchr(line, '<');
+    return open != nullptr && strchr(open, '>') == nullptr;
+}
+
+bool is_comment(line_type type)
+{
+    return type == LINE_COMMENT || type == LINE_COMMENT_START || type == LINE_COMMENT_END;
+}
+
+// The first line is the declaration, whatever it holds, and each other one is a command: what goes on in the
+// next line, or shares its line with another, would be skipped or sent without its data.
+int check_lines(const char *path)
+{
+    const owned_stream file(core_file_open_stream(path));
+    if (file == nullptr)
+        return CORE_ENOENT;
+    char *line = nullptr;
+    size_t room = 0;
+    bool in_comment = false;
+    bool is_declaration = true;
+    int err = CORE_OK;
+    while (err == CORE_OK && getline(&line, &room, file.get()) > 0) {
+        line[strcspn(line, "\n")] = '\0';
+        if (line[0] == '\0')
+            continue;
+        const line_type type = is_declaration ? LINE_OTHER : get_line_type(line, in_comment);
+        const int allowed = type == LINE_COMMAND && !goes_on(line) ? 1 : 0;
+        if (!in_comment && !is_comment(type) && count_flash_commands(line) > allowed) {
+            log_as(check_function, CORE_LOG_ERR, "command without a line of its own in %s: %.60s", path,
+                   line);
+            err = CORE_EINVAL;
+        }
+        if (type == LINE_COMMENT_START || type == LINE_COMMENT_END)
+            in_comment = type == LINE_COMMENT_START;
+        is_declaration = false;
+    }
+    free(line);
+    if (err == CORE_OK && in_comment) {
+        log_as(check_function, CORE_LOG_ERR, "comment without an end in %s", path);
+        err = CORE_EINVAL;
+    }
+    return err;
+}
+
 // The name is what stands behind the directory of the package.
 int check_name(const char *path, size_t directory_length)
 {
@@ -202,6 +260,8 @@ int check_package(const image_list *package, bool otp, bool uploads_programmer)
     int err = check_texts_and_names(package);
     if (err == CORE_OK)
         err = check_commands(package, otp);
+    if (err == CORE_OK)
+        err = check_lines(package->partition_file_path);
     if (err == CORE_OK && uploads_programmer)
         err = check_programmer(package->programmer_path);
     return err;

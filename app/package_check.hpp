@@ -10,6 +10,8 @@
 
 // The whole package. CORE_EINVAL for
 //  - a NUL byte in one of its texts, behind which nothing was read;
+//  - a command that shares its line, or goes on in the next one, and a comment without an end: what they hold
+//    was not read;
 //  - a file name that leads out of the package by "..";
 //  - a package without any command, unless the run only reads the OTP values (`otp`);
 //  - a command that was cut, a program line whose file name could not be read, or a file of more sectors than

@@ -189,6 +189,21 @@ def test_rawprogram_file_without_a_command_is_refused(text, folder):
     check_refused(folder, package, 234, f'no command in {package}/{RAWPROGRAM}\n' + FAILED)
 
 
+@pytest.mark.parametrize('lines', ['<program filename="one.bin"\nlabel="one"/>', program('one.bin') + ERASE,
+                                   '<data>' + ERASE], ids=['several lines', 'shared', 'frame'])
+def test_command_without_a_line_of_its_own_is_refused(lines, folder):
+    """It would be skipped, or sent without its data."""
+    package = packages.write(folder / 'package', [ERASE, lines], {'one.bin': b'1'})
+    line = lines.split('\n', maxsplit=1)[0]
+    check_refused(folder, package, 234,
+                  f'command without a line of its own in {package}/{RAWPROGRAM}: {line[:60]}\n' + FAILED)
+
+
+def test_comment_without_an_end_is_refused(folder):
+    package = packages.write(folder / 'package', [ERASE, '<!--', program('one.bin')], {'one.bin': b'1'})
+    check_refused(folder, package, 234, f'comment without an end in {package}/{RAWPROGRAM}\n' + FAILED)
+
+
 def test_otp_values_are_read_without_any_command(folder):
     done = flash(folder, packages.write(folder / 'package', []), '--otp')
     assert (done.outcome.status, done.outcome.out, done.outcome.err) == (

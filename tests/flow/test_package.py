@@ -218,7 +218,7 @@ def test_missing_image_is_dumped_with_debug(folder):
 
 
 @pytest.mark.parametrize('line', ['<!-- ' + program('gone') + ' -->', program('gone') + ' -->', program('', ''),
-                                  'filename="gone"', '<program filename="gone"',
+                                  'filename="gone"',
                                   '<!--\n' + program('gone') + '\n-->'])
 def test_line_that_is_no_image_needs_no_file(line, folder):
     packages.write(folder, [ERASE, line])

@@ -20,6 +20,14 @@ struct fake_clock {
     void reset() { *this = {}; }
 };
 
+// Sets the clock right again at the end of its life.
+struct restored_clock {
+    restored_clock() = default;
+    restored_clock(const restored_clock &) = delete;
+    restored_clock &operator=(const restored_clock &) = delete;
+    ~restored_clock() { fake_clock::instance().reset(); }
+};
+
 extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept
 {
     const int result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));

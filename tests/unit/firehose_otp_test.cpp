@@ -32,6 +32,7 @@ class Otp : public testing::Test {
     fake_programmer programmer;
     log_capture log;
     firehose_device *device;
+    restored_clock restored;
 };
 
 class SerialOtp : public testing::Test {

@@ -36,6 +36,7 @@ class Usb : public testing::Test {
     ~Usb() override { libc_hooks::reset(); }
     fake_programmer programmer;
     log_capture log;
+    restored_clock restored;
 };
 
 class Serial : public testing::Test {

@@ -233,9 +233,70 @@ TEST_F(PackageCommands, AreNeededInAnEmptyFileToo)
 
 TEST_F(PackageCommands, InTheFirstLineAreNone)
 {
-    dir.write("rawprogram_nand.xml", program);
+    dir.write("rawprogram_nand.xml", "<power/>\n");
     EXPECT_EQ(check(), -22);
     EXPECT_EQ(errors(), texts{"no command in " + rawprogram});
+}
+
+struct shared_line {
+    const char *name;
+    const char *lines;
+    const char *reported; // the line
+};
+
+// Shown behind the test's name.
+void PrintTo(const shared_line &line, std::ostream *out)
+{
+    *out << line.lines;
+}
+
+class PackageSharedLine : public PackageCheck, public testing::WithParamInterface<shared_line> {};
+
+TEST_P(PackageSharedLine, IsRefused)
+{
+    EXPECT_EQ(check_lines(erase + std::string(GetParam().lines) + "\n"), -22);
+    EXPECT_EQ(errors(),
+              texts{"command without a line of its own in " + rawprogram + ": " + GetParam().reported});
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, PackageSharedLine,
+    testing::Values(shared_line{"TwoCommands", "<erase/><erase/>", "<erase/><erase/>"},
+                    shared_line{"TwoKinds", "<program/> <erase/>", "<program/> <erase/>"},
+                    shared_line{"GoesOn", "<program\nfilename=\"boot.img\"/>", "<program"},
+                    shared_line{"GoesOnBehindAnother", "<power/> <program\n/>", "<power/> <program"},
+                    shared_line{"TheFrame", "<data><erase/>", "<data><erase/>"},
+                    shared_line{"TheEndOfTheFrame", "<program/></data>", "<program/></data>"},
+                    shared_line{"BehindAComment", "<!--\n-->\n<erase", "<erase"}),
+    [](const testing::TestParamInfo<shared_line> &line) { return std::string(line.param.name); });
+
+TEST_F(PackageCommands, MayNotStandInTheFirstLine)
+{
+    dir.write("rawprogram_nand.xml", std::string("\n<?xml?><data><erase/>\n") + program);
+    EXPECT_EQ(check(), -22);
+    EXPECT_EQ(errors(),
+              texts{"command without a line of its own in " + rawprogram + ": <?xml?><data><erase/>"});
+}
+
+TEST_F(PackageCommands, MayStandAnyhowInAComment)
+{
+    EXPECT_EQ(
+        check_lines(std::string("<!--\n<program\n/><erase/><erase/>\n-->\n<!-- <erase/><erase/> -->\n") +
+                    program),
+        0);
+    EXPECT_EQ(errors(), texts{});
+}
+
+TEST_F(PackageCommands, OfOtherKindsMayShareALine)
+{
+    EXPECT_EQ(check_lines(std::string("<power/><patch/>\n") + program), 0);
+    EXPECT_EQ(errors(), texts{});
+}
+
+TEST_F(PackageCommands, BehindACommentWithoutAnEndAreRefused)
+{
+    EXPECT_EQ(check_lines(std::string(program) + "<!--\n" + erase), -22);
+    EXPECT_EQ(errors(), texts{"comment without an end in " + rawprogram});
 }
 
 TEST_F(PackageCommands, AreNotNeededToReadOtpValues)

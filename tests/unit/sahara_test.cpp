@@ -146,6 +146,7 @@ class Sahara : public testing::Test {
     pty port;
     int handle = -1;
     log_capture log;
+    restored_clock restored;
 };
 
 class Handshake : public Sahara {

@@ -6,6 +6,7 @@
 
 TEST(TimeLimit, IsNotPassedBeforeItsTime)
 {
+    const restored_clock restored;
     const time_limit limit(60000);
     EXPECT_FALSE(limit.passed());
     fake_clock::instance().ahead_ms = 59000;
@@ -14,6 +15,7 @@ TEST(TimeLimit, IsNotPassedBeforeItsTime)
 
 TEST(TimeLimit, IsPassedFromItsTimeOn)
 {
+    const restored_clock restored;
     const time_limit limit(60000);
     fake_clock::instance().ahead_ms = 60000;
     EXPECT_TRUE(limit.passed());
@@ -27,6 +29,7 @@ TEST(TimeLimit, OfNoTimeIsPassedAtOnce)
 
 TEST(TimeLimit, HoldsTheLongestTimeOf32Bits)
 {
+    const restored_clock restored;
     const time_limit limit(4294967295U);
     fake_clock::instance().ahead_ms = 4294960000;
     EXPECT_FALSE(limit.passed());
@@ -36,6 +39,7 @@ TEST(TimeLimit, HoldsTheLongestTimeOf32Bits)
 
 TEST(TimeLimit, IsPassedWhenTheClockCannotBeRead)
 {
+    const restored_clock restored;
     const time_limit limit(60000);
     fake_clock::instance().broken = true;
     EXPECT_TRUE(limit.passed());
@@ -43,6 +47,7 @@ TEST(TimeLimit, IsPassedWhenTheClockCannotBeRead)
 
 TEST(TimeLimit, IsPassedWhenTheClockCouldNotBeReadAtItsStart)
 {
+    const restored_clock restored;
     fake_clock::instance().broken = true;
     const time_limit limit(60000);
     fake_clock::instance().broken = false;

@@ -189,6 +189,7 @@ TEST(WriteAll, CountsEmptyWritesAnewAfterAByte)
 
 TEST(WriteAll, GivesUpAPortThatCreepsForFiveMinutes)
 {
+    const restored_clock restored;
     fake_clock::instance().per_read_ms = 100000;
     sink port({{0, 1}, {0, 1}, {0, 1}});
     EXPECT_EQ(port.write("hello", back_pressure::fail), -71);
@@ -197,6 +198,7 @@ TEST(WriteAll, GivesUpAPortThatCreepsForFiveMinutes)
 
 TEST(WriteAll, IsDoneWithTheLastByteHoweverLongItTook)
 {
+    const restored_clock restored;
     fake_clock::instance().per_read_ms = 300000;
     sink port({{0, 5}});
     EXPECT_EQ(port.write("hello", back_pressure::fail), 0);
