@@ -18,6 +18,7 @@
 
 static constexpr char device[] = "/dev/null";
 static constexpr char mark = '\xFF';
+static constexpr unsigned spell = 5;
 static constexpr char event_names[] = "wt0aeiph";
 
 static fuzz_peer *current;
@@ -116,21 +117,28 @@ std::vector<fuzz_peer::burst> fuzz_peer::bursts() const
 
 bool fuzz_peer::write_failed() const
 {
-    const bool sticky =
-        mode_ != write_mode::whole && mode_ != write_mode::pieces && mode_ != write_mode::again_once;
-    return sticky && std::any_of(events_.begin(), events_.end(), [this](const peer_event &event) {
-               return event.what == peer_event::send_failed ||
-                      (mode_ == write_mode::takes_none && event.what == peer_event::sent &&
-                       event.bytes.empty());
-           });
+    const auto count = [this](peer_event::kind what) {
+        return std::count_if(events_.begin(), events_.end(), [what](const peer_event &event) {
+            return event.what == what && event.bytes.empty();
+        });
+    };
+    switch (mode_) {
+    case write_mode::again:
+        return count(peer_event::send_failed) == spell;
+    case write_mode::takes_none:
+        return count(peer_event::sent) > 0;
+    case write_mode::again_once:
+        return false;
+    default:
+        return count(peer_event::send_failed) > 0;
+    }
 }
 
 int fuzz_peer::poll(short wanted, short *got)
 {
     *got = 0;
     if ((wanted & POLLOUT) != 0) {
-        const bool refused =
-            write_is_due() && (mode_ == write_mode::no_room || mode_ == write_mode::hangs_up);
+        const bool refused = is_due() && (mode_ == write_mode::no_room || mode_ == write_mode::hangs_up);
         if (refused)
             events_.push_back({peer_event::send_failed, {}});
         if (!refused)
@@ -158,6 +166,18 @@ int fuzz_peer::poll(short wanted, short *got)
         return -1;
     }
     return *got != 0 ? 1 : 0;
+}
+
+bool fuzz_peer::is_due() const
+{
+    switch (mode_) {
+    case write_mode::again_once:
+        return writes_ == write_number_;
+    case write_mode::again:
+        return writes_ >= write_number_ && writes_ < write_number_ + spell;
+    default:
+        return writes_ >= write_number_;
+    }
 }
 
 long fuzz_peer::read(void *buffer, size_t size)
@@ -188,7 +208,7 @@ long fuzz_peer::read(void *buffer, size_t size)
 
 long fuzz_peer::write(const void *data, size_t size)
 {
-    const bool due = mode_ == write_mode::again_once ? writes_ == write_number_ : write_is_due();
+    const bool due = is_due();
     ++writes_;
     size_t taken = size;
     switch (mode_) {

@@ -64,7 +64,7 @@ class fuzz_peer {
         size_t first_event; // its index: what was received before lies in front of it
     };
     std::vector<burst> bursts() const;
-    // True when a write failed for good.
+    // True when a write failed for good, or as often as it was tried.
     bool write_failed() const;
 
     // The calls of the C library.
@@ -81,7 +81,8 @@ class fuzz_peer {
 
     void parse(const std::string &script, size_t start);
     void add_message(std::string *bytes);
-    bool write_is_due() const { return writes_ >= write_number_; }
+    // Whether the next write is one that the mode tells of.
+    bool is_due() const;
 
     int handle_;
     bool lent_ = false;
