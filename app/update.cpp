@@ -93,6 +93,8 @@ int start_usb_bus_scan(const core_usb_id_list *table, modem *modems, uint8_t max
         result = scan_usb_bus(table, modems, max_modems, MAX_MODEM_PORTS);
         if (result == CORE_EAGAIN)
             core_sleep(timeouts::scan_retry_pause);
+        if (keep_running == 0)
+            return CORE_ECANCELED; // a modem that was found would be spoken to next
     }
     if (result == CORE_ENOMEM)
         log_err("too many modems connected, increase MAX_MODEM_NUMBER");
@@ -131,6 +133,8 @@ int update_with_scan(modem *modems, uint8_t max_modems, bool json)
     const int err = start_usb_bus_scan(&modem_list, modems, max_modems);
     if (err == CORE_ENODEV)
         return update_after_listening(modems, max_modems, json);
+    if (err == CORE_ECANCELED)
+        return err;
     if (err != CORE_OK) {
         log_err("error scanning the bus");
         return err;
@@ -165,6 +169,13 @@ static int update_attached_modem(modem *modems, uint8_t max_modems)
     return err;
 }
 
+static int end_interrupted_listening()
+{
+    log_as("update_after_listening", CORE_LOG_INF, "Firmware update interrupted");
+    core_deinit();
+    return CORE_ECANCELED;
+}
+
 int update_after_listening(modem *modems, uint8_t max_modems, bool json)
 {
     log_inf("Waiting for the modem to attach");
@@ -172,11 +183,8 @@ int update_after_listening(modem *modems, uint8_t max_modems, bool json)
         core_usb_event event{};
         int err = core_device_usb_id_event_listener(core_usb_id_find_match, &modem_list, &event,
                                                     CORE_LISTEN_FOREVER);
-        if (keep_running == 0) {
-            log_inf("Firmware update interrupted");
-            core_deinit();
-            return CORE_ECANCELED;
-        }
+        if (keep_running == 0)
+            return end_interrupted_listening();
         if (err != CORE_OK) {
             log_err("failed listening on the USB bus");
             return err;
@@ -191,6 +199,8 @@ int update_after_listening(modem *modems, uint8_t max_modems, bool json)
         err = start_usb_bus_scan(&modem_list, modems, max_modems);
         if (err == CORE_ENODEV)
             continue;
+        if (err == CORE_ECANCELED)
+            return end_interrupted_listening();
         if (err != CORE_OK) {
             log_err("failed USB bus scan");
             return err;

@@ -26,6 +26,7 @@ int update_with_port(modem *modems, uint8_t max_modems, bool skip_enter_qdl, con
 int start_update_procedure(modem *modems, uint8_t max_modems, bool already_in_qdl);
 
 // Scans the bus, again and again while the enumeration is incomplete (at most 16 times, 500 ms apart).
+// Results of scan_usb_bus; CORE_ECANCELED, without a word, after SIGINT.
 int start_usb_bus_scan(const core_usb_id_list *table, modem *modems, uint8_t max_modems);
 // Fills the first record from a port named on the command line.
 void prepare_port_modem(modem *m, bool skip_enter_qdl, const char *port);

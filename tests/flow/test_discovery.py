@@ -153,12 +153,15 @@ def two_modems(folder, *arguments):
     return Session(discover(folder, package, tree, nodes, *arguments), [], None)
 
 
-def interrupted(folder):
-    """No modem, and SIGINT."""
+def interrupted(folder, *arguments, ports=None, after=b'Waiting'):
+    """No modem, or one with these ports, and SIGINT once the updater has written that text."""
     tree = fake_tree.FakeTree(folder)
-    process = start(*tree.enter('/dev/null'), KESTREL_DISCOVERING, packages.one_image(folder / 'package'))
+    if ports:
+        tree.attach_usb('1-2', 'fff0', '1001', ports)
+    nodes = {port: '/dev/null' for port in PORTS.values()}
+    process = start(*tree.enter(nodes), KESTREL_DISCOVERING, packages.one_image(folder / 'package'), *arguments)
     text = b''
-    while b'Waiting' not in text:
+    while after not in text:
         ready, _, _ = select.select([process.stdout], [], [], 20)
         more = process.stdout.read1(4096) if ready else b''
         if not more:
@@ -233,6 +236,8 @@ CASES = {
     'two': lambda folder: two_modems(folder, '--debug'),
     'two, json': lambda folder: two_modems(folder, '--json'),
     'interrupted': interrupted,
+    'interrupted scan': lambda folder: interrupted(folder, '--debug', ports={'00': 'ttyUSB0'},
+                                                   after=b'Unable to gather serial ports'),
     'held': partial(held, name='some-daemon'),
     'held by ModemManager': partial(held, name='ModemManager'),
     'pcie': lambda folder: pcie_probing(folder, '--dry-run', '--json'),
@@ -349,6 +354,14 @@ def test_wait_for_a_modem_is_ended_by_sigint(result_of):
     assert done.outcome.out == VERSION + 'Waiting for the modem to attach\nFirmware update interrupted\n'
     assert (done.outcome.status, done.outcome.err) == (131, FAILED)
     assert done.notes['seconds'] < 2
+
+
+def test_scan_for_ports_that_do_not_come_is_ended_by_sigint(result_of):
+    done = result_of('interrupted scan')
+    assert done.outcome.status == 131
+    assert done.outcome.err.endswith('main() ' + FAILED)
+    assert 'failed port enumeration' not in done.outcome.err
+    assert done.notes['seconds'] < 1
 
 
 @pytest.mark.parametrize('case, advice', [('held', ''),

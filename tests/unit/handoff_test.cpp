@@ -436,6 +436,15 @@ TEST_F(DownloadDeviceEvent, EndsWithPortsThatNeverCome)
     EXPECT_EQ(sleep.slept, std::vector<unsigned>(16, 500));
 }
 
+TEST_F(DownloadDeviceEvent, EndsWithoutAWordWhenTheScanIsInterrupted)
+{
+    event(arrival());
+    scan_finds({make_device("05c6", "9008", {})});
+    sleep.when_slept = [] { interrupt_handler(SIGINT); };
+    EXPECT_EQ(run(), -125);
+    EXPECT_TRUE(driver_texts(CORE_LOG_ERR).empty());
+}
+
 TEST_F(DownloadDeviceEvent, EndsWithoutAModemToProbeWhenTheDeviceIsGoneAgain)
 {
     event(arrival());

@@ -217,6 +217,23 @@ TEST_F(BusScanRetry, PausesAfterTheLastCallToo)
     EXPECT_EQ(sleep.slept, std::vector<unsigned>(16, 500));
 }
 
+TEST_F(BusScanRetry, EndsWithAnInterruptThatComesInAPause)
+{
+    scan_answers(-11);
+    sleep.when_slept = [] { interrupt_handler(SIGINT); };
+    EXPECT_EQ(start_usb_bus_scan(&modem_list, modems, 8), -125);
+    EXPECT_EQ(sleep.slept, std::vector<unsigned>{500});
+    EXPECT_TRUE(driver_texts(CORE_LOG_ERR).empty());
+}
+
+TEST_F(BusScanRetry, TakesNoModemAfterAnInterruptThatCameInTheScan)
+{
+    scan_finds({download});
+    interrupt_handler(SIGINT); // as one that ends the scan's wait for a node
+    EXPECT_EQ(start_usb_bus_scan(&modem_list, modems, 8), -125);
+    EXPECT_TRUE(sleep.slept.empty());
+}
+
 TEST_F(BusScanRetry, SucceedsWithTheSixteenthCall)
 {
     for (int i = 0; i < 15; ++i)
@@ -295,6 +312,14 @@ TEST_F(UpdateWithScan, WaitsForAModemWhenNothingIsAttached)
     EXPECT_EQ(scan(), -100);
     EXPECT_EQ(log.texts(CORE_LOG_INF), texts{"Waiting for the modem to attach"});
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"failed listening on the USB bus"});
+}
+
+TEST_F(UpdateWithScan, EndsWithoutAWordAfterAnInterrupt)
+{
+    scan_answers(-11);
+    sleep.when_slept = [] { interrupt_handler(SIGINT); };
+    EXPECT_EQ(scan(), -125);
+    EXPECT_TRUE(log.texts(CORE_LOG_ERR).empty());
 }
 
 TEST_F(UpdateWithScan, RefusesTwoModems)
@@ -706,6 +731,17 @@ TEST_F(Listening, TellsOfAnInterruptRatherThanOfTheWaitsError)
 {
     discovery.events.push_back({.result = -4, .event = {}, .before = [] { interrupt_handler(SIGINT); }});
     EXPECT_EQ(listen(), -125);
+    EXPECT_TRUE(log.texts(CORE_LOG_ERR).empty());
+}
+
+TEST_F(Listening, EndsAfterAnInterruptOfTheScan)
+{
+    event(arrival(0xFFF0, 0x1001));
+    scan_answers(-11);
+    sleep.when_slept = [] { interrupt_handler(SIGINT); };
+    EXPECT_EQ(listen(), -125);
+    EXPECT_EQ(log.texts(CORE_LOG_INF),
+              (texts{"Waiting for the modem to attach", "Firmware update interrupted"}));
     EXPECT_TRUE(log.texts(CORE_LOG_ERR).empty());
 }
 
