@@ -139,7 +139,7 @@ int at_send_command(int device, at_command *command, at_response *response)
         }
         if (read_answer(device, command, response, &err) == answer::failed)
             return err;
-    } while (command->retries != 0);
+    } while (command->retries != 0 && sigint_detected == 0);
     if (response->ok == 0)
         return err;
     return finish_text(command, response);

@@ -31,9 +31,10 @@ struct at_response {
     char text[1024]; // what came before it
 };
 
-// Sends the command, followed by a carriage return, and reads its answer. 0, also when the modem refused the
-// command: test `ok`. CORE_ETIMEDOUT (silence, or an answer that stopped short); CORE_ENOMEM; CORE_EPROTO for
-// an answer that does not fit or a port that delivers nothing; or the error of a read or write.
+// Sends the command, followed by a carriage return, and reads its answer; SIGINT ends the retries. 0, also
+// when the modem refused the command: test `ok`. CORE_ETIMEDOUT (silence, or an answer that stopped short);
+// CORE_ENOMEM; CORE_EPROTO for an answer that does not fit or a port that delivers nothing; or the error of a
+// read or write.
 int at_send_command(int device, at_command *command, at_response *response);
 // Takes the next information line out of the text into `line` of `line_size` bytes. 0; CORE_EINVAL when no
 // line is left or it was truncated; CORE_EPROTO for a line without "\r\n"; CORE_ENOMEM for one too long.

@@ -661,6 +661,15 @@ TEST(SendCommand, IsSentOnceWithOneRetry)
     EXPECT_EQ(port.written, "AT#CGSN\r");
 }
 
+TEST(SendCommand, IsNotSentAgainAfterAnInterruption)
+{
+    exchange at({silence});
+    sigint_detected = 1;
+    EXPECT_EQ(at.send(), -110);
+    sigint_detected = 0;
+    EXPECT_EQ(port.written, "AT#CGSN\r");
+}
+
 TEST(SendCommand, TakesTheAnswerToALaterAttempt)
 {
     exchange at({silence, silence, comes("\r\n123\r\nOK\r\n")});

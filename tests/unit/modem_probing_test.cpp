@@ -251,6 +251,7 @@ TEST_F(EchoOff, IsGivenUpAfterAnInterruption)
     plug_in({error, ok});
     sigint_detected = 1;
     EXPECT_EQ(turn_off_echo(open_device()), -125);
+    sigint_detected = 0;
     EXPECT_EQ(commands(), texts{"ATE0"});
     EXPECT_TRUE(machine.pauses.empty());
 }
