@@ -12,6 +12,7 @@
 namespace {
 
 constexpr size_t text_size = 1024; // of a path or text in the records
+constexpr size_t number_size = 16; // of a number's text
 constexpr uint32_t max_id = 0xFFFF;
 constexpr uint32_t max_interface = 99; // two decimal digits
 constexpr uint32_t max_count = 0xFF;
@@ -78,11 +79,10 @@ bool read_text(const char *folder, const char *attribute, char *out, size_t size
     return true;
 }
 
-// Reads a number that may have blanks before it and "0x" where it is hexadecimal, and nothing behind it.
-bool read_number(const char *folder, const char *attribute, int base, uint32_t max, uint32_t *out)
+// A number may have blanks before it and "0x" where it is hexadecimal, and nothing behind it.
+bool parse_number(const char *text, int base, uint32_t max, uint32_t *out)
 {
-    char text[16];
-    if (!read_text(folder, attribute, text, sizeof text) || strchr(text, '-') != nullptr)
+    if (strchr(text, '-') != nullptr)
         return false;
     char *end = nullptr;
     const unsigned long value = strtoul(text, &end, base);
@@ -90,6 +90,12 @@ bool read_number(const char *folder, const char *attribute, int base, uint32_t m
         return false;
     *out = static_cast<uint32_t>(value);
     return true;
+}
+
+bool read_number(const char *folder, const char *attribute, int base, uint32_t max, uint32_t *out)
+{
+    char text[number_size];
+    return read_text(folder, attribute, text, sizeof text) && parse_number(text, base, max, out);
 }
 
 bool read_id(const char *folder, const char *vendor, const char *product, core_usb_id *id)
@@ -108,17 +114,22 @@ bool is_numbered(const char *name, const char *prefix)
     return *digits != '\0' && digits[strspn(digits, "0123456789")] == '\0';
 }
 
+bool begins_with_digit(const char *name)
+{
+    return isdigit(static_cast<unsigned char>(name[0])) != 0;
+}
+
 // Names such as 1-2.3; an interface's is 1-2.3:1.0, a root hub's usb1.
 int is_usb_device(const dirent *entry)
 {
     const char *const name = entry->d_name;
-    return isdigit(static_cast<unsigned char>(name[0])) != 0 && strchr(name, ':') == nullptr &&
-           strlen(name) < CORE_SYSFS_NAME_SIZE;
+    return begins_with_digit(name) && strchr(name, ':') == nullptr && strlen(name) < CORE_SYSFS_NAME_SIZE;
 }
 
+// A device's folder may also hold links to what it depends on, such as supplier:pci:0000:00:0d.2.
 int is_usb_interface(const dirent *entry)
 {
-    return strchr(entry->d_name, ':') != nullptr;
+    return begins_with_digit(entry->d_name) && strchr(entry->d_name, ':') != nullptr;
 }
 
 // A controller; its channels are mhi0_IPCR and the like.
@@ -331,8 +342,13 @@ bool core_sysfs_is_attached(const core_sysfs_device *device)
 
 bool core_sysfs_is_complete(const core_sysfs_device *device)
 {
+    char text[number_size];
+    if (device->is_pcie || !read_text(device->path, "bNumInterfaces", text, sizeof text))
+        return true;
+    if (text[0] == '\0')
+        return false; // the device is announced before its configuration is chosen
     uint32_t interfaces = 0;
-    if (device->is_pcie || !read_number(device->path, "bNumInterfaces", 10, max_count, &interfaces))
+    if (!parse_number(text, 10, max_count, &interfaces))
         return true;
     const listing folders(device->path, is_usb_interface);
     return folders.size() >= static_cast<int>(interfaces);

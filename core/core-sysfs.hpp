@@ -1,8 +1,10 @@
 // What the kernel shows of attached devices: USB devices, modems on the MHI bus, and the ports of both.
 //
 // Everything that is read may vanish while it is read, and a device says of itself what it likes: what is
-// missing, malformed or too long for its field is passed over without a word, never cut. Nothing here waits,
-// logs or allocates but directory listings, which are freed before each function returns.
+// missing, malformed or too long for its field is passed over without a word, never cut; a text ends with its
+// first line. Nothing here logs, or allocates but directory listings, which are freed before each function
+// returns. The kernel lets a look at a serial number or at the count of interfaces wait while it sets that
+// device up; a signal ends the wait.
 #pragma once
 
 #include "core-usb-id.hpp"
@@ -40,7 +42,8 @@ size_t core_sysfs_find_devices(const char *sys, core_sysfs_filter wanted, const 
 // True while that very device is attached: a USB device of the same incarnation, or the PCIe modem's
 // controller.
 bool core_sysfs_is_attached(const core_sysfs_device *device);
-// True when the kernel shows every interface that the active configuration has; always for PCIe.
+// True when the kernel shows every interface that the active configuration has, false while none is active;
+// always true for PCIe, and for a device that does not tell how many it has.
 bool core_sysfs_is_complete(const core_sysfs_device *device);
 
 // Describes the device and its ports: at most CORE_DEVICE_MAX_PORTS, in the order of interface number and

@@ -136,6 +136,20 @@ TEST_F(UsbEvent, WaitsForTheInterfaces)
     EXPECT_EQ(sleep.slept, (std::vector<unsigned>{50, 50}));
 }
 
+TEST_F(UsbEvent, WaitsForTheConfigurationThatBringsTheInterfaces)
+{
+    const std::string device = tree.add_usb("1-1", "fff0", "1001", 5, 1);
+    const std::string count = device.substr(tree.sys().size() - 3) + "/bNumInterfaces";
+    tree.write(count, "");
+    sleep.when_slept = [this, &device, &count] {
+        tree.write(count, " 1\n");
+        if (sleep.slept.size() == 2)
+            tree.add_interface(device, 0, "00");
+    };
+    EXPECT_EQ(next(), "+ fff0:1001 1-1");
+    EXPECT_EQ(sleep.slept, (std::vector<unsigned>{50, 50}));
+}
+
 TEST_F(UsbEvent, ComesAfterTwoSecondsWithoutTheInterfaces)
 {
     tree.add_usb("1-1", "fff0", "1001", 5, 2);

@@ -444,6 +444,24 @@ TEST_F(Complete, IsADeviceWithAllItsInterfaces)
     EXPECT_TRUE(core_sysfs_is_complete(&found));
 }
 
+TEST_F(Complete, IsNotADeviceWithoutAConfigurationYet)
+{
+    // The kernel shows the device, and announces it, before it chooses a configuration; the file is empty
+    // then.
+    tree.write(tree.add_usb("1-2", "fff0", "1001").substr(tree.sys().size() - 3) + "/bNumInterfaces", "");
+    const core_sysfs_device found = find()[0];
+    EXPECT_FALSE(core_sysfs_is_complete(&found));
+}
+
+TEST_F(Complete, CountsNoLinkToADeviceThatItDependsOn)
+{
+    const std::string device = tree.add_usb("1-2", "fff0", "1001", 5, 2);
+    tree.add_interface(device, 0, "00");
+    std::filesystem::create_directory_symlink("../usb4", device + "/supplier:pci:0000:00:0d.2");
+    const core_sysfs_device found = find()[0];
+    EXPECT_FALSE(core_sysfs_is_complete(&found));
+}
+
 TEST_F(Complete, IsADeviceThatDoesNotTellHowManyItHas)
 {
     tree.remove(tree.add_usb("1-2", "fff0", "1001", 5, 2).substr(tree.sys().size() - 3) + "/bNumInterfaces");
