@@ -84,13 +84,14 @@ bool holds(const char *process_folder, const char *node, const struct stat &stat
 // A process names itself as it likes; the log gets printable characters.
 void read_name(const char *process_folder, char *out, size_t size)
 {
-    strlcpy(out, "another program", size);
     char path[512];
     snprintf(path, sizeof path, "%s/comm", process_folder);
     const owned_stream file(fopen(path, "re"));
     if (file == nullptr || fgets(out, static_cast<int>(size), file.get()) == nullptr)
-        return;
+        out[0] = '\0';
     out[strcspn(out, "\n")] = '\0';
+    if (out[0] == '\0')
+        strlcpy(out, "another program", size);
     for (char *c = out; *c != '\0'; ++c)
         *c = isprint(static_cast<unsigned char>(*c)) != 0 ? *c : '?';
 }

@@ -14,7 +14,8 @@ enum class core_uevents {
     broken, // the socket is of no use any more
 };
 
-// Subscribes to the kernel's messages. An empty owner where the system does not let it.
+// Subscribes to the kernel's messages. A descriptor that the caller owns, or -1 where the system does not let
+// it.
 int core_uevent_subscribe();
 // Takes what is there, without waiting, and at most 256 messages. Messages that are not the kernel's, and
 // those that are none, are passed over; an overflow counts as some.

@@ -191,6 +191,14 @@ TEST_F(PortHolder, WithoutANameIsReportedAllTheSame)
               texts{"port /dev/ttyUSB0 is in use by another program (process 812): stop it first\n"});
 }
 
+TEST_F(PortHolder, WithAnEmptyNameIsReportedAllTheSame)
+{
+    tree.add_process(812, "", tree.dev("ttyUSB0"));
+    report();
+    EXPECT_EQ(log.texts(CORE_LOG_ERR),
+              texts{"port /dev/ttyUSB0 is in use by another program (process 812): stop it first\n"});
+}
+
 TEST_F(PortHolder, IsNotLookedForInWhatIsNoProcess)
 {
     tree.write("proc/version", "");
