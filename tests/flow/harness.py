@@ -16,6 +16,7 @@ from pathlib import Path
 KESTREL = os.environ.get('KESTREL', '')
 KESTREL_DISCOVERING = os.environ.get('KESTREL_DISCOVERING', '')  # with the discovery of Linux
 KESTREL_SIM = os.environ.get('KESTREL_SIM', '')
+SANITIZED = '-fsanitize' in os.environ.get('KESTREL_CXX_FLAGS', '')
 SOURCE = Path(os.environ.get('KESTREL_SOURCE') or Path(__file__).resolve().parents[2])
 
 VERSION = 'version 1.6.1-0\n'

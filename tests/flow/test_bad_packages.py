@@ -479,6 +479,9 @@ def everybodys():
     folder, package = copied_for_everybody()
     for path in [package, *package.iterdir()]:
         path.chmod(0o777 if path.is_dir() else 0o666)
+    counters = folder / 'counters'
+    counters.mkdir()
+    counters.chmod(0o777)
     yield package
     shutil.rmtree(folder)
 
@@ -490,7 +493,9 @@ as_root = pytest.mark.skipif(os.geteuid() != 0 or shutil.which('setpriv') is Non
 
 def run_as_nobody(package, *source):
     """The port does not exist: touching it would be an error of its own."""
-    process = start(*NOBODY, package.parent / 'kestrel', *(source or [package]), '--port', '/nowhere', '--force')
+    # An updater that counts coverage could not write its counters into the build folder, and would say so.
+    counters = f'GCOV_PREFIX={package.parent}/counters'
+    process = start(*NOBODY, 'env', counters, package.parent / 'kestrel', *(source or [package]), '--port', '/nowhere', '--force')
     return finish(process, 15)
 
 

@@ -5,12 +5,11 @@ import subprocess
 
 import pytest
 
-from harness import KESTREL, KESTREL_SIM
+from harness import KESTREL, KESTREL_SIM, SANITIZED
 
 PROGRAMS = pytest.mark.parametrize('program', [KESTREL, KESTREL_SIM], ids=os.path.basename)
 BUILD_TYPE = os.environ.get('KESTREL_BUILD_TYPE')
 COMPILER = os.environ.get('KESTREL_COMPILER')
-SANITIZED = '-fsanitize' in os.environ.get('KESTREL_CXX_FLAGS', '')
 
 
 def readelf(what, program):

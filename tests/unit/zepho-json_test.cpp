@@ -953,6 +953,7 @@ INSTANTIATE_TEST_SUITE_P(
                     escape_row{"cut_after_one", "\xE2", REPLACED},
                     escape_row{"cut_after_two", "\xE2\x82", REPLACED REPLACED},
                     escape_row{"cut_by_another", "\xE2\x82z", REPLACED REPLACED "z"},
+                    escape_row{"cut_by_a_beginning", "\xE2\x82\xC3\xA4", REPLACED REPLACED "\xC3\xA4"},
                     escape_row{"cut_by_a_quote", "\xC3\"", REPLACED "\\\""}),
     [](const auto &row) { return std::string(row.param.name); });
 
