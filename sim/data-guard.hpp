@@ -1,5 +1,5 @@
 // The fault planned on received data bytes: where the device stops reading or
-// leaves in the middle of a transfer.
+// leaves in the middle of a transfer, or where bytes get lost on the way.
 #pragma once
 
 #include "outbox.hpp"
@@ -24,6 +24,14 @@ class data_guard {
 
     bool struck() const { return struck_; }
 
+    // How many of `size` bytes that came get lost before they are data.
+    size_t drop(size_t size)
+    {
+        const auto count = static_cast<size_t>(std::min<uint64_t>(size, to_drop_));
+        to_drop_ -= count;
+        return count;
+    }
+
     // `bytes` (never more than limit()) were taken.
     void take(uint64_t bytes)
     {
@@ -35,12 +43,17 @@ class data_guard {
     {
         if (!planned_ || struck_ || taken_ < planned_->at)
             return;
-        struck_ = true;
         log_.event("fault", json_members()
                                 .text("step", step_)
                                 .text("fault", fault_name(planned_->kind))
                                 .number("bytes", taken_));
         faults_.forget_data(step_);
+        if (planned_->kind == fault_kind::lost) {
+            to_drop_ = std::max<uint64_t>(planned_->value, 1);
+            planned_.reset();
+            return;
+        }
+        struck_ = true;
         if (planned_->kind == fault_kind::hangup)
             out_.hang_up();
         if (planned_->kind == fault_kind::halt)
@@ -55,6 +68,7 @@ class data_guard {
     transcript &log_;
     std::optional<fault> planned_;
     uint64_t taken_ = 0;
+    uint64_t to_drop_ = 0;
     bool struck_ = false;
 };
 

@@ -31,6 +31,8 @@ class device {
     bool start();
 
     void receive(view bytes);
+    // Bytes that came but are not taken any more: they only go into the record.
+    void leave(view bytes) { log_.record(bytes); }
     // How many bytes may be given to receive() next; 0: stop reading the line.
     uint64_t input_limit() const;
     // Call settled() when this is true and nothing came for some 20 ms.

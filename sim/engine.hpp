@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace sim {
 
@@ -56,6 +57,17 @@ class engine {
     uint32_t next_delay_ms() const { return next_delay_ms_; } // for the stage that follows
 
   protected:
+    // What became of a message of the host on its way here.
+    enum class arrival { whole, lost, garbled };
+    arrival arrived(std::string_view step)
+    {
+        const auto struck = bench_.faults.strike(step);
+        if (!struck)
+            return arrival::whole;
+        bench_.log.event("fault", json_members().text("step", step).text("fault", fault_name(struck->kind)));
+        return struck->kind == fault_kind::lost ? arrival::lost : arrival::garbled;
+    }
+
     void finish(progress how) { state_ = how; }
     void blame_host(std::string what)
     {

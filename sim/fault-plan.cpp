@@ -7,22 +7,34 @@
 
 namespace sim {
 
+enum class wants { nothing, may_have, value };
+
 struct kind_row {
     std::string_view name;
     fault_kind kind;
+    wants number;
 };
 
-static constexpr std::array<kind_row, 10> kinds = {{
-    {"silence", fault_kind::silence},
-    {"skip", fault_kind::skip},
-    {"nak", fault_kind::nak},
-    {"garbage", fault_kind::garbage},
-    {"hangup", fault_kind::hangup},
-    {"truncate", fault_kind::truncate},
-    {"repeat", fault_kind::repeat},
-    {"late", fault_kind::late},
-    {"stall", fault_kind::stall},
-    {"halt", fault_kind::halt},
+static constexpr std::array<kind_row, 19> kinds = {{
+    {"silence", fault_kind::silence, wants::nothing},
+    {"skip", fault_kind::skip, wants::nothing},
+    {"nak", fault_kind::nak, wants::nothing},
+    {"garbage", fault_kind::garbage, wants::nothing},
+    {"hangup", fault_kind::hangup, wants::nothing},
+    {"truncate", fault_kind::truncate, wants::may_have},
+    {"repeat", fault_kind::repeat, wants::nothing},
+    {"late", fault_kind::late, wants::value},
+    {"stall", fault_kind::stall, wants::nothing},
+    {"halt", fault_kind::halt, wants::nothing},
+    {"split", fault_kind::split, wants::nothing},
+    {"twice", fault_kind::twice, wants::nothing},
+    {"glue", fault_kind::glue, wants::nothing},
+    {"wrong", fault_kind::wrong, wants::nothing},
+    {"length", fault_kind::length, wants::value},
+    {"offset", fault_kind::offset, wants::value},
+    {"bytes", fault_kind::bytes, wants::value},
+    {"lost", fault_kind::lost, wants::may_have},
+    {"garbled", fault_kind::garbled, wants::nothing},
 }};
 
 static constexpr unsigned bit(fault_kind kind)
@@ -33,23 +45,29 @@ static constexpr unsigned bit(fault_kind kind)
 static constexpr unsigned no_answer =
     bit(fault_kind::silence) | bit(fault_kind::skip) | bit(fault_kind::hangup) | bit(fault_kind::late);
 static constexpr unsigned any_message = no_answer | bit(fault_kind::halt) | bit(fault_kind::garbage) |
-                                        bit(fault_kind::truncate) | bit(fault_kind::repeat);
-static constexpr unsigned any_answer = any_message | bit(fault_kind::nak);
-static constexpr unsigned on_input = bit(fault_kind::hangup) | bit(fault_kind::stall) | bit(fault_kind::halt);
+                                        bit(fault_kind::truncate) | bit(fault_kind::repeat) |
+                                        bit(fault_kind::split) | bit(fault_kind::twice) |
+                                        bit(fault_kind::glue);
+static constexpr unsigned any_answer = any_message | bit(fault_kind::nak) | bit(fault_kind::wrong);
+static constexpr unsigned packet = any_message | bit(fault_kind::wrong) | bit(fault_kind::length);
+static constexpr unsigned read_packet = packet | bit(fault_kind::offset) | bit(fault_kind::bytes);
+static constexpr unsigned on_input =
+    bit(fault_kind::hangup) | bit(fault_kind::stall) | bit(fault_kind::halt) | bit(fault_kind::lost);
+static constexpr unsigned on_the_way = bit(fault_kind::lost) | bit(fault_kind::garbled);
 
 struct step_row {
     std::string_view name;
     unsigned allowed; // bits of the kinds that make sense at the step
 };
 
-static constexpr std::array<step_row, 18> steps = {{
+static constexpr std::array<step_row, 29> steps = {{
     {"diag", no_answer},
-    {"sahara.hello", any_message},
-    {"sahara.read", any_message},
+    {"sahara.hello", packet},
+    {"sahara.read", read_packet},
     {"sahara.data-in", on_input},
-    {"sahara.end", any_answer},
-    {"sahara.done", any_answer},
-    {"sahara.qdl", any_message},
+    {"sahara.end", packet | any_answer},
+    {"sahara.done", packet | any_answer},
+    {"sahara.qdl", packet},
     {"firehose.log", any_message},
     {"firehose.nop", any_answer},
     {"firehose.configure", any_answer},
@@ -61,6 +79,17 @@ static constexpr std::array<step_row, 18> steps = {{
     {"firehose.otp", any_answer},
     {"firehose.reset", any_answer},
     {"firehose.target-reset", any_answer},
+    {"host.at", on_the_way},
+    {"host.hello", on_the_way},
+    {"host.done", on_the_way},
+    {"host.qdl", on_the_way},
+    {"host.nop", on_the_way},
+    {"host.configure", on_the_way},
+    {"host.program", on_the_way},
+    {"host.erase", on_the_way},
+    {"host.otp", on_the_way},
+    {"host.other", on_the_way},
+    {"host.reset", on_the_way},
 }};
 
 static std::optional<unsigned> allowed_at(std::string_view step)
@@ -71,7 +100,7 @@ static std::optional<unsigned> allowed_at(std::string_view step)
     return row == steps.end() ? std::nullopt : std::optional<unsigned>(row->allowed);
 }
 
-// KIND[:VALUE], where late needs a value and truncate may have one.
+// KIND[:VALUE]
 static std::string parse_kind(std::string_view text, fault &out)
 {
     const size_t colon = text.find(':');
@@ -79,14 +108,17 @@ static std::string parse_kind(std::string_view text, fault &out)
     if (row == kinds.end())
         return "unknown fault kind";
     out.kind = row->kind;
+    if (colon == std::string_view::npos && row->number == wants::value)
+        return out.kind == fault_kind::late ? "late needs milliseconds, as in late:400"
+                                            : "this fault kind needs a value";
     if (colon == std::string_view::npos)
-        return out.kind == fault_kind::late ? "late needs milliseconds, as in late:400" : "";
-    if (out.kind != fault_kind::late && out.kind != fault_kind::truncate)
+        return "";
+    if (row->number == wants::nothing)
         return "this fault kind takes no value";
-    const auto value = parse_number(text.substr(colon + 1), UINT32_MAX);
-    if (!value)
+    const auto value = parse_number(text.substr(colon + 1), UINT64_MAX);
+    if (!value || (out.kind == fault_kind::late && *value > UINT32_MAX))
         return "bad value";
-    out.value = static_cast<uint32_t>(*value);
+    out.value = *value;
     return "";
 }
 

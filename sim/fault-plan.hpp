@@ -5,7 +5,8 @@
 // and strikes when the device is about to take STEP for the N-th time (the
 // first time without @N, every time with @all). Two steps count received data
 // bytes instead: sahara.data-in and firehose.data-in, written STEP=hangup@BYTES,
-// STEP=stall@BYTES or STEP=halt@BYTES. Nothing here waits; the plan only answers questions.
+// STEP=stall@BYTES, STEP=halt@BYTES or STEP=lost[:COUNT]@BYTES. Nothing here waits; the plan only
+// answers questions.
 #pragma once
 
 #include <cstdint>
@@ -17,12 +18,34 @@
 
 namespace sim {
 
-enum class fault_kind { silence, skip, nak, garbage, hangup, truncate, repeat, late, stall, halt };
+enum class fault_kind {
+    silence,
+    skip,
+    nak,
+    garbage,
+    hangup,
+    truncate,
+    repeat,
+    late,
+    stall,
+    halt,
+    split,
+    twice,
+    glue,
+    wrong,
+    length,
+    offset,
+    bytes,
+    lost,
+    garbled,
+};
 
 struct fault {
     std::string step;
     fault_kind kind = fault_kind::silence;
-    uint32_t value = 0; // late: milliseconds; truncate: bytes kept, 0 = half
+    // late: milliseconds; truncate: bytes kept, 0 = half; length, offset, bytes: what the field says;
+    // lost: how many bytes of the data
+    uint64_t value = 0;
     bool every_time = false;
     uint64_t at = 1; // the N-th time, or for a data-in step the byte count
 };

@@ -11,6 +11,7 @@ static constexpr uint64_t most_sectors = INT32_MAX;
 
 static const std::string ack = "<response value=\"ACK\" />";
 static const std::string nak = "<response value=\"NAK\" />";
+static const std::string other = "<response value=\"WAIT\" />"; // nothing that a host could know
 
 static std::string chunk(const std::string &element)
 {
@@ -39,14 +40,14 @@ const firehose_engine::element_row &firehose_engine::row_of(const std::string &e
 {
     using self = firehose_engine;
     static const std::array<element_row, other_row + 1> rows = {{
-        {"nop", "firehose.nop", false, &self::acknowledge},
-        {"configure", "firehose.configure", false, &self::configure},
-        {"program", "firehose.program", true, &self::program},
-        {"erase", "firehose.erase", true, &self::acknowledge},
-        {"power", "firehose.reset", true, &self::power},
-        {"getstorageinfo", "firehose.otp", true, &self::storage_info},
-        {"patch", "firehose.other", true, &self::acknowledge},
-        {"", "firehose.other", true, &self::acknowledge},
+        {"nop", "firehose.nop", "host.nop", false, &self::acknowledge},
+        {"configure", "firehose.configure", "host.configure", false, &self::configure},
+        {"program", "firehose.program", "host.program", true, &self::program},
+        {"erase", "firehose.erase", "host.erase", true, &self::acknowledge},
+        {"power", "firehose.reset", "host.reset", true, &self::power},
+        {"getstorageinfo", "firehose.otp", "host.otp", true, &self::storage_info},
+        {"patch", "firehose.other", "host.other", true, &self::acknowledge},
+        {"", "firehose.other", "host.other", true, &self::acknowledge},
     }};
     const auto found = std::ranges::find(rows, element, &element_row::element);
     return found == rows.end() ? rows[other_row] : *found;
@@ -64,6 +65,10 @@ size_t firehose_engine::receive(view bytes)
     size_t used = 0;
     while (used < bytes.size() && state() == progress::busy) {
         const view rest = bytes.subspan(used);
+        if (const size_t lost = guard_.drop(rest.size())) {
+            used += lost;
+            continue;
+        }
         const size_t taken = in_data_ ? take_data(rest) : take_request_bytes(rest);
         used += taken;
         if (input_limit() == 0)
@@ -160,6 +165,13 @@ void firehose_engine::handle_request()
     const element_row &row = row_of(request->element);
     bench_.log.received(row.element.empty() ? "unknown" : row.element, text.size(),
                         described(*request).text("text", text));
+    const arrival came = arrived(row.way);
+    if (came == arrival::lost)
+        return;
+    if (came == arrival::garbled) {
+        answer(row.step, "nak", nak);
+        return;
+    }
     if (row.kept && !stored(bench_.store.keep_request(request->element, text)))
         return;
     (this->*row.handle)(*request, row);
@@ -251,7 +263,7 @@ posted firehose_engine::say(std::string_view step, std::string_view kind, const 
 {
     const std::string text = chunk(element);
     return bench_.out.post({std::string(step), std::string(kind), to_octets(text), to_octets(chunk(nak)),
-                            json_members().text("text", text), 0});
+                            json_members().text("text", text), 0, to_octets(chunk(other))});
 }
 
 void firehose_engine::say_log(std::string_view step, const std::string &value)

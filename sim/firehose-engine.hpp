@@ -30,7 +30,8 @@ class firehose_engine : public engine {
     // of the fault plan it is answered.
     struct element_row {
         std::string_view element;
-        std::string_view step;
+        std::string_view step; // of the answer
+        std::string_view way;  // the step of the request's way here
         bool kept; // in the store
         void (firehose_engine::*handle)(const firehose_request &, const element_row &);
     };

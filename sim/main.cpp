@@ -84,8 +84,11 @@ int run_on_pty(const sim::program_options &options, sim::device &modem)
         return system_error(options.link);
     if (!modem.start())
         return complain(exit_system_error, modem.trouble());
+    sim::bus_file bus(options.bus, options.usb.id, port.path());
+    if (!bus.show(modem.where()))
+        return system_error(options.bus);
     announce(port.path());
-    return result_status(sim::serve(modem, port, options.limits, stop_pipe[0]));
+    return result_status(sim::serve(modem, port, bus, options.limits, stop_pipe[0]));
 }
 
 int run(const sim::program_options &options)
@@ -93,6 +96,8 @@ int run(const sim::program_options &options)
     sim::transcript log;
     if (!options.transcript.empty() && !log.open(options.transcript))
         return system_error(options.transcript);
+    if (!options.record.empty() && !log.open_record(options.record))
+        return system_error(options.record);
     if (!catch_signals())
         return system_error("signals");
     sim::device modem(options.device, log);

@@ -65,11 +65,12 @@ void normal_engine::answer_command(const std::string &command)
     const std::string refusal = echo + "\r\nERROR\r\n";
     if (word == "ATE0" || word == "ATE1")
         echo_ = word == "ATE1";
-    if (answer.empty()) // a command the table leaves without any answer
+    const arrival came = arrived("host.at");
+    if (came == arrival::lost || answer.empty()) // the table may leave a command without any answer
         return;
-    const std::string whole = echo + answer;
-    bench_.out.post(
-        {"at." + word, "at", to_octets(whole), to_octets(refusal), json_members().text("text", whole), 0});
+    const std::string whole = came == arrival::garbled ? refusal : echo + answer;
+    bench_.out.post({"at." + word, "at", to_octets(whole), to_octets(refusal),
+                     json_members().text("text", whole), 0, to_octets("\r\nNO CARRIER\r\n")});
 }
 
 void normal_engine::take_frame()
@@ -96,7 +97,7 @@ void normal_engine::switch_to_download()
         bench_.out.fall_silent();
     if (struck->kind != fault_kind::late)
         return;
-    next_delay_ms_ = struck->value;
+    next_delay_ms_ = static_cast<uint32_t>(struck->value);
     finish(progress::done);
 }
 

@@ -140,6 +140,10 @@ static const auto rows = std::to_array<option_row>({
      [](target &o, const char *) { o.device.discard = true; return std::string(); }},
     {"transcript", "FILE", "write the conversation to FILE, a JSON object a line",
      [](target &o, const char *v) { return path(o.transcript, v); }},
+    {"record", "FILE", "write every byte that the host sends to FILE",
+     [](target &o, const char *v) { return path(o.record, v); }},
+    {"bus", "FILE", "keep in FILE what a USB bus would show: VID:PID and port; no file: no device",
+     [](target &o, const char *v) { return path(o.bus, v); }},
     {"link", "PATH", "make PATH a symbolic link to the port while running",
      [](target &o, const char *v) { return path(o.link, v); }},
     {"usb", nullptr, "be a device on the virtual USB bus (kernel module vhci_hcd)",
@@ -195,8 +199,8 @@ static const auto rows = std::to_array<option_row>({
      }},
     {"payload", "N", "refuse any other payload size with N as counter-offer",
      [](target &o, const char *v) {
-         uint32_t size = 0;
-         std::string wrong = number(size, v, 0, max32);
+         uint64_t size = 0;
+         std::string wrong = number(size, v, 0, UINT64_MAX);
          o.device.payload = size;
          return wrong;
      }},
@@ -236,8 +240,8 @@ static std::string check_together(const target &options)
         return "--read-size is too small for --programmer-size";
     if (device.request_bits == 32 && std::max(device.programmer_size, device.read_size) > max32)
         return "sizes of 4 GiB and more need --request-bits 64";
-    if (options.usb.wanted && !options.link.empty())
-        return "--link is for a pseudo-terminal, not for --usb";
+    if (options.usb.wanted && !(options.link.empty() && options.bus.empty()))
+        return "--link and --bus are for a pseudo-terminal, not for --usb";
     const auto halts = [](const fault &it) { return it.kind == fault_kind::halt; };
     if (!options.usb.wanted && std::ranges::any_of(device.faults, halts))
         return "the fault kind halt needs --usb";
@@ -283,22 +287,31 @@ A fault strikes when the device is about to take STEP for the N-th time
             sahara.hello sahara.read sahara.end sahara.done sahara.qdl,
             firehose.log firehose.nop firehose.configure firehose.program
             firehose.data firehose.erase firehose.other firehose.otp
-            firehose.reset firehose.target-reset
+            firehose.reset firehose.target-reset; and what the host sends:
+            host.at host.hello host.done host.qdl host.nop host.configure
+            host.program host.erase host.otp host.reset host.other
   KIND      silence     nothing is sent, now and later
             skip        this message is not sent
             garbage     16 bytes that mean nothing instead
             truncate    half the message; truncate:BYTES: its first bytes
+            split       every byte by itself
             repeat      the message twice
+            twice       the message twice, in one write
+            glue        in one write with the message behind it
+            wrong       a message of the same kind that means nothing
+            length:N, offset:N, bytes:N  (Sahara) a field that says N
             late:MS     the message that much later
             hangup      the port is closed; with --usb the device is unplugged
             halt        with --usb: the endpoint answers STALL instead
             nak         a refusal instead: ERROR, NAK, an error status
                         (not sahara.hello, .read, .qdl, firehose.log)
+  host steps: lost (never heard of), garbled (refused as nonsense).
   diag takes silence, skip, late:MS and hangup: the modem does not switch, or
   later. While data arrive, after BYTES bytes of the stage in all:
             sahara.data-in=hangup@BYTES     firehose.data-in=hangup@BYTES
             sahara.data-in=stall@BYTES      firehose.data-in=stall@BYTES
             sahara.data-in=halt@BYTES       firehose.data-in=halt@BYTES
+            sahara.data-in=lost[:COUNT]@BYTES  and the same for firehose
 
 Exit status: 0 the conversation came to its end, or a signal or a planned
 hang-up ended it; 1 system error; 2 usage; 3 time-out; 4 the host broke the

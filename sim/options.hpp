@@ -14,7 +14,9 @@ struct program_options {
     serve_limits limits;
     usb_settings usb;
     std::string transcript; // path; empty: none
+    std::string record;     // path; empty: none
     std::string link;       // path; empty: none
+    std::string bus;        // path; empty: none
     bool help = false;
     bool version = false;
 };

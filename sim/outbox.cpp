@@ -9,11 +9,20 @@ namespace sim {
 static const octets garbage_bytes = {0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A,
                                      0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A};
 
-static octets shortened(const octets &bytes, uint32_t keep)
+static octets shortened(const octets &bytes, uint64_t keep)
 {
-    const size_t wanted = keep == 0 ? bytes.size() / 2 : keep;
-    const size_t size = std::min(wanted, bytes.size());
+    const uint64_t wanted = keep == 0 ? bytes.size() / 2 : keep;
+    const auto size = static_cast<size_t>(std::min<uint64_t>(wanted, bytes.size()));
     return octets(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size));
+}
+
+static octets with_number(const message &it, const fault &what)
+{
+    octets bytes = it.bytes;
+    for (const number_field &field : it.numbers)
+        for (size_t i = 0; field.replaced_by == what.kind && i < field.width; i++)
+            bytes[field.at + i] = static_cast<uint8_t>(what.value >> (8 * i));
+    return bytes;
 }
 
 posted outbox::post(const message &it)
@@ -40,7 +49,7 @@ posted outbox::spoil(const message &it, const fault &what)
         queue_other(it, "garbage", garbage_bytes);
         return posted::spoiled;
     case fault_kind::hangup:
-        hang_up();
+        queue_event("hangup", {.hang_up = true}, it.delay_ms);
         return posted::spoiled;
     case fault_kind::halt:
         queue_event("halt", {.halt_in = true});
@@ -54,26 +63,58 @@ posted outbox::spoil(const message &it, const fault &what)
         return posted::whole;
     case fault_kind::late: {
         message later = it;
-        later.delay_ms += what.value;
+        later.delay_ms += static_cast<uint32_t>(what.value);
         queue(later, it.bytes);
         return posted::whole;
     }
-    case fault_kind::skip:
-    case fault_kind::stall:
-        break;
+    default:
+        return send_changed(it, what);
     }
-    return posted::spoiled;
+}
+
+posted outbox::send_changed(const message &it, const fault &what)
+{
+    switch (what.kind) {
+    case fault_kind::split:
+        queue_bytes(it, it.bytes);
+        return posted::whole;
+    case fault_kind::twice: {
+        octets both = it.bytes;
+        both.insert(both.end(), it.bytes.begin(), it.bytes.end());
+        queue(it, std::move(both));
+        return posted::whole;
+    }
+    case fault_kind::glue:
+        queue(it, it.bytes);
+        if (!queue_.empty())
+            queue_.back().glued = true;
+        return posted::whole;
+    case fault_kind::wrong:
+        queue_other(it, "wrong", it.wrong);
+        return posted::spoiled;
+    case fault_kind::length:
+    case fault_kind::offset:
+    case fault_kind::bytes:
+        queue(it, with_number(it, what));
+        return posted::whole;
+    default: // skip
+        return posted::spoiled;
+    }
 }
 
 void outbox::queue(const message &it, octets bytes)
 {
     if (bytes.empty())
         return;
+    if (how_ == delivery::bytes)
+        return queue_bytes(it, bytes);
     const size_t total = bytes.size();
-    if (how_ != delivery::bytes) {
-        queue_.push_back({log_.stage(), it.kind, it.fields, {.bytes = std::move(bytes)}, it.delay_ms, total});
-        return;
-    }
+    queue_.push_back({log_.stage(), it.kind, it.fields, {.bytes = std::move(bytes)}, it.delay_ms, total});
+}
+
+void outbox::queue_bytes(const message &it, const octets &bytes)
+{
+    const size_t total = bytes.size();
     for (size_t i = 0; i < total; i++)
         queue_.push_back({log_.stage(),
                           it.kind,
@@ -93,10 +134,10 @@ void outbox::queue_other(const message &it, const char *kind, octets bytes)
 }
 
 // The last thing that happens on the line.
-void outbox::queue_event(const char *kind, write_unit unit)
+void outbox::queue_event(const char *kind, write_unit unit, uint32_t delay_ms)
 {
     if (!silent_)
-        queue_.push_back({log_.stage(), kind, {}, std::move(unit), 0, 0});
+        queue_.push_back({log_.stage(), kind, {}, std::move(unit), delay_ms, 0});
     fall_silent();
 }
 
@@ -119,12 +160,14 @@ write_unit outbox::take()
 {
     entry first = pop();
     note(first);
-    if (how_ != delivery::glued || first.is_event())
+    bool glued = how_ == delivery::glued || first.glued;
+    if (!glued || first.is_event())
         return std::move(first.unit);
     write_unit unit = std::move(first.unit);
-    while (!queue_.empty() && queue_.front().delay_ms == 0 && !queue_.front().is_event()) {
+    while (glued && !queue_.empty() && queue_.front().delay_ms == 0 && !queue_.front().is_event()) {
         const entry next = pop();
         note(next);
+        glued = how_ == delivery::glued || next.glued;
         unit.bytes.insert(unit.bytes.end(), next.unit.bytes.begin(), next.unit.bytes.end());
     }
     return unit;

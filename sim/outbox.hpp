@@ -15,12 +15,20 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace sim {
 
 // whole: a message is a unit; bytes: every byte is a unit; glued: the messages
 // that wait together without a delay between them are one unit.
 enum class delivery { whole, bytes, glued };
+
+// Where a message has a number that a fault may replace, little-endian.
+struct number_field {
+    fault_kind replaced_by;
+    size_t at;
+    size_t width; // bytes
+};
 
 struct message {
     std::string step; // a step name of the fault plan
@@ -29,6 +37,8 @@ struct message {
     octets refusal; // what a "nak" fault sends instead
     json_members fields{};
     uint32_t delay_ms = 0;
+    octets wrong{}; // what a "wrong" fault sends instead
+    std::vector<number_field> numbers{};
 };
 
 // Bytes, or something that the front is to do to the line instead.
@@ -77,15 +87,18 @@ class outbox {
         json_members fields;
         write_unit unit;
         uint32_t delay_ms = 0;
-        size_t total = 0; // length of the whole message; 0: already in the transcript, or an event
+        size_t total = 0;  // length of the whole message; 0: already in the transcript, or an event
+        bool glued = false; // goes out together with the next one
 
         bool is_event() const { return unit.hang_up || unit.halt_in || unit.halt_out; }
     };
 
     void queue(const message &it, octets bytes);
-    void queue_event(const char *kind, write_unit unit);
+    void queue_bytes(const message &it, const octets &bytes);
+    void queue_event(const char *kind, write_unit unit, uint32_t delay_ms = 0);
     void queue_other(const message &it, const char *kind, octets bytes);
     posted spoil(const message &it, const fault &what);
+    posted send_changed(const message &it, const fault &what);
     entry pop();
     void note(const entry &it);
 

@@ -75,6 +75,11 @@ std::optional<size_t> pty_port::write(view bytes)
     return std::nullopt;
 }
 
+void pty_port::discard_unread()
+{
+    tcflush(slave_.get(), TCIFLUSH);
+}
+
 void pty_port::hang_up()
 {
     slave_.reset();

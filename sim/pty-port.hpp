@@ -30,6 +30,8 @@ class pty_port {
     // From now on the host's last close is seen as a hang-up of the master.
     void release_slave() { slave_.reset(); }
     void hang_up();
+    // What the host did not read yet is gone.
+    void discard_unread();
 
   private:
     bool failed(const char *what);

@@ -22,8 +22,8 @@ namespace {
 
 class server {
   public:
-    server(device &modem, pty_port &port, const serve_limits &limits, int stop_fd)
-        : modem_(modem), port_(port), limits_(limits), stop_fd_(stop_fd), room_(read_size)
+    server(device &modem, pty_port &port, bus_file &bus, const serve_limits &limits, int stop_fd)
+        : modem_(modem), port_(port), bus_(bus), limits_(limits), stop_fd_(stop_fd), room_(read_size)
     {
         if (limits.timeout_ms != 0)
             deadline_ = monotonic_us() + limits.timeout_ms * 1000;
@@ -32,8 +32,10 @@ class server {
     served run();
 
   private:
+    bool show_stage();
     bool send_due();
     bool write_rest();
+    void read_out();
     void schedule_head();
     bool check_end();
     bool past_deadline();
@@ -43,6 +45,8 @@ class server {
 
     device &modem_;
     pty_port &port_;
+    bus_file &bus_;
+    std::optional<stage> shown_; // on the bus
     serve_limits limits_;
     int stop_fd_;
     std::vector<uint8_t> room_;
@@ -81,6 +85,30 @@ bool server::write_rest()
     return true;
 }
 
+// Follows the device's stage on the bus; false ends the service.
+bool server::show_stage()
+{
+    if (shown_ == modem_.where())
+        return true;
+    if (bus_.kept() && shown_ == stage::normal) {
+        modem_.forget_earlier();
+        port_.discard_unread();
+        scheduled_ = false;
+    }
+    shown_ = modem_.where();
+    if (bus_.show(*shown_))
+        return true;
+    fail(ending::system_error, std::string("writing the bus file: ") + std::strerror(errno));
+    return false;
+}
+
+// Takes from the line what the device has left there.
+void server::read_out()
+{
+    for (auto got = port_.read(room_); got && *got > 0; got = port_.read(room_))
+        modem_.leave(std::span(room_).first(*got));
+}
+
 // Writes what may be written now; false ends the service.
 bool server::send_due()
 {
@@ -104,6 +132,7 @@ bool server::send_due()
         scheduled_ = false;
         answered_ = true;
         if (unit.hang_up) {
+            bus_.show(stage::ended);
             port_.hang_up();
             return false;
         }
@@ -188,8 +217,9 @@ bool server::wait()
 
 served server::run()
 {
-    while (send_due() && !past_deadline() && !check_end() && wait()) {
+    while (show_stage() && send_due() && !past_deadline() && !check_end() && wait()) {
     }
+    read_out();
     if (modem_.ended() && result_.how == ending::complete)
         result_ = {modem_.how(), modem_.trouble()};
     return result_;
@@ -197,9 +227,9 @@ served server::run()
 
 } // namespace
 
-served serve(device &modem, pty_port &port, const serve_limits &limits, int stop_fd)
+served serve(device &modem, pty_port &port, bus_file &bus, const serve_limits &limits, int stop_fd)
 {
-    return server(modem, port, limits, stop_fd).run();
+    return server(modem, port, bus, limits, stop_fd).run();
 }
 
 } // namespace sim

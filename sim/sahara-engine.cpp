@@ -17,6 +17,23 @@ static octets packet_head(uint32_t command, uint32_t length)
     return out;
 }
 
+// A packet without meaning, as long as it says.
+static octets unknown_packet(uint32_t length)
+{
+    octets out = packet_head(99, length);
+    out.resize(length, 0);
+    return out;
+}
+
+static const number_field packet_length = {fault_kind::length, 4, 4};
+
+static std::vector<number_field> numbers_of_read_data(uint32_t request_bits)
+{
+    if (request_bits == 64)
+        return {packet_length, {fault_kind::offset, 16, 8}, {fault_kind::bytes, 24, 8}};
+    return {packet_length, {fault_kind::offset, 12, 4}, {fault_kind::bytes, 16, 4}};
+}
+
 static octets hello(const settings &wanted, uint32_t mode)
 {
     octets out = packet_head(1, 48);
@@ -89,7 +106,14 @@ void sahara_engine::say_hello(uint32_t delay_ms)
                                     .number("mode", mode_);
     said_hello_ =
         posted::whole ==
-        bench_.out.post({"sahara.hello", "hello", hello(bench_.wanted, mode_), {}, fields, delay_ms});
+        bench_.out.post({"sahara.hello",
+                         "hello",
+                         hello(bench_.wanted, mode_),
+                         {},
+                         fields,
+                         delay_ms,
+                         unknown_packet(48),
+                         {packet_length}});
 }
 
 uint64_t sahara_engine::input_limit() const
@@ -111,6 +135,10 @@ size_t sahara_engine::receive(view bytes)
     size_t used = 0;
     while (used < bytes.size() && state() == progress::busy) {
         const view rest = bytes.subspan(used);
+        if (const size_t lost = guard_.drop(rest.size())) {
+            used += lost;
+            continue;
+        }
         const bool gave_up = block_left_ > header_size && lone_reset(rest);
         const size_t taken = block_left_ > 0 && !gave_up ? take_data(rest) : take_packet_bytes(rest);
         if (input_limit() == 0)
@@ -192,6 +220,17 @@ bool sahara_engine::awaits(phase wanted, const char *packet)
     return false;
 }
 
+// False when the packet was lost, or came garbled, which the boot loader reports as a failed image.
+bool sahara_engine::heard(const char *step)
+{
+    const arrival came = arrived(step);
+    if (came == arrival::garbled) {
+        phase_ = phase::left;
+        report_end(1);
+    }
+    return came == arrival::whole;
+}
+
 void sahara_engine::take_hello_response()
 {
     const uint32_t version = read_le32(packet_, 8);
@@ -202,7 +241,7 @@ void sahara_engine::take_hello_response()
                             .number("compatible", compatible)
                             .number("status", read_le32(packet_, 16))
                             .number("mode", read_le32(packet_, 20)));
-    if (!awaits(phase::hello, "HELLO response"))
+    if (!awaits(phase::hello, "HELLO response") || !heard("host.hello"))
         return;
     // A host that saw no HELLO has no version to echo and says 2 and 1.
     if (version != (said_hello_ ? bench_.wanted.hello_version : 2) ||
@@ -240,7 +279,10 @@ void sahara_engine::ask(const read_request &wanted)
                      json_members()
                          .number("image_id", bench_.wanted.image_id)
                          .number("offset", wanted.offset)
-                         .number("bytes", wanted.length)});
+                         .number("bytes", wanted.length),
+                     0,
+                     unknown_packet(bench_.wanted.request_bits == 64 ? 32 : 20),
+                     numbers_of_read_data(bench_.wanted.request_bits)});
 }
 
 void sahara_engine::end_image()
@@ -248,21 +290,37 @@ void sahara_engine::end_image()
     if (!stored(bench_.store.close_programmer()))
         return;
     phase_ = phase::done;
+    report_end(bench_.wanted.end_status);
+}
+
+void sahara_engine::report_end(uint32_t status)
+{
     const uint32_t id = bench_.wanted.image_id;
-    const uint32_t status = bench_.wanted.end_status;
-    bench_.out.post({"sahara.end", "end_image", end_image_tx(id, status), end_image_tx(id, 1),
-                     json_members().number("image_id", id).number("status", status)});
+    bench_.out.post({"sahara.end",
+                     "end_image",
+                     end_image_tx(id, status),
+                     end_image_tx(id, 1),
+                     json_members().number("image_id", id).number("status", status),
+                     0,
+                     unknown_packet(16),
+                     {packet_length}});
 }
 
 void sahara_engine::take_done()
 {
-    if (!awaits(phase::done, "DONE"))
+    if (!awaits(phase::done, "DONE") || !heard("host.done"))
         return;
     const uint32_t good = good_done_status(bench_.wanted.platform);
     const uint32_t status = bench_.wanted.done_status.value_or(good);
     const posted sent =
-        bench_.out.post({"sahara.done", "done_response", done_response(status), done_response(1 - good),
-                         json_members().number("status", status), 0});
+        bench_.out.post({"sahara.done",
+                         "done_response",
+                         done_response(status),
+                         done_response(1 - good),
+                         json_members().number("status", status),
+                         0,
+                         unknown_packet(12),
+                         {packet_length}});
     // Only a host that was told so goes on to the programmer; another one
     // gives up and resets the boot loader, which therefore stays here.
     if (sent == posted::whole && status == good)
@@ -287,7 +345,16 @@ void sahara_engine::take_download_request()
         return;
     if (mode_ != 2)
         return blame_host("enter download mode although the HELLO mode is not 2");
-    bench_.out.post({"sahara.qdl", "download_acknowledged", packet_head(241, 8), {}, {}});
+    if (arrived("host.qdl") != arrival::whole)
+        return;
+    bench_.out.post({"sahara.qdl",
+                     "download_acknowledged",
+                     packet_head(241, 8),
+                     {},
+                     {},
+                     0,
+                     unknown_packet(8),
+                     {packet_length}});
     mode_ = 0;
     // The loader restarts: its HELLO comes a moment after the acknowledgement.
     static constexpr uint32_t restart_ms = 200;

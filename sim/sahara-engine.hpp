@@ -43,7 +43,9 @@ class sahara_engine : public engine {
     void next_request();
     void ask(const read_request &wanted);
     void end_image();
+    void report_end(uint32_t status);
     bool awaits(phase wanted, const char *packet);
+    bool heard(const char *step);
 
     phase phase_ = phase::hello;
     uint32_t mode_; // of the HELLO to come

@@ -40,7 +40,7 @@ struct settings {
     std::optional<uint32_t> done_status; // the platform's own when missing
 
     // Programmer
-    std::optional<uint32_t> payload; // counter-offer
+    std::optional<uint64_t> payload; // counter-offer
     uint32_t log_start = 0;
     uint32_t log_before = 0;
     uint32_t log_after = 0;

@@ -12,6 +12,20 @@ bool transcript::open(const std::string &path)
     return file_ != nullptr;
 }
 
+bool transcript::open_record(const std::string &path)
+{
+    record_.reset(std::fopen(path.c_str(), "we"));
+    return record_ != nullptr;
+}
+
+void transcript::record(view bytes)
+{
+    if (!record_)
+        return;
+    std::fwrite(bytes.data(), 1, bytes.size(), record_.get());
+    std::fflush(record_.get());
+}
+
 json_members transcript::head(std::string_view direction, std::string_view stage, std::string_view kind) const
 {
     json_members line;

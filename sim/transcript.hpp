@@ -11,6 +11,7 @@
 // does nothing.
 #pragma once
 
+#include "bytes.hpp"
 #include "json-line.hpp"
 
 #include <cstdint>
@@ -28,6 +29,9 @@ class transcript {
 
     // False with errno set when the file cannot be made.
     bool open(const std::string &path);
+    // The bytes themselves, all that the host sent, into a file of their own. False as above.
+    bool open_record(const std::string &path);
+    void record(view bytes);
     // For tests: lines go to `sink` instead of a file.
     void set_sink(std::function<void(const std::string &)> sink) { sink_ = std::move(sink); }
 
@@ -50,6 +54,7 @@ class transcript {
     void write(const json_members &line);
 
     std::unique_ptr<std::FILE, close_file> file_;
+    std::unique_ptr<std::FILE, close_file> record_;
     std::function<void(const std::string &)> sink_;
     std::string stage_ = "normal";
     uint64_t start_us_;

@@ -47,9 +47,9 @@ class Outcome:
         return self.raw_err.decode()
 
 
-def start(*command):
+def start(*command, env=None):
     return subprocess.Popen(DIE_WITH_US + [os.fspath(part) for part in command], stdin=subprocess.DEVNULL,
-                            stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=env)
 
 
 def stop(process):

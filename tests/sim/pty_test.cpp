@@ -32,7 +32,7 @@ class line {
         EXPECT_EQ(pipe(stop_), 0);
         path = port_.path();
         open_host();
-        thread_ = std::thread([this, limits] { result_ = serve(modem_, port_, limits, stop_[0]); });
+        thread_ = std::thread([this, limits] { result_ = serve(modem_, port_, bus_, limits, stop_[0]); });
     }
     ~line()
     {

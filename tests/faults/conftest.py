@@ -1,0 +1,13 @@
+import os
+import sys
+from pathlib import Path
+
+import pytest
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / 'flow'))
+
+
+def pytest_configure():
+    for name in ('KESTREL_HASTY', 'KESTREL_SIM'):
+        if not os.access(os.environ.get(name, ''), os.X_OK):
+            pytest.exit(f'{name} must name the built program', 2)

@@ -1,0 +1,141 @@
+"""One run with a fault, and the rescue after it."""
+import os
+import select
+import time
+from dataclasses import dataclass
+from pathlib import Path
+
+import packages
+from conversation import FLASH_A, FLASH_B, IMAGE_A, IMAGE_B, LINES, PROGRAMMER, VALUES, VERSIONS
+from harness import COMPLETED, KESTREL_SIM, finish, start, stop
+
+HASTY = os.environ.get('KESTREL_HASTY', '')
+HASTE = int(os.environ.get('KESTREL_HASTE', '1'))
+LIMIT = 60  # seconds after which a run counts as hanging, far above every bound of the table
+
+OTP_READ = '\nOTP values read successfully\n'
+
+
+def ms(shipped):
+    """A wait of the shipped program as kestrel-hasty waits it."""
+    return shipped // HASTE
+
+
+class Modem:
+    """The simulated modem on its pseudo-terminal and its bus, inside a with statement."""
+
+    def __init__(self, folder, flash, begin, options):
+        self.folder = folder
+        self.bus = folder / 'bus'
+        self.command = [KESTREL_SIM, '--start', begin, '--flash', flash, '--record', folder / 'record', '--bus', self.bus,
+                        '--transcript', folder / 'transcript', '--timeout', '120', '--linger', '60000', *options]
+        self.process = None
+        self.port = ''
+        self.hold = -1
+
+    def __enter__(self):
+        self.process = start(*self.command)
+        ready, _, _ = select.select([self.process.stdout], [], [], 20)
+        self.port = self.process.stdout.readline().decode().rstrip('\n') if ready else ''
+        if not self.port:
+            _, err = stop(self.process)
+            raise AssertionError(f'the simulated modem did not start: {err!r}')
+        # While it is held, the number of the terminal is not given to the modem of another run.
+        self.hold = os.open(self.port, os.O_RDWR | os.O_NOCTTY | os.O_NONBLOCK)
+        return self
+
+    def __exit__(self, *_):
+        self.leave()
+
+    def leave(self):
+        """Ends it; what it had not read any more is in its record then."""
+        if self.process.poll() is None:
+            self.process.terminate()
+        self.process.communicate(timeout=20)
+        if self.hold >= 0:
+            os.close(self.hold)
+            self.hold = -1
+
+    def received(self):
+        return (self.folder / 'record').read_bytes()
+
+
+@dataclass
+class Result:
+    outcome: object
+    port: str
+    received: bytes
+    flash: Path
+    package: Path
+    was_right: bool  # after the run with the fault
+    rescue: object = None  # the outcome of the recovery command, where one was needed
+    rescued: bool = True
+
+
+def write_package(folder, platform):
+    return packages.write(folder, LINES, {'a.bin': IMAGE_A, 'b.bin': IMAGE_B}, VERSIONS[platform], PROGRAMMER)
+
+
+def images_are_right(flash):
+    files = {path.name: path.read_bytes() for path in flash.glob('*.bin')}
+    return (files.get('001-program.bin'), files.get('002-program.bin')) == (FLASH_A, FLASH_B)
+
+
+def programmer_is_right(flash):
+    path = flash / 'programmer.bin'
+    return path.exists() and path.read_bytes() == PROGRAMMER
+
+
+def is_touched(flash):
+    """Whether the modem has begun to change its flash: without a good image it comes up in download mode only."""
+    return any(flash.glob('*-erase.xml')) or any(flash.glob('*-program.xml'))
+
+
+def call(package, modem, arguments, strike=''):
+    begun = time.monotonic()
+    env = {**os.environ, 'KESTREL_BUS': os.fspath(modem.bus)}
+    if strike:
+        env['KESTREL_STRIKE'] = strike
+    return finish(start(HASTY, package, *arguments, env=env), LIMIT, begun)
+
+
+def arguments_of(walk, port):
+    return (*walk.arguments, '--port', port) if walk.serial else walk.arguments
+
+
+def is_done(walk, outcome, flash):
+    """Whether the run did what it is for."""
+    if walk.otp:
+        told = all(f'\n{value}\n' in outcome.out for value in VALUES)
+        return outcome.status == 0 and told and outcome.out.endswith(OTP_READ)
+    right = images_are_right(flash) and (walk.serial or programmer_is_right(flash))
+    return outcome.status == 0 and outcome.out.endswith(COMPLETED) and right
+
+
+def recover(walk, folder, flash, package):
+    """Power-cycles the modem, which comes up as its flash lets it, and runs the documented recovery command."""
+    begin = walk.begin
+    if begin == 'normal' and is_touched(flash) and not images_are_right(flash):
+        begin = 'sahara'
+    with Modem(folder, flash, begin, walk.modem) as modem:
+        arguments = arguments_of(walk, modem.port)
+        if begin == 'sahara':
+            arguments = ('--skip-enter-qdl', '--port', modem.port, '--force')
+        outcome = call(package, modem, arguments)
+    return outcome, is_done(walk, outcome, flash)
+
+
+def run(walk, folder, package, faults=(), strike=''):
+    """A run with faults of the modem and a strike at the program, and a rescue unless it did its work."""
+    flash = folder / 'flash'
+    options = [word for fault in faults for word in ('--fault', fault)]
+    with Modem(folder, flash, walk.begin, [*walk.modem, *options]) as modem:
+        outcome = call(package, modem, arguments_of(walk, modem.port), strike)
+        modem.leave()
+        right = is_done(walk, outcome, flash)
+        result = Result(outcome, modem.port, modem.received(), flash, package, right)
+    if not right:
+        rescue_folder = folder / 'rescue'
+        rescue_folder.mkdir()
+        result.rescue, result.rescued = recover(walk, rescue_folder, flash, package)
+    return result

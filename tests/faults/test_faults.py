@@ -1,0 +1,99 @@
+"""A fault at every message boundary and inside every block of a whole run, and a rescue after each."""
+import os
+from concurrent.futures import ThreadPoolExecutor
+
+import pytest
+
+import table
+from conversation import WALKS
+from harness import COMPLETED
+from runner import HASTE, OTP_READ, run, write_package
+
+WORKERS = int(os.environ.get('KESTREL_FAULT_WORKERS', '32'))  # the cases mostly wait
+SLACK = 6  # seconds that a busy machine may add to a run
+
+CASES = {case.name: case for case in table.cases()}
+
+
+@pytest.fixture(scope='module')
+def packages_of(tmp_path_factory):
+    return {platform: write_package(tmp_path_factory.mktemp(f'package-{platform}'), platform) for platform in (0, 1)}
+
+
+@pytest.fixture(scope='module')
+def results(packages_of, tmp_path_factory):
+    """Every case, running; those that take long begin first."""
+    base = tmp_path_factory.mktemp('runs')
+
+    def one(number, case):
+        folder = base / str(number)
+        folder.mkdir()
+        return run(case.walk, folder, packages_of[case.walk.platform], case.faults, case.strike)
+
+    order = sorted(CASES.values(), key=lambda case: -max(outcome.ms for outcome in case.outcomes))
+    with ThreadPoolExecutor(WORKERS) as pool:
+        yield {case.name: pool.submit(one, number, case) for number, case in enumerate(order)}
+
+
+def differences(case, result, expected):
+    """In words, what is not as an outcome of the table says."""
+    outcome = result.outcome
+    err = expected.err and expected.err.format(port=result.port, folder=result.package)
+    good = OTP_READ if case.walk.otp else COMPLETED
+    wrong = []
+    if outcome.status != expected.status:
+        wrong.append(f'status {outcome.status} instead of {expected.status}')
+    if err is not None and not (outcome.err.endswith(err) if err else outcome.err == ''):
+        wrong.append(f'wrote {outcome.err[-600:]!r} instead of {err!r}')
+    if outcome.out.endswith(good) != (expected.status == 0):
+        wrong.append(f'printed {outcome.out[-100:]!r}')
+    if result.received != expected.sent:
+        wrong.append(f'sent {shown(result.received, expected.sent)}')
+    if result.was_right != expected.right:
+        wrong.append(f'flash {"right" if result.was_right else "wrong"}')
+    if outcome.seconds > bound(expected):
+        wrong.append(f'took {outcome.seconds:.1f} s, more than {bound(expected):.1f} s')
+    return wrong
+
+
+def bound(expected):
+    return (table.WHOLE_RUN + expected.ms) / HASTE / 1000 + SLACK
+
+
+def shown(received, expected):
+    same = len(os.path.commonprefix([received, expected]))
+    return (f'{len(received)} bytes instead of {len(expected)}, from {same} on {received[same:same + 90]!r} '
+            f'instead of {expected[same:same + 90]!r}')
+
+
+@pytest.mark.parametrize('name', CASES)
+def test_fault(name, results):
+    case, result = CASES[name], results[name].result(timeout=600)
+    found = [differences(case, result, expected) for expected in case.outcomes]
+    assert [] in found, found
+    assert 'Sanitizer' not in result.outcome.err and 'runtime error' not in result.outcome.err
+
+
+@pytest.mark.parametrize('name', CASES)
+def test_rescue(name, results):
+    result = results[name].result(timeout=600)
+    assert result.was_right or result.rescued, (result.rescue.status, result.rescue.out, result.rescue.err)
+
+
+@pytest.mark.parametrize('walk', WALKS)
+def test_walk_without_fault(walk, packages_of, tmp_path):
+    walk = WALKS[walk]
+    result = run(walk, tmp_path, packages_of[walk.platform])
+    assert (result.outcome.status, result.outcome.err, result.was_right) == (0, '', True)
+    assert result.received == walk.said()
+
+
+def test_figures(results, capsys):
+    done = [each.result(timeout=600) for each in results.values()]
+    needed = [result for result in done if not result.was_right]
+    longest = max(done, key=lambda result: result.outcome.seconds)
+    with capsys.disabled():
+        print(f'\n{len(done)} faults put in; {len(done) - len(needed)} runs did their work all the same; '
+              f'survived {sum(result.rescued for result in needed)} of {len(needed)}; '
+              f'longest run {longest.outcome.seconds:.1f} s')
+    assert len(done) > 1000
