@@ -176,6 +176,7 @@ step serve_request(upload *u, int *result)
     *result = send_block(*u, offset, length, &ended);
     if (ended)
         return step::ended;
+    memset(u->packet, 0, sizeof u->packet); // what a packet that is cut short leaves out is not the last one's
     size_t count = 0;
     *result = core_device_read_timeout(u->port, u->packet, u->request_size, timeouts::read_request, &count);
     if (*result != CORE_OK) {

@@ -1,10 +1,6 @@
 import os
-import sys
-from pathlib import Path
 
 import pytest
-
-sys.path.insert(0, str(Path(__file__).resolve().parents[1] / 'flow'))
 
 
 def pytest_configure():

@@ -108,6 +108,15 @@ class Writer:
         self.say('diag', DIAG)
         return self
 
+    def restart(self):
+        """A modem whose HELLO has mode 2 is asked to restart into download mode."""
+        self.hear('restart hello', 'sahara.hello')
+        self.waits += 1
+        self.say('enter', ENTER_DOWNLOAD, 'host.qdl')
+        self.hear('entered', 'sahara.qdl')
+        self.waits = 0
+        return self
+
     def sahara(self):
         self.hear('hello', 'sahara.hello')
         self.waits += 1  # the header and the rest
@@ -182,6 +191,7 @@ WALKS = {walk.name: walk for walk in (
     Walk('platform 0', (), ('--platform', '0', '--at', PLATFORM_0_VERSIONS) + LOADER + OFFERS,
          Writer().at().sahara().firehose(platform=0).done(), platform=0),
     Walk('64 bits', (), ('--request-bits', '64') + LOADER + OFFERS, Writer().at().sahara().firehose().done(), bits=64),
+    Walk('restart', (), ('--hello-mode', '2') + LOADER + OFFERS, Writer().at().restart().sahara().firehose().done()),
     Walk('usb otp', ('--otp',), LOADER + TELLS, Writer().at().sahara().otp().done(), otp=True),
     Walk('serial', SERIAL, OFFERS, Writer().firehose().done(), begin='firehose', serial=True),
     Walk('serial otp', SERIAL + ('--otp',), TELLS, Writer().otp().done(), begin='firehose', serial=True, otp=True),

@@ -85,6 +85,16 @@ strike_plan &plan()
     return only;
 }
 
+// A pseudo-terminal sometimes does not wake a writer when its buffer is freed: it is looked at again.
+int poll_for_room(pollfd *watched, int timeout_ms)
+{
+    constexpr int look_again_ms = 20;
+    int ready = __real_poll(watched, 1, 0);
+    for (int waited = 0; ready == 0 && waited < timeout_ms; waited += look_again_ms)
+        ready = __real_poll(watched, 1, timeout_ms - waited < look_again_ms ? timeout_ms - waited : look_again_ms);
+    return ready;
+}
+
 } // namespace
 
 ssize_t __wrap_write(int file, const void *data, size_t size)
@@ -110,7 +120,10 @@ ssize_t __wrap_write(int file, const void *data, size_t size)
 int __wrap_poll(pollfd *watched, nfds_t count, int timeout_ms)
 {
     strike_plan &planned = plan();
-    const bool waits_for_input = count == 1 && (watched->events & POLLIN) != 0 && isatty(watched->fd) != 0;
+    const bool is_port = count == 1 && isatty(watched->fd) != 0;
+    if (is_port && watched->events == POLLOUT)
+        return poll_for_room(watched, timeout_ms);
+    const bool waits_for_input = is_port && (watched->events & POLLIN) != 0;
     if (!waits_for_input || planned.kind != what::signal_wait || planned.written != planned.offset ||
         planned.times == 0 || --planned.times != 0)
         return __real_poll(watched, count, timeout_ms);

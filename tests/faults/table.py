@@ -13,11 +13,11 @@ Some rows look odd and are as they have to be:
  - Whatever becomes of the power reset, the images are written: the run is a success.
  - A value of the OTP report that gets lost cannot be missed by a program that does not know how many there are.
 """
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 
 from conversation import (BLOCKS, DONE, ENTER_DOWNLOAD, HELLO_RESPONSE, POWER, PROGRAMMER, RESET, STATE_RESET, Hear, Say,
                           WALKS)
-from firehose_texts import COMMAND_FAILED, CONFIG_FAILED, HUNG_UP, NAK_TEXT, NOP, NOP_FAILED, binary_failed
+from firehose_texts import COMMAND_FAILED, CONFIG_FAILED, ERASE_REQUEST, HUNG_UP, NAK_TEXT, NOP, NOP_FAILED, binary_failed
 from harness import FAILED, FIREHOSE_FAILED
 from runner import ms
 
@@ -32,6 +32,7 @@ GARBAGE = 1520786085  # 0x5AA55AA5
 TIMED_OUT = 'error 4294967186\n'
 OFFER_TEXT = ('<?xml version="1.0" encoding="UTF-8" ?>\n<data>\n<response value="NAK" '
               'MaxPayloadSizeToTargetInBytesSupported="16384" />\n</data>\n')
+NO_OFFER = 'Failed to retrieve MaxPayloadSizeToTargetInBytesSupported attribute\n'
 LAST_DUMP_LINE = '[0032] ' + '00 ' * 16 + '\n'
 
 USB_SILENCE = 'bulk transfer error -7\n'
@@ -49,18 +50,22 @@ class Outcome:
     status: int
     err: str  # the end of standard error; '': nothing at all was written there; None: anything
     sent: bytes  # all that the modem received
-    right: bool  # the images, or the OTP values, are as they should be
+    right: bool  # the images, or the OTP values, are as they should be; None: either
     ms: int = 0  # what the fault may cost, shipped milliseconds
+    least: int = -1  # how many bytes of `sent` came in any case; -1: all of them
 
 
 @dataclass(frozen=True)
 class Case:
     name: str
     walk: object
-    faults: tuple
+    options: tuple  # of the modem
     strike: str
     outcomes: tuple  # any of them
-    path: str  # of the image
+
+
+def is_part(message, kind):
+    return message.kind.startswith(kind) and (kind == 'value' or isinstance(message, Say))
 
 
 class Place:
@@ -75,6 +80,9 @@ class Place:
         self.lost = '' if walk.serial else USB_SILENCE
         self.end = FIREHOSE_FAILED.replace(FAILED, OTP_FAILED) if walk.otp else FIREHOSE_FAILED
         self.final = OTP_FAILED if walk.otp else FAILED
+        # From here on nothing is missing in the flash, or in what was printed.
+        missing = 'value' if walk.otp else 'data'
+        self.complete = not any(is_part(each, missing) for each in walk.messages[index:])
 
     def rest(self, kind):
         """From the first step of a kind on."""
@@ -85,8 +93,10 @@ class Place:
         sent = self.before + b''.join(more) + (self.after if rest is None else rest)
         return (Outcome(0, err, sent, right, ms),)
 
-    def stops(self, status, err, *more, ms=0, right=False):
-        return (Outcome(status, err and err.replace(FAILED, self.final), self.before + b''.join(more), right, ms),)
+    def stops(self, status, err, *more, ms=0):
+        err = err and err.replace(FAILED, self.final)
+        right = None if status == KILLED else self.complete  # what is under way then may still get there
+        return (Outcome(status, err, self.before + b''.join(more), right, ms),)
 
     def heard(self):
         """The place behind this one: the modem got this message."""
@@ -117,16 +127,16 @@ def unprobed(place, kind, cause, *more, ms=0):
 def stale(place, kind, *more, ms=0):
     """An answer too many: the port is emptied before each command, but it may come just after that and is taken for
     the next answer then. That cannot pass for a version."""
-    fine = place.goes_on('', *more, ms=ms)
-    behind = place.before + b''.join(more)
-    follows = {'echo': ('model', AT_TEXT['model']), 'model': ('versions', AT_TEXT['imei'] + AT_TEXT['versions']),
-               'imei': ('versions', AT_TEXT['versions'])}
-    if kind not in follows:
-        return fine
-    failing, sent = follows[kind]
-    if place.walk.forced:
-        return fine + (Outcome(0, AT_FAILED[failing], behind + sent + place.rest('diag'), True, ms),)
-    return fine + (Outcome(234, AT_FAILED[failing] + NO_VERSION, behind + sent, False, ms),)
+    outcomes = place.goes_on('', *more, ms=ms)
+    kinds = list(AT_TEXT)
+    sent = place.before + b''.join(more)
+    for later in kinds[kinds.index(kind) + 1:]:
+        sent += AT_TEXT[later]
+        if place.walk.forced:
+            outcomes += (Outcome(0, AT_FAILED[later], sent + place.rest('diag'), True, ms),)
+        else:
+            outcomes += (Outcome(234, AT_FAILED[later] + NO_VERSION, sent, False, ms),)
+    return outcomes
 
 
 def at_answers(place):
@@ -204,7 +214,7 @@ def diag(place):
 
 def late(wait, inside, outside, before=0):
     """An answer at 60 % and at 160 % of the time that it has."""
-    return {f'late:{ms(before + wait * 6 // 10)}': inside, f'late:{ms(before + wait * 16 // 10)}': outside}
+    return {f'late:{ms(before) + ms(wait) * 6 // 10}': inside, f'late:{ms(before) + ms(wait) * 16 // 10}': outside}
 
 
 def upload_failed(place, status, cause, *more, ms=2000):
@@ -295,7 +305,7 @@ def read_request(place):
     for value in LENGTHS[2:]:
         rows[f'offset:{value}'] = believed_done(place, f'error 0 reading {length} bytes (read 0 bytes)\n')
     for value in wide:
-        rows[f'offset:{value}'] = upload_failed(place, 234, f'lseek error at {value}\n')
+        rows[f'offset:{value}'] = upload_failed(place, 154, f'lseek error at {value}\n')
     return rows
 
 
@@ -394,6 +404,36 @@ def restarted(place, said):
     return place.goes_on(said, STATE_RESET, ms=20000, rest=again)
 
 
+def restart_hello(place):
+    """The rows of every HELLO; but a run that was interrupted does not begin the upload anew."""
+    return {**hello(place), 'WAIT': place.stops(131, 'error -4\n' + FAILED, STATE_RESET, ENTER_DOWNLOAD, ms=4000)}
+
+
+def no_restart(place, status, cause):
+    return place.stops(status, cause + NO_HANDSHAKE + NOT_SENT, RESET, ms=5000)
+
+
+def enter(place):
+    heard = place.heard()
+    lost = no_restart(heard, 146, 'error -110\n')
+    return {**sahara_write(place, lambda code: f'error sending hdr {code}\n' + NO_HANDSHAKE),
+            'lost': lost, 'garbled': lost, 'INT': heard.stops(131, FAILED),
+            'EAGAIN:5': place.goes_on('error sending hdr -11\n', STATE_RESET, ms=20000)}
+
+
+def entered(place):
+    lost = no_restart(place, 146, 'error -110\n')
+    return {
+        'skip': lost, 'silence': lost, 'garbage': lost, 'wrong': lost,
+        'hangup': place.stops(131, 'error -125\n' + NO_HANDSHAKE + GONE + NOT_SENT),
+        'truncate': place.goes_on(), 'truncate:1': place.goes_on(), 'twice': place.goes_on(),  # 241 is enough
+        'repeat': place.goes_on(LAST_DUMP_LINE, STATE_RESET, ms=8000),  # found where the next HELLO should be
+        **late(1000, place.goes_on(ms=1000), lost),
+        'WAIT': no_restart(place, 252, 'error -4\n'), 'DEAF': place.stops(KILLED, None),
+        **{f'length:{value}': place.goes_on() for value in LENGTHS},
+    }
+
+
 def hello_response(place):
     heard = place.heard()
     not_sent = 'error sending hello_rsp {}\n'.format
@@ -404,7 +444,23 @@ def hello_response(place):
                          place.goes_on(again, STATE_RESET, ms=20000))}
 
 
-def block_rows(place):
+def block_cut(place, at):
+    block = place.message.data
+    timed_out = upload_failed(place, 146, TIMED_OUT, block, ms=3000)
+    lost = NOT_UPDATED + GONE + NOT_SENT
+    step = 'sahara.data-in={}@' + str(place.message.piece + at)
+    return {
+        # The port closes before the next wait, in it, or while the block is still being written.
+        step.format('hangup'): (place.stops(131, 'error 4294967171\n' + lost, block[:at]) +
+                                place.stops(131, 'error 4294967171 sending buffer\n' + lost, block[:at]) +
+                                place.stops(251, write_error('EIO') + 'error 4294967291 sending buffer\n' + lost,
+                                            block[:at])),
+        step.format('stall'): timed_out,
+        step.format('lost'): timed_out,
+    }
+
+
+def block_rows(place, _=0):
     rows = sahara_write(place, lambda code: f'error {unsigned(code)} sending buffer\n' + NOT_UPDATED)
     return {**rows, 'EAGAIN:5': restarted(place, 'error 4294967285 sending buffer\n' + NOT_UPDATED)}
 
@@ -465,10 +521,35 @@ class Session:
         return self.fails('', '', *((-4, 252) if self.is_otp else (-102, 154)))
 
 
+def has_offer(walk):
+    return '--payload' in walk.modem
+
+
+def offer_comes_late(session):
+    """The counter-offer is a NAK, which is told where it is met: here, among the answers to the reset."""
+    place = session.place
+    if not has_offer(place.walk):
+        return {}
+    rows = late(session.wait, place.goes_on(ms=session.wait), session.fails(place.lost, OFFER_TEXT))
+    return {**rows, 'WAIT': session.fails('', OFFER_TEXT)} if session.serial else rows
+
+
+def offers(place, session):
+    """What cannot be a payload, and one that no sector fits in."""
+    unusable = 'the programmer supports a payload of {} bytes, which cannot be used\n' + CONFIG_FAILED
+    small = 'sector size 4096 does not fit payload size 1 for {folder}/a.bin\nerror sending commands -22\n'
+    rows = {f'offer:{value}': place.stops(185, unusable.replace('{}', str(value)) + FIREHOSE_FAILED, POWER)
+            for value in (0, 1 << 31, (1 << 32) - 1)}
+    rows['offer:1'] = place.stops(234, small + FIREHOSE_FAILED, ERASE_REQUEST, POWER)
+    rows[f'offer:{1 << 63}'] = session.fails(NO_OFFER)
+    return rows
+
+
 def answers(place):
     """The answer to a request, in a chunk of its own."""
     session = Session(place)
     kind = session.kind
+    offered = has_offer(place.walk)
     unanswered = session.unanswered()
     rows = {
         'skip': unanswered, 'garbage': unanswered, 'truncate': unanswered, 'truncate:1': unanswered,
@@ -481,9 +562,11 @@ def answers(place):
     if kind == 'program':  # the modem waits for data and takes the reset for them
         rows['split'] = session.dead()
         rows.update(late(session.wait, place.goes_on(ms=session.wait), session.dead()))
+    if kind == 'configure' and offered:
+        rows.update(offers(place, session))
     if kind == 'configure':
-        rows['nak'] = session.fails('Failed to retrieve MaxPayloadSizeToTargetInBytesSupported attribute\n')
-    offered = '--payload' in place.walk.modem
+        rows['nak'] = session.fails(NO_OFFER)
+        rows.update(offer_comes_late(session))
     if kind in ('nop', 'configure') and offered:  # the offer is taken for the answer to the erase
         at = place.walk.find('program')
         rows['repeat'] = (Outcome(154, OFFER_TEXT + COMMAND_FAILED + FIREHOSE_FAILED,
@@ -506,7 +589,7 @@ def otp_value(place):
     session = Session(place)
     lost = place.goes_on(right=False)
     odd = place.goes_on('unexpected response\n', right=False)
-    cut = '<?xml version="1.0" encoding="UTF-8" ?>\n<data>\n<log value="OT'
+    cut = '<?xml version="1.0" encoding="UTF-8" ?>\n<data>\n<log value="O'
     return {
         'skip': lost, 'nak': lost, 'wrong': lost, 'garbage': odd, 'truncate': odd, 'truncate:1': odd, 'split': odd,
         'truncate:60': place.goes_on(f'xml value attribute not ended: {cut}\n', right=False),
@@ -524,7 +607,7 @@ def logs(place):
     fine = place.goes_on()
     odd = place.goes_on('unexpected response\n') if session.is_otp else fine
     eaten = session.kind == 'program'
-    return {
+    rows = {
         'skip': fine, 'twice': fine, 'repeat': fine, 'glue': fine,
         'garbage': odd, 'truncate': odd, 'truncate:1': odd, 'split': odd,
         'silence': session.dead(), 'hangup': session.gone(),
@@ -532,6 +615,7 @@ def logs(place):
                session.dead() if eaten else session.unanswered()),
         'WAIT': session.interrupted(), 'DEAF': place.stops(KILLED, None),
     }
+    return {**rows, **(offer_comes_late(session) if session.kind == 'configure' else {})}
 
 
 def reset_answers(place):
@@ -549,7 +633,7 @@ def reset_answers(place):
         'silence': silent, 'twice': fine, 'repeat': fine,
         'hangup': place.goes_on('' if serial else ONLY_EMPTY, ms=5000),
         **late(wait, fine, place.goes_on(place.lost, ms=2 * last)),
-        'WAIT': place.goes_on(), 'DEAF': (Outcome(KILLED, None, place.before, not place.walk.otp, 0),),
+        'WAIT': place.goes_on(), 'DEAF': place.stops(KILLED, None),
     }
     if not is_log:
         rows['wrong'] = unanswered
@@ -559,16 +643,16 @@ def reset_answers(place):
     return rows
 
 
-def session_writes(place, said, eaten=False, right=False):
+def session_writes(place, said, eaten=False, within=0):
     """Writes that fail; said(code) is what is said then. After a failure in the data the modem takes the reset for
     data."""
     walk = place.walk
     reset = () if place.message.kind == 'power' else (POWER,)
     silence = place.lost if eaten else ''
-    rows = {'INT': place.goes_on(), 'KILL': place.stops(KILLED, None, right=right and not walk.otp)}
+    rows = {'INT': place.goes_on(), 'KILL': place.stops(KILLED, None)}
 
     def stops(status, cause, code):
-        return place.stops(status, cause + said(code) + silence + FIREHOSE_FAILED, *reset, right=right,
+        return place.stops(status, cause + said(code) + silence + FIREHOSE_FAILED, *reset,
                            ms=USB_WAIT + 10000)
 
     if walk.serial:
@@ -578,8 +662,9 @@ def session_writes(place, said, eaten=False, right=False):
             rows[f'{name}:{times}'] = stops(256 - number, write_error(name) * times, -number)
         return rows
     rows['EIO'] = place.goes_on('bulk transfer error -1\n')
-    rows['EIO:10'] = stops(185, 'bulk transfer error -1\n' * 10, -71)
-    rows['ENODEV:10'] = stops(185, USB_GONE * 10, -71)
+    times = 11 if within else 10  # ten transfers in a row that move nothing
+    rows[f'EIO:{times}'] = stops(185, 'bulk transfer error -1\n' * times, -71)
+    rows[f'ENODEV:{times}'] = stops(185, USB_GONE * times, -71)
     rows['ETIMEDOUT'] = stops(146, USB_SILENCE, -110)
     return rows
 
@@ -597,7 +682,7 @@ def requests(place):
                 'otp': f'error sending otp request {unsigned(code)}\nerror sending commands {code}\n',
                 'power': f'error sending reset {unsigned(code)}\nerror in sending reset\n'}[kind]
 
-    rows = session_writes(place, said, right=kind == 'power' and not place.walk.otp)
+    rows = session_writes(place, said)
     heard = place.heard()
     if kind == 'power':
         return {**rows, 'lost': heard.goes_on(place.lost, ms=USB_WAIT + 5000), 'garbled': heard.goes_on(NAK_TEXT)}
@@ -605,20 +690,55 @@ def requests(place):
     session.kind = kind  # the place is that of the log line, or of the first value
     garbled = session.fails(NAK_TEXT)
     if kind == 'configure':
-        garbled = session.fails('Failed to retrieve MaxPayloadSizeToTargetInBytesSupported attribute\n')
+        garbled = session.fails(NO_OFFER)
     if kind == 'otp':
         garbled = session.unanswered()  # the NAK is a value
     return {**rows, 'lost': session.unanswered(), 'garbled': garbled}
 
 
-def data_piece(place):
+def data_failed(place, code):
+    return f'error {unsigned(code)} sending buffer\n' + binary_failed('{folder}/' + place.message.path, code)
+
+
+def data_piece(place, within=0):
+    return session_writes(place, lambda code: data_failed(place, code), eaten=True, within=within)
+
+
+def data_cut(place, at):
+    """In the end the modem waits for data and takes the reset for them, or does not listen any more."""
+    walk, data = place.walk, place.message.data
     path = '{folder}/' + place.message.path
-    return session_writes(place, lambda code: f'error {unsigned(code)} sending buffer\n' + binary_failed(path, code),
-                          eaten=True)
+    answer = next(i for i in range(place.index, len(walk.messages)) if walk.messages[i].kind == 'log of data')
+    at_answer = Place(walk, answer)
+    waits = Session(at_answer).dead()
+    hung_up = (HUNG_UP if walk.serial else USB_RESET_LOST) + FIREHOSE_FAILED
+    while_waiting = ('' if walk.serial else USB_GONE) + binary_failed(path) + hung_up
+    closed = place.stops(154, while_waiting, data[:at])
+    if walk.serial:
+        closed += place.stops(131, data_failed(place, -125) + hung_up, data[:at])
+        closed += place.stops(251, write_error('EIO') + data_failed(place, -5) + hung_up, data[:at])
+    else:
+        closed += place.stops(185, USB_GONE * 9 + data_failed(place, -71) + hung_up, data[:at])
+    # How much a stalled port takes before it is full is up to the kernel.
+    no_reset = f'{place.lost}error sending reset 4294967186\nerror in sending reset\n' + FIREHOSE_FAILED
+    full = Outcome(146, data_failed(place, -110) + no_reset, at_answer.before, False, 2 * USB_WAIT + 10000,
+                   len(place.before) + at)
+    full_at_reset = Outcome(154, place.lost + binary_failed(path) + no_reset, at_answer.before + POWER, False,
+                            2 * USB_WAIT + 10000, len(at_answer.before))
+    waits = unfinished(waits)
+    step = 'firehose.data-in={}@' + str(place.message.piece + at)
+    return {step.format('hangup'): closed, step.format('stall'): (*waits, full, full_at_reset),
+            step.format('lost'): waits, step.format('lost:200'): waits}
+
+
+def unfinished(outcomes):
+    """The same, but the last image is not whole."""
+    return tuple(replace(outcome, right=False) for outcome in outcomes)
 
 
 OF_KIND = {
     'echo': at_answers, 'model': at_answers, 'imei': at_answers, 'versions': at_answers,
+    'restart hello': restart_hello, 'entered': entered,
     'hello': hello, 'first read': first_read, 'read': other_read, 'end': end_of_image, 'done': done_response,
     'nop': answers, 'configure': answers, 'erase': answers, 'program': answers, 'data': answers,
     'otp': otp_answer, 'value 1': otp_value, 'value 2': otp_value,
@@ -626,31 +746,35 @@ OF_KIND = {
     'log of otp': logs, 'log of reset': reset_answers, 'reset': reset_answers, 'target': reset_answers,
 }
 SAID_OF_KIND = {
-    'at': at_commands, 'diag': diag, 'hello response': hello_response, 'block': block_rows, 'done': done_rows,
+    'at': at_commands, 'diag': diag, 'enter': enter, 'hello response': hello_response, 'block': block_rows, 'done': done_rows,
     'nop': requests, 'configure': requests, 'erase': requests, 'program': requests, 'otp': requests,
     'power': requests, 'data': data_piece,
 }
 
+WITHIN = {'block': block_cut, 'data': data_cut}
+
 STRIKES = ('EIO', 'ENOSPC', 'EAGAIN', 'ENODEV', 'ETIMEDOUT', 'INT', 'WAIT', 'KILL', 'DEAF')
 
 
-def make_case(place, fault, outcomes):
+def make_case(place, fault, outcomes, within=''):
     """What is to be done for a fault of the table: options of the modem, or a strike at the program."""
     message, walk = place.message, place.walk
     name, _, times = fault.partition(':')
-    faults, strike = (), ''
+    options, strike = (), ''
     if name in ('WAIT', 'DEAF'):
         strike = f'{len(place.before)}:{name}:{times or message.wait}'
     elif name in STRIKES:
         strike = f'{len(place.before)}:{name}:{times or 1}'
+    elif name == 'offer':
+        options = ('--payload', times)
     elif '=' in fault:
-        faults = tuple(fault.split())
+        options = tuple(word for each in fault.split() for word in ('--fault', each))
     elif isinstance(message, Hear):
-        faults = (f'{message.step}={fault}@{message.nth}',)
+        options = ('--fault', f'{message.step}={fault}@{message.nth}')
     else:
         way, _, nth = message.way.partition('@')
-        faults = (f'{way}={fault}@{nth}',)
-    return Case(f'{walk.name}/{place.index}/{message.kind}/{fault}', walk, faults, strike, outcomes, message.path)
+        options = ('--fault', f'{way}={fault}@{nth}')
+    return Case(f'{walk.name}/{place.index}/{message.kind}/{fault}{within}', walk, options, strike, outcomes)
 
 
 # Which part of a walk is new in it: the rest has been struck in another one.
@@ -676,6 +800,7 @@ STRUCK = {
     'forced': is_at,
     'platform 0': lambda message: is_sahara(message) or message.kind in ('log of reset', 'reset'),
     '64 bits': is_read,
+    'restart': lambda message: message.kind in ('restart hello', 'enter', 'entered'),
     'usb otp': is_session,
     'serial': lambda message: True,
     'serial otp': lambda message: True,
@@ -691,3 +816,20 @@ def cases():
             rows = (OF_KIND if isinstance(message, Hear) else SAID_OF_KIND)[message.kind](place)
             for fault, outcomes in rows.items():
                 yield make_case(place, fault, outcomes)
+            if message.kind in WITHIN and isinstance(message, Say):
+                yield from cases_within(walk, index)
+
+
+def cases_within(walk, index):
+    """Faults inside a block: of the modem as its bytes come, and of a write that has taken a part of it."""
+    place = Place(walk, index)
+    data = place.message.data
+    for at in (1, len(data) // 2, len(data) - 1):
+        for fault, outcomes in WITHIN[place.message.kind](place, at).items():
+            yield make_case(place, fault, outcomes)
+    middle = len(data) // 2
+    part = Place(walk, index)
+    part.before += data[:middle]
+    part.after = part.after[middle:]
+    for fault, outcomes in SAID_OF_KIND[place.message.kind](part, middle).items():
+        yield make_case(part, fault, outcomes, ' within')

@@ -1,34 +1,42 @@
 """A fault at every message boundary and inside every block of a whole run, and a rescue after each."""
 import os
+import tempfile
 from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
 
 import pytest
 
 import table
 from conversation import WALKS
 from harness import COMPLETED
-from runner import HASTE, OTP_READ, run, write_package
+from runner import OTP_READ, ms, run, write_package
 
-WORKERS = int(os.environ.get('KESTREL_FAULT_WORKERS', '32'))  # the cases mostly wait
+WORKERS = int(os.environ.get('KESTREL_FAULT_WORKERS', '48'))  # the cases mostly wait
 SLACK = 6  # seconds that a busy machine may add to a run
 
 CASES = {case.name: case for case in table.cases()}
 
 
 @pytest.fixture(scope='module')
-def packages_of(tmp_path_factory):
-    return {platform: write_package(tmp_path_factory.mktemp(f'package-{platform}'), platform) for platform in (0, 1)}
+def memory():
+    """A folder in memory: no disk lengthens what the modem does."""
+    with tempfile.TemporaryDirectory(dir='/dev/shm' if os.access('/dev/shm', os.W_OK) else None) as folder:
+        yield Path(folder)
 
 
 @pytest.fixture(scope='module')
-def results(packages_of, tmp_path_factory):
+def packages_of(memory):
+    return {platform: write_package(memory / f'package-{platform}', platform) for platform in (0, 1)}
+
+
+@pytest.fixture(scope='module')
+def results(packages_of, memory):
     """Every case, running; those that take long begin first."""
-    base = tmp_path_factory.mktemp('runs')
 
     def one(number, case):
-        folder = base / str(number)
+        folder = memory / str(number)
         folder.mkdir()
-        return run(case.walk, folder, packages_of[case.walk.platform], case.faults, case.strike)
+        return run(case.walk, folder, packages_of[case.walk.platform], case.options, case.strike)
 
     order = sorted(CASES.values(), key=lambda case: -max(outcome.ms for outcome in case.outcomes))
     with ThreadPoolExecutor(WORKERS) as pool:
@@ -47,17 +55,23 @@ def differences(case, result, expected):
         wrong.append(f'wrote {outcome.err[-600:]!r} instead of {err!r}')
     if outcome.out.endswith(good) != (expected.status == 0):
         wrong.append(f'printed {outcome.out[-100:]!r}')
-    if result.received != expected.sent:
+    if not is_sent(result.received, expected):
         wrong.append(f'sent {shown(result.received, expected.sent)}')
-    if result.was_right != expected.right:
+    if expected.right is not None and result.was_right != expected.right:
         wrong.append(f'flash {"right" if result.was_right else "wrong"}')
     if outcome.seconds > bound(expected):
         wrong.append(f'took {outcome.seconds:.1f} s, more than {bound(expected):.1f} s')
     return wrong
 
 
+def is_sent(received, expected):
+    if expected.least < 0:
+        return received == expected.sent
+    return expected.sent.startswith(received) and len(received) >= expected.least
+
+
 def bound(expected):
-    return (table.WHOLE_RUN + expected.ms) / HASTE / 1000 + SLACK
+    return (table.WHOLE_RUN + expected.ms) / 4000 + SLACK
 
 
 def shown(received, expected):
@@ -77,7 +91,7 @@ def test_fault(name, results):
 @pytest.mark.parametrize('name', CASES)
 def test_rescue(name, results):
     result = results[name].result(timeout=600)
-    assert result.was_right or result.rescued, (result.rescue.status, result.rescue.out, result.rescue.err)
+    assert result.rescue is None or result.rescued, (result.rescue.status, result.rescue.out, result.rescue.err)
 
 
 @pytest.mark.parametrize('walk', WALKS)
@@ -90,7 +104,7 @@ def test_walk_without_fault(walk, packages_of, tmp_path):
 
 def test_figures(results, capsys):
     done = [each.result(timeout=600) for each in results.values()]
-    needed = [result for result in done if not result.was_right]
+    needed = [result for result in done if result.rescue is not None]
     longest = max(done, key=lambda result: result.outcome.seconds)
     with capsys.disabled():
         print(f'\n{len(done)} faults put in; {len(done) - len(needed)} runs did their work all the same; '
