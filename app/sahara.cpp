@@ -94,16 +94,22 @@ struct upload {
 
 enum class step { served, image_sent, ended };
 
+// A packet that is cut short must not be completed by what was left of the one before.
+int read_packet(int port, uint8_t (&packet)[read_data_64bit_size], size_t size, size_t *count)
+{
+    memset(packet, 0, sizeof packet);
+    return core_device_read_timeout(port, packet, size, timeouts::read_request, count);
+}
+
 // Reads the first request, which fixes the request size. `*ended` is set when the upload ends with the
 // result.
 int read_first_request(int port, uint8_t (&packet)[read_data_64bit_size], bool *ended)
 {
     static constexpr char function[] = "send_programmer";
     *ended = true;
-    memset(packet, 0, sizeof packet);
     for (int i = 0; i < max_packets && !is_read_request(get_u32(packet, 0)); ++i) {
         size_t count = 0;
-        const int err = core_device_read_timeout(port, packet, sizeof packet, timeouts::read_request, &count);
+        const int err = read_packet(port, packet, sizeof packet, &count);
         if (err != CORE_OK) {
             log_as(function, CORE_LOG_ERR, "error %u", static_cast<unsigned>(err));
             return err;
@@ -176,9 +182,8 @@ step serve_request(upload *u, int *result)
     *result = send_block(*u, offset, length, &ended);
     if (ended)
         return step::ended;
-    memset(u->packet, 0, sizeof u->packet); // what a packet that is cut short leaves out is not the last one's
     size_t count = 0;
-    *result = core_device_read_timeout(u->port, u->packet, u->request_size, timeouts::read_request, &count);
+    *result = read_packet(u->port, u->packet, u->request_size, &count);
     if (*result != CORE_OK) {
         log_as(function, CORE_LOG_ERR, "error %u", static_cast<unsigned>(*result));
         return step::ended;

@@ -32,7 +32,7 @@ class firehose_engine : public engine {
         std::string_view element;
         std::string_view step; // of the answer
         std::string_view way;  // the step of the request's way here
-        bool kept; // in the store
+        bool kept;             // in the store
         void (firehose_engine::*handle)(const firehose_request &, const element_row &);
     };
 

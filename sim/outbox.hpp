@@ -87,7 +87,7 @@ class outbox {
         json_members fields;
         write_unit unit;
         uint32_t delay_ms = 0;
-        size_t total = 0;  // length of the whole message; 0: already in the transcript, or an event
+        size_t total = 0;   // length of the whole message; 0: already in the transcript, or an event
         bool glued = false; // goes out together with the next one
 
         bool is_event() const { return unit.hang_up || unit.halt_in || unit.halt_out; }

@@ -104,16 +104,14 @@ void sahara_engine::say_hello(uint32_t delay_ms)
                                     .number("version", bench_.wanted.hello_version)
                                     .number("compatible", bench_.wanted.hello_compatible)
                                     .number("mode", mode_);
-    said_hello_ =
-        posted::whole ==
-        bench_.out.post({"sahara.hello",
-                         "hello",
-                         hello(bench_.wanted, mode_),
-                         {},
-                         fields,
-                         delay_ms,
-                         unknown_packet(48),
-                         {packet_length}});
+    said_hello_ = posted::whole == bench_.out.post({"sahara.hello",
+                                                    "hello",
+                                                    hello(bench_.wanted, mode_),
+                                                    {},
+                                                    fields,
+                                                    delay_ms,
+                                                    unknown_packet(48),
+                                                    {packet_length}});
 }
 
 uint64_t sahara_engine::input_limit() const
@@ -312,15 +310,14 @@ void sahara_engine::take_done()
         return;
     const uint32_t good = good_done_status(bench_.wanted.platform);
     const uint32_t status = bench_.wanted.done_status.value_or(good);
-    const posted sent =
-        bench_.out.post({"sahara.done",
-                         "done_response",
-                         done_response(status),
-                         done_response(1 - good),
-                         json_members().number("status", status),
-                         0,
-                         unknown_packet(12),
-                         {packet_length}});
+    const posted sent = bench_.out.post({"sahara.done",
+                                         "done_response",
+                                         done_response(status),
+                                         done_response(1 - good),
+                                         json_members().number("status", status),
+                                         0,
+                                         unknown_packet(12),
+                                         {packet_length}});
     // Only a host that was told so goes on to the programmer; another one
     // gives up and resets the boot loader, which therefore stays here.
     if (sent == posted::whole && status == good)

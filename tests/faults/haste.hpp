@@ -1,8 +1,8 @@
-// What the waits of kestrel-hasty are divided by: the short ones by less, so that a busy machine does not lengthen an
-// answer of the simulated modem beyond them; half a minute, which is silence, by more.
+// What the waits of kestrel-hasty are divided by: the short ones by little, so that a busy machine does not make an
+// answer of the simulated modem later than they are long, the long ones by more.
 #pragma once
 
 constexpr unsigned haste(unsigned shipped_ms)
 {
-    return shipped_ms == 30000 ? 25 : 4;
+    return shipped_ms <= 1000 ? 2 : shipped_ms < 30000 ? 8 : shipped_ms == 30000 ? 25 : 4;
 }

@@ -18,7 +18,7 @@ OTP_READ = '\nOTP values read successfully\n'
 
 def ms(shipped):
     """A wait of the shipped program as kestrel-hasty waits it (haste.hpp)."""
-    return shipped // (25 if shipped == 30000 else 4)
+    return shipped // (2 if shipped <= 1000 else 8 if shipped < 30000 else 25 if shipped == 30000 else 4)
 
 
 class Modem:

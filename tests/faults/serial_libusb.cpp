@@ -1,5 +1,6 @@
-// libusb over a serial port: the download device's bulk pair is the port of the bus file, a transfer is a read or
-// a write on it. A message of the peer is a transfer, as on a bus; an empty transfer carries nothing here.
+// libusb over a serial port: the download device's bulk pair is the port of the bus file, a transfer is a
+// read or a write on it. A message of the peer is a transfer, as on a bus; an empty transfer carries nothing
+// here.
 #include "bus.hpp"
 
 #include <cerrno>
@@ -160,7 +161,9 @@ int libusb_get_active_config_descriptor(libusb_device *, libusb_config_descripto
     static libusb_interface_descriptor setting{};
     setting.bNumEndpoints = 2;
     setting.endpoint = endpoints;
-    static const libusb_interface interface{&setting, 1};
+    static const libusb_interface interface {
+        &setting, 1
+    };
     static libusb_config_descriptor only{};
     only.bNumInterfaces = 1;
     only.interface = &interface;
@@ -190,12 +193,13 @@ int libusb_release_interface(libusb_device_handle *, int)
     return 0;
 }
 
-int libusb_bulk_transfer(libusb_device_handle *handle, unsigned char endpoint, unsigned char *data, int length,
-                         int *transferred, unsigned int timeout)
+int libusb_bulk_transfer(libusb_device_handle *handle, unsigned char endpoint, unsigned char *data,
+                         int length, int *transferred, unsigned int timeout)
 {
     *transferred = 0;
     const int64_t end_ms = now_ms() + timeout;
-    return (endpoint & LIBUSB_ENDPOINT_IN) != 0 ? transfer_in(handle->port, data, length, transferred, end_ms)
-                                                : transfer_out(handle->port, data, length, transferred, end_ms);
+    return (endpoint & LIBUSB_ENDPOINT_IN) != 0
+               ? transfer_in(handle->port, data, length, transferred, end_ms)
+               : transfer_out(handle->port, data, length, transferred, end_ms);
 }
 }

@@ -91,7 +91,8 @@ int poll_for_room(pollfd *watched, int timeout_ms)
     constexpr int look_again_ms = 20;
     int ready = __real_poll(watched, 1, 0);
     for (int waited = 0; ready == 0 && waited < timeout_ms; waited += look_again_ms)
-        ready = __real_poll(watched, 1, timeout_ms - waited < look_again_ms ? timeout_ms - waited : look_again_ms);
+        ready = __real_poll(watched, 1,
+                            timeout_ms - waited < look_again_ms ? timeout_ms - waited : look_again_ms);
     return ready;
 }
 

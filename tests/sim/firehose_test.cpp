@@ -423,5 +423,53 @@ TEST(FirehoseRequest, AttributesMatchWholeNamesOnly)
     EXPECT_FALSE(attribute("<program>", "label"));
 }
 
+TEST(FirehoseFault, LogIsGluedToTheAnswerBehindIt)
+{
+    settings wanted = with_fault("firehose.log=glue");
+    wanted.log_before = 2;
+    talk it(wanted);
+    const std::string first = log_chunk("INFO: programmer line 1");
+    const std::string second = log_chunk("INFO: programmer line 2");
+    EXPECT_EQ(it.say(nop), (texts{first + second, ack}));
+}
+
+TEST(FirehoseFault, WrongAnswerIsNeitherAckNorNak)
+{
+    talk it(with_fault("firehose.nop=wrong"));
+    EXPECT_EQ(it.say(nop), texts{"<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<data>\n<response "
+                                 "value=\"WAIT\" />\n</data>"});
+}
+
+TEST(FirehoseFault, LostRequestIsNotAnswered)
+{
+    talk it(with_fault("host.nop=lost"));
+    EXPECT_EQ(it.say(nop), texts{});
+    EXPECT_EQ(it.say(nop), texts{ack});
+}
+
+TEST(FirehoseFault, GarbledRequestIsRefused)
+{
+    talk it(with_fault("host.erase=garbled"));
+    EXPECT_EQ(it.say(erase), texts{nak});
+}
+
+TEST(FirehoseFault, LostDataAreWaitedFor)
+{
+    talk it(with_fault("firehose.data-in=lost:2@3"));
+    it.say(program_2x4);
+    EXPECT_EQ(it.say("abcdefgh"), texts{});
+    EXPECT_EQ(it.say("ij"), texts{ack});
+}
+
+TEST(FirehoseFault, CounterOfferBeyond32Bits)
+{
+    settings wanted = programmer();
+    wanted.payload = uint64_t{1} << 63;
+    talk it(wanted);
+    EXPECT_EQ(it.say(configure),
+              texts{"<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<data>\n<response value=\"NAK\" "
+                    "MaxPayloadSizeToTargetInBytesSupported=\"9223372036854775808\" />\n</data>"});
+}
+
 } // namespace
 } // namespace sim

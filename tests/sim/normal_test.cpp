@@ -90,6 +90,32 @@ TEST(At, NakFaultIsAnErrorAnswer)
     EXPECT_EQ(it.say("AT#CGMM\r"), (texts{"\r\nERROR\r\n"}));
 }
 
+TEST(At, LostCommandIsNotAnswered)
+{
+    settings wanted;
+    wanted.faults = {planned("host.at=lost@2")};
+    talk it(wanted);
+    EXPECT_EQ(it.say("ATE0\r"), texts{"ATE0\r\r\nOK\r\n"});
+    EXPECT_EQ(it.say("AT\r"), texts{});
+    EXPECT_EQ(it.say("AT\r"), texts{"\r\nOK\r\n"});
+}
+
+TEST(At, GarbledCommandIsAnError)
+{
+    settings wanted;
+    wanted.faults = {planned("host.at=garbled")};
+    talk it(wanted);
+    EXPECT_EQ(it.say("AT\r"), texts{"AT\r\r\nERROR\r\n"});
+}
+
+TEST(At, WrongAnswerHasNoFinalResponse)
+{
+    settings wanted;
+    wanted.faults = {planned("at.AT=wrong")};
+    talk it(wanted);
+    EXPECT_EQ(it.say("AT\r"), texts{"\r\nNO CARRIER\r\n"});
+}
+
 TEST(At, OtherBytesAreTheHostsFault)
 {
     talk it({});

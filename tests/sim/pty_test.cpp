@@ -100,6 +100,7 @@ class line {
     transcript log_;
     device modem_;
     pty_port port_;
+    bus_file bus_{"", {}, ""};
     int stop_[2] = {-1, -1};
     std::thread thread_;
     served result_;

@@ -297,6 +297,115 @@ TEST(SaharaFault, SilenceLastsForEver)
     EXPECT_TRUE(it.logged("\"kind\":\"fault\",\"step\":\"sahara.read\",\"fault\":\"silence\""));
 }
 
+TEST(SaharaFault, SplitHelloIsOneByteAUnit)
+{
+    talk it(with_fault("sahara.hello=split"));
+    const std::vector<octets> heard = it.heard();
+    ASSERT_EQ(heard.size(), 48U);
+    EXPECT_EQ(heard[0], octets{1});
+    EXPECT_EQ(heard[4], octets{48});
+}
+
+TEST(SaharaFault, EndTwiceInOneWrite)
+{
+    talk it(with_fault("sahara.end=twice"));
+    it.heard();
+    it.say(hello_response);
+    it.say(to_octets("abcd"));
+    it.say(to_octets("efgh"));
+    EXPECT_EQ(it.say(to_octets("ij")), (units{{4, 0, 0, 0, 16, 0, 0, 0, 13, 0, 0, 0, 0, 0, 0, 0,
+                                               4, 0, 0, 0, 16, 0, 0, 0, 13, 0, 0, 0, 0, 0, 0, 0}}));
+}
+
+TEST(SaharaFault, WrongPacketIsAsLongAsTheRightOne)
+{
+    talk it(with_fault("sahara.read=wrong"));
+    it.heard();
+    EXPECT_EQ(it.say(hello_response),
+              (units{{99, 0, 0, 0, 20, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}}));
+}
+
+struct number_row {
+    const char *fault;
+    octets packet;
+};
+
+class SaharaNumber : public testing::TestWithParam<number_row> {};
+
+TEST_P(SaharaNumber, FieldSaysWhatIsPlanned)
+{
+    talk it(with_fault(GetParam().fault));
+    it.heard();
+    EXPECT_EQ(it.say(hello_response), (units{GetParam().packet}));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, SaharaNumber,
+    testing::Values(number_row{"sahara.read=length:4294967295",
+                               {3, 0, 0, 0, 255, 255, 255, 255, 13, 0, 0, 0, 0, 0, 0, 0, 4, 0, 0, 0}},
+                    number_row{"sahara.read=offset:2147483648",
+                               {3, 0, 0, 0, 20, 0, 0, 0, 13, 0, 0, 0, 0, 0, 0, 128, 4, 0, 0, 0}},
+                    number_row{"sahara.read=bytes:1",
+                               {3, 0, 0, 0, 20, 0, 0, 0, 13, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0}}));
+
+TEST(SaharaFault, FieldOf64Bits)
+{
+    settings wanted = with_fault("sahara.read=bytes:9223372036854775808");
+    wanted.request_bits = 64;
+    talk it(wanted);
+    it.heard();
+    EXPECT_EQ(it.say(hello_response), (units{{18, 0, 0, 0, 32, 0, 0, 0, 13, 0, 0, 0, 0, 0, 0, 0,
+                                              0,  0, 0, 0, 0,  0, 0, 0, 0,  0, 0, 0, 0, 0, 0, 128}}));
+}
+
+TEST(SaharaFault, LostHelloResponseIsNotAnswered)
+{
+    talk it(with_fault("host.hello=lost"));
+    it.heard();
+    EXPECT_EQ(it.say(hello_response), units{});
+    EXPECT_TRUE(it.logged("\"kind\":\"fault\",\"step\":\"host.hello\",\"fault\":\"lost\""));
+    EXPECT_EQ(it.say(state_reset), (units{hello}));
+}
+
+TEST(SaharaFault, GarbledDoneIsReportedAsAFailedImage)
+{
+    talk it(with_fault("host.done=garbled"));
+    upload(it);
+    EXPECT_EQ(it.say(done), (units{{4, 0, 0, 0, 16, 0, 0, 0, 13, 0, 0, 0, 1, 0, 0, 0}}));
+    it.say(reset);
+    EXPECT_TRUE(it.modem.ended());
+}
+
+TEST(SaharaFault, LostByteOfABlockIsWaitedFor)
+{
+    talk it(with_fault("sahara.data-in=lost@2"));
+    it.heard();
+    it.say(hello_response);
+    EXPECT_EQ(it.say(to_octets("ab")), units{});
+    EXPECT_EQ(it.say(to_octets("cd")), units{});
+    EXPECT_EQ(it.say(to_octets("d")), (units{read_32(4, 4)}));
+}
+
+TEST(SaharaFault, SeveralLostBytes)
+{
+    talk it(with_fault("sahara.data-in=lost:3@1"));
+    it.heard();
+    it.say(hello_response);
+    it.say(to_octets("a"));
+    EXPECT_EQ(it.say(to_octets("xyzbc")), units{});
+    EXPECT_EQ(it.say(to_octets("d")), (units{read_32(4, 4)}));
+}
+
+TEST(SaharaFault, HangUpInsteadOfALateHelloIsLateToo)
+{
+    settings wanted;
+    wanted.faults = {planned("diag=late:700"), planned("sahara.hello=hangup")};
+    talk it(wanted);
+    it.say(octets{0x4B, 0x65, 0x01, 0x00, 0x54, 0x0F, 0x7E});
+    EXPECT_TRUE(it.hung_up);
+    EXPECT_EQ(it.last_delay_ms, 700U);
+}
+
 TEST(SaharaFault, LateRequest)
 {
     talk it(with_fault("sahara.read=late:600"));

@@ -202,3 +202,48 @@ def test_help_and_version():
     assert "--fault STEP=KIND[:VALUE][@N]" in done.stdout
     done = subprocess.run([SIM, "--version"], capture_output=True, text=True, timeout=5, check=True)
     assert done.stdout == "kestrel-sim 1.6.1-0\n"
+
+def test_record_holds_all_that_the_host_sends(tmp_path):
+    record = tmp_path / "record"
+    with Run("--record", str(record), "--start", "firehose", "--platform", "0") as run:
+        run.ask(FRAME % b'<nop value="ping"/>')
+        run.ask(FRAME % b'<power value="reset" DelayInSeconds="3"/>')
+        run.leave()
+    assert record.read_bytes() == FRAME % b'<nop value="ping"/>' + FRAME % b'<power value="reset" DelayInSeconds="3"/>'
+
+
+def test_record_holds_what_a_stalled_device_left_on_the_line(tmp_path):
+    record = tmp_path / "record"
+    fault = "firehose.data-in=stall@2"
+    line = FRAME % b'<program SECTOR_SIZE_IN_BYTES="8" num_partition_sectors="1"/>'
+    with Run("--record", str(record), "--start", "firehose", "--fault", fault) as run:
+        run.ask(line)
+        run.say(b"abcdefgh")
+        run.process.send_signal(signal.SIGTERM)
+        assert run.leave() == (0, "")
+    assert record.read_bytes() == line + b"abcdefgh"
+
+
+def test_bus_file_shows_the_device_until_it_leaves(tmp_path):
+    bus = tmp_path / "bus"
+    with Run("--bus", str(bus), "--programmer-size", "0") as run:
+        assert bus.read_text() == f"fff0:1001 {run.path}\n"
+        run.say(bytes.fromhex("4b650100540f7e"))
+        assert run.hear() == HELLO
+        assert bus.read_text() == f"05c6:9008 {run.path}\n"
+        run.ask(HELLO_RESPONSE)
+        run.ask(DONE)
+        run.ask(FRAME % b'<power value="reset" DelayInSeconds="3"/>')
+        run.leave()
+    assert not bus.exists()
+
+
+def test_switch_on_a_bus_loses_what_was_not_read(tmp_path):
+    with Run("--bus", str(tmp_path / "bus"), "--programmer-size", "0") as run:
+        run.say(b"ATE0\r" + bytes.fromhex("4b650100540f7e"))
+        assert run.hear() == HELLO
+
+
+def test_bus_file_that_cannot_be_written(tmp_path):
+    path = tmp_path / "none" / "bus"
+    assert refuse("--bus", str(path)) == (1, f"kestrel-sim: {path}: No such file or directory\n")

@@ -286,7 +286,7 @@ TEST(UsbOptions, ABadIdentifierIsRefused)
 TEST(UsbOptions, WhatOnlyOneFrontCanDoIsRefusedForTheOther)
 {
     EXPECT_EQ(parse({"--usb", "--link", "/tmp/modem"}).wrong,
-              "--link is for a pseudo-terminal, not for --usb");
+              "--link and --bus are for a pseudo-terminal, not for --usb");
     EXPECT_EQ(parse({"--fault", "firehose.data=halt"}).wrong, "the fault kind halt needs --usb");
     EXPECT_EQ(parse({"--usb", "--fault", "firehose.data=halt"}).wrong, "");
     EXPECT_EQ(parse({"--usb", "--fault", "firehose.data-in=halt@100"}).wrong, "");

@@ -652,6 +652,29 @@ TEST_F(Upload, Serves64BitRequests)
     EXPECT_EQ(result, 0);
 }
 
+// It has an id, and no offset or length of its own.
+TEST_F(Upload, A64BitRequestCutShortIsNotServedWithTheFieldsOfTheLastOne)
+{
+    const int result = run(0, [](pty &p) {
+        p.send(read64_2_3);
+        EXPECT_EQ(p.receive(3), "CDE");
+        p.send(read64_2_3.substr(0, 16));
+        EXPECT_EQ(p.receive_until_quiet(), "");
+    });
+    EXPECT_EQ(result, -110);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"error " + timed_out_unsigned});
+}
+
+TEST_F(Upload, AFirstRequestCutShortIsNotServedWithTheFieldsOfAnotherPacket)
+{
+    const int result = run(0, [](pty &p) {
+        deliver(p, bytes("63 00 00 00 14 00 00 00 00 00 00 00 04 00 00 00 04 00 00 00"));
+        p.send(read_0_4.substr(0, 8));
+        EXPECT_EQ(p.receive_until_quiet(), "");
+    });
+    EXPECT_EQ(result, -110);
+}
+
 TEST_F(Upload, RequestSizeStays32BytesAfterA64BitRequest)
 {
     const std::string id_3_fields_of_64_bits = bytes(
