@@ -1,8 +1,9 @@
 """One run with a fault, and the rescue after it."""
 import os
 import select
+import signal
 import time
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 from pathlib import Path
 
 import packages
@@ -70,6 +71,8 @@ class Result:
     was_right: bool  # after the run with the fault
     rescue: object = None  # the outcome of the recovery command, where the run failed or left something out
     rescued: bool = False
+    transcript: list = field(default_factory=list)
+    rescue_transcript: list = field(default_factory=list)
 
 
 def write_package(folder, platform):
@@ -124,6 +127,28 @@ def recover(walk, folder, flash, package):
     return outcome, outcome.status == 0 and outcome.out.endswith(good) and is_right(walk, outcome, flash)
 
 
+def interrupt(walk, folder, package, fault, event):
+    """A run whose modem says nothing any more, and a SIGINT from outside once the run waits for it."""
+    with Modem(folder, folder / 'flash', walk.begin, [*walk.modem, '--fault', fault]) as modem:
+        env = {**ENVIRONMENT, 'KESTREL_BUS': os.fspath(modem.bus)}
+        updater = start(HASTY, package, *arguments_of(walk, modem.port), env=env)
+        end = time.monotonic() + 20
+        while time.monotonic() < end and not (event in (folder / 'transcript').read_text() and is_asleep(updater.pid)):
+            time.sleep(0.002)
+        updater.send_signal(signal.SIGINT)
+        outcome = finish(updater, LIMIT)
+        modem.leave()
+        return outcome, modem.received()
+
+
+def is_asleep(pid):
+    return Path(f'/proc/{pid}/stat').read_text().rpartition(')')[2].split()[0] == 'S'
+
+
+def transcript(folder):
+    return [line[:200] for line in (folder / 'transcript').read_text().splitlines()]
+
+
 def run(walk, folder, package, options=(), strike=''):
     """A run with options that make the modem fail and a strike at the program, and a rescue unless it did its work."""
     flash = folder / 'flash'
@@ -132,8 +157,10 @@ def run(walk, folder, package, options=(), strike=''):
         modem.leave()
         right = is_right(walk, outcome, flash)
         result = Result(outcome, modem.port, modem.received(), flash, package, right)
+    result.transcript = transcript(folder)
     if outcome.status != 0 or not right:
         rescue_folder = folder / 'rescue'
         rescue_folder.mkdir()
         result.rescue, result.rescued = recover(walk, rescue_folder, flash, package)
+        result.rescue_transcript = transcript(rescue_folder)
     return result

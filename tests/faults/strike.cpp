@@ -1,6 +1,7 @@
 // Stands in front of write(2) and poll(2), by the linker's --wrap.
 #include "strike.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -8,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <poll.h>
 #include <unistd.h>
 
@@ -85,15 +87,30 @@ strike_plan &plan()
     return only;
 }
 
-// A pseudo-terminal sometimes does not wake a writer when its buffer is freed: it is looked at again.
-int poll_for_room(pollfd *watched, int timeout_ms)
+int64_t now_ms()
 {
-    constexpr int look_again_ms = 20;
-    int ready = __real_poll(watched, 1, 0);
-    for (int waited = 0; ready == 0 && waited < timeout_ms; waited += look_again_ms)
-        ready = __real_poll(watched, 1,
-                            timeout_ms - waited < look_again_ms ? timeout_ms - waited : look_again_ms);
-    return ready;
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+// Waits in short pieces. A pseudo-terminal sometimes does not wake a writer when its buffer is freed; and
+// time in which the whole machine stood still, the modem with it, is no time that the modem was silent.
+int poll_port(pollfd *watched, int timeout_ms)
+{
+    constexpr int64_t piece_ms = 10;
+    constexpr int64_t standstill_ms = 20;
+    int64_t end = now_ms() + timeout_ms;
+    for (;;) {
+        const int64_t begun = now_ms();
+        const int64_t piece = std::clamp<int64_t>(end - begun, 0, piece_ms);
+        const int ready = __real_poll(watched, 1, static_cast<int>(piece));
+        const int64_t lost = now_ms() - begun - piece;
+        if (lost > standstill_ms)
+            end += lost;
+        if (ready != 0 || now_ms() >= end)
+            return ready;
+    }
 }
 
 } // namespace
@@ -122,12 +139,11 @@ int __wrap_poll(pollfd *watched, nfds_t count, int timeout_ms)
 {
     strike_plan &planned = plan();
     const bool is_port = count == 1 && isatty(watched->fd) != 0;
-    if (is_port && watched->events == POLLOUT)
-        return poll_for_room(watched, timeout_ms);
-    const bool waits_for_input = is_port && (watched->events & POLLIN) != 0;
-    if (!waits_for_input || planned.kind != what::signal_wait || planned.written != planned.offset ||
-        planned.times == 0 || --planned.times != 0)
+    if (!is_port)
         return __real_poll(watched, count, timeout_ms);
+    if (watched->events != POLLIN || planned.kind != what::signal_wait || planned.written != planned.offset ||
+        planned.times == 0 || --planned.times != 0)
+        return poll_port(watched, timeout_ms);
     raise(planned.number);
     errno = EINTR;
     return -1;

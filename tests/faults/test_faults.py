@@ -7,11 +7,11 @@ from pathlib import Path
 import pytest
 
 import table
-from conversation import WALKS
+from conversation import POWER, WALKS
 from harness import COMPLETED
-from runner import OTP_READ, ms, run, write_package
+from runner import OTP_READ, interrupt, run, write_package
 
-WORKERS = int(os.environ.get('KESTREL_FAULT_WORKERS', '64'))  # the cases mostly wait
+WORKERS = int(os.environ.get('KESTREL_FAULT_WORKERS', '64'))
 SLACK = 6  # seconds that a busy machine may add to a run
 
 CASES = {case.name: case for case in table.cases()}
@@ -84,14 +84,15 @@ def shown(received, expected):
 def test_fault(name, results):
     case, result = CASES[name], results[name].result(timeout=600)
     found = [differences(case, result, expected) for expected in case.outcomes]
-    assert [] in found, found
+    assert [] in found, '\n'.join([str(found), *result.transcript])
     assert 'Sanitizer' not in result.outcome.err and 'runtime error' not in result.outcome.err
 
 
 @pytest.mark.parametrize('name', CASES)
 def test_rescue(name, results):
     result = results[name].result(timeout=600)
-    assert result.rescue is None or result.rescued, (result.rescue.status, result.rescue.out, result.rescue.err)
+    assert result.rescue is None or result.rescued, '\n'.join(
+        [str((result.rescue.status, result.rescue.out, result.rescue.err)), *result.rescue_transcript])
 
 
 @pytest.mark.parametrize('walk', WALKS)
@@ -100,6 +101,23 @@ def test_walk_without_fault(walk, packages_of, tmp_path):
     result = run(walk, tmp_path, packages_of[walk.platform])
     assert (result.outcome.status, result.outcome.err, result.was_right) == (0, '', True)
     assert result.received == walk.said()
+
+
+# walk, what makes the modem silent, the mark of the wait in its transcript: exit status, what the modem received last
+WAITS = {
+    'a mute modem': ('forced', 'at.ATE0=silence', '"fault":"silence"', 131, b'ATE0\r'),
+    'no download device': ('usb', 'diag=skip', '"step":"diag"', 131, bytes.fromhex('4b650100540f7e')),
+    'a silent programmer': ('serial', 'firehose.nop=silence', '"fault":"silence"', 154, POWER),
+}
+
+
+@pytest.mark.parametrize('name', WAITS)
+def test_interrupt_ends_the_wait_for(name, packages_of, tmp_path):
+    walk, fault, mark, status, last = WAITS[name]
+    outcome, received = interrupt(WALKS[walk], tmp_path, packages_of[1], fault, mark)
+    assert outcome.status == status
+    assert received.endswith(last)
+    assert outcome.seconds < SLACK
 
 
 def test_figures(results, capsys):
