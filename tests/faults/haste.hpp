@@ -1,5 +1,5 @@
-// What the waits of kestrel-hasty are divided by: the short ones by little, so that a busy machine does not make an
-// answer of the simulated modem later than they are long, the long ones by more.
+// What the waits of kestrel-hasty are divided by: the short ones by little, so that a busy machine does not
+// make an answer of the simulated modem later than they are long, the long ones by more.
 #pragma once
 
 constexpr unsigned haste(unsigned shipped_ms)

@@ -28,8 +28,9 @@ class Modem:
     def __init__(self, folder, flash, begin, options):
         self.folder = folder
         self.bus = folder / 'bus'
-        self.command = [KESTREL_SIM, '--start', begin, '--flash', flash, '--record', folder / 'record', '--bus', self.bus,
-                        '--transcript', folder / 'transcript', '--timeout', '120', '--linger', '60000', *options]
+        self.command = [KESTREL_SIM, '--start', begin, '--flash', flash, '--record', folder / 'record',
+                        '--bus', self.bus, '--transcript', folder / 'transcript', '--timeout', '120',
+                        '--linger', '60000', *options]
         self.process = None
         self.port = ''
         self.hold = -1

@@ -15,9 +15,10 @@ Some rows look odd and are as they have to be:
 """
 from dataclasses import dataclass, replace
 
-from conversation import (BLOCKS, DONE, ENTER_DOWNLOAD, HELLO_RESPONSE, POWER, PROGRAMMER, RESET, STATE_RESET, Hear, Say,
-                          WALKS)
-from firehose_texts import COMMAND_FAILED, CONFIG_FAILED, ERASE_REQUEST, HUNG_UP, NAK_TEXT, NOP, NOP_FAILED, binary_failed
+from conversation import (BLOCKS, DONE, ENTER_DOWNLOAD, HELLO_RESPONSE, POWER, PROGRAMMER, RESET, STATE_RESET, WALKS,
+                          Hear, Say)
+from firehose_texts import (COMMAND_FAILED, CONFIG_FAILED, ERASE_REQUEST, HUNG_UP, NAK_TEXT, NOP, NOP_FAILED,
+                            binary_failed)
 from harness import FAILED, FIREHOSE_FAILED
 from runner import ms
 
@@ -748,7 +749,8 @@ OF_KIND = {
     'log of otp': logs, 'log of reset': reset_answers, 'reset': reset_answers, 'target': reset_answers,
 }
 SAID_OF_KIND = {
-    'at': at_commands, 'diag': diag, 'enter': enter, 'hello response': hello_response, 'block': block_rows, 'done': done_rows,
+    'at': at_commands, 'diag': diag, 'enter': enter, 'hello response': hello_response, 'block': block_rows,
+    'done': done_rows,
     'nop': requests, 'configure': requests, 'erase': requests, 'program': requests, 'otp': requests,
     'power': requests, 'data': data_piece,
 }
