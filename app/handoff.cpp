@@ -105,6 +105,12 @@ static int scan_download_device(modem *modems, uint8_t max_modems)
     return CORE_OK;
 }
 
+// A PCIe modem has one identifier: it may have restarted, but not into download mode yet.
+static bool is_still_in_normal_mode(const modem *m)
+{
+    return m->is_pcie && find_port(m, PORT_FIRMWARE_UPDATE) == nullptr;
+}
+
 static int wait_for_download_device(modem *modems, uint8_t max_modems)
 {
     core_usb_event event{};
@@ -120,8 +126,12 @@ static int wait_for_download_device(modem *modems, uint8_t max_modems)
             log_as(hand_off_function, CORE_LOG_ERR, "failed listening on the USB bus");
             return err;
         }
-    } while (event.removed);
-    return scan_download_device(modems, max_modems);
+        if (event.removed)
+            continue;
+        if (const int scan_err = scan_download_device(modems, max_modems); scan_err != CORE_OK)
+            return scan_err;
+    } while (event.removed || is_still_in_normal_mode(&modems[0]));
+    return CORE_OK;
 }
 
 // A modem that was told to restart into download mode is asked again until it is there.
@@ -145,6 +155,23 @@ static int write_images(const modem *m)
     if (err != CORE_OK)
         log_as(hand_off_function, CORE_LOG_ERR, "unable to update the modem through FIREHOSE");
     return err;
+}
+
+int refuse_download_devices()
+{
+    static core_device_info devices[MAX_MODEM_NUMBER];
+    size_t found = MAX_MODEM_NUMBER;
+    if (core_device_enumerate(download_mode_list.ids, download_mode_list.count, devices, &found) != CORE_OK)
+        return CORE_OK;
+    for (size_t i = 0; i < found; ++i) {
+        core_usb_id id{};
+        if (!core_usb_id_from_str(&id, devices[i].vid, devices[i].pid) || !is_download_mode_modem(&id))
+            continue; // a PCIe modem, whose identifier is always the same
+        log_err("%s is in download mode already: use --skip-enter-qdl, or keep a single modem attached",
+                devices[i].path);
+        return CORE_EINVAL;
+    }
+    return CORE_OK;
 }
 
 bool uploads_programmer(const modem *m, bool already_in_qdl)

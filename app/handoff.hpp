@@ -12,6 +12,9 @@
 
 // 0; the first failure of a stage; CORE_ENOTSUPPORTED when no download device came; CORE_ECANCELED.
 int hand_off(modem *modems, uint8_t max_modems, bool already_in_qdl);
+// Asked before a modem on a given port is switched: what is in download mode then would be taken for the one
+// that comes back. 0, also where the platform cannot tell, or CORE_EINVAL (logged).
+int refuse_download_devices();
 // Whether the hand-off of this modem will upload the package's programmer, as far as can be told before it.
 bool uploads_programmer(const modem *m, bool already_in_qdl);
 // Switches a PCIe modem through the kernel's MHI attribute. 0, also for a port name that does not tell which

@@ -115,6 +115,10 @@ static int refuse_several_modems(const modem *modems, uint8_t max_modems, const 
 int update_with_port(modem *modems, uint8_t max_modems, bool skip_enter_qdl, const char *port)
 {
     prepare_port_modem(&modems[0], skip_enter_qdl, port);
+    if (!skip_enter_qdl) {
+        if (const int err = refuse_download_devices(); err != CORE_OK)
+            return err;
+    }
     return start_update_procedure(modems, max_modems, skip_enter_qdl);
 }
 

@@ -66,17 +66,12 @@ bool find_removal(core_known_devices *known, const wanted_devices &wanted, core_
     return false;
 }
 
-// A PCIe modem keeps its place on the bus when it restarts: it comes anew with its ports. The one that a run
-// with a given port has just told to restart has not been enumerated, and may still show the ports it had.
-bool has_arrived(const core_sysfs_device &device, core_known_devices *known)
+// A PCIe modem keeps its place on the bus when it restarts: it comes anew with its ports.
+bool is_arrival(const core_sysfs_device &device, core_known_devices *known)
 {
     const core_sysfs_device *const before = find_known(known, device.path);
     if (!device.is_pcie)
         return before == nullptr;
-    if (before == nullptr && !known->enumerated && !known->looked && !device.has_firehose_port) {
-        core_know_device(known, device);
-        return false;
-    }
     return device.incarnation != 0 && (before == nullptr || before->incarnation != device.incarnation);
 }
 
@@ -94,16 +89,14 @@ bool find_arrival(const char *sys, core_known_devices *known, const wanted_devic
 {
     static core_sysfs_device present[max_present];
     const size_t count = core_sysfs_find_devices(sys, is_wanted, &wanted, present, max_present);
-    bool found = false;
-    for (size_t i = 0; i < count && !found; ++i) {
-        if (!has_arrived(present[i], known) || !await_interfaces(present[i]))
+    for (size_t i = 0; i < count; ++i) {
+        if (!is_arrival(present[i], known) || !await_interfaces(present[i]))
             continue;
         core_know_device(known, present[i]);
         describe(present[i], false, event);
-        found = true;
+        return true;
     }
-    known->looked = true;
-    return found;
+    return false;
 }
 
 } // namespace

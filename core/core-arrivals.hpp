@@ -12,8 +12,6 @@ struct core_known_devices {
     static constexpr size_t room = 64;
     core_sysfs_device devices[room];
     size_t count;
-    bool enumerated; // the program has asked for an enumeration
-    bool looked;     // and has listened
 };
 
 // The program is told of the device, or of what has become of it.

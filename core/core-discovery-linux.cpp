@@ -63,7 +63,6 @@ int core_discovery_enumerate(core_discovery *discovery, const core_usb_id *ids, 
     const size_t room = std::min(*size, max_found);
     const size_t present = core_sysfs_find_devices(roots.sys, is_one_of, &wanted, found, room);
     *size = 0;
-    discovery->known->enumerated = true;
     for (size_t i = 0; i < present; ++i) {
         if (!core_sysfs_describe(roots.sys, &found[i], &devices[*size]))
             continue;

@@ -131,6 +131,14 @@ def given_port(folder):
     return with_modem(folder, tree, '--port', '/dev/ttyUSB0', '--force', meanwhile=restart, until='sahara')
 
 
+def given_port_beside_another(folder):
+    """The port is given by hand, and another modem waits for a programmer."""
+    tree = fake_tree.FakeTree(folder)
+    tree.attach_usb('1-2', 'fff0', '1001', PORTS)
+    tree.attach_usb('1-7', '05c6', '9008', {'00': 'ttyUSB7'}, number=7)
+    return with_modem(folder, tree, '--port', '/dev/ttyUSB0', '--force')
+
+
 def download_mode(folder, *arguments, **options):
     tree = fake_tree.FakeTree(folder)
     tree.attach_usb('1-2', '05c6', '9008', {'00': 'ttyUSB2'})
@@ -229,6 +237,7 @@ CASES = {
     'late port': late_port,
     'whole': whole,
     'given port': given_port,
+    'given port, two': given_port_beside_another,
     'download': download_mode,
     'download, forced': lambda folder: download_mode(folder, '--force'),
     'arriving': arriving,
@@ -326,6 +335,14 @@ def test_download_device_is_found_and_gets_the_programmer(case, result_of):
 def test_download_device_is_left_alone_without_force(result_of):
     done = result_of('download')
     assert (done.outcome.status, done.outcome.out, done.outcome.err) == (0, VERSION + COMPLETED, NO_FORCE)
+    assert done.received() == []
+
+
+def test_modem_in_download_mode_does_not_get_the_programmer_of_another(result_of):
+    done = result_of('given port, two')
+    assert (done.outcome.status, done.outcome.out) == (234, VERSION)
+    assert done.outcome.err == (DEV_PATH.replace('1-2', '1-7') + ' is in download mode already: use --skip-enter-qdl, '
+                                'or keep a single modem attached\n' + FAILED)
     assert done.received() == []
 
 

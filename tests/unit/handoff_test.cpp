@@ -474,6 +474,17 @@ TEST_F(DownloadDeviceEvent, OfAPcieModemLeadsStraightToFirehose)
     EXPECT_FALSE(logged_from("../sahara.c"));
 }
 
+TEST_F(DownloadDeviceEvent, OfAPcieModemInNormalModeIsNotTheOne)
+{
+    event(arrival());
+    scan_finds({make_device("17cb", "011a", {{"/nonexistent/at0", ""}, {"/nonexistent/at1", ""}})});
+    event(arrival());
+    scan_finds({make_device("17cb", "011a", {{"/nonexistent/firehose0", ""}})});
+    EXPECT_EQ(run(), -2); // the port that Firehose opens does not exist
+    EXPECT_EQ(discovery.listened, (std::vector<int>{30000, 30000}));
+    EXPECT_EQ(driver_texts(CORE_LOG_ERR), texts{no_writing});
+}
+
 TEST_F(DownloadDeviceEvent, IsIgnoredAfterAnInterrupt)
 {
     discovery.events.push_back(

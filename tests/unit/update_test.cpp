@@ -755,6 +755,7 @@ TEST_F(Listening, ClosesTheLogFileAfterAnInterrupt)
 
 TEST_F(UpdateWithPort, IsRefusedWithoutForceBecauseNoVersionIsKnown)
 {
+    discovery.enumerations.push_back({.result = -100, .devices = {}});
     give_package();
     EXPECT_EQ(update_with_port(modems, 8, false, "/nonexistent/port"), -22);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"unable to get the package version of the modem"});
@@ -762,6 +763,7 @@ TEST_F(UpdateWithPort, IsRefusedWithoutForceBecauseNoVersionIsKnown)
 
 TEST_F(UpdateWithPort, IsForcedWithoutProbing)
 {
+    discovery.enumerations.push_back({.result = -100, .devices = {}});
     give_package();
     options.force = true;
     options.dry_run = true;
@@ -772,6 +774,7 @@ TEST_F(UpdateWithPort, IsForcedWithoutProbing)
 
 TEST_F(UpdateWithPort, SwitchesTheModemOverItsPort)
 {
+    discovery.enumerations.push_back({.result = -100, .devices = {}});
     pty port;
     give_package();
     options.force = true;
@@ -779,6 +782,33 @@ TEST_F(UpdateWithPort, SwitchesTheModemOverItsPort)
     EXPECT_EQ(update_with_port(modems, 8, false, port.path().c_str()), 0);
     EXPECT_EQ(port.receive_until_quiet(), std::string("\x4B\x65\x01\x00\x54\x0F\x7E", 7));
     EXPECT_EQ(log.texts(CORE_LOG_INF), texts{"Entered QDL mode, stopping"});
+}
+
+// It would be taken for the modem that comes back from the switch, and get the programmer.
+TEST_F(UpdateWithPort, RefusesAnyModemThatIsInDownloadModeAlready)
+{
+    pty port;
+    give_package();
+    options.force = true;
+    core_device_info other = make_device("05c6", "9008", {{"/dev/ttyUSB7", "00"}});
+    strlcpy(other.path, "/sys/devices/1-7", sizeof other.path);
+    discovery.enumerations.push_back({.result = 0, .devices = {other}});
+    EXPECT_EQ(update_with_port(modems, 8, false, port.path().c_str()), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"/sys/devices/1-7 is in download mode already: use "
+                                             "--skip-enter-qdl, or keep a single modem attached"});
+    EXPECT_EQ(port.receive_until_quiet(), "");
+}
+
+// Its identifier does not tell its mode: it is the modem of the port.
+TEST_F(UpdateWithPort, DoesNotRefuseAPcieModem)
+{
+    pty port;
+    give_package();
+    options.force = true;
+    options.enter_qdl = true;
+    discovery.enumerations.push_back(
+        {.result = 0, .devices = {make_device("17cb", "0309", {{"/dev/wwan0at0", ""}})}});
+    EXPECT_EQ(update_with_port(modems, 8, false, port.path().c_str()), 0);
 }
 
 TEST_F(UpdateWithPort, TakesTheModemAsInDownloadModeWhenTheSwitchIsSkipped)
@@ -832,6 +862,7 @@ TEST_F(UpdateProcedure, ChecksTheProgrammerInADryRunToo)
 
 TEST_F(UpdateProcedure, NeedsNoProgrammerToStopInDownloadMode)
 {
+    discovery.enumerations.push_back({.result = -100, .devices = {}});
     pty port;
     give_package();
     std::filesystem::remove(dir.at("programmer.mbn"));
