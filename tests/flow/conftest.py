@@ -6,7 +6,7 @@ import pytest
 
 import packages
 
-WORKERS = 8  # the cases mostly wait
+WORKERS = 8  # the cases mostly wait; a module may have a number of its own
 
 
 def pytest_configure():
@@ -27,7 +27,7 @@ def no_process_is_left():
 def result_of(request, tmp_path_factory):
     """Runs all cases of the module's table CASES (name: function of a folder) at the same time, and tells the
     result of one. A case that raises fails the tests that ask for its result."""
-    with ThreadPoolExecutor(WORKERS) as pool:
+    with ThreadPoolExecutor(getattr(request.module, 'WORKERS', WORKERS)) as pool:
         running = {name: pool.submit(case, tmp_path_factory.mktemp(name))
                    for name, case in request.module.CASES.items()}
         yield lambda name: running[name].result(timeout=180)

@@ -9,6 +9,7 @@ import select
 import shutil
 import signal
 import subprocess
+import threading
 import time
 from dataclasses import dataclass, field
 from pathlib import Path
@@ -47,9 +48,22 @@ class Outcome:
         return self.raw_err.decode()
 
 
+class Watched(threading.local):
+    """A command that is to execute every updater that this thread starts."""
+    by = ()
+
+
+WATCHED = Watched()
+
+
 def start(*command, env=None):
-    return subprocess.Popen(DIE_WITH_US + [os.fspath(part) for part in command], stdin=subprocess.DEVNULL,
-                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=env)
+    parts = [os.fspath(part) for part in command]
+    for program in filter(None, (KESTREL, KESTREL_DISCOVERING)):
+        if program in parts:
+            at = parts.index(program)
+            parts[at:at] = WATCHED.by
+    return subprocess.Popen(DIE_WITH_US + parts, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                            stderr=subprocess.PIPE, env=env)
 
 
 def stop(process):
