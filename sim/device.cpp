@@ -57,6 +57,7 @@ uint64_t device::input_limit() const
 void device::receive(view bytes)
 {
     log_.record(bytes);
+    out_.release();
     while (!bytes.empty() && !ended()) {
         const size_t used = engine_->receive(bytes);
         if (engine_->state() == progress::busy && engine_->input_limit() == 0)

@@ -15,7 +15,7 @@ struct kind_row {
     wants number;
 };
 
-static constexpr std::array<kind_row, 19> kinds = {{
+static constexpr std::array<kind_row, 20> kinds = {{
     {"silence", fault_kind::silence, wants::nothing}, {"skip", fault_kind::skip, wants::nothing},
     {"nak", fault_kind::nak, wants::nothing},         {"garbage", fault_kind::garbage, wants::nothing},
     {"hangup", fault_kind::hangup, wants::nothing},   {"truncate", fault_kind::truncate, wants::may_have},
@@ -25,7 +25,7 @@ static constexpr std::array<kind_row, 19> kinds = {{
     {"glue", fault_kind::glue, wants::nothing},       {"wrong", fault_kind::wrong, wants::nothing},
     {"length", fault_kind::length, wants::value},     {"offset", fault_kind::offset, wants::value},
     {"bytes", fault_kind::bytes, wants::value},       {"lost", fault_kind::lost, wants::may_have},
-    {"garbled", fault_kind::garbled, wants::nothing},
+    {"garbled", fault_kind::garbled, wants::nothing}, {"overdue", fault_kind::overdue, wants::nothing},
 }};
 
 static constexpr unsigned bit(fault_kind kind)
@@ -35,9 +35,10 @@ static constexpr unsigned bit(fault_kind kind)
 
 static constexpr unsigned no_answer =
     bit(fault_kind::silence) | bit(fault_kind::skip) | bit(fault_kind::hangup) | bit(fault_kind::late);
-static constexpr unsigned any_message =
-    no_answer | bit(fault_kind::halt) | bit(fault_kind::garbage) | bit(fault_kind::truncate) |
-    bit(fault_kind::repeat) | bit(fault_kind::split) | bit(fault_kind::twice) | bit(fault_kind::glue);
+static constexpr unsigned any_message = no_answer | bit(fault_kind::halt) | bit(fault_kind::garbage) |
+                                        bit(fault_kind::truncate) | bit(fault_kind::repeat) |
+                                        bit(fault_kind::split) | bit(fault_kind::twice) |
+                                        bit(fault_kind::glue) | bit(fault_kind::overdue);
 static constexpr unsigned any_answer = any_message | bit(fault_kind::nak) | bit(fault_kind::wrong);
 static constexpr unsigned packet = any_message | bit(fault_kind::wrong) | bit(fault_kind::length);
 static constexpr unsigned read_packet = packet | bit(fault_kind::offset) | bit(fault_kind::bytes);

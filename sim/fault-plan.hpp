@@ -38,6 +38,7 @@ enum class fault_kind {
     bytes,
     lost,
     garbled,
+    overdue,
 };
 
 struct fault {

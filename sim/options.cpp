@@ -294,6 +294,7 @@ A fault strikes when the device is about to take STEP for the N-th time
             skip        this message is not sent
             garbage     16 bytes that mean nothing instead
             truncate    half the message; truncate:BYTES: its first bytes
+            overdue     the message only when the host has sent something more
             split       every byte by itself
             repeat      the message twice
             twice       the message twice, in one write

@@ -85,9 +85,12 @@ posted outbox::send_changed(const message &it, const fault &what)
         return posted::whole;
     }
     case fault_kind::glue:
+    case fault_kind::overdue:
         queue(it, it.bytes);
-        if (!queue_.empty())
-            queue_.back().glued = true;
+        if (!queue_.empty()) {
+            queue_.back().glued = what.kind == fault_kind::glue;
+            queue_.back().held = what.kind == fault_kind::overdue;
+        }
         return posted::whole;
     case fault_kind::wrong:
         queue_other(it, "wrong", it.wrong);

@@ -72,7 +72,15 @@ class outbox {
         std::erase_if(queue_, [stage](const entry &it) { return it.stage != stage; });
     }
 
-    bool empty() const { return queue_.empty(); }
+    // The host has sent something: what was held back for that may go.
+    void release()
+    {
+        for (entry &it : queue_)
+            it.held = false;
+    }
+
+    // Nothing is to be sent, or not yet.
+    bool empty() const { return queue_.empty() || queue_.front().held; }
     // Whether the next unit is something else than bytes. Only when not empty.
     bool is_event() const { return queue_.front().is_event(); }
     // The delay of the next unit. Only when not empty.
@@ -89,6 +97,7 @@ class outbox {
         uint32_t delay_ms = 0;
         size_t total = 0;   // length of the whole message; 0: already in the transcript, or an event
         bool glued = false; // goes out together with the next one
+        bool held = false;  // until the host sends something
 
         bool is_event() const { return unit.hang_up || unit.halt_in || unit.halt_out; }
     };

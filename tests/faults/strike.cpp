@@ -1,6 +1,8 @@
 // Stands in front of write(2) and poll(2), by the linker's --wrap.
 #include "strike.hpp"
 
+#include "canary.hpp"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -95,22 +97,23 @@ int64_t now_ms()
 }
 
 // Waits in short pieces. A pseudo-terminal sometimes does not wake a writer when its buffer is freed; and
-// time in which the whole machine stood still, the modem with it, is no time that the modem was silent.
+// time in which the machine stood still, or the kernel passed nothing on, is no time that the modem was
+// silent.
 int poll_port(pollfd *watched, int timeout_ms)
 {
-    constexpr int64_t piece_ms = 10;
+    constexpr int piece_ms = 20;
     constexpr int64_t standstill_ms = 20;
-    int64_t end = now_ms() + timeout_ms;
-    for (;;) {
+    static canary bird;
+    int ready = __real_poll(watched, 1, 0);
+    for (int left = timeout_ms; ready == 0 && left > 0;) {
+        const int piece = std::min(left, piece_ms);
         const int64_t begun = now_ms();
-        const int64_t piece = std::clamp<int64_t>(end - begun, 0, piece_ms);
-        const int ready = __real_poll(watched, 1, static_cast<int>(piece));
-        const int64_t lost = now_ms() - begun - piece;
-        if (lost > standstill_ms)
-            end += lost;
-        if (ready != 0 || now_ms() >= end)
-            return ready;
+        bird.send();
+        ready = __real_poll(watched, 1, piece);
+        if (bird.has_arrived() && now_ms() - begun <= piece + standstill_ms)
+            left -= piece;
     }
+    return ready;
 }
 
 } // namespace

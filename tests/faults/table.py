@@ -213,10 +213,9 @@ def diag(place):
 
 # Sahara
 
-def late(wait, inside, outside, before=0, behind=0):
-    """An answer at half of the time that it has, and half as long after it."""
-    half = ms(wait) // 2
-    return {f'late:{ms(before) + half}': inside, f'late:{ms(before) + ms(wait) + ms(behind) + half}': outside}
+def late(wait, inside, outside, before=0):
+    """An answer at half of the time that it has, and one that comes as soon as it was given up."""
+    return {f'late:{ms(before) + ms(wait) // 2}': inside, 'overdue': outside}
 
 
 def upload_failed(place, status, cause, *more, ms=2000):
@@ -263,8 +262,7 @@ def hello(place):
         'twice': unasked if zero else asked,
         'repeat': place.goes_on(),
         **late(3000, place.goes_on(ms=3000),
-               upload_failed(place, 146, TIMED_OUT, HELLO_RESPONSE, ms=9000) if zero else asked,
-               before=500, behind=500),  # after the wait for a request too, which platform 0 goes on to
+               unasked if zero else asked, before=500),  # a HELLO too many is none of the requests
         # An error of the first read is met by the one state reset as well, but on platform 0.
         'WAIT': (place.stops(252, 'error -4\n' + NO_HANDSHAKE + NOT_SENT, RESET, ms=2000) if zero else
                  place.goes_on('error -4\n', STATE_RESET, ms=2000)),

@@ -406,6 +406,14 @@ TEST(SaharaFault, HangUpInsteadOfALateHelloIsLateToo)
     EXPECT_EQ(it.last_delay_ms, 700U);
 }
 
+TEST(SaharaFault, OverdueRequestWaitsForTheHost)
+{
+    talk it(with_fault("sahara.read=overdue"));
+    it.heard();
+    EXPECT_EQ(it.say(hello_response), units{});
+    EXPECT_EQ(it.say(to_octets("a")), (units{read_32(0, 4)}));
+}
+
 TEST(SaharaFault, LateRequest)
 {
     talk it(with_fault("sahara.read=late:600"));
