@@ -330,6 +330,11 @@ struct number_row {
     octets packet;
 };
 
+void PrintTo(const number_row &row, std::ostream *out)
+{
+    *out << row.fault;
+}
+
 class SaharaNumber : public testing::TestWithParam<number_row> {};
 
 TEST_P(SaharaNumber, FieldSaysWhatIsPlanned)
