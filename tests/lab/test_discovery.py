@@ -102,7 +102,7 @@ def test_waits_for_a_modem_whatever_else_is_plugged_in(tmp_path, package):
             outcome = harness.finish(process, 60)
             assert outcome.status == 0
             assert outcome.out.count(f'device FFF0:1001, type add, path {os.path.realpath(modem.place)}') == 1
-            assert '7777' not in outcome.out
+            assert 'FFF0:7777' not in outcome.out
     finally:
         harness.stop(process)
 
