@@ -99,6 +99,7 @@ std::vector<fuzz_peer::burst> fuzz_peer::bursts() const
 {
     std::vector<burst> all;
     bool open_burst = false;
+    unsigned failures = 0;
     for (size_t i = 0; i < events_.size(); ++i) {
         const peer_event &event = events_[i];
         if (event.what == peer_event::sent) {
@@ -108,7 +109,7 @@ std::vector<fuzz_peer::burst> fuzz_peer::bursts() const
                 all.push_back({{}, i});
             all.back().bytes += event.bytes;
             open_burst = true;
-        } else if (event.what != peer_event::send_failed) {
+        } else if (event.what != peer_event::send_failed || ++failures == spell) {
             open_burst = false;
         }
     }

@@ -58,7 +58,8 @@ class fuzz_peer {
     const std::vector<peer_event> &events() const { return events_; }
     // All that was taken from the code under test.
     std::string written() const;
-    // What was taken between two events of another kind. A write that failed with EAGAIN does not part two.
+    // What was taken between two events of another kind. A write that failed with EAGAIN does not part two,
+    // but as many as are tried do.
     struct burst {
         std::string bytes;
         size_t first_event; // its index: what was received before lies in front of it
