@@ -89,8 +89,27 @@ bool is_comment(line_type type)
     return type == LINE_COMMENT || type == LINE_COMMENT_START || type == LINE_COMMENT_END;
 }
 
-// The first line is the declaration, whatever it holds, and each other one is a command: what goes on in the
-// next line, or shares its line with another, would be skipped or sent without its data.
+// Each line is one command: what goes on in the next line, or shares its line with another, would be skipped
+// or sent without its data, and what does not fit its record would be sent in part.
+int check_line(const char *line, line_type type, const char *path)
+{
+    constexpr size_t longest = sizeof image::command - 1;
+    if (count_flash_commands(line) > (type == LINE_COMMAND && !goes_on(line) ? 1 : 0)) {
+        log_as(check_function, CORE_LOG_ERR, "command without a line of its own in %s: %.60s", path, line);
+        return CORE_EINVAL;
+    }
+    size_t length = strlen(line);
+    while (length > 0 && is_blank(line[length - 1]))
+        --length;
+    if (type == LINE_COMMAND && length > longest) {
+        log_as(check_function, CORE_LOG_ERR, "command of more than %zu characters in %s: %.60s...", longest,
+               path, line);
+        return CORE_EINVAL;
+    }
+    return CORE_OK;
+}
+
+// The first line is the declaration, whatever it holds.
 int check_lines(const char *path)
 {
     const owned_stream file(core_file_open_stream(path));
@@ -106,12 +125,8 @@ int check_lines(const char *path)
         if (line[0] == '\0')
             continue;
         const line_type type = is_declaration ? LINE_OTHER : get_line_type(line, in_comment);
-        const int allowed = type == LINE_COMMAND && !goes_on(line) ? 1 : 0;
-        if (!in_comment && !is_comment(type) && count_flash_commands(line) > allowed) {
-            log_as(check_function, CORE_LOG_ERR, "command without a line of its own in %s: %.60s", path,
-                   line);
-            err = CORE_EINVAL;
-        }
+        if (!in_comment && !is_comment(type))
+            err = check_line(line, type, path);
         if (type == LINE_COMMENT_START || type == LINE_COMMENT_END)
             in_comment = type == LINE_COMMENT_START;
         is_declaration = false;
@@ -175,16 +190,6 @@ int check_texts_and_names(const image_list *package)
     return check_names(package, strlen(directory));
 }
 
-bool is_cut(const image *img)
-{
-    size_t length = strlen(img->command);
-    if (length < sizeof img->command - 1)
-        return false;
-    while (length > 0 && is_blank(img->command[length - 1]))
-        --length;
-    return length == 0 || img->command[length - 1] != '>';
-}
-
 // True when the line has an attribute of just this name, however it is written, with a value that is not
 // empty.
 bool names_a_file(const char *line)
@@ -205,11 +210,6 @@ bool names_a_file(const char *line)
 
 int check_command(const image *img, const char *path)
 {
-    if (is_cut(img)) {
-        log_as(check_function, CORE_LOG_ERR, "command of more than %zu characters in %s: %.60s...",
-               sizeof img->command - 1, path, img->command);
-        return CORE_EINVAL;
-    }
     if (img->filename[0] == '\0' && contains(img->command, "<program ") && names_a_file(img->command)) {
         log_as(check_function, CORE_LOG_ERR, "file name cannot be read in %s: %s", path, img->command);
         return CORE_EINVAL;
@@ -224,21 +224,23 @@ int check_command(const image *img, const char *path)
     return CORE_OK;
 }
 
-int check_commands(const image_list *package, bool may_be_empty)
+int check_commands(const image_list *package)
 {
-    bool is_empty = true;
     for (uint32_t i = 0; i < package->image_count; ++i) {
         if (is_empty_image(&package->images[i]))
             continue;
-        is_empty = false;
         if (const int err = check_command(&package->images[i], package->partition_file_path); err != CORE_OK)
             return err;
     }
-    if (is_empty && !may_be_empty) {
-        log_as(check_function, CORE_LOG_ERR, "no command in %s", package->partition_file_path);
-        return CORE_EINVAL;
-    }
     return CORE_OK;
+}
+
+int check_not_empty(const image_list *package)
+{
+    if (package->image_count > 0 && !is_empty_image(&package->images[0]))
+        return CORE_OK;
+    log_as(check_function, CORE_LOG_ERR, "no command in %s", package->partition_file_path);
+    return CORE_EINVAL;
 }
 
 int check_programmer(const char *path)
@@ -258,10 +260,12 @@ int check_programmer(const char *path)
 int check_package(const image_list *package, bool otp, bool uploads_programmer)
 {
     int err = check_texts_and_names(package);
-    if (err == CORE_OK)
-        err = check_commands(package, otp);
+    if (err == CORE_OK && !otp)
+        err = check_not_empty(package);
     if (err == CORE_OK)
         err = check_lines(package->partition_file_path);
+    if (err == CORE_OK)
+        err = check_commands(package);
     if (err == CORE_OK && uploads_programmer)
         err = check_programmer(package->programmer_path);
     return err;

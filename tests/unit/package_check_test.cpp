@@ -324,6 +324,14 @@ TEST_F(PackageCommands, ThatEndBeforeTheCutAreWhole)
     EXPECT_EQ(check_lines(erase + std::string("<erase/>") + std::string(2000, ' ') + "\r\n"), 0);
 }
 
+TEST_F(PackageCommands, ThatAreCutBehindAnElementAreRefused)
+{
+    const std::string line = "<power/>" + std::string(1015, ' ') + "<patch/>";
+    EXPECT_EQ(check_lines(line + "\n"), -22);
+    EXPECT_EQ(errors(), texts{"command of more than 1023 characters in " + rawprogram + ": <power/>" +
+                              std::string(52, ' ') + "..."});
+}
+
 TEST_F(PackageCommands, ThatBeginBehindTheCutAreRefused)
 {
     EXPECT_EQ(check_lines(std::string(1023, ' ') + erase), -22);
@@ -342,7 +350,7 @@ TEST_F(PackageCommands, WhoseNameOfAFileCannotBeReadAreRefused)
 {
     for (const char *line :
          {"<program filename='boot.img'/>", "<program filename =\"boot.img\"/>",
-          "<program filename= \"boot.img\"/>", "<program\tfilename=boot.img /> <program />",
+          "<program filename= \"boot.img\"/>", "<program filename=boot.img />",
           "<program filename=\"boot.img />", "<program label=\"filename\" filename=\"boot.img\"/>",
           "<program sparse_filename=\"\" filename=\"boot.img\"/>"}) {
         EXPECT_EQ(check_lines(line + std::string("\n")), -22) << line;
