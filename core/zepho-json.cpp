@@ -33,9 +33,9 @@ struct time_stamp {
 // The failed read is itself logged, which in JSON mode comes back here: only the outermost call reports it.
 time_stamp wall_clock(const char *function, int line)
 {
-    static bool reporting = false;
     timespec now{};
     if (clock_gettime(CLOCK_REALTIME, &now) != 0) {
+        static bool reporting = false;
         now = {};
         if (!reporting) {
             reporting = true;

@@ -76,6 +76,7 @@ std::optional<at_answer> parse_at_answer(std::string_view text)
         return std::nullopt;
     at_answer out{text.substr(0, equals), ""};
     for (std::string_view rest = text.substr(equals + 1); !rest.empty();) {
+        // cppcheck-suppress containerOutOfBounds ; passes over the condition of the loop
         const char c = rest.front();
         rest.remove_prefix(1);
         const auto byte = c == '\\' ? unescape(rest) : std::optional<char>(c);

@@ -10,17 +10,17 @@ using table = std::array<uint32_t, 256>;
 
 static constexpr std::array<table, 8> make_tables()
 {
-    std::array<table, 8> tables{};
+    std::array<table, 8> made{};
     for (uint32_t i = 0; i < 256; i++) {
         uint32_t crc = i;
         for (int bit = 0; bit < 8; bit++)
             crc = (crc >> 1) ^ ((crc & 1) != 0 ? 0xEDB88320U : 0U);
-        tables[0][i] = crc;
+        made[0][i] = crc;
     }
-    for (size_t k = 1; k < tables.size(); k++)
+    for (size_t k = 1; k < made.size(); k++)
         for (size_t i = 0; i < 256; i++)
-            tables[k][i] = (tables[k - 1][i] >> 8) ^ tables[0][tables[k - 1][i] & 0xFF];
-    return tables;
+            made[k][i] = (made[k - 1][i] >> 8) ^ made[0][made[k - 1][i] & 0xFF];
+    return made;
 }
 
 static constexpr auto tables = make_tables();

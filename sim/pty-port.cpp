@@ -31,8 +31,8 @@ bool pty_port::open()
     master_.reset(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
     if (!master_.open() || grantpt(master_.get()) != 0 || unlockpt(master_.get()) != 0)
         return failed("pseudo-terminal");
-    if (const int error = ptsname_r(master_.get(), name, sizeof name); error != 0) {
-        errno = error;
+    if (const int err = ptsname_r(master_.get(), name, sizeof name); err != 0) {
+        errno = err;
         return failed("pseudo-terminal name");
     }
     path_ = name;
