@@ -38,12 +38,6 @@ bool is_worth_waiting(const core_roots &roots, const char *port)
            (errno == ENOENT || errno == EACCES);
 }
 
-const char *last_component(const char *path)
-{
-    const char *const slash = strrchr(path, '/');
-    return slash != nullptr ? slash + 1 : path;
-}
-
 bool is_same_node(const struct stat &a, const struct stat &b)
 {
     if (S_ISCHR(a.st_mode) && S_ISCHR(b.st_mode))
@@ -62,7 +56,7 @@ bool is_open_on(int descriptors, const char *number, const char *node, const str
         return false;
     target[length] = '\0';
     struct stat opened {};
-    return strcmp(last_component(target), last_component(node)) == 0 &&
+    return strcmp(core_last_component(target), core_last_component(node)) == 0 &&
            fstatat(descriptors, number, &opened, 0) == 0 && is_same_node(opened, status);
 }
 

@@ -56,12 +56,6 @@ bool resolve(const char *path, path_text &out)
     return realpath(path, resolved) != nullptr && strlcpy(out, resolved, sizeof out) < sizeof out;
 }
 
-const char *last_component(const char *path)
-{
-    const char *const slash = strrchr(path, '/');
-    return slash != nullptr ? slash + 1 : path;
-}
-
 // Reads an attribute without its line end.
 bool read_text(const char *folder, const char *attribute, char *out, size_t size)
 {
@@ -295,6 +289,12 @@ void insert_usb_ports(const char *sys, const core_sysfs_device *device, core_dev
 
 } // namespace
 
+const char *core_last_component(const char *path)
+{
+    const char *const slash = strrchr(path, '/');
+    return slash != nullptr ? slash + 1 : path;
+}
+
 size_t core_sysfs_find_devices(const char *sys, core_sysfs_filter wanted, const void *context,
                                core_sysfs_device *devices, size_t room)
 {
@@ -320,7 +320,7 @@ size_t core_sysfs_find_devices(const char *sys, core_sysfs_filter wanted, const 
             // A link that leads to another name is no device's: the name is what libusb's devices are found
             // by.
             if (!compose(link, "%s/%s", folder, names[i]) || !resolve(link, device->path) ||
-                strcmp(last_component(device->path), names[i]) != 0)
+                strcmp(core_last_component(device->path), names[i]) != 0)
                 continue;
             if ((bus.is_pcie ? read_pcie_modem(sys, device) : read_usb_device(device)) &&
                 wanted(&device->id, context))

@@ -22,6 +22,9 @@ struct core_roots {
 // Room for the name of a device or a port, such as 1-2.3, mhi0 or ttyUSB0.
 constexpr size_t CORE_SYSFS_NAME_SIZE = 64;
 
+// What stands behind the last slash of a path; the whole of it where there is none.
+const char *core_last_component(const char *path);
+
 struct core_sysfs_device {
     core_usb_id id; // of the PCI device where `is_pcie` is set
     bool is_pcie;

@@ -1,6 +1,5 @@
 """One run with a fault, and the rescue after it."""
 import os
-import select
 import signal
 import time
 from dataclasses import dataclass, field
@@ -8,7 +7,7 @@ from pathlib import Path
 
 import packages
 from conversation import FLASH_A, FLASH_B, IMAGE_A, IMAGE_B, LINES, PROGRAMMER, VALUES, VERSIONS
-from harness import COMPLETED, KESTREL_SIM, finish, start, stop
+from harness import COMPLETED, KESTREL_SIM, finish, read_port, start, stop
 
 HASTY = os.environ.get('KESTREL_HASTY', '')
 ENVIRONMENT = dict(os.environ)  # which pytest changes all the time
@@ -37,11 +36,7 @@ class Modem:
 
     def __enter__(self):
         self.process = start(*self.command)
-        ready, _, _ = select.select([self.process.stdout], [], [], 20)
-        self.port = self.process.stdout.readline().decode().rstrip('\n') if ready else ''
-        if not self.port:
-            _, err = stop(self.process)
-            raise AssertionError(f'the simulated modem did not start: {err!r}')
+        self.port = read_port(self.process)
         # While it is held, the number of the terminal is not given to the modem of another run.
         self.hold = os.open(self.port, os.O_RDWR | os.O_NOCTTY | os.O_NONBLOCK)
         return self

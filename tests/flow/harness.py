@@ -90,6 +90,16 @@ def run(*arguments, limit=40, before=(), program=None):
     return finish(start(*before, program or KESTREL, *arguments), limit, begun)
 
 
+def read_port(process):
+    """The port that a simulated modem of start() tells of once it is ready."""
+    ready, _, _ = select.select([process.stdout], [], [], 20)
+    port = process.stdout.readline().decode().rstrip('\n') if ready else ''
+    if not port:
+        _, err = stop(process)
+        raise AssertionError(f'the simulated modem did not start: {err!r}')
+    return port
+
+
 class Sim:
     """The simulated modem, running inside a with statement."""
 
@@ -105,11 +115,7 @@ class Sim:
 
     def __enter__(self):
         self.process = start(*self.command)
-        ready, _, _ = select.select([self.process.stdout], [], [], 20)
-        self.port = self.process.stdout.readline().decode().rstrip('\n') if ready else ''
-        if not self.port:
-            _, err = stop(self.process)
-            raise AssertionError(f'the simulated modem did not start: {err!r}')
+        self.port = read_port(self.process)
         return self
 
     def __exit__(self, *_):
