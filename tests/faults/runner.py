@@ -7,7 +7,7 @@ from pathlib import Path
 
 import packages
 from conversation import FLASH_A, FLASH_B, IMAGE_A, IMAGE_B, LINES, PROGRAMMER, VALUES, VERSIONS
-from harness import COMPLETED, KESTREL_SIM, finish, read_port, start, stop
+from harness import COMPLETED, KESTREL_SIM, finish, read_port, start
 
 HASTY = os.environ.get('KESTREL_HASTY', '')
 ENVIRONMENT = dict(os.environ)  # which pytest changes all the time
