@@ -2,8 +2,8 @@
 
 #include "core-device.hpp"
 #include "core.hpp"
-#include "firehose_program.hpp"
-#include "modem_table.hpp"
+#include "firehose-program.hpp"
+#include "modem-table.hpp"
 #include "write-all.hpp"
 #include "zepho-log.hpp"
 

@@ -3,7 +3,7 @@
 #include "core-file.hpp"
 #include "core.hpp"
 #include "json.hpp"
-#include "modem_table.hpp"
+#include "modem-table.hpp"
 #include "zepho-log.hpp"
 
 static constexpr char log_source[] = "../main.c";

@@ -4,7 +4,7 @@
 #pragma once
 
 #include "modem.hpp"
-#include "modem_table.hpp"
+#include "modem-table.hpp"
 
 // Fills free slots of `modems` with the matching devices, at most `max_ports` ports each. The result is that
 // of the last device: 0; CORE_EAGAIN while its ports are incomplete; CORE_ENOMEM for a full array or port

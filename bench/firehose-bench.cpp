@@ -3,7 +3,7 @@
 //
 // usage: firehose-bench FILE ROUNDS
 // Prints a line per round: MiB/s of send_binary, MiB/s of the plain loop.
-#include "firehose_program.hpp"
+#include "firehose-program.hpp"
 
 #include "core-device.hpp"
 #include "core.hpp"

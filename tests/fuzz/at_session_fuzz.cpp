@@ -4,7 +4,7 @@
 #include "core.hpp"
 #include "fuzz.hpp"
 #include "fuzz_peer.hpp"
-#include "modem_probing.hpp"
+#include "modem-probing.hpp"
 #include "zepho-log.hpp"
 
 #include <algorithm>

@@ -3,7 +3,7 @@
 #include "core.hpp"
 #include "fuzz.hpp"
 #include "fuzz_file.hpp"
-#include "package_check.hpp"
+#include "package-check.hpp"
 #include "temp_dir.hpp"
 #include "xml.hpp"
 

@@ -1,7 +1,7 @@
 // The request of one image: the command line with the file's real size in sectors. Eight bytes for the file's
 // size, one byte of which the low bits say erase (1) and no file (2); the command line follows.
 #include "core.hpp"
-#include "firehose_program.hpp"
+#include "firehose-program.hpp"
 #include "fuzz.hpp"
 
 #include <memory>

@@ -3,7 +3,7 @@
 // usage: at-probe PORT
 // Prints a line per query: its name, its result, and what the modem answered.
 #include "core-device.hpp"
-#include "modem_probing.hpp"
+#include "modem-probing.hpp"
 
 #include <cstdio>
 

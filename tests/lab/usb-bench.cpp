@@ -5,7 +5,7 @@
 //
 // The device 05C6:9008 is attached and its programmer runs. FILE's size is a multiple of 1 MiB. Prints a line
 // per round: MiB/s of send_binary, MiB/s of the bare loop, milliseconds of processor time of each.
-#include "firehose_program.hpp"
+#include "firehose-program.hpp"
 
 #include "core-endpoint.hpp"
 #include "core.hpp"

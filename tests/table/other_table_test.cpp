@@ -1,5 +1,5 @@
 // The product table of an integrator in place of the placeholder: everything derives from its rows.
-#include "modem_table.hpp"
+#include "modem-table.hpp"
 
 #include <gtest/gtest.h>
 #include <string>

@@ -1,10 +1,10 @@
-#include "modem_table.hpp"
+#include "modem-table.hpp"
 
 #include <array>
 #include <cstddef>
 
 #ifndef KESTREL_MODEM_TABLE
-#define KESTREL_MODEM_TABLE "modem_table.def"
+#define KESTREL_MODEM_TABLE "modem-table.def"
 #endif
 
 namespace {

@@ -1,4 +1,4 @@
-#include "modem_table.hpp"
+#include "modem-table.hpp"
 
 #include <algorithm>
 #include <cstring>

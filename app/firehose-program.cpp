@@ -1,8 +1,8 @@
-#include "firehose_program.hpp"
+#include "firehose-program.hpp"
 
 #include "core-file.hpp"
 #include "core.hpp"
-#include "package_check.hpp"
+#include "package-check.hpp"
 #include "zepho-log.hpp"
 
 #include <algorithm>

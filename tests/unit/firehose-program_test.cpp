@@ -1,4 +1,4 @@
-#include "firehose_program.hpp"
+#include "firehose-program.hpp"
 
 #include "core-device.hpp"
 #include "core.hpp"

@@ -1,4 +1,4 @@
-#include "package_check.hpp"
+#include "package-check.hpp"
 
 #include "core-file.hpp"
 #include "core-owners.hpp"

@@ -1,4 +1,4 @@
-#include "modem_probing.hpp"
+#include "modem-probing.hpp"
 
 #include "at_channel.hpp"
 #include "core-device.hpp"

@@ -1,4 +1,4 @@
-// The supported products: the maker's rows (a table of the build, see modem_table.def) and the chip vendor's.
+// The supported products: the maker's rows (a table of the build, see modem-table.def) and the chip vendor's.
 // Everything that depends on identities is derived from the rows here. Constant data; nothing is owned.
 #pragma once
 
