@@ -4,7 +4,7 @@
 #pragma once
 
 #include "core-owners.hpp"
-#include "xml.hpp"
+#include "image-list.hpp"
 
 // A copy of the text before the first occurrence of `separator`; null when either is null, or the separator
 // is absent or at the very start.

@@ -1,5 +1,4 @@
-// The OTP read of a Firehose session.
-#include "firehose.hpp"
+#include "firehose-otp.hpp"
 
 #include "core.hpp"
 #include "timeouts.hpp"

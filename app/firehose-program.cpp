@@ -2,7 +2,9 @@
 
 #include "core-file.hpp"
 #include "core.hpp"
+#include "log-output.hpp"
 #include "package-check.hpp"
+#include "xml.hpp"
 #include "zepho-log.hpp"
 
 #include <algorithm>

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "firehose.hpp"
+#include "image-list.hpp"
 
 // Replays all images in table order. Sets `*reset_sent` once a power reset was among them. 0 or the first
 // failure. `max_payload` is the negotiated payload size in bytes.

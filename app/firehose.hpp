@@ -1,10 +1,9 @@
 // Firehose: the conversation with the running flash programmer, XML requests answered by XML chunks whose
 // response element is "ACK" or "NAK".
 //
-// In: a modem record (PCIe mark, download port) and the package. Out: 0 once every image is written and
-// acknowledged. The connection is opened and closed here; every run that got a connection ends with a power
-// reset. Waits: 5 s for an acknowledgement, 0.5 s for the answers to configure, reset and OTP on a serial
-// device, 30 s for a USB transfer.
+// Connection, requests and their answers; firehose-session.hpp strings them together. Waits: 5 s for an
+// acknowledgement, 0.5 s for the answers to configure, reset and OTP on a serial device, 30 s for a USB
+// transfer.
 #pragma once
 
 #include "core-endpoint.hpp"
@@ -12,20 +11,12 @@
 #include "modem.hpp"
 #include "time-limit.hpp"
 #include "timeouts.hpp"
-#include "xml.hpp"
 
 // The connection; zeroed before use.
 struct firehose_device {
     int32_t serial_handle; // non-zero: all traffic goes over this descriptor; zero: over the endpoint
     core_endpoint endpoint;
 };
-
-// Payload size that is proposed to every programmer, in bytes.
-constexpr uint32_t FIREHOSE_PAYLOAD_SIZE = 1048576;
-
-// The stage: open, ping, configure, then the package's commands (or the OTP read), reset, close. 0 or the
-// first failure.
-int firehose_update(const modem *m, const image_list *package, bool otp);
 
 // Opens the download device 05C6:9008, or the modem's download port when it is a PCIe modem.
 int firehose_open(const modem *m, firehose_device *device);
@@ -72,7 +63,3 @@ int send_config(firehose_device *device, uint32_t *payload);
 int send_reset(firehose_device *device, bool wait_for_bsp_target_reset);
 // 0; CORE_EGENERIC after NAK; or the error that ended the reading.
 int wait_reset_response(firehose_device *device, bool wait_for_bsp_target_reset);
-
-// Reads the OTP values of the module and logs each as one line.
-int get_otp(firehose_device *device);
-int print_otp_response(firehose_device *device);

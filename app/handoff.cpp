@@ -1,18 +1,19 @@
 #include "handoff.hpp"
 
 #include "android-utils.hpp"
+#include "core-device.hpp"
 #include "core-discovery.hpp"
-#include "core-owners.hpp"
 #include "core.hpp"
 #include "diag.hpp"
-#include "firehose.hpp"
+#include "firehose-session.hpp"
+#include "interrupt.hpp"
 #include "modem-probing.hpp"
+#include "modem-search.hpp"
 #include "modem-table.hpp"
 #include "options.hpp"
 #include "package.hpp"
 #include "sahara.hpp"
 #include "timeouts.hpp"
-#include "update.hpp"
 #include "zepho-log.hpp"
 
 #include <cerrno>

@@ -1,6 +1,7 @@
 #include "json.hpp"
 
 #include "core.hpp"
+#include "log-output.hpp"
 #include "zepho-json.hpp"
 #include "zepho-log.hpp"
 

@@ -1,6 +1,8 @@
 // The program: logging and the interrupt handler first, then the command line, one of the entries of the
 // driver, and the final line. The exit status is the run's result modulo 256.
 #include "core.hpp"
+#include "interrupt.hpp"
+#include "log-output.hpp"
 #include "modem.hpp"
 #include "options.hpp"
 #include "package.hpp"

@@ -3,6 +3,7 @@
 #include "core-file.hpp"
 #include "core-owners.hpp"
 #include "core.hpp"
+#include "xml.hpp"
 #include "zepho-log.hpp"
 
 #include <cinttypes>

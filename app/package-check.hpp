@@ -6,7 +6,7 @@
 // sent. Files are opened and closed here; nothing waits.
 #pragma once
 
-#include "xml.hpp"
+#include "image-list.hpp"
 
 // The whole package. CORE_EINVAL for
 //  - a NUL byte in one of its texts, behind which nothing was read;

@@ -5,7 +5,7 @@
 #pragma once
 
 #include "core-owners.hpp"
-#include "xml.hpp"
+#include "image-list.hpp"
 
 // The package of this run.
 extern image_list package;

@@ -4,6 +4,7 @@
 #include "core-file.hpp"
 #include "core-owners.hpp"
 #include "core.hpp"
+#include "log-output.hpp"
 #include "time-limit.hpp"
 #include "timeouts.hpp"
 #include "write-all.hpp"

@@ -7,8 +7,8 @@
 // Waits: 3 s for a HELLO, 5 s for the rest of a HELLO and for the DONE response, 0.5 s for each read request.
 #pragma once
 
+#include "image-list.hpp"
 #include "modem.hpp"
-#include "xml.hpp"
 
 // 0; CORE_EAGAIN when the modem was asked to restart into download mode, or its port took nothing for too
 // long (call again); CORE_ENODEV without a firmware-update port; CORE_EGENERIC; CORE_EPROTO; CORE_ETIMEDOUT;

@@ -8,13 +8,6 @@
 
 #include "modem.hpp"
 
-#include <csignal>
-
-// 1 until SIGINT; the waits check it and end the run with CORE_ECANCELED.
-extern volatile std::sig_atomic_t keep_running;
-// The handler for SIGINT: sets the flag of the platform library and clears keep_running, nothing else.
-void interrupt_handler(int signo);
-
 // The three entries. Results: 0, or the first failure of a stage; CORE_EINVAL for several modems,
 // CORE_ECANCELED after SIGINT, CORE_ENOTSUPPORTED where the platform finds no devices.
 int update_with_scan(modem *modems, uint8_t max_modems, bool json);
@@ -24,16 +17,3 @@ int update_with_port(modem *modems, uint8_t max_modems, bool skip_enter_qdl, con
 // The common tail: package, its check, compatibility, dry-run stop, hand-off. 0 also for a modem in download
 // mode that is not forced.
 int start_update_procedure(modem *modems, uint8_t max_modems, bool already_in_qdl);
-
-// Scans the bus, again and again while the enumeration is incomplete (at most 16 times, 500 ms apart).
-// Results of scan_usb_bus; CORE_ECANCELED, without a word, after SIGINT.
-int start_usb_bus_scan(const core_usb_id_list *table, modem *modems, uint8_t max_modems);
-// Fills the first record from a port named on the command line.
-void prepare_port_modem(modem *m, bool skip_enter_qdl, const char *port);
-
-// Counting and printing the records in use.
-uint8_t count_modems(const modem *modems, uint8_t max_modems);
-void print_modem(const modem *m);
-void print_modems(const modem *modems, uint8_t max_modems);
-// As JSON in JSON mode, else as debug lines.
-void show_modems(const modem *modems, uint8_t max_modems);

@@ -3,8 +3,8 @@
 // In: a list of identifiers. Out: records in the free slots of the caller's array. Nothing here waits.
 #pragma once
 
-#include "modem.hpp"
 #include "modem-table.hpp"
+#include "modem.hpp"
 
 // Fills free slots of `modems` with the matching devices, at most `max_ports` ports each. The result is that
 // of the last device: 0; CORE_EAGAIN while its ports are incomplete; CORE_ENOMEM for a full array or port

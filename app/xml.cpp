@@ -1,11 +1,10 @@
 #include "xml.hpp"
 
-#include "core-owners.hpp"
 #include "core.hpp"
 #include "zepho-log.hpp"
 
 #include <cerrno>
-#include <cinttypes>
+#include <cstdlib>
 
 static constexpr char log_source[] = "../xml.c";
 
@@ -168,37 +167,4 @@ bool is_valid_xml(const char *line)
     log_err("invalid xml:");
     log_err("%s", line);
     return false;
-}
-
-bool is_empty_image(const image *img)
-{
-    return core_is_zero(img, sizeof *img);
-}
-
-int find_free_image_slot(const image *images, int count)
-{
-    for (int i = 0; i < count; ++i) {
-        if (is_empty_image(&images[i]))
-            return i;
-    }
-    return -1;
-}
-
-void dump_image(const image *img)
-{
-    const auto shown = [](const char *text) { return text[0] != '\0' ? text : "<none>"; };
-    log_dbg("Label: %s", shown(img->label));
-    log_dbg("\tFilename: %s", shown(img->filename));
-    log_dbg("\tCommand: %s", shown(img->command));
-    if (img->file_size != 0)
-        log_dbg("\tFilesize: %" PRIu64, img->file_size);
-    log_dbg("\tsector_size_in_bytes: %u", img->sector_size_in_bytes);
-}
-
-void dump_image_list(const image *images, uint32_t count)
-{
-    for (uint32_t i = 0; i < count; ++i) {
-        if (!is_empty_image(&images[i]))
-            dump_image(&images[i]);
-    }
 }

@@ -1,38 +1,9 @@
-// The package's own description: two XML files read line by line, without a general XML parser. The package
-// description names the programmer and the rawprogram file; the rawprogram file's element lines are the
-// commands to run, in order.
-//
-// In: the path of the description, or of the programmer alone. Out: the image list filled and every image
-// file checked. Files are read whole and closed again. Nothing waits.
+// One line of the package's XML files at a time: its kind, its attributes, its value. There is no general XML
+// parser: what the lines hold is looked for as plain text. Nothing is owned, nothing waits.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-
-constexpr uint32_t MAX_IMAGE_NUMBER = 200;
-// No text of a package may be larger, in bytes: a file with holes can pretend to any size, and would be read
-// until the memory is full or for hours.
-constexpr int64_t MAX_TEXT_SIZE = INT64_C(64) * 1024 * 1024;
-
-// One element line of the rawprogram file; a record of zero bytes is a free slot.
-struct image {
-    uint32_t sector_size_in_bytes; // 0 when the line has none
-    char label[1024];              // empty when the line has none
-    char filename[1024];           // the full path once validated; empty for a line without a file
-    char command[1024];            // the line as read, cut to 1023 characters
-    uint64_t file_size;            // in bytes, filled by validation
-};
-
-// The package of one run.
-struct image_list {
-    char content_xml_path[1024]; // empty when only the programmer was given
-    char programmer_path[1024];
-    char partition_file_path[1024];
-    image images[MAX_IMAGE_NUMBER]; // used slots first, in the order of the rawprogram file
-    uint32_t image_count;           // how many slots to walk, at most MAX_IMAGE_NUMBER
-    uint32_t platform;              // platform id of the package version
-    char *new_pkgver;               // the package version, owned (free(3))
-};
 
 enum line_type : int32_t {
     LINE_NULL = -1,
@@ -60,24 +31,3 @@ bool get_uint_attribute(const char *line, const char *name, uint32_t *value);
 bool get_value(char *dest, size_t dest_size, const char *line, line_type type);
 // True for a null line, a line with "<?xml", or any line with '>'.
 bool is_valid_xml(const char *line);
-
-// Stores a path in a field of the list. 0, or CORE_EINVAL (logged) when it does not fit: cut, it would name
-// another file.
-int store_path(char (&field)[1024], const char *path);
-// Fills programmer_path and partition_file_path from the description. 0, CORE_EINVAL (arguments, or a file
-// that cannot be opened), CORE_ENOENT (an entry is missing), CORE_ENOMEM (also for a file of more than
-// MAX_TEXT_SIZE) or the read's error.
-int parse_content_xml(const char *path, image_list *list);
-// The whole build, from content_xml_path or, when that is empty, from the programmer's directory. 0,
-// CORE_EINVAL, CORE_ENOENT, CORE_ENOMEM (also for too many images, or too large a text) or a file's error.
-int build_image_array_from_xml(image_list *list);
-// Checks every image that names a file below `base_dir` and completes its path and size. False for a file
-// that is not there, is no regular file, cannot be opened, or has a path that does not fit.
-bool validate_image_list(const char *base_dir, image *images, uint32_t count);
-
-// Debug lines that describe one image, or every used one.
-void dump_image(const image *img);
-void dump_image_list(const image *images, uint32_t count);
-bool is_empty_image(const image *img);
-// Index of the first free slot, or -1.
-int find_free_image_slot(const image *images, int count);

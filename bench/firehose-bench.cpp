@@ -7,6 +7,7 @@
 
 #include "core-device.hpp"
 #include "core.hpp"
+#include "firehose-session.hpp"
 #include "zepho-log.hpp"
 
 #include <chrono>

@@ -3,6 +3,7 @@
 // usage: image-list-bench CONTENTS_XML ROUNDS
 // Prints milliseconds, a line per round.
 #include "core.hpp"
+#include "image-list.hpp"
 #include "xml.hpp"
 #include "zepho-log.hpp"
 

@@ -6,6 +6,7 @@
 // 5000 ms for writability, and core_wait_for_serial, which only SIGINT ends.
 #pragma once
 
+#include "core-owners.hpp"
 #include "core-usb-id.hpp"
 
 #include <cstddef>
@@ -24,6 +25,7 @@ struct core_serial_state {
 int core_device_open(const char *path, int *handle);
 // Closes the descriptor. 0 or the mapped errno.
 int core_device_close(int handle);
+using owned_device = owned_handle<core_device_close>;
 
 // Makes the terminal raw (cfmakeraw(3)) and sets or clears hardware flow control (CRTSCTS). 0, also for a
 // handle that is no terminal, or the mapped errno.

@@ -2,6 +2,7 @@
 
 #include "core-device.hpp"
 #include "core.hpp"
+#include "log-output.hpp"
 #include "timeouts.hpp"
 #include "zepho-log.hpp"
 

@@ -5,6 +5,8 @@
 // writability wait of core_file_write.
 #pragma once
 
+#include "core-owners.hpp"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -25,6 +27,7 @@ int core_file_open(const char *path, int *handle);
 // that bring something when there is news.
 FILE *core_file_open_stream(const char *path);
 int core_file_close(int handle);
+using owned_file = owned_handle<core_file_close>;
 int core_file_read(int handle, void *buf, size_t len, size_t *nread);
 int core_file_write(int handle, const void *buf, size_t len, size_t *written);
 // Size in bytes. 0 or the mapped errno.

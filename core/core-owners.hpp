@@ -1,31 +1,23 @@
 // Owners of what C hands out: each releases its resource at the end of its life.
 #pragma once
 
-#include "core-device.hpp"
-#include "core-file.hpp"
-
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <dirent.h>
 #include <memory>
 
+// Hands a resource to the C function that releases it.
+template <auto Release> struct releaser {
+    template <typename T> void operator()(T *resource) const { Release(resource); }
+};
+template <typename T, auto Release> using owned = std::unique_ptr<T, releaser<Release>>;
+
 // Memory from malloc(3) and its relatives.
-struct free_deleter {
-    void operator()(void *memory) const { free(memory); }
-};
-using owned_text = std::unique_ptr<char, free_deleter>;
-using owned_bytes = std::unique_ptr<unsigned char, free_deleter>;
-
-struct stream_closer {
-    void operator()(FILE *stream) const { fclose(stream); }
-};
-using owned_stream = std::unique_ptr<FILE, stream_closer>;
-
-struct directory_closer {
-    void operator()(DIR *directory) const { closedir(directory); }
-};
-using owned_directory = std::unique_ptr<DIR, directory_closer>;
+using owned_text = owned<char, free>;
+using owned_bytes = owned<unsigned char, free>;
+using owned_stream = owned<FILE, fclose>;
+using owned_directory = owned<DIR, closedir>;
 
 // A descriptor with the function that closes it; empty when negative.
 template <int (*Close)(int)> class owned_handle {
@@ -56,8 +48,6 @@ template <int (*Close)(int)> class owned_handle {
   private:
     int handle_ = -1;
 };
-using owned_device = owned_handle<core_device_close>;
-using owned_file = owned_handle<core_file_close>;
 
 // printf(3) into memory of its own; null when there is none.
 inline owned_text __attribute__((format(printf, 1, 2))) format_text(const char *format, ...)

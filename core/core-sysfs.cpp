@@ -1,6 +1,6 @@
 #include "core-sysfs.hpp"
 
-#include "core-owners.hpp"
+#include "core-file.hpp"
 #include "core.hpp"
 
 #include <cctype>

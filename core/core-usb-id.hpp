@@ -1,7 +1,5 @@
 // USB identifiers: the vendor/product pair as unit of device identity, its parsing, comparison and search,
-// and the two operations that look for a device of a list and wait for one to be attached.
-//
-// The two operations rest on the platform's discovery (core-discovery.hpp) and wait as long as it does.
+// and what is told of a device that has one. Nothing here waits.
 #pragma once
 
 #include <cstdint>
@@ -41,10 +39,3 @@ bool core_usb_id_is_empty(const core_usb_id *id);
 bool core_usb_id_equals(const core_usb_id *a, const core_usb_id *b);
 // True when the device's identifier is in the list; texts that do not parse are logged and match nothing.
 bool core_usb_id_find_match(const core_device_info *info, const core_usb_id_list *list);
-
-// Looks for the first connected device in list order and fills `info`. 0; CORE_ENODEV for an empty list;
-// CORE_ENOTSUPPORTED; or the enumeration's last result.
-int core_usb_id_get_device_if_connected(const core_usb_id_list *list, core_device_info *info);
-// Returns 0 when a device of the list is connected, and else waits for one, without a time-out. Results of
-// the discovery's two entry points.
-int core_usb_id_wait_for_devices(const core_usb_id_list *list);

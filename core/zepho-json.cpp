@@ -1,7 +1,7 @@
 #include "zepho-json.hpp"
 
+#include "core-base.hpp"
 #include "core-owners.hpp"
-#include "core.hpp"
 #include "zepho-log.hpp"
 
 #include <cerrno>

@@ -1,9 +1,10 @@
 // The log core: every message of every module passes through core_log, which filters by severity, shapes the
 // line with the pretty printer in force and hands it to the print function in force.
 //
-// Two text printers (newline, plain) and the JSON event stream are pretty printers; standard output/standard
-// error, a log file and the system log are print functions. State is process-wide, for one thread; nothing
-// here waits or stops the program. Only the buffer dump and an unregistered JSON buffer allocate.
+// Two text printers are here, the JSON event stream is another pretty printer (log-output.hpp chooses);
+// standard output/standard error, a log file and the system log are print functions. State is process-wide,
+// for one thread; nothing here waits or stops the program. Only the buffer dump and an unregistered JSON
+// buffer allocate.
 #pragma once
 
 #include <cstddef>
@@ -22,13 +23,6 @@ enum core_log_level : int {
     CORE_LOG_VRB = 8,
 };
 
-// Modes of core_log_set_pprint.
-enum core_log_pprint_mode : int {
-    CORE_LOG_PPRINT_NEWLINE = 0, // every message ends in a line feed
-    CORE_LOG_PPRINT_PLAIN = 1,   // messages as they are: progress lines
-    CORE_LOG_PPRINT_JSON = 2,    // one JSON object per message
-};
-
 #if defined(__GNUC__)
 #define CORE_PRINTF(format_index, first) __attribute__((format(printf, format_index, first)))
 #else
@@ -41,6 +35,11 @@ typedef int (*core_log_print_fn)(int level, const char *format, ...)
 // A pretty printer shapes one message; it may change `message` in place.
 using core_log_pprint_fn = int (*)(int level, const char *file, const char *function, int line,
                                    char *message);
+
+// The text printers. newline_print ends every message in a line feed; plain_print, the one at the start,
+// leaves it as it is.
+int newline_print(int level, const char *file, const char *function, int line, char *message);
+int plain_print(int level, const char *file, const char *function, int line, char *message);
 
 // Longest message and longest prefix, in bytes without terminator; longer ones are cut.
 constexpr size_t CORE_LOG_MESSAGE_SIZE = 1024;
@@ -66,13 +65,6 @@ extern core_log_pprint_fn pretty_print_function; // at first the plain printer
 // may be null or 0 for an anonymous line. Returns the pretty printer's result, 0 when nothing was printed.
 int core_log(int level, const char *file, const char *function, int line, const char *format, ...)
     CORE_PRINTF(5, 6);
-
-// Chooses the pretty printer by mode; any mode but 0 and 2 is the plain printer. JSON mode first makes
-// standard output and standard error unbuffered.
-void core_log_set_pprint(int mode);
-
-// True while log messages become JSON objects.
-bool core_log_is_json();
 
 void core_log_set_level(int level);
 int core_log_get_level();
@@ -107,12 +99,3 @@ void core_print_ombra_version();
 
 // Removes one trailing line feed from `text` in place.
 void log_strip_newline(char *text);
-
-// Reports that `current` of `max` bytes of `description` are done, before the next block is sent.
-// Text output: a percentage line that overwrites itself, below the debug threshold only (the callers log
-// their own line at debug level). JSON: one PROGRESS event. Neither current nor max may be negative.
-void core_log_progress(const char *file, const char *function, int line, int64_t current, int64_t max,
-                       const char *description);
-// Reports that all `max` bytes are acknowledged: one PROGRESS event with current = max; JSON only.
-void core_log_progress_complete(const char *file, const char *function, int line, int64_t max,
-                                const char *description);

@@ -2,6 +2,7 @@
 #include "core.hpp"
 #include "fuzz.hpp"
 #include "fuzz_file.hpp"
+#include "image-list.hpp"
 #include "xml.hpp"
 
 static constexpr size_t path_size = sizeof image_list::programmer_path;

@@ -1,6 +1,8 @@
 // Single waits of a Firehose session, with a programmer that is played from the input. The first byte chooses
 // the wait; the programmer's script follows (fuzz_peer.hpp).
 #include "core.hpp"
+#include "firehose-otp.hpp"
+#include "firehose-session.hpp"
 #include "firehose.hpp"
 #include "fuzz.hpp"
 #include "fuzz_peer.hpp"

@@ -5,10 +5,12 @@
 // Whatever the programmer says: the requests come in order, none before the one in front of it was answered,
 // and each session ends with one reset.
 #include "core.hpp"
+#include "firehose-session.hpp"
 #include "firehose.hpp"
 #include "fuzz.hpp"
 #include "fuzz_file.hpp"
 #include "fuzz_peer.hpp"
+#include "image-list.hpp"
 
 #include <algorithm>
 

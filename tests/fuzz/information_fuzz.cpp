@@ -2,6 +2,7 @@
 #include "core.hpp"
 #include "fuzz.hpp"
 #include "fuzz_file.hpp"
+#include "image-list.hpp"
 #include "package.hpp"
 #include "temp_dir.hpp"
 

@@ -4,6 +4,7 @@
 #include "fuzz.hpp"
 #include "json.hpp"
 #include "json_check.hpp"
+#include "log-output.hpp"
 #include "zepho-json.hpp"
 #include "zepho-log.hpp"
 

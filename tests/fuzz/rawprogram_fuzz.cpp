@@ -3,6 +3,7 @@
 #include "core.hpp"
 #include "fuzz.hpp"
 #include "fuzz_file.hpp"
+#include "image-list.hpp"
 #include "package-check.hpp"
 #include "temp_dir.hpp"
 #include "xml.hpp"

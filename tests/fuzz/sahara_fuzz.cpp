@@ -7,6 +7,7 @@
 #include "fuzz.hpp"
 #include "fuzz_file.hpp"
 #include "fuzz_peer.hpp"
+#include "image-list.hpp"
 #include "sahara.hpp"
 
 #include <algorithm>

@@ -3,6 +3,8 @@
 #include "core.hpp"
 #include "firehose-program.hpp"
 #include "fuzz.hpp"
+#include "image-list.hpp"
+#include "xml.hpp"
 
 #include <memory>
 

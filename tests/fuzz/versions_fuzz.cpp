@@ -2,6 +2,7 @@
 #include "compatibility.hpp"
 #include "core.hpp"
 #include "fuzz.hpp"
+#include "image-list.hpp"
 #include "zepho-module.hpp"
 
 namespace {

@@ -9,6 +9,8 @@
 
 #include "core-endpoint.hpp"
 #include "core.hpp"
+#include "firehose-session.hpp"
+#include "image-list.hpp"
 #include "zepho-log.hpp"
 
 #include <chrono>

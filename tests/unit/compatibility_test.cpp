@@ -1,6 +1,7 @@
 #include "compatibility.hpp"
 
 #include "core.hpp"
+#include "image-list.hpp"
 #include "log_capture.hpp"
 
 #include <gtest/gtest.h>

@@ -3,6 +3,7 @@
 #include "core-device.hpp"
 #include "core.hpp"
 #include "fake_libusb.hpp"
+#include "log-output.hpp"
 #include "log_capture.hpp"
 #include "pty.hpp"
 #include "temp_dir.hpp"

@@ -1,4 +1,5 @@
 #include "core-usb-id.hpp"
+#include "core-usb-wait.hpp"
 
 #include "core.hpp"
 #include "fake_discovery.hpp"

@@ -4,6 +4,7 @@
 #include "core.hpp"
 #include "fake_clock.hpp"
 #include "fake_programmer.hpp"
+#include "firehose-otp.hpp"
 #include "log_capture.hpp"
 #include "pty.hpp"
 

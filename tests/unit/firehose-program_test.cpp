@@ -1,9 +1,12 @@
 #include "firehose-program.hpp"
 
 #include "core-device.hpp"
+#include "core-file.hpp"
 #include "core.hpp"
 #include "fake_programmer.hpp"
+#include "image-list.hpp"
 #include "libc_hooks.hpp"
+#include "log-output.hpp"
 #include "log_capture.hpp"
 #include "pty.hpp"
 #include "temp_dir.hpp"

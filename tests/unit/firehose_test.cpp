@@ -4,6 +4,8 @@
 #include "core.hpp"
 #include "fake_clock.hpp"
 #include "fake_programmer.hpp"
+#include "firehose-session.hpp"
+#include "image-list.hpp"
 #include "libc_hooks.hpp"
 #include "log_capture.hpp"
 #include "pty.hpp"

@@ -1,6 +1,7 @@
 #include "xml.hpp"
 
 #include "core.hpp"
+#include "image-list.hpp"
 #include "log_capture.hpp"
 #include "temp_dir.hpp"
 

@@ -1,6 +1,7 @@
 #include "json.hpp"
 
 #include "core.hpp"
+#include "log-output.hpp"
 #include "log_capture.hpp"
 #include "zepho-json.hpp"
 

@@ -1,6 +1,7 @@
 #include "options.hpp"
 
 #include "core.hpp"
+#include "log-output.hpp"
 #include "log_capture.hpp"
 #include "temp_dir.hpp"
 

@@ -1,6 +1,7 @@
 #include "package-check.hpp"
 
 #include "core.hpp"
+#include "image-list.hpp"
 #include "log_capture.hpp"
 #include "temp_dir.hpp"
 

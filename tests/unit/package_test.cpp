@@ -1,6 +1,7 @@
 #include "package.hpp"
 
 #include "core.hpp"
+#include "image-list.hpp"
 #include "log_capture.hpp"
 #include "options.hpp"
 #include "temp_dir.hpp"

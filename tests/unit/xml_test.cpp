@@ -1,6 +1,7 @@
 #include "xml.hpp"
 
 #include "core.hpp"
+#include "image-list.hpp"
 #include "log_capture.hpp"
 
 #include <gtest/gtest.h>
@@ -455,7 +456,8 @@ TEST(UintAttribute, RefusesANegativeNumberBehindABlank)
 {
     log_capture log;
     uint32_t value = 7;
-    EXPECT_FALSE(get_uint_attribute("<program size=\" -18446744073709551615\"/>", "size", &value)); // 1 - 2^64
+    EXPECT_FALSE(
+        get_uint_attribute("<program size=\" -18446744073709551615\"/>", "size", &value)); // 1 - 2^64
     EXPECT_EQ(value, 7U);
     EXPECT_TRUE(log.has(CORE_LOG_ERR, "unable to perform conversion"));
 }

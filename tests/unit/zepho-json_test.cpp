@@ -1,6 +1,7 @@
 #include "zepho-json.hpp"
 
 #include "json_check.hpp"
+#include "log-output.hpp"
 #include "log_capture.hpp"
 #include "zepho-log.hpp"
 

@@ -1,5 +1,6 @@
 #include "zepho-log.hpp"
 
+#include "log-output.hpp"
 #include "log_capture.hpp"
 #include "temp_dir.hpp"
 

@@ -1,5 +1,6 @@
 #include "fuzz.hpp"
 
+#include "log-output.hpp"
 #include "zepho-log.hpp"
 
 #include <cstdarg>
