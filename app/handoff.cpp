@@ -175,34 +175,28 @@ int refuse_download_devices()
     return CORE_OK;
 }
 
-bool uploads_programmer(const modem *m, bool already_in_qdl)
-{
-    return !options.enter_qdl && (already_in_qdl ? !options.pcie : !m->is_pcie);
-}
-
-int hand_off(modem *modems, uint8_t max_modems, bool already_in_qdl)
+int hand_off(modem *modems, uint8_t max_modems, route way)
 {
     modem *const m = &modems[0];
     if (keep_running == 0)
         return CORE_ECANCELED; // the modem has not been touched yet
-    if (options.pcie && already_in_qdl)
-        return write_images(m);
-    if (!already_in_qdl) {
+    if (way.switches) {
         const int err = m->is_pcie ? trigger_edl_mode(m) : switch_QDload_mode(m);
         if (err != CORE_OK) {
             log_as(hand_off_function, CORE_LOG_ERR, "unable to set the modem to firmware update mode");
             return err;
         }
     }
-    if (options.enter_qdl) {
+    if (way.stops) {
         log_as(hand_off_function, CORE_LOG_INF, "Entered QDL mode, stopping");
         return CORE_OK;
     }
-    if (!already_in_qdl) {
+    if (way.switches) {
         if (const int err = wait_for_download_device(modems, max_modems); err != CORE_OK)
             return err;
+        way = plan_route(options, m, false); // the record is that of the device that came
     }
-    if (already_in_qdl || !m->is_pcie) {
+    if (way.uploads) {
         if (const int err = upload_programmer(m); err != CORE_OK)
             return err;
     }

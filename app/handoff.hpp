@@ -1,22 +1,21 @@
 // The hand-off: brings an accepted modem into download mode, waits for the download device, uploads the
 // programmer and has Firehose write the images.
 //
-// In: the modem array, the package, `options`. Out: the result of the run. Waits: up to 30 s for an event or
+// In: the modem array, the route, the package. Out: the result of the run. Waits: up to 30 s for an event or
 // 20 looks a second apart for the download device, then 5 s for its port; a Sahara upload that asks to be
 // repeated is repeated every 2 s without limit. SIGINT ends each.
 #pragma once
 
 #include "modem.hpp"
+#include "route.hpp"
 
 #include <cstddef>
 
 // 0; the first failure of a stage; CORE_ENOTSUPPORTED when no download device came; CORE_ECANCELED.
-int hand_off(modem *modems, uint8_t max_modems, bool already_in_qdl);
+int hand_off(modem *modems, uint8_t max_modems, route way);
 // Asked before a modem on a given port is switched: what is in download mode then would be taken for the one
 // that comes back. 0, also where the platform cannot tell, or CORE_EINVAL (logged).
 int refuse_download_devices();
-// Whether the hand-off of this modem will upload the package's programmer, as far as can be told before it.
-bool uploads_programmer(const modem *m, bool already_in_qdl);
 // Switches a PCIe modem through the kernel's MHI attribute. 0, also for a port name that does not tell which
 // (the caller then waits as usual), or -1.
 int trigger_edl_mode(const modem *m);

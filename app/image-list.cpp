@@ -14,41 +14,8 @@ static constexpr char log_source[] = "../xml.c";
 
 namespace {
 
-constexpr char line_end[] = "\n";
-
-// Reads an open file whole into memory of its own, with a terminating zero behind it.
-int read_text(int file, owned_text *text, const char *function)
-{
-    int64_t size = 0;
-    if (const int err = core_file_get_size(file, &size); err != CORE_OK) {
-        log_as(function, CORE_LOG_ERR, "unable to get bin file size %u", static_cast<unsigned>(err));
-        return err;
-    }
-    if (size <= MAX_TEXT_SIZE)
-        text->reset(static_cast<char *>(calloc(static_cast<size_t>(size) + 1, 1)));
-    if (*text == nullptr) {
-        log_as(function, CORE_LOG_ERR, "out of memory");
-        return CORE_ENOMEM;
-    }
-    const auto total = static_cast<size_t>(size);
-    size_t done = 0;
-    while (done < total) {
-        size_t count = 0;
-        int err = core_file_read(file, text->get() + done, total - done, &count);
-        if (err == CORE_OK && count == 0)
-            err = CORE_EINVAL; // the file has shrunk meanwhile
-        if (err != CORE_OK) {
-            log_as(function, CORE_LOG_ERR, "error %u reading %" PRIu64 " bytes (read %u bytes)",
-                   static_cast<unsigned>(err), static_cast<uint64_t>(total), static_cast<unsigned>(count));
-            return err;
-        }
-        done += count;
-    }
-    return CORE_OK;
-}
-
 // The lines of the description: an element line, then the line with its file name.
-int parse_content_lines(char *text, image_list *list)
+int parse_content_lines(image_list *list)
 {
     static constexpr char function[] = "parse_content_xml";
     const struct {
@@ -63,14 +30,14 @@ int parse_content_lines(char *text, image_list *list)
          "partition_file_path not found"},
     };
     static constexpr size_t path_size = sizeof list->programmer_path;
-    char *position = nullptr;
-    strtok_r(text, line_end, &position); // the XML declaration
-    while (const char *const line = strtok_r(nullptr, line_end, &position)) {
+    line_cursor lines(list->description);
+    lines.next(); // the XML declaration
+    while (const char *const line = lines.next()) {
         const line_type type = get_line_type(line, false);
         for (const auto &entry : entries) {
             if (entry.type != type)
                 continue;
-            const char *const next = strtok_r(nullptr, line_end, &position);
+            const char *const next = lines.next();
             if (get_line_type(next, false) != LINE_FILE_NAME)
                 break;
             if (!get_value(entry.path, path_size, next, LINE_FILE_NAME)) {
@@ -124,29 +91,20 @@ int find_partition_file(const char *base_dir, image_list *list)
     return CORE_OK;
 }
 
-// Finds the rawprogram file; `*base_dir` receives the directory that all names are relative to.
-int find_package_files(image_list *list, owned_text *storage, const char **base_dir)
+// Finds the rawprogram file and, by the description, the programmer.
+int find_package_files(const char *base_dir, image_list *list)
 {
     static constexpr char function[] = "build_image_array_from_xml";
-    const bool has_description = list->content_xml_path[0] != '\0';
-    storage->reset(strdup(has_description ? list->content_xml_path : list->programmer_path));
-    if (*storage == nullptr) {
-        log_as(function, CORE_LOG_ERR, "out of memory");
-        return CORE_ENOMEM;
-    }
-    *base_dir = dirname(storage->get());
-    if (!has_description)
-        return find_partition_file(*base_dir, list);
+    if (list->content_xml_path[0] == '\0')
+        return find_partition_file(base_dir, list);
     if (const int err = parse_content_xml(list->content_xml_path, list); err != CORE_OK) {
         log_as(function, CORE_LOG_ERR, "unable to parse content xml file %s, err = %u",
                list->content_xml_path, static_cast<unsigned>(err));
         return err;
     }
-    if ((*base_dir)[0] == '\0')
-        return CORE_OK;
-    if (const int err = join_base(*base_dir, list->partition_file_path); err != CORE_OK)
+    if (const int err = join_base(base_dir, list->partition_file_path); err != CORE_OK)
         return err;
-    return join_base(*base_dir, list->programmer_path);
+    return join_base(base_dir, list->programmer_path);
 }
 
 // Opening creates what is missing; an empty list made that way would be a run that flashes nothing and
@@ -177,32 +135,19 @@ int add_image(image_list *list, const char *line)
     return CORE_OK;
 }
 
-int parse_partition_lines(char *text, image_list *list)
+int parse_partition_lines(image_list *list)
 {
     static constexpr char function[] = "build_image_array_from_xml";
-    char *position = nullptr;
-    if (!is_valid_xml(strtok_r(text, line_end, &position))) {
+    partition_cursor lines(list->partition);
+    if (!is_valid_xml(lines.next())) {
         log_as(function, CORE_LOG_ERR, "file %s", list->partition_file_path);
         return CORE_EINVAL;
     }
-    bool in_comment = false;
-    while (const char *const line = strtok_r(nullptr, line_end, &position)) {
-        switch (get_line_type(line, in_comment)) {
-        case LINE_COMMENT_START:
-            in_comment = true;
-            break;
-        case LINE_COMMENT_END:
-            in_comment = false;
-            break;
-        case LINE_COMMAND:
-            if (in_comment)
-                break;
-            if (const int err = add_image(list, line); err != CORE_OK)
-                return err;
-            break;
-        default:
-            break;
-        }
+    while (const char *const line = lines.next()) {
+        if (lines.type() != LINE_COMMAND || lines.in_comment())
+            continue;
+        if (const int err = add_image(list, line); err != CORE_OK)
+            return err;
     }
     return CORE_OK;
 }
@@ -238,6 +183,13 @@ bool validate_image(const char *base_dir, image *img)
 
 } // namespace
 
+owned_text directory_of_package(const image_list *list)
+{
+    const bool has_description = list->content_xml_path[0] != '\0';
+    const owned_text path(strdup(has_description ? list->content_xml_path : list->programmer_path));
+    return owned_text(path != nullptr ? strdup(dirname(path.get())) : nullptr);
+}
+
 int store_path(char (&field)[1024], const char *path)
 {
     if (strlen(path) < sizeof field) {
@@ -259,10 +211,9 @@ int parse_content_xml(const char *path, image_list *list)
         log_err("unable to open xml file %s, error = %u", path, static_cast<unsigned>(err));
         return CORE_EINVAL;
     }
-    owned_text text;
-    if (const int err = read_text(file.get(), &text, __func__); err != CORE_OK)
+    if (const int err = list->description.read(path, file.get(), __func__); err != CORE_OK)
         return err;
-    return parse_content_lines(text.get(), list);
+    return parse_content_lines(list);
 }
 
 bool validate_image_list(const char *base_dir, image *images, uint32_t count)
@@ -277,9 +228,12 @@ bool validate_image_list(const char *base_dir, image *images, uint32_t count)
 
 int build_image_array_from_xml(image_list *list)
 {
-    owned_text storage;
-    const char *base_dir = nullptr;
-    if (const int err = find_package_files(list, &storage, &base_dir); err != CORE_OK)
+    const owned_text base_dir = directory_of_package(list);
+    if (base_dir == nullptr) {
+        log_err("out of memory");
+        return CORE_ENOMEM;
+    }
+    if (const int err = find_package_files(base_dir.get(), list); err != CORE_OK)
         return err;
     owned_file file;
     if (const int err = open_partition_file(list->partition_file_path, &file); err != CORE_OK) {
@@ -287,12 +241,11 @@ int build_image_array_from_xml(image_list *list)
                 static_cast<unsigned>(err));
         return err;
     }
-    owned_text text;
-    if (const int err = read_text(file.get(), &text, __func__); err != CORE_OK)
+    if (const int err = list->partition.read(list->partition_file_path, file.get(), __func__); err != CORE_OK)
         return err;
-    if (const int err = parse_partition_lines(text.get(), list); err != CORE_OK)
+    if (const int err = parse_partition_lines(list); err != CORE_OK)
         return err;
-    if (!validate_image_list(base_dir, list->images, list->image_count)) {
+    if (!validate_image_list(base_dir.get(), list->images, list->image_count)) {
         log_err("image list validation failure");
         return CORE_EINVAL;
     }

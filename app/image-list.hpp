@@ -2,17 +2,14 @@
 // programmer and the rawprogram file; the rawprogram file's element lines are the commands to run, in order.
 //
 // In: the path of the description, or of the programmer alone. Out: the image list filled and every image
-// file checked. Files are read whole and closed again. Nothing waits.
+// file checked. Texts are read once and kept in the list. Nothing waits.
 #pragma once
 
-#include <cstddef>
+#include "package-text.hpp"
+
 #include <cstdint>
 
 constexpr uint32_t MAX_IMAGE_NUMBER = 200;
-// No text of a package may be larger, in bytes: a file with holes can pretend to any size, and would be read
-// until the memory is full or for hours.
-constexpr int64_t MAX_TEXT_SIZE = INT64_C(64) * 1024 * 1024;
-
 // One element line of the rawprogram file; a record of zero bytes is a free slot.
 struct image {
     uint32_t sector_size_in_bytes; // 0 when the line has none
@@ -31,8 +28,14 @@ struct image_list {
     uint32_t image_count;           // how many slots to walk, at most MAX_IMAGE_NUMBER
     uint32_t platform;              // platform id of the package version
     char *new_pkgver;               // the package version, owned (free(3))
+    package_text description;       // contents.xml
+    package_text partition;         // the rawprogram file
+    package_text information;       // information.contents
 };
 
+// The directory that the package lies in, to which all its names are relative: that of the description or,
+// without one, of the programmer. Null when memory is short.
+owned_text directory_of_package(const image_list *list);
 // Stores a path in a field of the list. 0, or CORE_EINVAL (logged) when it does not fit: cut, it would name
 // another file.
 int store_path(char (&field)[1024], const char *path);

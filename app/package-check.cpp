@@ -3,11 +3,9 @@
 #include "core-file.hpp"
 #include "core-owners.hpp"
 #include "core.hpp"
-#include "xml.hpp"
 #include "zepho-log.hpp"
 
 #include <cinttypes>
-#include <libgen.h>
 
 static constexpr char log_source[] = "../main.c";
 
@@ -15,7 +13,6 @@ namespace {
 
 constexpr char check_function[] = "check_package";
 constexpr uint64_t max_sectors = INT32_MAX; // a command announces them as a signed number
-constexpr char information_file[] = "information.contents";
 
 bool contains(const char *text, const char *part)
 {
@@ -50,19 +47,13 @@ int measure(const char *path, uint64_t *size, const char *function)
     return err;
 }
 
-int check_text(const char *path)
+int check_texts(const image_list *package)
 {
-    const owned_stream file(core_file_open_stream(path));
-    if (file == nullptr) {
-        log_as(check_function, CORE_LOG_ERR, "cannot open the file %s", path);
-        return CORE_ENOENT;
-    }
-    char block[4096];
-    while (const size_t count = fread(block, 1, sizeof block, file.get())) {
-        if (memchr(block, '\0', count) != nullptr) {
-            log_as(check_function, CORE_LOG_ERR, "NUL byte in %s", path);
-            return CORE_EINVAL;
-        }
+    for (const package_text *text : {&package->description, &package->partition, &package->information}) {
+        if (!text->is_read() || !text->holds_nul())
+            continue;
+        log_as(check_function, CORE_LOG_ERR, "NUL byte in %s", text->path());
+        return CORE_EINVAL;
     }
     return CORE_OK;
 }
@@ -110,34 +101,20 @@ int check_line(const char *line, line_type type, const char *path)
     return CORE_OK;
 }
 
-// The first line is the declaration, whatever it holds.
-int check_lines(const char *path)
+int check_lines(const package_text &text)
 {
-    const owned_stream file(core_file_open_stream(path));
-    if (file == nullptr)
-        return CORE_ENOENT;
-    char *line = nullptr;
-    size_t room = 0;
-    bool in_comment = false;
-    bool is_declaration = true;
-    int err = CORE_OK;
-    while (err == CORE_OK && getline(&line, &room, file.get()) > 0) {
-        line[strcspn(line, "\n")] = '\0';
-        if (line[0] == '\0')
+    partition_cursor lines(text);
+    while (const char *const line = lines.next()) {
+        if (lines.in_comment() || is_comment(lines.type()))
             continue;
-        const line_type type = is_declaration ? LINE_OTHER : get_line_type(line, in_comment);
-        if (!in_comment && !is_comment(type))
-            err = check_line(line, type, path);
-        if (type == LINE_COMMENT_START || type == LINE_COMMENT_END)
-            in_comment = type == LINE_COMMENT_START;
-        is_declaration = false;
+        if (const int err = check_line(line, lines.type(), text.path()); err != CORE_OK)
+            return err;
     }
-    free(line);
-    if (err == CORE_OK && in_comment) {
-        log_as(check_function, CORE_LOG_ERR, "comment without an end in %s", path);
-        err = CORE_EINVAL;
+    if (lines.in_comment()) {
+        log_as(check_function, CORE_LOG_ERR, "comment without an end in %s", text.path());
+        return CORE_EINVAL;
     }
-    return err;
+    return CORE_OK;
 }
 
 // The name is what stands behind the directory of the package.
@@ -153,8 +130,14 @@ int check_name(const char *path, size_t directory_length)
     return CORE_OK;
 }
 
-int check_names(const image_list *package, size_t directory_length)
+int check_names(const image_list *package)
 {
+    const owned_text directory = directory_of_package(package);
+    if (directory == nullptr) {
+        log_as(check_function, CORE_LOG_ERR, "out of memory");
+        return CORE_ENOMEM;
+    }
+    const size_t directory_length = strlen(directory.get());
     if (package->content_xml_path[0] != '\0') { // else both lie beside each other
         for (const char *path : {package->programmer_path, package->partition_file_path}) {
             if (const int err = check_name(path, directory_length); err != CORE_OK)
@@ -169,26 +152,6 @@ int check_names(const image_list *package, size_t directory_length)
             return err;
     }
     return CORE_OK;
-}
-
-int check_texts_and_names(const image_list *package)
-{
-    const bool has_description = package->content_xml_path[0] != '\0';
-    const owned_text path(strdup(has_description ? package->content_xml_path : package->programmer_path));
-    const char *const directory = path != nullptr ? dirname(path.get()) : "";
-    const owned_text information = format_text("%s/%s", directory, information_file);
-    if (path == nullptr || information == nullptr) {
-        log_as(check_function, CORE_LOG_ERR, "out of memory");
-        return CORE_ENOMEM;
-    }
-    for (const char *text : {package->content_xml_path, package->partition_file_path,
-                             static_cast<const char *>(information.get())}) {
-        if (text[0] == '\0')
-            continue;
-        if (const int err = check_text(text); err != CORE_OK)
-            return err;
-    }
-    return check_names(package, strlen(directory));
 }
 
 // True when the line has an attribute of just this name, however it is written, with a value that is not
@@ -260,11 +223,13 @@ int check_programmer(const char *path)
 
 int check_package(const image_list *package, bool otp, bool uploads_programmer)
 {
-    int err = check_texts_and_names(package);
+    int err = check_texts(package);
+    if (err == CORE_OK)
+        err = check_names(package);
     if (err == CORE_OK && !otp)
         err = check_not_empty(package);
     if (err == CORE_OK)
-        err = check_lines(package->partition_file_path);
+        err = check_lines(package->partition);
     if (err == CORE_OK)
         err = check_commands(package);
     if (err == CORE_OK && uploads_programmer)

@@ -7,7 +7,6 @@
 #include "zepho-module.hpp"
 
 #include <cerrno>
-#include <libgen.h>
 
 static constexpr char log_source[] = "../main.c";
 
@@ -70,15 +69,14 @@ int fw_package_init()
     return err;
 }
 
-owned_text get_new_pkgver(const image_list *list)
+owned_text get_new_pkgver(image_list *list)
 {
-    const bool has_description = list->content_xml_path[0] != '\0';
-    const owned_text source(strdup(has_description ? list->content_xml_path : list->programmer_path));
-    if (source == nullptr) {
+    const owned_text directory = directory_of_package(list);
+    if (directory == nullptr) {
         log_err("out of memory");
         return nullptr;
     }
-    const owned_text path = format_text("%s/%s", dirname(source.get()), "information.contents");
+    const owned_text path = format_text("%s/%s", directory.get(), "information.contents");
     if (path == nullptr) {
         log_err("%s: error in generating path for information.contents file", __func__);
         return nullptr;
@@ -93,7 +91,15 @@ owned_text get_new_pkgver(const image_list *list)
         log_err("%s: too large: %s", __func__, path.get());
         return nullptr;
     }
-    return search_pkgv(file.get());
+    package_text &text = list->information;
+    if (text.read(path.get(), fileno(file.get()), __func__) != CORE_OK)
+        return nullptr;
+    const owned_stream lines(fmemopen(text.bytes(), text.size(), "r"));
+    if (lines == nullptr) {
+        log_err("out of memory");
+        return nullptr;
+    }
+    return search_pkgv(lines.get());
 }
 
 owned_text search_pkgv(FILE *file)

@@ -12,11 +12,10 @@
 #include "options.hpp"
 #include "package-check.hpp"
 #include "package.hpp"
+#include "route.hpp"
 #include "zepho-log.hpp"
 
 static constexpr char log_source[] = "../main.c";
-
-static constexpr char firehose_port_mark[] = "firehose";
 
 static int refuse_several_modems(const modem *modems, uint8_t max_modems, const char *function)
 {
@@ -33,16 +32,6 @@ int update_with_port(modem *modems, uint8_t max_modems, bool skip_enter_qdl, con
             return err;
     }
     return start_update_procedure(modems, max_modems, skip_enter_qdl);
-}
-
-// True for a modem that takes the programmer or the images as it is. One whose first port is the programmer's
-// is spoken to over that port, as if --pcie had been given.
-static bool is_in_download_mode(const modem *m)
-{
-    const bool has_firehose_port = strstr(m->modem_port[0].port_name, firehose_port_mark) != nullptr;
-    if (has_firehose_port)
-        options.pcie = true;
-    return has_firehose_port || is_download_mode_modem(&m->usb_id);
 }
 
 int update_with_scan(modem *modems, uint8_t max_modems, bool json)
@@ -135,8 +124,8 @@ int start_update_procedure(modem *modems, uint8_t max_modems, bool already_in_qd
 {
     if (const int err = fw_package_init(); err != CORE_OK)
         return err;
-    if (const int err = check_package(&package, options.otp, uploads_programmer(&modems[0], already_in_qdl));
-        err != CORE_OK)
+    const route way = plan_route(options, &modems[0], already_in_qdl);
+    if (const int err = check_package(&package, options.otp, way.uploads); err != CORE_OK)
         return err;
     if (!already_in_qdl) {
         const int err = check_fw_compatibility(modems[0].versions, &package, options.force);
@@ -152,5 +141,5 @@ int start_update_procedure(modem *modems, uint8_t max_modems, bool already_in_qd
         log_err("dry-run requested, bailing out");
         return CORE_OK;
     }
-    return hand_off(modems, max_modems, already_in_qdl);
+    return hand_off(modems, max_modems, way);
 }

@@ -21,7 +21,7 @@ int main(int argc, char **argv)
     }
     core_log_set_level(CORE_LOG_INF);
     for (int i = 0; i < atoi(argv[2]); ++i) {
-        memset(&list, 0, sizeof list);
+        list = {};
         strlcpy(list.content_xml_path, argv[1], sizeof list.content_xml_path);
         list.image_count = MAX_IMAGE_NUMBER;
         const auto start = std::chrono::steady_clock::now();

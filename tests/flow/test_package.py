@@ -5,6 +5,7 @@ import pytest
 
 import packages
 from harness import COMPLETED, FAILED, VERSION, debug_line, run
+from opened_files import counted_opens
 from packages import ERASE, PLATFORM_1, PROGRAMMER, RAWPROGRAM, program
 
 BAILED_OUT = 'dry-run requested, bailing out\n'
@@ -30,6 +31,13 @@ def bad_description(folder, path, why, code='4294967294'):
 
 def test_good_package_completes_with_the_dry_run_line(package):
     check_good(dry_run(package))
+
+
+def test_each_text_of_a_package_is_opened_once(folder):
+    packages.one_image(folder)
+    with counted_opens(folder) as opens:
+        check_good(dry_run(folder))
+    assert opens == {'contents.xml': 1, 'information.contents': 1, RAWPROGRAM: 1, PROGRAMMER: 1, 'one.bin': 1}
 
 
 def test_meta_names_the_description(package):

@@ -67,7 +67,7 @@ class HandOff : public ::testing::Test {
     void SetUp() override
     {
         options = {};
-        memset(&package, 0, sizeof package);
+        package = {};
         package.image_count = MAX_IMAGE_NUMBER;
         keep_running = 1;
         sigint_detected = 0;
@@ -84,7 +84,10 @@ class HandOff : public ::testing::Test {
         usb.verify();
     }
 
-    int run(bool already_in_qdl = false) { return hand_off(modems, 8, already_in_qdl); }
+    int run(bool already_in_qdl = false)
+    {
+        return hand_off(modems, 8, plan_route(options, &modems[0], already_in_qdl));
+    }
 
     void event(const core_usb_event &what)
     {
@@ -754,25 +757,6 @@ TEST_F(Upload, IsDoneForAPcieModemInDownloadModeWithoutTheOption)
     modems[0].is_pcie = true;
     EXPECT_EQ(run(true), -102);
     EXPECT_EQ(driver_texts(CORE_LOG_ERR), texts{no_upload});
-}
-
-TEST_F(Upload, IsForetoldFromTheModemAndTheOptions)
-{
-    const struct {
-        bool already_in_qdl, pcie_modem, pcie_option, enter_qdl, uploads;
-    } cases[] = {
-        {false, false, false, false, true}, {true, false, false, false, true},
-        {true, true, false, false, true},   {false, true, true, false, false},
-        {true, true, true, false, false},   {false, true, false, false, false},
-        {false, false, true, false, true},  {false, false, false, true, false},
-        {true, false, false, true, false},
-    };
-    for (const auto &c : cases) {
-        modems[0].is_pcie = c.pcie_modem;
-        options.pcie = c.pcie_option;
-        options.enter_qdl = c.enter_qdl;
-        EXPECT_EQ(uploads_programmer(&modems[0], c.already_in_qdl), c.uploads) << &c - cases;
-    }
 }
 
 TEST_F(Upload, IsLeftOutForAModemInDownloadModeWithThePcieOption)

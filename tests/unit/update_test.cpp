@@ -47,7 +47,7 @@ class Driver : public ::testing::Test {
     void SetUp() override
     {
         options = {};
-        memset(&package, 0, sizeof package);
+        package = {};
         keep_running = 1;
         sigint_detected = 0;
         discovery.reset();
@@ -374,24 +374,6 @@ TEST_F(UpdateWithScan, DoesNotDescribeAModemInDownloadMode)
     EXPECT_FALSE(log.has(CORE_LOG_DBG, "Probing mode: usb"));
 }
 
-TEST_F(UpdateWithScan, DoesNotSwitchOnPcieForAUsbDownloadDevice)
-{
-    give_package();
-    scan_finds({download});
-    scan();
-    EXPECT_FALSE(options.pcie);
-}
-
-TEST_F(UpdateWithScan, SwitchesOnPcieForAFirehosePort)
-{
-    give_package();
-    options.force = true;
-    options.dry_run = true;
-    scan_finds({firehose});
-    EXPECT_EQ(scan(), 0);
-    EXPECT_TRUE(options.pcie);
-}
-
 TEST_F(UpdateWithScan, TakesAFirehosePortAsDownloadMode)
 {
     give_package();
@@ -419,7 +401,6 @@ TEST_F(UpdateWithScan, LooksAtTheFirstPortOnlyForFirehose)
     options.dry_run = true;
     scan_finds({make_device("17cb", "011a", {{"/dev/wwan0mbim0", ""}, {"/dev/wwan0firehose0", ""}})});
     EXPECT_EQ(scan(), 0);
-    EXPECT_FALSE(options.pcie);
     EXPECT_TRUE(log.has(CORE_LOG_DBG, "firmware compatibility cannot be checked"));
 }
 
@@ -640,7 +621,7 @@ TEST_F(Listening, TakesAFirehosePortAsDownloadModeOverPcie)
     give_package();
     options.force = true;
     EXPECT_EQ(listen(), -2); // the port that Firehose opens does not exist
-    EXPECT_TRUE(options.pcie);
+    EXPECT_FALSE(options.pcie) << "the command line alone writes the options";
     EXPECT_EQ(driver_texts(CORE_LOG_ERR), texts{"unable to update the modem through FIREHOSE"});
 }
 
