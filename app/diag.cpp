@@ -6,16 +6,20 @@
 #include "write-all.hpp"
 #include "zepho-log.hpp"
 
-static constexpr char log_source[] = "../diag.c";
+namespace {
+
+constexpr char log_source[] = "../diag.c";
 
 // HDLC-framed DIAG request without an opening flag; no byte needs escaping.
-static constexpr uint8_t switch_frame[] = {
+constexpr uint8_t switch_frame[] = {
     0x4B,       // subsystem dispatch
     0x65,       // subsystem 101
     0x01, 0x00, // subsystem command 1
     0x54, 0x0F, // frame check sequence over the four bytes before (RFC 1662, 16-bit FCS)
     0x7E,       // closing flag
 };
+
+} // namespace
 
 int switch_QDload_mode(const modem *m)
 {

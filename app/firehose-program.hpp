@@ -19,8 +19,9 @@ int get_command_xml(owned_text *out, const image *img, bool is_erase);
 // The command with its num_partition_sectors set to the file's real size in sectors, or unchanged where that
 // does not apply. 0 or the length on success, -1 on failure.
 int change_num_partition_sectors_attrib(owned_text *out, const image *img, bool is_erase);
-// Sends the file's bytes and waits for one ACK. 0, also after a read that was too short; CORE_EINVAL for a
-// sector size that does not fit the payload; CORE_ENOMEM; CORE_EGENERIC; or the error of a file or write.
+// Sends the file's bytes and waits for one ACK. A sector is at most a payload, and only a file of whole
+// payloads may have none (0). 0, also after a read that was too short; CORE_ENOMEM; CORE_EGENERIC; or the
+// error of a file or write.
 int send_binary(firehose_device *device, uint32_t max_payload, uint32_t sector_size, const char *path);
 // Bytes to send for `read_size` bytes read: the first tested multiple of the sector size that holds them, or
 // `max_payload`. `sector_size` must not be 0.

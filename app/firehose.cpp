@@ -7,13 +7,10 @@
 #include "xml.hpp"
 #include "zepho-log.hpp"
 
-#include <cerrno>
-#include <fcntl.h>
-
-static constexpr char log_source[] = "../firehose.c";
-
 namespace {
 
+constexpr char log_source[] = "../firehose.c";
+constexpr char in_send_config[] = "send_config";
 constexpr char ping_request[] = "<?xml version=\"1.0\"?>\n<data>\n<nop value=\"ping\"/>\n</data>\n";
 constexpr char configure_request[] =
     "<?xml version=\"1.0\"?>\n<data>\n<configure MaxPayloadSizeToTargetInBytes=\"%u\" MemoryName=\"%s\" />\n</data>\n";
@@ -39,26 +36,20 @@ int open_endpoint(core_endpoint *endpoint)
 int open_serial(const modem *m, int32_t *handle)
 {
     const modem_port_record *const port = find_port(m, PORT_FIRMWARE_UPDATE);
-    const int err = core_device_open(port != nullptr ? port->port_name : "", handle);
-    // Descriptor 0 stands for no serial device: a port that got it is moved.
-    if (err == CORE_OK && *handle == 0) {
-        *handle = fcntl(0, F_DUPFD, 1);
-        core_device_close(0);
-    }
-    return err;
+    return core_device_open(port != nullptr ? port->port_name : "", handle);
 }
 
 // Takes the programmer's counter-offer out of a NAK.
 int take_counter_offer(const firehose_chunk &chunk, uint32_t *payload)
 {
-    static constexpr char function[] = "send_config";
     if (!get_uint_attribute(chunk.text, supported_payload, payload)) {
-        log_as(function, CORE_LOG_ERR, "Failed to retrieve MaxPayloadSizeToTargetInBytesSupported attribute");
+        log_as(in_send_config, CORE_LOG_ERR,
+               "Failed to retrieve MaxPayloadSizeToTargetInBytesSupported attribute");
         return CORE_EGENERIC;
     }
     if (*payload == 0 || *payload > max_payload_size) {
-        log_as(function, CORE_LOG_ERR, "the programmer supports a payload of %u bytes, which cannot be used",
-               *payload);
+        log_as(in_send_config, CORE_LOG_ERR,
+               "the programmer supports a payload of %u bytes, which cannot be used", *payload);
         return CORE_EPROTO;
     }
     return CORE_OK;
@@ -93,22 +84,22 @@ int firehose_read(firehose_device *device, unsigned timeout_ms, firehose_chunk *
 
 bool firehose_has_ack(const firehose_chunk *chunk)
 {
-    return strstr(chunk->text, "value=\"ACK\"") != nullptr;
+    return text_contains(chunk->text, "value=\"ACK\"");
 }
 
 bool firehose_has_nak(const firehose_chunk *chunk)
 {
-    return strstr(chunk->text, "value=\"NAK\"") != nullptr;
+    return text_contains(chunk->text, "value=\"NAK\"");
 }
 
 int answer_guard::check(const firehose_chunk *chunk)
 {
-    empty_chunks = chunk->size == 0 ? empty_chunks + 1 : 0;
-    if (empty_chunks == max_empty_chunks) {
+    empty_chunks_ = chunk->size == 0 ? empty_chunks_ + 1 : 0;
+    if (empty_chunks_ == max_empty_chunks) {
         log_err("the programmer sends empty answers only");
         return CORE_EPROTO;
     }
-    if (limit.passed()) {
+    if (limit_.passed()) {
         log_err("the programmer sends everything but an answer");
         return CORE_EPROTO;
     }
@@ -226,7 +217,7 @@ int wait_reset_response(firehose_device *device, bool wait_for_bsp_target_reset)
         if (chunk.size == 0)
             continue;
         log_dbg("%s", chunk.text);
-        target_reset_seen = target_reset_seen || strstr(chunk.text, "bsp_target_reset") != nullptr;
+        target_reset_seen = target_reset_seen || text_contains(chunk.text, "bsp_target_reset");
         ack_seen = ack_seen || firehose_has_ack(&chunk);
         if (firehose_has_nak(&chunk)) {
             log_err("%s", chunk.text);

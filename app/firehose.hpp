@@ -14,7 +14,7 @@
 
 // The connection; zeroed before use.
 struct firehose_device {
-    int32_t serial_handle; // non-zero: all traffic goes over this descriptor; zero: over the endpoint
+    int32_t serial_handle; // zero: all traffic goes over the endpoint, since descriptor 0 is never a port's
     core_endpoint endpoint;
 };
 
@@ -43,8 +43,8 @@ class answer_guard {
     int check(const firehose_chunk *chunk);
 
   private:
-    int empty_chunks = 0;
-    time_limit limit{timeouts::answer_in_all};
+    int empty_chunks_ = 0;
+    time_limit limit_{timeouts::answer_in_all};
 };
 
 // Waits for ACK: 0; CORE_EGENERIC after NAK, silence or a failed read; CORE_EPROTO when five minutes brought

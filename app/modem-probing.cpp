@@ -7,10 +7,10 @@
 #include "timeouts.hpp"
 #include "zepho-log.hpp"
 
-static constexpr char log_source[] = "../at_channel.c";
-
 namespace {
 
+constexpr char log_source[] = "../at_channel.c";
+constexpr char in_at_handshake[] = "at_handshake";
 constexpr at_command echo_off_command = {"ATE0", "", AT_NO_INFORMATION, timeouts::at_echo_off, 60};
 constexpr at_command model_command = {"AT#CGMM", "#CGMM:", AT_SINGLE_LINE, timeouts::at_query, 3};
 constexpr at_command model_fallback_command = {"AT+GMM", "", AT_SINGLE_LINE, timeouts::at_query, 3};
@@ -43,19 +43,18 @@ int ask(int device, const at_command &command, at_response *response)
 
 int configure_port(int device, const modem *m)
 {
-    static constexpr char function[] = "at_handshake";
     if (!m->is_pcie) {
         if (const int err = core_device_set_raw_mode(device); err != CORE_OK) {
-            log_as(function, CORE_LOG_ERR, "unable to configure device");
+            log_as(in_at_handshake, CORE_LOG_ERR, "unable to configure device");
             return err;
         }
         if (const int err = core_set_control_signals(device, true, true); err != CORE_OK) {
-            log_as(function, CORE_LOG_ERR, "unable to set control signals");
+            log_as(in_at_handshake, CORE_LOG_ERR, "unable to set control signals");
             return err;
         }
     }
     if (m->probing_mode == PROBING_PORT && core_device_set_baud_rate(device, 115200) != CORE_OK)
-        log_as(function, CORE_LOG_WRN, "unable to set baudrate");
+        log_as(in_at_handshake, CORE_LOG_WRN, "unable to set baudrate");
     return CORE_OK;
 }
 

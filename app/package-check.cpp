@@ -7,29 +7,13 @@
 
 #include <cinttypes>
 
-static constexpr char log_source[] = "../main.c";
-
 namespace {
 
-constexpr char check_function[] = "check_package";
+constexpr char log_source[] = "../main.c";
+constexpr char in_check_package[] = "check_package";
 constexpr uint64_t max_sectors = INT32_MAX; // a command announces them as a signed number
 
-bool contains(const char *text, const char *part)
-{
-    return strstr(text, part) != nullptr;
-}
-
-bool is_blank(char c)
-{
-    return c == ' ' || c == '\t' || c == '\r';
-}
-
-const char *skip_blanks(const char *text)
-{
-    while (is_blank(*text))
-        ++text;
-    return text;
-}
+constexpr std::string_view blanks = " \t\r";
 
 // The size of a file that must be there: opening it would create it.
 int measure(const char *path, uint64_t *size, const char *function)
@@ -52,28 +36,28 @@ int check_texts(const image_list *package)
     for (const package_text *text : {&package->description, &package->partition, &package->information}) {
         if (!text->is_read() || !text->holds_nul())
             continue;
-        log_as(check_function, CORE_LOG_ERR, "NUL byte in %s", text->path());
+        log_as(in_check_package, CORE_LOG_ERR, "NUL byte in %s", text->path());
         return CORE_EINVAL;
     }
     return CORE_OK;
 }
 
 // How many commands that change the flash begin in the line.
-int count_flash_commands(const char *line)
+int count_flash_commands(std::string_view line)
 {
     int count = 0;
-    for (const char *element : {"<program", "<erase"}) {
-        for (const char *found = strstr(line, element); found != nullptr; found = strstr(found + 1, element))
+    for (const std::string_view element : {"<program", "<erase"}) {
+        for (size_t found = line.find(element); found != line.npos; found = line.find(element, found + 1))
             ++count;
     }
     return count;
 }
 
 // True when the line ends inside an element.
-bool goes_on(const char *line)
+bool goes_on(std::string_view line)
 {
-    const char *const open = strrchr(line, '<');
-    return open != nullptr && strchr(open, '>') == nullptr;
+    const size_t open = line.rfind('<');
+    return open != line.npos && line.find('>', open) == line.npos;
 }
 
 bool is_comment(line_type type)
@@ -87,14 +71,12 @@ int check_line(const char *line, line_type type, const char *path)
 {
     constexpr size_t longest = sizeof image::command - 1;
     if (count_flash_commands(line) > (type == LINE_COMMAND && !goes_on(line) ? 1 : 0)) {
-        log_as(check_function, CORE_LOG_ERR, "command without a line of its own in %s: %.60s", path, line);
+        log_as(in_check_package, CORE_LOG_ERR, "command without a line of its own in %s: %.60s", path, line);
         return CORE_EINVAL;
     }
-    size_t length = strlen(line);
-    while (length > 0 && is_blank(line[length - 1]))
-        --length;
-    if (type == LINE_COMMAND && length > longest) {
-        log_as(check_function, CORE_LOG_ERR, "command of more than %zu characters in %s: %.60s...", longest,
+    // All but blanks is kept of the command.
+    if (type == LINE_COMMAND && std::string_view(line).find_last_not_of(blanks) + 1 > longest) {
+        log_as(in_check_package, CORE_LOG_ERR, "command of more than %zu characters in %s: %.60s...", longest,
                path, line);
         return CORE_EINVAL;
     }
@@ -111,7 +93,7 @@ int check_lines(const package_text &text)
             return err;
     }
     if (lines.in_comment()) {
-        log_as(check_function, CORE_LOG_ERR, "comment without an end in %s", text.path());
+        log_as(in_check_package, CORE_LOG_ERR, "comment without an end in %s", text.path());
         return CORE_EINVAL;
     }
     return CORE_OK;
@@ -120,12 +102,15 @@ int check_lines(const package_text &text)
 // The name is what stands behind the directory of the package.
 int check_name(const char *path, size_t directory_length)
 {
-    for (const char *part = path + directory_length; part != nullptr; part = strchr(part, '/')) {
-        part += strspn(part, "/");
-        if (strncmp(part, "..", 2) == 0 && (part[2] == '/' || part[2] == '\0')) {
-            log_as(check_function, CORE_LOG_ERR, "file name leads out of the package: %s", path);
+    std::string_view rest = path;
+    rest.remove_prefix(std::min(directory_length, rest.size()));
+    while (!rest.empty()) {
+        const std::string_view part = text_before(rest, "/");
+        if (part == "..") {
+            log_as(in_check_package, CORE_LOG_ERR, "file name leads out of the package: %s", path);
             return CORE_EINVAL;
         }
+        rest.remove_prefix(std::min(part.size() + 1, rest.size()));
     }
     return CORE_OK;
 }
@@ -134,7 +119,7 @@ int check_names(const image_list *package)
 {
     const owned_text directory = directory_of_package(package);
     if (directory == nullptr) {
-        log_as(check_function, CORE_LOG_ERR, "out of memory");
+        log_as(in_check_package, CORE_LOG_ERR, "out of memory");
         return CORE_ENOMEM;
     }
     const size_t directory_length = strlen(directory.get());
@@ -154,19 +139,29 @@ int check_names(const image_list *package)
     return CORE_OK;
 }
 
+// The text from its first character on that is no blank.
+std::string_view without_leading_blanks(std::string_view text)
+{
+    text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
+    return text;
+}
+
 // True when the line has an attribute of just this name, however it is written, with a value that is not
 // empty.
-bool names_a_file(const char *line)
+bool names_a_file(std::string_view line)
 {
-    static constexpr char name[] = "filename";
-    for (const char *found = strstr(line, name); found != nullptr; found = strstr(found + 1, name)) {
-        if (found == line || !is_blank(found[-1]))
+    static constexpr std::string_view name = "filename";
+    for (size_t found = line.find(name); found != line.npos; found = line.find(name, found + 1)) {
+        if (found == 0 || !text_contains(blanks, {&line[found - 1], 1}))
             continue; // the end of another name
-        const char *const equals = skip_blanks(found + strlen(name));
-        if (*equals != '=')
+        std::string_view rest = line;
+        rest.remove_prefix(found + name.size());
+        rest = without_leading_blanks(rest);
+        if (!rest.starts_with('='))
             continue;
-        const char *const quote = skip_blanks(equals + 1);
-        if ((*quote != '"' && *quote != '\'') || quote[1] != quote[0])
+        rest.remove_prefix(1);
+        rest = without_leading_blanks(rest);
+        if (!rest.starts_with("\"\"") && !rest.starts_with("''"))
             return true;
     }
     return false;
@@ -174,14 +169,14 @@ bool names_a_file(const char *line)
 
 int check_command(const image *img, const char *path)
 {
-    if (img->filename[0] == '\0' && contains(img->command, "<program ") && names_a_file(img->command)) {
-        log_as(check_function, CORE_LOG_ERR, "file name cannot be read in %s: %s", path, img->command);
+    if (img->filename[0] == '\0' && text_contains(img->command, "<program ") && names_a_file(img->command)) {
+        log_as(in_check_package, CORE_LOG_ERR, "file name cannot be read in %s: %s", path, img->command);
         return CORE_EINVAL;
     }
-    const bool has_data = img->filename[0] != '\0' && !contains(img->command, "<erase ");
+    const bool has_data = img->filename[0] != '\0' && !text_contains(img->command, "<erase ");
     if (has_data && img->sector_size_in_bytes != 0 &&
         img->file_size > max_sectors * img->sector_size_in_bytes) {
-        log_as(check_function, CORE_LOG_ERR, "too many sectors of %u bytes: %s", img->sector_size_in_bytes,
+        log_as(in_check_package, CORE_LOG_ERR, "too many sectors of %u bytes: %s", img->sector_size_in_bytes,
                img->filename);
         return CORE_EINVAL;
     }
@@ -203,17 +198,17 @@ int check_not_empty(const image_list *package)
 {
     if (package->image_count > 0 && !is_empty_image(&package->images[0]))
         return CORE_OK;
-    log_as(check_function, CORE_LOG_ERR, "no command in %s", package->partition_file_path);
+    log_as(in_check_package, CORE_LOG_ERR, "no command in %s", package->partition_file_path);
     return CORE_EINVAL;
 }
 
 int check_programmer(const char *path)
 {
     uint64_t size = 0;
-    if (const int err = measure(path, &size, check_function); err != CORE_OK)
+    if (const int err = measure(path, &size, in_check_package); err != CORE_OK)
         return err;
     if (size == 0) {
-        log_as(check_function, CORE_LOG_ERR, "programmer image %s is empty", path);
+        log_as(in_check_package, CORE_LOG_ERR, "programmer image %s is empty", path);
         return CORE_EINVAL;
     }
     return CORE_OK;

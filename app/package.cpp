@@ -8,16 +8,15 @@
 
 #include <cerrno>
 
-static constexpr char log_source[] = "../main.c";
+namespace {
 
-static constexpr char version_prefix[] = "PKG VER : ";
-
-image_list package;
+constexpr char log_source[] = "../main.c";
+constexpr char in_fw_package_init[] = "fw_package_init";
+constexpr char version_prefix[] = "PKG VER : ";
 
 // Looks for the two kinds of package that a directory may hold, in this order.
-static int find_package_in_directory(const char *directory)
+int find_package_in_directory(const char *directory)
 {
-    static constexpr char function[] = "fw_package_init";
     const struct {
         const char *file;
         char (*path)[1024];
@@ -28,17 +27,17 @@ static int find_package_in_directory(const char *directory)
     for (const auto &source : sources) {
         const owned_text path = format_text("%s%s%s", directory, "/", source.file);
         if (path == nullptr) {
-            log_as(function, CORE_LOG_ERR, "string join error: %s", strerror(errno));
+            log_as(in_fw_package_init, CORE_LOG_ERR, "string join error: %s", strerror(errno));
             return CORE_ENOMEM;
         }
         if (core_file_exists(path.get()) == CORE_OK)
             return store_path(*source.path, path.get());
     }
-    log_as(function, CORE_LOG_ERR, "firmware not supported: %s", directory);
+    log_as(in_fw_package_init, CORE_LOG_ERR, "firmware not supported: %s", directory);
     return CORE_ENOENT;
 }
 
-static int find_package()
+int find_package()
 {
     if (options.firmware_directory != nullptr)
         return find_package_in_directory(options.firmware_directory);
@@ -50,6 +49,10 @@ static int find_package()
     strlcpy(package.programmer_path, options.flat, sizeof package.programmer_path);
     return CORE_OK;
 }
+
+} // namespace
+
+image_list package;
 
 int fw_package_init()
 {

@@ -20,7 +20,6 @@ constexpr char log_source[] = "../sahara.c";
 constexpr char in_send_programmer[] = "send_programmer";
 constexpr char in_hello_handshake[] = "hello_handshake";
 constexpr char in_sahara_send_programmer[] = "sahara_send_programmer";
-
 constexpr uint32_t hello_mode_restart = 2;
 constexpr uint32_t default_version = 2;
 constexpr uint32_t default_compatible_version = 1;

@@ -4,12 +4,14 @@
 // Everything here is synchronous and holds no state but one process-wide flag. Only core_sleep waits.
 #pragma once
 
+#include <algorithm>
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <optional>
+#include <string_view>
 
 // Core error codes. Every operation of this library returns 0 for success or one of these. The numbers are
 // the negated errno numbers of generic Linux on every processor, and a few of the library's own.
@@ -59,6 +61,25 @@ int core_sleep(unsigned ms);
 
 // Reads the monotonic clock into `out`. 0, or -1 on failure; logs nothing.
 int core_get_time(timespec *out);
+
+// Whether `part` occurs in `text`, and what stands behind its first occurrence.
+inline bool text_contains(std::string_view text, std::string_view part)
+{
+    return text.find(part) != std::string_view::npos;
+}
+inline std::optional<std::string_view> text_behind(std::string_view text, std::string_view part)
+{
+    const size_t found = text.find(part);
+    if (found == std::string_view::npos)
+        return std::nullopt;
+    text.remove_prefix(found + part.size());
+    return text;
+}
+// The text up to the first of `marks`, all of it where there is none.
+inline std::string_view text_before(std::string_view text, std::string_view marks)
+{
+    return {text.data(), std::min(text.find_first_of(marks), text.size())};
+}
 
 // Case-insensitive substring search (strcasestr(3)): the first match inside `haystack`, or null.
 const char *core_strcasestr(const char *haystack, const char *needle);

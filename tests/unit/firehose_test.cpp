@@ -187,17 +187,6 @@ TEST_F(PcieUpdate, OpenFailsWithoutADownloadPort)
     EXPECT_EQ(firehose_open(m.get(), &device), -2);
 }
 
-TEST_F(PcieUpdate, OpenNeverUsesDescriptorZero)
-{
-    // Zero stands for "no serial device".
-    close(0);
-    firehose_device device{};
-    EXPECT_EQ(firehose_open(m.get(), &device), 0);
-    EXPECT_GT(device.serial_handle, 0);
-    EXPECT_FALSE(std::filesystem::exists("/proc/self/fd/0"));
-    firehose_close(&device);
-}
-
 TEST_F(PcieUpdate, CloseClosesThePort)
 {
     const size_t before = open_descriptors();
