@@ -7,4 +7,4 @@
 #include "modem.hpp"
 
 // 0; CORE_ENODEV without a diagnostic port; CORE_EGENERIC when it cannot be opened; or the write's error.
-int switch_QDload_mode(const modem *m);
+[[nodiscard]] int switch_QDload_mode(const modem *m);

@@ -198,7 +198,8 @@ int send_reset(firehose_device *device, bool wait_for_bsp_target_reset)
         log_err("error sending reset %u", static_cast<unsigned>(err));
         return err;
     }
-    wait_reset_response(device, wait_for_bsp_target_reset); // the modem may be gone before it has answered
+    // The modem may be gone before it has answered.
+    static_cast<void>(wait_reset_response(device, wait_for_bsp_target_reset));
     core_sleep(timeouts::after_reset);
     return CORE_OK;
 }

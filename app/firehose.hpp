@@ -19,10 +19,10 @@ struct firehose_device {
 };
 
 // Opens the download device 05C6:9008, or the modem's download port when it is a PCIe modem.
-int firehose_open(const modem *m, firehose_device *device);
+[[nodiscard]] int firehose_open(const modem *m, firehose_device *device);
 void firehose_close(firehose_device *device);
 // Writes all `len` bytes. 0, CORE_EAGAIN after five back-pressures, or the error of the write.
-int firehose_write(firehose_device *device, const void *buf, size_t len);
+[[nodiscard]] int firehose_write(firehose_device *device, const void *buf, size_t len);
 
 // One chunk of the programmer, as text. A chunk is examined by itself; nothing is carried over to the next.
 struct firehose_chunk {
@@ -30,9 +30,9 @@ struct firehose_chunk {
     size_t size; // bytes received, at most 1024
 };
 // Reads one chunk; `timeout_ms` counts on a serial device only. 0 or the error of the read.
-int firehose_read(firehose_device *device, unsigned timeout_ms, firehose_chunk *chunk);
-bool firehose_has_ack(const firehose_chunk *chunk);
-bool firehose_has_nak(const firehose_chunk *chunk);
+[[nodiscard]] int firehose_read(firehose_device *device, unsigned timeout_ms, firehose_chunk *chunk);
+[[nodiscard]] bool firehose_has_ack(const firehose_chunk *chunk);
+[[nodiscard]] bool firehose_has_nak(const firehose_chunk *chunk);
 
 // Watches over one wait for an answer, so that neither a connection that delivers nothing at once nor a
 // programmer that talks about other things can hold the program for ever.
@@ -49,17 +49,17 @@ class answer_guard {
 
 // Waits for ACK: 0; CORE_EGENERIC after NAK, silence or a failed read; CORE_EPROTO when five minutes brought
 // everything but an answer.
-int read_ack_nack(firehose_device *device);
+[[nodiscard]] int read_ack_nack(firehose_device *device);
 // Sends a request and waits for its ACK.
-int generic_ack_nack_request(firehose_device *device, const char *xml);
-int send_nop(firehose_device *device);
+[[nodiscard]] int generic_ack_nack_request(firehose_device *device, const char *xml);
+[[nodiscard]] int send_nop(firehose_device *device);
 // Formats the configure request; its length, -1 on failure.
-int get_config_xml(owned_text *out, uint32_t payload, const char *memory_name);
+[[nodiscard]] int get_config_xml(owned_text *out, uint32_t payload, const char *memory_name);
 // Proposes `*payload`; a NAK that tells what the programmer supports is taken as a counter-offer and stored
 // in `*payload`. 0, CORE_EGENERIC, CORE_ENOMEM, CORE_EPROTO (a counter-offer of 0 or above 1 GiB, or no
 // answer among whatever else comes) or a write's error.
-int send_config(firehose_device *device, uint32_t *payload);
+[[nodiscard]] int send_config(firehose_device *device, uint32_t *payload);
 // Sends the power reset and waits for its answer. 0, whatever that is, or the write's error.
-int send_reset(firehose_device *device, bool wait_for_bsp_target_reset);
+[[nodiscard]] int send_reset(firehose_device *device, bool wait_for_bsp_target_reset);
 // 0; CORE_EGENERIC after NAK; or the error that ended the reading.
-int wait_reset_response(firehose_device *device, bool wait_for_bsp_target_reset);
+[[nodiscard]] int wait_reset_response(firehose_device *device, bool wait_for_bsp_target_reset);

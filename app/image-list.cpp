@@ -123,9 +123,10 @@ int add_image(image_list *list, const char *line)
     static image fresh; // 3 KiB, too much for a small stack
     memset(&fresh, 0, sizeof fresh);
     strlcpy(fresh.command, line, sizeof fresh.command);
-    get_string_attribute(line, "label", fresh.label, sizeof fresh.label);
-    get_string_attribute(line, "filename", fresh.filename, sizeof fresh.filename);
-    get_uint_attribute(line, "SECTOR_SIZE_IN_BYTES", &fresh.sector_size_in_bytes);
+    // A command without one of them leaves the field empty.
+    static_cast<void>(get_string_attribute(line, "label", fresh.label, sizeof fresh.label));
+    static_cast<void>(get_string_attribute(line, "filename", fresh.filename, sizeof fresh.filename));
+    static_cast<void>(get_uint_attribute(line, "SECTOR_SIZE_IN_BYTES", &fresh.sector_size_in_bytes));
     const int slot = find_free_image_slot(list->images, static_cast<int>(list->image_count));
     if (slot < 0) {
         log_as(in_build_image_array_from_xml, CORE_LOG_ERR, "Images > MAX_IMAGE_NUMBER, increase the define");

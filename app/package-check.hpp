@@ -18,8 +18,8 @@
 //    a command can announce;
 //  - an empty programmer, where the run uploads it (`uploads_programmer`).
 // CORE_ENOENT for a programmer that is not there, or the error of a file.
-int check_package(const image_list *package, bool otp, bool uploads_programmer);
+[[nodiscard]] int check_package(const image_list *package, bool otp, bool uploads_programmer);
 
 // The file of one image, which must still have the size that was validated. 0; CORE_EINVAL when it has not;
 // CORE_ENOENT when it is gone; or the error of the file.
-int check_image_file(const image *img);
+[[nodiscard]] int check_image_file(const image *img);

@@ -196,7 +196,7 @@ TEST_F(EchoOff, TakesItsOwnEcho)
 TEST_F(EchoOff, WaitsTwoSecondsForAnAnswer)
 {
     plug_in({ok});
-    turn_off_echo(open_device());
+    static_cast<void>(turn_off_echo(open_device()));
     ASSERT_FALSE(machine.waits.empty());
     EXPECT_EQ(machine.waits[0], 2000);
 }
@@ -277,7 +277,7 @@ TEST_F(GetModel, TakesTheLineBehindThePrefix)
 TEST_F(GetModel, WaitsHalfASecondForAnAnswer)
 {
     plug_in({model});
-    get_model(open_device(), &record);
+    static_cast<void>(get_model(open_device(), &record));
     ASSERT_FALSE(machine.waits.empty());
     EXPECT_EQ(machine.waits[0], 500);
 }
@@ -391,7 +391,7 @@ TEST_F(GetImei, TakesTheLineBehindThePrefix)
 TEST_F(GetImei, WaitsHalfASecondForAnAnswer)
 {
     plug_in({imei});
-    get_imei(open_device(), &record);
+    static_cast<void>(get_imei(open_device(), &record));
     ASSERT_FALSE(machine.waits.empty());
     EXPECT_EQ(machine.waits[0], 500);
 }
@@ -444,7 +444,7 @@ TEST_F(GetVersions, JoinsFourLines)
 TEST_F(GetVersions, WaitsHalfASecondForAnAnswer)
 {
     plug_in({versions});
-    get_swpkgv(open_device(), &record);
+    static_cast<void>(get_swpkgv(open_device(), &record));
     ASSERT_FALSE(machine.waits.empty());
     EXPECT_EQ(machine.waits[0], 500);
 }
@@ -453,7 +453,7 @@ TEST_F(GetVersions, LogsThemTogether)
 {
     log_capture log;
     plug_in({versions});
-    get_swpkgv(open_device(), &record);
+    static_cast<void>(get_swpkgv(open_device(), &record));
     EXPECT_EQ(log.texts(CORE_LOG_DBG).back(), "at#swpkgv: 49.01.102-P0F.1;M0F;P0F.2;A0F");
     EXPECT_EQ(log.messages().back().file, "../at_channel.c");
     EXPECT_EQ(log.messages().back().function, "get_swpkgv");
@@ -477,7 +477,7 @@ TEST_F(GetVersions, AreNotLoggedForAShortAnswer)
 {
     log_capture log;
     plug_in({answers("49.01.102-P0F.1\r\nM0F")});
-    get_swpkgv(open_device(), &record);
+    static_cast<void>(get_swpkgv(open_device(), &record));
     for (const std::string &text : log.texts(CORE_LOG_DBG))
         EXPECT_NE(text.substr(0, 10), "at#swpkgv:");
 }
@@ -552,7 +552,7 @@ TEST_F(Handshake, LogsThePath)
 {
     log_capture log;
     plug_in({ok, model});
-    at_handshake(attached->path().c_str(), &device, &record);
+    static_cast<void>(at_handshake(attached->path().c_str(), &device, &record));
     ASSERT_FALSE(log.messages().empty());
     EXPECT_EQ(log.messages()[0].level, CORE_LOG_DBG);
     EXPECT_EQ(log.messages()[0].text, "device path: " + attached->path());
@@ -681,7 +681,7 @@ TEST_F(Handshake, ClosesThePortAfterAnEchoThatStaysOn)
 {
     const log_capture log;
     plug_in(std::vector<modem_answer>(11, error));
-    at_handshake(attached->path().c_str(), &device, &record);
+    static_cast<void>(at_handshake(attached->path().c_str(), &device, &record));
     EXPECT_EQ(open_ports(), 0);
 }
 
@@ -697,7 +697,7 @@ TEST_F(Handshake, ClosesThePortAfterAMissingModel)
 {
     const log_capture log;
     plug_in({ok, error, error});
-    at_handshake(attached->path().c_str(), &device, &record);
+    static_cast<void>(at_handshake(attached->path().c_str(), &device, &record));
     EXPECT_EQ(open_ports(), 0);
 }
 
@@ -716,7 +716,7 @@ TEST_F(CollectBasicInformation, FillsTheRecordOfAModemOfTheBus)
 TEST_F(CollectBasicInformation, AsksInOrder)
 {
     plug_in({ok, model, imei, versions});
-    collect_modem_basic_information(&record, false);
+    static_cast<void>(collect_modem_basic_information(&record, false));
     EXPECT_EQ(commands(), (texts{"ATE0", "AT#CGMM", "AT#CGSN", "AT#SWPKGV"}));
 }
 
@@ -733,7 +733,7 @@ TEST_F(CollectBasicInformation, AsksAModemOfTheCommandLineForItsModelOnly)
 TEST_F(CollectBasicInformation, ClosesThePort)
 {
     plug_in({ok, model, imei, versions});
-    collect_modem_basic_information(&record, false);
+    static_cast<void>(collect_modem_basic_information(&record, false));
     EXPECT_EQ(open_ports(), 0);
 }
 
@@ -741,7 +741,7 @@ TEST_F(CollectBasicInformation, ReportsNoErrorWhenAllIsWell)
 {
     log_capture log;
     plug_in({ok, model, imei, versions});
-    collect_modem_basic_information(&record, false);
+    static_cast<void>(collect_modem_basic_information(&record, false));
     EXPECT_TRUE(log.texts(CORE_LOG_ERR).empty());
 }
 
@@ -831,7 +831,7 @@ TEST_F(CollectBasicInformation, KeepsWhatSucceededBeforeAFailure)
 TEST_F(CollectBasicInformation, ClosesThePortAfterAFailedQuery)
 {
     plug_in({ok, model, error});
-    collect_modem_basic_information(&record, false);
+    static_cast<void>(collect_modem_basic_information(&record, false));
     EXPECT_EQ(open_ports(), 0);
 }
 
