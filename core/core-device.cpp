@@ -227,13 +227,11 @@ int core_device_write(int handle, const void *buf, size_t len, size_t *written)
 
 int core_device_recoursive_write(int handle, const void *buf, size_t len)
 {
-    static constexpr uint8_t max_retries = 10;
-    static constexpr unsigned retry_pause_ms = 10;
     if (const int err = _core_device_poll(handle, timeouts::device_write, POLLOUT); err != CORE_OK)
         return err;
     size_t written = 0;
-    uint8_t retries = max_retries;
-    while (written < len && retries > 0) {
+    int tries = timeouts::empty_write_tries;
+    while (written < len && tries > 0) {
         const ssize_t count = write(handle, buf, len); // the whole buffer again, on purpose
         if (count == -1) {
             const int err = errno;
@@ -242,13 +240,13 @@ int core_device_recoursive_write(int handle, const void *buf, size_t len)
         }
         if (count > 0) {
             written += static_cast<size_t>(count);
-            retries = max_retries;
+            tries = timeouts::empty_write_tries;
         } else {
-            --retries;
-            core_sleep(retry_pause_ms);
+            --tries;
+            core_sleep(timeouts::empty_write_pause);
         }
     }
-    if (retries == 0) {
+    if (tries == 0) {
         log_err("write returned zero (written %d bytes out of %zu)\n", static_cast<int>(written), len);
         return CORE_EIO;
     }

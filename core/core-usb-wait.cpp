@@ -26,11 +26,10 @@ int core_usb_id_get_device_if_connected(const core_usb_id_list *list, core_devic
 // Enumerates one identifier; a device that has just arrived may need a moment until it is there.
 static int enumerate_arrived(const core_usb_id &id)
 {
-    static constexpr unsigned retries = 3;
     static core_device_info info;
     size_t size = 1;
     int result = core_device_enumerate(&id, 1, &info, &size);
-    for (unsigned i = 0; i < retries && result != CORE_OK; ++i) {
+    for (int i = 0; i < timeouts::arrived_device_retries && result != CORE_OK; ++i) {
         log_as("core_usb_id_wait_for_devices", CORE_LOG_DBG,
                "no device found, maybe not ready yet. Retrying after %ums...\n",
                timeouts::arrived_device_pause);
