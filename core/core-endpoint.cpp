@@ -1,18 +1,14 @@
 #include "core-endpoint.hpp"
 
-#include "core-device.hpp"
 #include "core.hpp"
 #include "log-output.hpp"
 #include "timeouts.hpp"
 #include "zepho-log.hpp"
 
-#include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <libusb.h>
 #include <memory>
-#include <termios.h>
 
 static constexpr char log_source[] = "core-endpoint.c";
 
@@ -358,16 +354,4 @@ int core_usb_endpoint_write(core_endpoint *ep, const void *buf, size_t len, int 
 int core_usb_endpoint_read(core_endpoint *ep, void *buf, size_t len, int *transferred)
 {
     return endpoint_transfer(ep, false, buf, len, transferred);
-}
-
-int core_device_flush(int handle)
-{
-    return tcflush(handle, TCIOFLUSH) == 0 ? CORE_OK : CORE_EIO;
-}
-
-int core_get_real_path(const char *path, char *out)
-{
-    if (path == nullptr || path[0] == '\0' || out == nullptr)
-        return CORE_EINVAL;
-    return realpath(path, out) != nullptr ? CORE_OK : map_errno_to_core_err(errno);
 }
