@@ -60,9 +60,6 @@ int core_sleep(unsigned ms);
 // Reads the monotonic clock into `out`. 0, or -1 on failure; logs nothing.
 int core_get_time(timespec *out);
 
-// Case-insensitive substring search (strcasestr(3)): the first match inside `haystack`, or null.
-const char *core_strcasestr(const char *haystack, const char *needle);
-
 // strlcpy(3) and strlcat(3), where the C library has none: bounded copy and append into a buffer of `size`
 // bytes, always terminated when `size` is not 0; the result is the length that was tried for.
 #if defined(__GLIBC__) && !__GLIBC_PREREQ(2, 38)
@@ -72,3 +69,8 @@ extern "C" size_t strlcat(char *dest, const char *src, size_t size);
 
 // True when every byte of the record is zero: how the tables of this system mark a free slot.
 bool core_is_zero(const void *record, size_t size);
+
+// The library's interface: the updater itself does not call this.
+
+// Case-insensitive substring search (strcasestr(3)): the first match inside `haystack`, or null.
+const char *core_strcasestr(const char *haystack, const char *needle);

@@ -116,7 +116,7 @@ void core_htole(void *dest, size_t dest_size, const void *src, size_t src_size)
     _ec_htom(dest, dest_size, load_host(src, src_size));
 }
 
-// The library's interface: the updater itself calls none of these.
+// The library's interface: the updater itself does not call this.
 
 int core_get_time_of_day(core_time_of_day *out)
 {
