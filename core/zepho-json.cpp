@@ -23,7 +23,7 @@ constexpr size_t piece_size = 547;              // key and value of anything els
 constexpr size_t element_overhead = 3;          // "{", "}" and "," of an array element
 constexpr size_t unregistered_entry_size = 512; // buffer per entry when none is registered
 constexpr size_t escape_growth = 6;             // one byte as \u00XX
-constexpr std::string_view separator = ", ";    // between two entries
+constexpr char separator[] = ", ";              // between two entries
 constexpr size_t name_size = CORE_LOG_PREFIX_SIZE * escape_growth + 1;
 constexpr size_t message_size = CORE_LOG_MESSAGE_SIZE * escape_growth + 1;
 
@@ -218,7 +218,7 @@ class body_writer {
     void trim_separator()
     {
         if (std::string_view(room_.data(), used_).ends_with(separator))
-            room_[used_ - separator.size()] = '\0';
+            room_[used_ - (sizeof separator - 1)] = '\0';
     }
 
   private:
@@ -274,8 +274,8 @@ void append_piece(body_writer *body, size_t limit, const char *name, const char 
 {
     char piece[array_piece_size + 1];
     const char *const quote = quoted ? "\"" : "";
-    const int length = snprintf(piece, limit + 1, "\"%s\": %s%s%s%s", name, quote, value, quote,
-                                last ? "" : separator.data());
+    const int length =
+        snprintf(piece, limit + 1, "\"%s\": %s%s%s%s", name, quote, value, quote, last ? "" : separator);
     if (length < 0 || static_cast<size_t>(length) > limit) {
         log_as(in_json_compose, CORE_LOG_ERR, "truncated message\n");
         body->stop();
