@@ -7,8 +7,11 @@
 #include <array>
 
 namespace sim {
+namespace {
 
-static constexpr std::array<const char *, 4> stage_names = {"normal", "sahara", "firehose", "ended"};
+constexpr std::array<const char *, 4> stage_names = {"normal", "sahara", "firehose", "ended"};
+
+} // namespace
 
 device::device(settings wanted, transcript &log)
     : wanted_(std::move(wanted)), log_(log), faults_(wanted_.faults), out_(wanted_.how, faults_, log_),

@@ -1,6 +1,6 @@
-// The simulated modem as a whole: strings the stages together and says when the
-// conversation is over. A front feeds it what the host sends and carries out
-// what take() hands over; the device never waits and never touches the line.
+// The simulated modem as a whole: strings the stages together and says when the conversation is over. A front
+// feeds it what the host sends and carries out what take() hands over; the device never waits and never
+// touches the line.
 //
 //     normal --DIAG switch--> sahara --DONE--> firehose --power reset--> ended
 //                                                        (or normal again)
@@ -28,7 +28,7 @@ class device {
     device(settings wanted, transcript &log);
 
     // Prepares the store and enters the first stage; false: see trouble().
-    bool start();
+    [[nodiscard]] bool start();
 
     void receive(view bytes);
     // Bytes that came but are not taken any more: they only go into the record.

@@ -4,21 +4,37 @@
 #include <array>
 
 namespace sim {
+namespace {
 
-static constexpr size_t longest_request = size_t{64} * 1024;
+constexpr size_t longest_request = size_t{64} * 1024;
 // More sectors than any flash memory has; keeps sectors x size within 64 bits.
-static constexpr uint64_t most_sectors = INT32_MAX;
+constexpr uint64_t most_sectors = INT32_MAX;
 
-static const std::string ack = "<response value=\"ACK\" />";
-static const std::string nak = "<response value=\"NAK\" />";
-static const std::string other = "<response value=\"WAIT\" />"; // nothing that a host could know
+const std::string ack = "<response value=\"ACK\" />";
+const std::string nak = "<response value=\"NAK\" />";
+const std::string other = "<response value=\"WAIT\" />"; // nothing that a host could know
 
-static std::string chunk(const std::string &element)
+std::string chunk(const std::string &element)
 {
     return "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<data>\n" + element + "\n</data>";
 }
 
-static constexpr size_t other_row = 7;
+constexpr size_t other_row = 7;
+
+// The element and those of its attributes that matter.
+json_members described(const firehose_request &request)
+{
+    static constexpr std::array<std::string_view, 5> attributes = {
+        "SECTOR_SIZE_IN_BYTES", "num_partition_sectors", "MaxPayloadSizeToTargetInBytes", "label", "value"};
+    json_members fields;
+    fields.text("element", request.element);
+    for (const std::string_view name : attributes)
+        if (const auto value = attribute(request.line, name))
+            fields.text(name, *value);
+    return fields;
+}
+
+} // namespace
 
 firehose_engine::firehose_engine(workbench &bench)
     : engine(bench), guard_("firehose.data-in", bench.faults, bench.out, bench.log)
@@ -100,8 +116,8 @@ size_t firehose_engine::take_request_bytes(view bytes)
     return request_.size() - before;
 }
 
-// A host that missed the DONE response still talks to the boot loader and
-// resets it: an 8-byte packet with command 7.
+// A host that missed the DONE response still talks to the boot loader and resets it: an 8-byte packet with
+// command 7.
 size_t firehose_engine::take_late_reset(view bytes)
 {
     static constexpr std::array<uint8_t, 8> packet = {7, 0, 0, 0, 8, 0, 0, 0};
@@ -135,19 +151,6 @@ void firehose_engine::settled()
 {
     if (complete_ && state() == progress::busy)
         handle_request();
-}
-
-// The element and those of its attributes that matter.
-static json_members described(const firehose_request &request)
-{
-    static constexpr std::array<std::string_view, 5> attributes = {
-        "SECTOR_SIZE_IN_BYTES", "num_partition_sectors", "MaxPayloadSizeToTargetInBytes", "label", "value"};
-    json_members fields;
-    fields.text("element", request.element);
-    for (const std::string_view name : attributes)
-        if (const auto value = attribute(request.line, name))
-            fields.text(name, *value);
-    return fields;
 }
 
 void firehose_engine::handle_request()
@@ -206,8 +209,7 @@ void firehose_engine::program(const firehose_request &request, const element_row
         answer(row.step, "nak", nak);
         return;
     }
-    // Without the ACK the host has no leave to send data: its next bytes are
-    // another request.
+    // Without the ACK the host has no leave to send data: its next bytes are another request.
     if (answer(row.step, "ack", ack) != posted::whole || !stored(bench_.store.open_image()))
         return;
     data_left_ = *size * *sectors;

@@ -1,10 +1,9 @@
 // The programmer: takes XML requests and raw data, answers with XML chunks.
 //
-// A request ends with "</data>" and a line feed. The line feed may be missing
-// or late: when the bytes end right after "</data>" the engine waits for more
-// or for settled(). After the ACK of a program request the announced number of
-// raw bytes is taken as it comes, then acknowledged once. What was received is
-// in the store, in closed files, before it is acknowledged.
+// A request ends with "</data>" and a line feed. The line feed may be missing or late: when the bytes end
+// right after "</data>" the engine waits for more or for settled(). After the ACK of a program request the
+// announced number of raw bytes is taken as it comes, then acknowledged once. What was received is in the
+// store, in closed files, before it is acknowledged.
 #pragma once
 
 #include "data-guard.hpp"
@@ -26,8 +25,8 @@ class firehose_engine : public engine {
     void settled() override;
     uint64_t input_limit() const override;
 
-    // One row of the table of elements: how it is handled and under which step
-    // of the fault plan it is answered.
+    // One row of the table of elements: how it is handled and under which step of the fault plan it is
+    // answered.
     struct element_row {
         std::string_view element;
         std::string_view step; // of the answer
@@ -42,7 +41,6 @@ class firehose_engine : public engine {
     void find_end();
     void handle_request();
     const element_row &row_of(const std::string &element) const;
-    bool accept(const firehose_request &request, const element_row &row);
 
     void acknowledge(const firehose_request &request, const element_row &row);
     void configure(const firehose_request &request, const element_row &row);

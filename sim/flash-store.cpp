@@ -9,11 +9,12 @@
 #include <cstring>
 
 namespace sim {
+namespace {
 
-static const std::string programmer_name = "programmer.bin";
+const std::string programmer_name = "programmer.bin";
 
 // Element names come from the host: only harmless characters reach a file name.
-static std::string harmless(std::string_view element)
+std::string harmless(std::string_view element)
 {
     std::string name;
     for (const char c : element.substr(0, 32)) {
@@ -24,7 +25,7 @@ static std::string harmless(std::string_view element)
     return name.empty() ? "unknown" : name;
 }
 
-static bool write_all(int fd, view bytes)
+[[nodiscard]] bool write_all(int fd, view bytes)
 {
     while (!bytes.empty()) {
         const ssize_t done = ::write(fd, bytes.data(), bytes.size());
@@ -36,6 +37,8 @@ static bool write_all(int fd, view bytes)
     }
     return true;
 }
+
+} // namespace
 
 bool flash_store::failed(const std::string &name)
 {

@@ -5,14 +5,17 @@
 #include <algorithm>
 
 namespace sim {
+namespace {
 
-static constexpr size_t longest_command = 512;
-static constexpr size_t longest_frame = 64;
-static constexpr uint8_t subsystem_dispatch = 0x4B;
-static constexpr uint8_t closing_flag = 0x7E;
+constexpr size_t longest_command = 512;
+constexpr size_t longest_frame = 64;
+constexpr uint8_t subsystem_dispatch = 0x4B;
+constexpr uint8_t closing_flag = 0x7E;
 
 // Subsystem 101, command 1, with its frame check sequence (RFC 1662).
-static const octets download_frame = {0x4B, 0x65, 0x01, 0x00, 0x54, 0x0F, 0x7E};
+const octets download_frame = {0x4B, 0x65, 0x01, 0x00, 0x54, 0x0F, 0x7E};
+
+} // namespace
 
 void normal_engine::begin(uint32_t)
 {

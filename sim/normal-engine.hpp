@@ -1,7 +1,6 @@
-// The modem in normal operation: AT commands and DIAG frames on one line, told
-// apart by their first byte. Command lines ("AT...", ended by a carriage
-// return) are answered from the table, echoed until ATE0. The one DIAG frame
-// that is understood asks for download mode: the stage is done.
+// The modem in normal operation: AT commands and DIAG frames on one line, told apart by their first byte.
+// Command lines ("AT...", ended by a carriage return) are answered from the table, echoed until ATE0. The one
+// DIAG frame that is understood asks for download mode: the stage is done.
 #pragma once
 
 #include "engine.hpp"

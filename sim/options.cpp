@@ -13,9 +13,10 @@
 #include <vector>
 
 namespace sim {
+namespace {
 
 // A setter answers whether the value is good, or what is wrong with it.
-static constexpr const char *bad_value = "bad value";
+constexpr const char *bad_value = "bad value";
 
 using target = program_options;
 using setter = std::string (*)(target &, const char *);
@@ -26,7 +27,7 @@ template <typename T> struct choice {
 };
 
 template <typename T, size_t N>
-static std::string choose(T &out, const std::array<choice<T>, N> &choices, std::string_view text)
+std::string choose(T &out, const std::array<choice<T>, N> &choices, std::string_view text)
 {
     const auto found = std::ranges::find(choices, text, &choice<T>::name);
     if (found == choices.end())
@@ -35,7 +36,7 @@ static std::string choose(T &out, const std::array<choice<T>, N> &choices, std::
     return "";
 }
 
-template <typename T> static std::string number(T &out, const char *text, uint64_t min, uint64_t max)
+template <typename T> std::string number(T &out, const char *text, uint64_t min, uint64_t max)
 {
     const auto value = parse_number(text, max);
     if (!value || *value < min)
@@ -45,7 +46,7 @@ template <typename T> static std::string number(T &out, const char *text, uint64
 }
 
 // Seconds with at most three decimals, as milliseconds.
-static std::string seconds(uint64_t &out_ms, std::string_view text)
+std::string seconds(uint64_t &out_ms, std::string_view text)
 {
     const size_t point = text.find('.');
     const auto whole = parse_number(text.substr(0, point), 1000000);
@@ -60,7 +61,7 @@ static std::string seconds(uint64_t &out_ms, std::string_view text)
     return "";
 }
 
-static std::string add_at_answer(target &out, const char *text)
+std::string add_at_answer(target &out, const char *text)
 {
     auto answer = parse_at_answer(text);
     if (!answer)
@@ -69,7 +70,7 @@ static std::string add_at_answer(target &out, const char *text)
     return "";
 }
 
-static std::string add_fault(target &out, const char *text)
+std::string add_fault(target &out, const char *text)
 {
     fault planned;
     std::string wrong = parse_fault(text, planned);
@@ -79,7 +80,7 @@ static std::string add_fault(target &out, const char *text)
 }
 
 // VID:PID, each in one to four hexadecimal digits.
-static std::string usb_identifier(usb_id &out, std::string_view text)
+std::string usb_identifier(usb_id &out, std::string_view text)
 {
     const size_t colon = text.find(':');
     const auto half = [](std::string_view digits, uint16_t &value) {
@@ -92,24 +93,24 @@ static std::string usb_identifier(usb_id &out, std::string_view text)
     return good ? "" : "two hexadecimal numbers expected, as in fff0:1001";
 }
 
-static std::string path(std::string &out, const char *text)
+std::string path(std::string &out, const char *text)
 {
     out = text;
     return out.empty() ? "a path is needed" : "";
 }
 
-static constexpr std::array<choice<stage>, 3> start_stages = {
+constexpr std::array<choice<stage>, 3> start_stages = {
     {{"normal", stage::normal}, {"sahara", stage::sahara}, {"firehose", stage::firehose}}};
-static constexpr std::array<choice<stage>, 4> last_stages = {{{"diag", stage::normal},
-                                                              {"sahara", stage::sahara},
-                                                              {"firehose", stage::firehose},
-                                                              {"reset", stage::firehose}}};
-static constexpr std::array<choice<uint32_t>, 2> request_widths = {{{"32", 32}, {"64", 64}}};
-static constexpr std::array<choice<read_order>, 4> orders = {{{"forward", read_order::forward},
-                                                              {"backward", read_order::backward},
-                                                              {"twice", read_order::twice},
-                                                              {"shuffle", read_order::shuffle}}};
-static constexpr std::array<choice<delivery>, 3> deliveries = {
+constexpr std::array<choice<stage>, 4> last_stages = {{{"diag", stage::normal},
+                                                       {"sahara", stage::sahara},
+                                                       {"firehose", stage::firehose},
+                                                       {"reset", stage::firehose}}};
+constexpr std::array<choice<uint32_t>, 2> request_widths = {{{"32", 32}, {"64", 64}}};
+constexpr std::array<choice<read_order>, 4> orders = {{{"forward", read_order::forward},
+                                                       {"backward", read_order::backward},
+                                                       {"twice", read_order::twice},
+                                                       {"shuffle", read_order::shuffle}}};
+constexpr std::array<choice<delivery>, 3> deliveries = {
     {{"whole", delivery::whole}, {"bytes", delivery::bytes}, {"glued", delivery::glued}}};
 
 struct option_row {
@@ -119,11 +120,11 @@ struct option_row {
     setter set;
 };
 
-static constexpr uint64_t max32 = UINT32_MAX;
-static constexpr uint64_t max_size = uint64_t{1} << 40;
+constexpr uint64_t max32 = UINT32_MAX;
+constexpr uint64_t max_size = uint64_t{1} << 40;
 
 // clang-format off
-static const auto rows = std::to_array<option_row>({
+const auto rows = std::to_array<option_row>({
     {"help", nullptr, "print this text and leave",
      [](target &o, const char *) { o.help = true; return std::string(); }},
     {"version", nullptr, "print the version and leave",
@@ -217,7 +218,7 @@ static const auto rows = std::to_array<option_row>({
 });
 // clang-format on
 
-static std::vector<struct option> getopt_table()
+std::vector<struct option> getopt_table()
 {
     std::vector<struct option> table;
     table.reserve(std::size(rows) + 1);
@@ -228,7 +229,7 @@ static std::vector<struct option> getopt_table()
 }
 
 // What the options say together.
-static std::string check_together(const target &options)
+std::string check_together(const target &options)
 {
     const settings &device = options.device;
     if (device.start > device.until)
@@ -248,7 +249,7 @@ static std::string check_together(const target &options)
     return "";
 }
 
-static std::string complaint(char **argv, int code)
+std::string complaint(char **argv, int code)
 {
     const std::string word = argv[optind > 0 ? optind - 1 : 0];
     if (code == ':')
@@ -260,26 +261,7 @@ static std::string complaint(char **argv, int code)
     return "unknown option " + word;
 }
 
-std::string parse_options(int argc, char **argv, program_options &out)
-{
-    const auto table = getopt_table();
-    optind = 0; // start anew, in tests too
-    opterr = 0;
-    int index = -1;
-    for (int code = 0; (code = getopt_long(argc, argv, ":", table.data(), &index)) != -1; index = -1) {
-        if (code != 0)
-            return complaint(argv, code);
-        const option_row &row = rows[static_cast<size_t>(index)];
-        const std::string wrong = row.set(out, optarg);
-        if (!wrong.empty())
-            return std::string("--").append(row.name).append(" ").append(optarg).append(": ").append(wrong);
-    }
-    if (optind < argc)
-        return std::string("unexpected argument ") + argv[optind];
-    return out.help || out.version ? "" : check_together(out);
-}
-
-static const char *const faults_help = R"(
+const char *const faults_help = R"(
 A fault strikes when the device is about to take STEP for the N-th time
 (@N, default the first time; @all: every time).
 
@@ -319,7 +301,28 @@ hang-up ended it; 1 system error; 2 usage; 3 time-out; 4 the host broke the
 protocol.
 )";
 
-static constexpr size_t help_column = 28;
+constexpr size_t help_column = 28;
+
+} // namespace
+
+std::string parse_options(int argc, char **argv, program_options &out)
+{
+    const auto table = getopt_table();
+    optind = 0; // start anew, in tests too
+    opterr = 0;
+    int index = -1;
+    for (int code = 0; (code = getopt_long(argc, argv, ":", table.data(), &index)) != -1; index = -1) {
+        if (code != 0)
+            return complaint(argv, code);
+        const option_row &row = rows[static_cast<size_t>(index)];
+        const std::string wrong = row.set(out, optarg);
+        if (!wrong.empty())
+            return std::string("--").append(row.name).append(" ").append(optarg).append(": ").append(wrong);
+    }
+    if (optind < argc)
+        return std::string("unexpected argument ") + argv[optind];
+    return out.help || out.version ? "" : check_together(out);
+}
 
 std::string help_text()
 {

@@ -4,19 +4,20 @@
 #include <utility>
 
 namespace sim {
+namespace {
 
 // Neither a packet, nor an answer, nor a final response.
-static const octets garbage_bytes = {0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A,
-                                     0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A};
+const octets garbage_bytes = {0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A,
+                              0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A};
 
-static octets shortened(const octets &bytes, uint64_t keep)
+octets shortened(const octets &bytes, uint64_t keep)
 {
     const uint64_t wanted = keep == 0 ? bytes.size() / 2 : keep;
     const auto size = static_cast<size_t>(std::min<uint64_t>(wanted, bytes.size()));
     return octets(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size));
 }
 
-static octets with_number(const message &it, const fault &what)
+octets with_number(const message &it, const fault &what)
 {
     octets bytes = it.bytes;
     for (const number_field &field : it.numbers)
@@ -24,6 +25,8 @@ static octets with_number(const message &it, const fault &what)
             bytes[field.at + i] = static_cast<uint8_t>(what.value >> (8 * i));
     return bytes;
 }
+
+} // namespace
 
 posted outbox::post(const message &it)
 {

@@ -1,8 +1,7 @@
-// What the device wants to say, in order, and what the plan of faults makes of
-// it. Engines post whole messages; a front (a pseudo-terminal, a USB function)
-// takes write units: each unit is one write, or one USB transfer. A front must
-// wait `delay_ms` before a unit and let the host read the unit before it takes
-// the next one, so that two messages never arrive glued by accident.
+// What the device wants to say, in order, and what the plan of faults makes of it. Engines post whole
+// messages; a front (a pseudo-terminal, a USB function) takes write units: each unit is one write, or one USB
+// transfer. A front must wait `delay_ms` before a unit and let the host read the unit before it takes the
+// next one, so that two messages never arrive glued by accident.
 #pragma once
 
 #include "bytes.hpp"
@@ -19,8 +18,8 @@
 
 namespace sim {
 
-// whole: a message is a unit; bytes: every byte is a unit; glued: the messages
-// that wait together without a delay between them are one unit.
+// whole: a message is a unit; bytes: every byte is a unit; glued: the messages that wait together without a
+// delay between them are one unit.
 enum class delivery { whole, bytes, glued };
 
 // Where a message has a number that a fault may replace, little-endian.
@@ -49,8 +48,8 @@ struct write_unit {
     bool halt_out = false; // USB: and so is what the host is sending
 };
 
-// What becomes of a message: it goes out whole (perhaps late or twice), or
-// harmed or not at all, or a refusal goes out instead.
+// What becomes of a message: it goes out whole (perhaps late or twice), or harmed or not at all, or a refusal
+// goes out instead.
 enum class posted { whole, spoiled, refused };
 
 class outbox {

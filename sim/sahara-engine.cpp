@@ -4,12 +4,13 @@
 #include <array>
 
 namespace sim {
+namespace {
 
-static constexpr size_t header_size = 8;
-static constexpr uint32_t download_request = 240;
-static constexpr uint32_t largest_command = 0x400; // what HELLO announces
+constexpr size_t header_size = 8;
+constexpr uint32_t download_request = 240;
+constexpr uint32_t largest_command = 0x400; // what HELLO announces
 
-static octets packet_head(uint32_t command, uint32_t length)
+octets packet_head(uint32_t command, uint32_t length)
 {
     octets out;
     append_le32(out, command);
@@ -18,23 +19,23 @@ static octets packet_head(uint32_t command, uint32_t length)
 }
 
 // A packet without meaning, as long as it says.
-static octets unknown_packet(uint32_t length)
+octets unknown_packet(uint32_t length)
 {
     octets out = packet_head(99, length);
     out.resize(length, 0);
     return out;
 }
 
-static const number_field packet_length = {fault_kind::length, 4, 4};
+const number_field packet_length = {fault_kind::length, 4, 4};
 
-static std::vector<number_field> numbers_of_read_data(uint32_t request_bits)
+std::vector<number_field> numbers_of_read_data(uint32_t request_bits)
 {
     if (request_bits == 64)
         return {packet_length, {fault_kind::offset, 16, 8}, {fault_kind::bytes, 24, 8}};
     return {packet_length, {fault_kind::offset, 12, 4}, {fault_kind::bytes, 16, 4}};
 }
 
-static octets hello(const settings &wanted, uint32_t mode)
+octets hello(const settings &wanted, uint32_t mode)
 {
     octets out = packet_head(1, 48);
     append_le32(out, wanted.hello_version);
@@ -45,7 +46,7 @@ static octets hello(const settings &wanted, uint32_t mode)
     return out;
 }
 
-static octets read_data(const settings &wanted, const read_request &block)
+octets read_data(const settings &wanted, const read_request &block)
 {
     if (wanted.request_bits == 64) {
         octets out = packet_head(18, 32);
@@ -61,7 +62,7 @@ static octets read_data(const settings &wanted, const read_request &block)
     return out;
 }
 
-static octets end_image_tx(uint32_t image_id, uint32_t status)
+octets end_image_tx(uint32_t image_id, uint32_t status)
 {
     octets out = packet_head(4, 16);
     append_le32(out, image_id);
@@ -69,7 +70,7 @@ static octets end_image_tx(uint32_t image_id, uint32_t status)
     return out;
 }
 
-static octets done_response(uint32_t status)
+octets done_response(uint32_t status)
 {
     octets out = packet_head(6, 12);
     append_le32(out, status);
@@ -77,10 +78,33 @@ static octets done_response(uint32_t status)
 }
 
 // What the platform's boot loader reports after the one image it asked for.
-static uint32_t good_done_status(uint32_t platform)
+uint32_t good_done_status(uint32_t platform)
 {
     return platform == 0 ? 0 : 1;
 }
+
+bool lone_reset(view bytes)
+{
+    if (bytes.size() != header_size || read_le32(bytes, 4) != header_size)
+        return false;
+    return read_le32(bytes, 0) == 7 || read_le32(bytes, 0) == 19;
+}
+
+struct known_packet {
+    uint32_t command;
+    uint32_t length;
+    const char *kind;
+};
+
+constexpr std::array<known_packet, 5> known_packets = {{
+    {2, 48, "hello_response"},
+    {5, 8, "done"},
+    {7, 8, "reset"},
+    {19, 8, "reset_state_machine"},
+    {download_request, 8, "enter_download"},
+}};
+
+} // namespace
 
 sahara_engine::sahara_engine(workbench &bench)
     : engine(bench), mode_(bench.wanted.hello_mode),
@@ -119,13 +143,6 @@ uint64_t sahara_engine::input_limit() const
     if (guard_.struck())
         return 0;
     return block_left_ > 0 ? guard_.limit() : UINT64_MAX;
-}
-
-static bool lone_reset(view bytes)
-{
-    if (bytes.size() != header_size || read_le32(bytes, 4) != header_size)
-        return false;
-    return read_le32(bytes, 0) == 7 || read_le32(bytes, 0) == 19;
 }
 
 size_t sahara_engine::receive(view bytes)
@@ -174,20 +191,6 @@ size_t sahara_engine::take_packet_bytes(view bytes)
         take_packet();
     return size;
 }
-
-struct known_packet {
-    uint32_t command;
-    uint32_t length;
-    const char *kind;
-};
-
-static constexpr std::array<known_packet, 5> known_packets = {{
-    {2, 48, "hello_response"},
-    {5, 8, "done"},
-    {7, 8, "reset"},
-    {19, 8, "reset_state_machine"},
-    {download_request, 8, "enter_download"},
-}};
 
 void sahara_engine::take_packet()
 {
@@ -318,8 +321,8 @@ void sahara_engine::take_done()
                                          0,
                                          unknown_packet(12),
                                          {packet_length}});
-    // Only a host that was told so goes on to the programmer; another one
-    // gives up and resets the boot loader, which therefore stays here.
+    // Only a host that was told so goes on to the programmer; another one gives up and resets the boot
+    // loader, which therefore stays here.
     if (sent == posted::whole && status == good)
         finish(progress::done);
     else

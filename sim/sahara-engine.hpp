@@ -1,5 +1,5 @@
-// The boot loader: says HELLO, asks for the programmer block by block, ends the
-// image and leaves to the programmer after DONE.
+// The boot loader: says HELLO, asks for the programmer block by block, ends the image and leaves to the
+// programmer after DONE.
 //
 //   begin -> HELLO, wait for its response
 //   HELLO response -> READ_DATA, the block, READ_DATA, ... END_IMAGE_TX
@@ -7,8 +7,8 @@
 //   RESET_STATE_MACHINE -> begin again; RESET -> the device leaves
 //   HELLO in mode 2: command 240 -> 241, begin again in mode 0
 //
-// A RESET or RESET_STATE_MACHINE that arrives alone in the middle of a block is
-// obeyed: a host that gave up has nothing else to say.
+// A RESET or RESET_STATE_MACHINE that arrives alone in the middle of a block is obeyed: a host that gave up
+// has nothing else to say.
 #pragma once
 
 #include "data-guard.hpp"
@@ -44,7 +44,7 @@ class sahara_engine : public engine {
     void ask(const read_request &wanted);
     void end_image();
     void report_end(uint32_t status);
-    bool awaits(phase wanted, const char *packet);
+    [[nodiscard]] bool awaits(phase wanted, const char *packet);
     bool heard(const char *step);
 
     phase phase_ = phase::hello;

@@ -1,5 +1,5 @@
-// What the simulated modem is asked to be: plain values, filled by the option
-// parser of the program or by a test.
+// What the simulated modem is asked to be: plain values, filled by the option parser of the program or by a
+// test.
 #pragma once
 
 #include "fault-plan.hpp"

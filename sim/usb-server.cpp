@@ -15,14 +15,13 @@
 #include <vector>
 
 namespace sim {
-
-static constexpr uint64_t never = UINT64_MAX;
-static constexpr uint64_t quiet_us = 20000;
-static constexpr uint8_t direction_in = 0x80;
-static constexpr uint8_t diagnostic_endpoint = 1;
-static constexpr std::array<uint8_t, 2> frame_start = {0x4B, 0x65};
-
 namespace {
+
+constexpr uint64_t never = UINT64_MAX;
+constexpr uint64_t quiet_us = 20000;
+constexpr uint8_t direction_in = 0x80;
+constexpr uint8_t diagnostic_endpoint = 1;
+constexpr std::array<uint8_t, 2> frame_start = {0x4B, 0x65};
 
 // A transfer that the host submitted and that is not complete.
 struct transfer {

@@ -1,12 +1,10 @@
 // Runs a device on the kernel's virtual USB bus until the conversation ends.
 //
-// In normal mode it is a device of three interfaces: the diagnostic one (only
-// DIAG frames are heard there) and two for AT commands, each answered where it
-// came from. The switch to download mode takes it off the bus; after a while it
-// comes back as the chip vendor's download device, and after a reset as the
-// modem again, or not at all. A message is one transfer, handed to the host when
-// it asks for it; a transfer from the host is handed to the device as a whole
-// and noted in the transcript with its size, empty ones too.
+// In normal mode it is a device of three interfaces: the diagnostic one (only DIAG frames are heard there)
+// and two for AT commands, each answered where it came from. The switch to download mode takes it off the
+// bus; after a while it comes back as the chip vendor's download device, and after a reset as the modem
+// again, or not at all. A message is one transfer, handed to the host when it asks for it; a transfer from
+// the host is handed to the device as a whole and noted in the transcript with its size, empty ones too.
 #pragma once
 
 #include "serving.hpp"
@@ -26,7 +24,7 @@ struct usb_settings {
 };
 
 // The device has been started and `port` is plugged in.
-served serve_usb(device &modem, vhci_port &port, const usb_settings &usb, const serve_limits &limits,
-                 transcript &log, int stop_fd);
+[[nodiscard]] served serve_usb(device &modem, vhci_port &port, const usb_settings &usb,
+                               const serve_limits &limits, transcript &log, int stop_fd);
 
 } // namespace sim

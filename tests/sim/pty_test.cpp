@@ -59,8 +59,8 @@ class line {
         }
     }
 
-    // One read of at most 1024 bytes, as soon as something came; "(nothing)"
-    // after the time, "(closed)" after a hang-up.
+    // One read of at most 1024 bytes, as soon as something came; "(nothing)" after the time, "(closed)" after
+    // a hang-up.
     std::string hear(int ms = 3000)
     {
         struct pollfd waiting {

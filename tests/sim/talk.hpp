@@ -1,5 +1,5 @@
-// A conversation with a device in one process, without a line: what the host
-// says goes in, the write units the device answers with come out.
+// A conversation with a device in one process, without a line: what the host says goes in, the write units
+// the device answers with come out.
 #pragma once
 
 #include "device.hpp"
