@@ -77,15 +77,21 @@ std::optional<at_answer> parse_at_answer(std::string_view text)
     const size_t equals = text.find('=');
     if (equals == std::string_view::npos || equals == 0)
         return std::nullopt;
-    at_answer out{text.substr(0, equals), ""};
-    for (std::string_view rest = text.substr(equals + 1); !rest.empty();) {
+    auto answer = parse_at_text(text.substr(equals + 1));
+    return answer ? std::optional(at_answer(text.substr(0, equals), std::move(*answer))) : std::nullopt;
+}
+
+std::optional<std::string> parse_at_text(std::string_view text)
+{
+    std::string out;
+    for (std::string_view rest = text; !rest.empty();) {
         // cppcheck-suppress containerOutOfBounds ; passes over the condition of the loop
         const char c = rest.front();
         rest.remove_prefix(1);
         const auto byte = c == '\\' ? unescape(rest) : std::optional<char>(c);
         if (!byte)
             return std::nullopt;
-        out.second += *byte;
+        out += *byte;
     }
     return out;
 }

@@ -42,8 +42,8 @@ class engine {
     // The stage begins; what it sends by itself is to be `delay_ms` late.
     virtual void begin(uint32_t delay_ms) = 0;
     // Consumes bytes from the front and answers how many: all, unless the stage ended or input_limit() fell
-    // to 0 before.
-    virtual size_t receive(view bytes) = 0;
+    // to 0 before. Only normal mode tells one channel from another.
+    virtual size_t receive(view bytes, unsigned channel) = 0;
     // True while a message may be complete or may go on: call settled() when the host has been quiet for a
     // moment.
     virtual bool wants_quiet() const { return false; }

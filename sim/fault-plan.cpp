@@ -16,7 +16,7 @@ struct kind_row {
     wants number;
 };
 
-constexpr std::array<kind_row, 20> kinds = {{
+constexpr std::array<kind_row, 22> kinds = {{
     {"silence", fault_kind::silence, wants::nothing}, {"skip", fault_kind::skip, wants::nothing},
     {"nak", fault_kind::nak, wants::nothing},         {"garbage", fault_kind::garbage, wants::nothing},
     {"hangup", fault_kind::hangup, wants::nothing},   {"truncate", fault_kind::truncate, wants::may_have},
@@ -27,6 +27,7 @@ constexpr std::array<kind_row, 20> kinds = {{
     {"length", fault_kind::length, wants::value},     {"offset", fault_kind::offset, wants::value},
     {"bytes", fault_kind::bytes, wants::value},       {"lost", fault_kind::lost, wants::may_have},
     {"garbled", fault_kind::garbled, wants::nothing}, {"overdue", fault_kind::overdue, wants::nothing},
+    {"halves", fault_kind::halves, wants::may_have},  {"nul", fault_kind::nul, wants::nothing},
 }};
 
 constexpr unsigned bit(fault_kind kind)
@@ -39,7 +40,7 @@ constexpr unsigned no_answer =
 constexpr unsigned any_message = no_answer | bit(fault_kind::halt) | bit(fault_kind::garbage) |
                                  bit(fault_kind::truncate) | bit(fault_kind::repeat) |
                                  bit(fault_kind::split) | bit(fault_kind::twice) | bit(fault_kind::glue) |
-                                 bit(fault_kind::overdue);
+                                 bit(fault_kind::halves) | bit(fault_kind::nul) | bit(fault_kind::overdue);
 constexpr unsigned any_answer = any_message | bit(fault_kind::nak) | bit(fault_kind::wrong);
 constexpr unsigned packet = any_message | bit(fault_kind::wrong) | bit(fault_kind::length);
 constexpr unsigned read_packet = packet | bit(fault_kind::offset) | bit(fault_kind::bytes);
@@ -52,12 +53,13 @@ struct step_row {
     unsigned allowed; // bits of the kinds that make sense at the step
 };
 
-constexpr std::array<step_row, 29> steps = {{
+constexpr std::array<step_row, 30> steps = {{
     {"diag", no_answer},
     {"sahara.hello", packet},
     {"sahara.read", read_packet},
     {"sahara.data-in", on_input},
     {"sahara.end", packet | any_answer},
+    {"sahara.refusal", packet},
     {"sahara.done", packet | any_answer},
     {"sahara.qdl", packet},
     {"firehose.log", any_message},

@@ -38,13 +38,15 @@ enum class fault_kind {
     lost,
     garbled,
     overdue,
+    halves,
+    nul,
 };
 
 struct fault {
     std::string step;
     fault_kind kind = fault_kind::silence;
-    // late: milliseconds; truncate: bytes kept, 0 = half; length, offset, bytes: what the field says; lost:
-    // how many bytes of the data
+    // late: milliseconds; truncate, halves: bytes of the first part, 0 = half; length, offset, bytes: what
+    // the field says; lost: how many bytes of the data
     uint64_t value = 0;
     bool every_time = false;
     uint64_t at = 1; // the N-th time, or for a data-in step the byte count

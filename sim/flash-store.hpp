@@ -17,8 +17,12 @@ namespace sim {
 
 class flash_store {
   public:
-    // `folder` empty: nothing is kept. `discard`: requests are kept, data are not.
-    flash_store(std::string folder, bool discard) : folder_(std::move(folder)), discard_(discard) {}
+    // `folder` empty: nothing is kept. `discard`: requests are kept, data are not. `from`: the folder of an
+    // earlier run, whose files are there from the start; it may be the same one.
+    flash_store(std::string folder, bool discard, std::string from = "")
+        : folder_(std::move(folder)), from_(std::move(from)), discard_(discard)
+    {
+    }
 
     [[nodiscard]] bool prepare(); // makes the folder if it is missing
     const std::string &error() const { return error_; }
@@ -42,8 +46,10 @@ class flash_store {
     [[nodiscard]] bool create(descriptor &file, const std::string &name);
     [[nodiscard]] bool close(descriptor &file, const std::string &name);
     bool failed(const std::string &name);
+    [[nodiscard]] bool take_over();
 
     std::string folder_;
+    std::string from_;
     bool discard_;
     std::string error_;
     unsigned requests_ = 0; // kept so far

@@ -70,6 +70,15 @@ std::string add_at_answer(target &out, const char *text)
     return "";
 }
 
+std::string add_at_code(std::vector<std::string> &out, const char *text)
+{
+    auto code = parse_at_text(text);
+    if (!code || code->empty())
+        return "a text expected, with the escapes \\r \\n \\\\ \\xHH";
+    out.push_back(std::move(*code));
+    return "";
+}
+
 std::string add_fault(target &out, const char *text)
 {
     fault planned;
@@ -137,6 +146,8 @@ const auto rows = std::to_array<option_row>({
      [](target &o, const char *) { o.device.stay = true; return std::string(); }},
     {"flash", "DIR", "keep what is flashed in DIR",
      [](target &o, const char *v) { return path(o.device.flash, v); }},
+    {"flash-from", "DIR", "with --flash: begin with what an earlier run left in DIR, and count on from there",
+     [](target &o, const char *v) { return path(o.device.flash_from, v); }},
     {"discard", nullptr, "only count data bytes, keep none",
      [](target &o, const char *) { o.device.discard = true; return std::string(); }},
     {"transcript", "FILE", "write the conversation to FILE, a JSON object a line",
@@ -153,7 +164,7 @@ const auto rows = std::to_array<option_row>({
      [](target &o, const char *v) { return usb_identifier(o.usb.id, v); }},
     {"usb-port", "N", "with --usb: port of the virtual host controller to try first (default 0)",
      [](target &o, const char *v) { return number(o.usb.first_port, v, 0, 255); }},
-    {"usb-first", "MS", "with --usb: wait between the host's first fetch and the first message (default 100)",
+    {"usb-first", "MS", "with --usb: wait between the host's first fetch and the first message (default 0)",
      [](target &o, const char *v) { return number(o.usb.first_ms, v, 0, 60000); }},
     {"usb-away", "MS", "with --usb: how long a switch or a reset takes it off the bus (default 1000)",
      [](target &o, const char *v) { return number(o.usb.away_ms, v, 0, 600000); }},
@@ -171,6 +182,12 @@ const auto rows = std::to_array<option_row>({
      [](target &o, const char *v) { return number(o.device.platform, v, 0, 2); }},
     {"at", "COMMAND=ANSWER", "whole answer to an AT command; escapes \\r \\n \\\\ \\xHH; may be repeated",
      add_at_answer},
+    {"at-delay", "MS", "every answer to an AT command that much later, the echo at once (default 0)",
+     [](target &o, const char *v) { return number(o.device.at_delay_ms, v, 0, 600000); }},
+    {"at-before", "TEXT", "an unsolicited result code before every answer; escapes as above; may be repeated",
+     [](target &o, const char *v) { return add_at_code(o.device.at_before, v); }},
+    {"at-after", "TEXT", "an unsolicited result code after every answer; may be repeated",
+     [](target &o, const char *v) { return add_at_code(o.device.at_after, v); }},
     {"no-hello", nullptr, "never send HELLO, wait for the host's response to it",
      [](target &o, const char *) { o.device.no_hello = true; return std::string(); }},
     {"hello-mode", "N", "mode of the HELLO (default 0; 2: asks to be sent back to download mode)",
@@ -198,6 +215,8 @@ const auto rows = std::to_array<option_row>({
          o.device.done_status = status;
          return wrong;
      }},
+    {"plain-answers", nullptr, "the programmer says no log lines of its own, and answers without attributes",
+     [](target &o, const char *) { o.device.plain_answers = true; return std::string(); }},
     {"payload", "N", "refuse any other payload size with N as counter-offer",
      [](target &o, const char *v) {
          uint64_t size = 0;
@@ -205,11 +224,11 @@ const auto rows = std::to_array<option_row>({
          o.device.payload = size;
          return wrong;
      }},
-    {"log-start", "N", "log messages when the programmer starts (default 0)",
+    {"log-start", "N", "more log messages when the programmer starts (default 0)",
      [](target &o, const char *v) { return number(o.device.log_start, v, 0, 1000); }},
-    {"log-before", "N", "log messages before every answer of the programmer (default 0)",
+    {"log-before", "N", "more log messages before every answer of the programmer (default 0)",
      [](target &o, const char *v) { return number(o.device.log_before, v, 0, 1000); }},
-    {"log-after", "N", "log messages after every answer of the programmer (default 0)",
+    {"log-after", "N", "more log messages after every answer of the programmer (default 0)",
      [](target &o, const char *v) { return number(o.device.log_after, v, 0, 1000); }},
     {"otp", "VALUE", "a value reported for getstorageinfo, sent as given; may be repeated",
      [](target &o, const char *v) { o.device.otp.emplace_back(v); return std::string(); }},
@@ -234,8 +253,8 @@ std::string check_together(const target &options)
     const settings &device = options.device;
     if (device.start > device.until)
         return "--start lies behind --until";
-    if (device.discard && device.flash.empty())
-        return "--discard without --flash";
+    if (device.flash.empty() && (device.discard || !device.flash_from.empty()))
+        return device.discard ? "--discard without --flash" : "--flash-from without --flash";
     const uint64_t blocks = device.programmer_size / device.read_size;
     if (blocks > most_reads)
         return "--read-size is too small for --programmer-size";
@@ -266,7 +285,8 @@ A fault strikes when the device is about to take STEP for the N-th time
 (@N, default the first time; @all: every time).
 
   STEP      at.WORD (at.ATE0, at.AT#CGMM, ...), diag,
-            sahara.hello sahara.read sahara.end sahara.done sahara.qdl,
+            sahara.hello sahara.read sahara.end sahara.refusal sahara.done
+            sahara.qdl,
             firehose.log firehose.nop firehose.configure firehose.program
             firehose.data firehose.erase firehose.other firehose.otp
             firehose.reset firehose.target-reset; and what the host sends:
@@ -278,9 +298,11 @@ A fault strikes when the device is about to take STEP for the N-th time
             truncate    half the message; truncate:BYTES: its first bytes
             overdue     the message only when the host has sent something more
             split       every byte by itself
+            halves      in two writes, half each; halves:BYTES: the first that long
             repeat      the message twice
             twice       the message twice, in one write
             glue        in one write with the message behind it
+            nul         the same, with a NUL byte between the two
             wrong       a message of the same kind that means nothing
             length:N, offset:N, bytes:N  (Sahara) a field that says N
             late:MS     the message that much later

@@ -18,9 +18,10 @@ struct usb_settings {
     usb_id id = {0xFFF0, 0x1001}; // in normal mode
     uint32_t first_port = 0;      // of the host controller, to try first
     uint32_t away_ms = 1000;      // between leaving the bus and coming back
-    // Between the host's first fetch and the first message after an arrival. A serial port that was just
-    // opened echoes what comes in until its user has made it raw; a device that is faster hears itself.
-    uint32_t first_ms = 100;
+    // Between the host's first fetch and the first message after an arrival: none, what a device says by
+    // itself waits in its endpoint. A serial port that was just opened echoes what comes in until its user
+    // has made it raw; a device that is faster than that hears itself.
+    uint32_t first_ms = 0;
 };
 
 // The device has been started and `port` is plugged in.

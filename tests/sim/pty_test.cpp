@@ -110,6 +110,7 @@ settings programmer()
 {
     settings wanted;
     wanted.start = stage::firehose;
+    wanted.plain_answers = true;
     wanted.platform = 0;
     return wanted;
 }
@@ -263,11 +264,11 @@ TEST(Pty, StopEndsTheService)
 
 TEST(Pty, HostErrorIsReported)
 {
-    line it(programmer(), {0, 0, 1000, 50});
+    line it(settings{}, {0, 0, 1000, 50});
     it.say("rubbish");
     const served result = it.ended();
     EXPECT_EQ(result.how, ending::host_error);
-    EXPECT_EQ(result.trouble, "firehose: bytes that are no request");
+    EXPECT_EQ(result.trouble, "normal: neither an AT command nor a DIAG frame");
 }
 
 } // namespace
