@@ -24,7 +24,8 @@ def faulty(folder, *faults, more=(), options=()):
     package = packages.one_image(folder / 'package', *more)
     faults = [word for fault in faults for word in ('--fault', f'firehose.{fault}')]
     # A modem that has refused its reset goes on; every other one leaves by itself.
-    return flash(folder, package, sim=[*faults, *options], sim_leaves='firehose.reset=nak' not in faults)
+    return flash(folder, package, sim=['--plain-answers', *faults, *options],
+                 sim_leaves='firehose.reset=nak' not in faults)
 
 
 # faults: exit status, standard output, standard error before the last lines, what the modem received
@@ -81,6 +82,11 @@ def scripted(folder, steps, more=()):
     return outcome, modem.received
 
 
+def refused_in_full(folder):
+    """A refusal as programmers word it: a log line with the reason before it."""
+    return flash(folder, packages.one_image(folder / 'package'), sim=['--fault', 'firehose.program=nak'])
+
+
 def program_refused(folder):
     return scripted(folder, [(len(NOP), [ACK]), (len(CONFIGURE), [ACK]), (len(ERASE_REQUEST), [ACK]),
                              (len(PROGRAM_REQUEST), [NAK]), (len(RESET), [ACK, TARGET_RESET])])
@@ -129,6 +135,7 @@ CASES = {
     'hangup in data': partial(stop_in_data, fault='hangup'),
     'stall': partial(stop_in_data, fault='stall'),
     'program refused': program_refused,
+    'refused in full': refused_in_full,
     'byte by byte': ack_byte_by_byte,
     'cut in the mark': partial(ack_cut, behind=b'value="A'),
     'cut behind the mark': partial(ack_cut, behind=b'value="ACK"'),
@@ -207,6 +214,14 @@ def test_refused_program_line_sends_no_data(result_of):
     assert (outcome.status, outcome.out) == (154, VERSION)
     assert outcome.err == NAK_TEXT + COMMAND_FAILED + FIREHOSE_FAILED
     assert received == NOP + CONFIGURE + ERASE_REQUEST + PROGRAM_REQUEST + RESET
+
+
+def test_refusal_with_its_reason_before(result_of):
+    session = result_of('refused in full')
+    text = '<?xml version="1.0" encoding="UTF-8" ?>\n<data><response value="NAK" rawmode="false" /></data>\n'
+    assert (session.outcome.status, session.outcome.out) == (154, VERSION)
+    assert session.outcome.err == text + COMMAND_FAILED + FIREHOSE_FAILED
+    assert session.received() == ['nop', 'configure', 'erase', 'program', 'power']
 
 
 def test_ack_that_comes_byte_by_byte_is_none(result_of):
