@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 #include <optional>
+#include <span>
 
 // Core error codes. Every operation of this library returns 0 for success or one of these. The numbers are
 // the negated errno numbers of generic Linux on every processor, and a few of the library's own.
@@ -66,6 +67,9 @@ int core_get_time(timespec *out);
 extern "C" size_t strlcpy(char *dest, const char *src, size_t size);
 extern "C" size_t strlcat(char *dest, const char *src, size_t size);
 #endif
+
+// printf(3) into a buffer, which is always terminated; false when the text had to be cut.
+bool core_compose(std::span<char> out, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 // True when every byte of the record is zero: how the tables of this system mark a free slot.
 bool core_is_zero(const void *record, size_t size);

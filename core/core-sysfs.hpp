@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 // Where the three file systems are mounted, without a trailing slash.
 struct core_roots {
@@ -23,7 +24,7 @@ struct core_roots {
 constexpr size_t CORE_SYSFS_NAME_SIZE = 64;
 
 // What stands behind the last slash of a path; the whole of it where there is none.
-const char *core_last_component(const char *path);
+std::string_view core_last_component(std::string_view path);
 
 struct core_sysfs_device {
     core_usb_id id; // of the PCI device where `is_pcie` is set
