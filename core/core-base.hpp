@@ -48,7 +48,7 @@ extern volatile std::sig_atomic_t sigint_detected;
 
 // Translates an errno value of this platform into a core error code; CORE_EGENERIC for any errno without a
 // row of its own (ENOMEM and 0 included). Goes by name, so a time-out is -110 on every processor.
-int map_errno_to_core_err(int err);
+[[nodiscard]] int map_errno_to_core_err(int err);
 
 // To be called from the application's signal handler. For SIGINT sets sigint_detected; returns 0. Any other
 // signal number: returns 2 and changes nothing. Async-signal-safe.
@@ -69,12 +69,13 @@ extern "C" size_t strlcat(char *dest, const char *src, size_t size);
 #endif
 
 // printf(3) into a buffer, which is always terminated; false when the text had to be cut.
-bool core_compose(std::span<char> out, const char *format, ...) __attribute__((format(printf, 2, 3)));
+[[nodiscard]] bool core_compose(std::span<char> out, const char *format, ...)
+    __attribute__((format(printf, 2, 3)));
 
 // True when every byte of the record is zero: how the tables of this system mark a free slot.
-bool core_is_zero(const void *record, size_t size);
+[[nodiscard]] bool core_is_zero(const void *record, size_t size);
 
 // The library's interface: the updater itself does not call this.
 
 // Case-insensitive substring search (strcasestr(3)): the first match inside `haystack`, or null.
-const char *core_strcasestr(const char *haystack, const char *needle);
+[[nodiscard]] const char *core_strcasestr(const char *haystack, const char *needle);

@@ -16,7 +16,7 @@ enum core_log_pprint_mode : int {
 void core_log_set_pprint(int mode);
 
 // True while log messages become JSON objects.
-bool core_log_is_json();
+[[nodiscard]] bool core_log_is_json();
 
 // Reports that `current` of `max` bytes of `description` are done, before the next block is sent.
 // Text output: a percentage line that overwrites itself, below the debug threshold only (the callers log
