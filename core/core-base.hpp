@@ -54,8 +54,8 @@ extern volatile std::sig_atomic_t sigint_detected;
 // signal number: returns 2 and changes nothing. Async-signal-safe.
 int core_signal_handler(int signo);
 
-// Sleeps `ms` milliseconds (the product with 1000 is taken in 32 bits) and returns what usleep returned;
-// a signal ends the sleep early.
+// Sleeps `ms` milliseconds (the product with 1000 is taken in 32 bits) and returns what usleep returned; a
+// signal ends the sleep early.
 int core_sleep(unsigned ms);
 
 // Reads the monotonic clock into `out`. 0, or -1 on failure; logs nothing.

@@ -12,8 +12,8 @@
 #include <cstddef>
 #include <cstdint>
 
-// Opens `path` for reading and writing, non-blocking; `*handle` receives the descriptor, -1 on failure.
-// 0 or the mapped errno. No terminal settings are touched.
+// Opens `path` for reading and writing, non-blocking; `*handle` receives the descriptor, -1 on failure. 0 or
+// the mapped errno. No terminal settings are touched.
 int core_device_open(const char *path, int *handle);
 // Closes the descriptor. 0 or the mapped errno.
 int core_device_close(int handle);

@@ -31,8 +31,8 @@ struct option_descriptor {
 };
 
 // Parses the arguments after argv[0]. 0; CORE_EAGAIN (-11) when "-h" or "--help" was met; CORE_EINVAL for
-// every parse error (logged). Values stored before a failure stay stored. More than MAX_CLI_ARGS arguments
-// or a null table are assertion failures.
+// every parse error (logged). Values stored before a failure stay stored. More than MAX_CLI_ARGS arguments or
+// a null table are assertion failures.
 int get_opts(int argc, char **argv, const option_descriptor *flags);
 // Converts `text` and stores it in the option's destination. 0 or CORE_EINVAL.
 [[nodiscard]] int get_value(const option_descriptor *flag, const char *text);
