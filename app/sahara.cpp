@@ -4,6 +4,7 @@
 #include "core-file.hpp"
 #include "core.hpp"
 #include "log-output.hpp"
+#include "port.hpp"
 #include "sahara-packet.hpp"
 #include "time-limit.hpp"
 #include "timeouts.hpp"
@@ -418,10 +419,10 @@ int sahara_send_programmer(const modem *m, const image_list *package)
         log_err("no sahara port found");
         return CORE_ENODEV;
     }
-    owned_device port;
-    if (core_device_open(record->port_name, port.receive()) != CORE_OK) {
+    owned_port port;
+    if (const int err = open_port(record->port_name, port.receive()); err != CORE_OK) {
         log_err("unable to open device path %s", record->port_name);
-        return CORE_EGENERIC;
+        return port_error(err);
     }
     if (const int err = core_device_set_raw_mode(port.get()); err != CORE_OK) {
         log_err("Unable to configure device");

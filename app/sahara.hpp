@@ -11,8 +11,9 @@
 #include "modem.hpp"
 
 // 0; CORE_EAGAIN when the modem was asked to restart into download mode, or its port took nothing for too
-// long (call again); CORE_ENODEV without a firmware-update port; CORE_EGENERIC; CORE_EPROTO; CORE_ETIMEDOUT;
-// or the error of a read, write or file.
+// long (call again); CORE_ENODEV without a firmware-update port; CORE_EINVAL or CORE_EBUSY when it is none,
+// or another program has it; CORE_EGENERIC; CORE_EPROTO; CORE_ETIMEDOUT; or the error of a read, write or
+// file.
 [[nodiscard]] int sahara_send_programmer(const modem *m, const image_list *package);
 
 // The steps, each on an open port.

@@ -81,6 +81,12 @@ inline std::string_view text_before(std::string_view text, std::string_view mark
 {
     return {text.data(), std::min(text.find_first_of(marks), text.size())};
 }
+// What stands behind the last slash of a path; the whole of it where there is none.
+[[nodiscard]] inline std::string_view core_last_component(std::string_view path)
+{
+    path.remove_prefix(path.rfind('/') + 1); // 0 where there is none
+    return path;
+}
 
 // strlcpy(3) and strlcat(3), where the C library has none: bounded copy and append into a buffer of `size`
 // bytes, always terminated when `size` is not 0; the result is the length that was tried for.

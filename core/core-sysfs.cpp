@@ -309,12 +309,6 @@ void insert_usb_ports(const char *sys, const core_sysfs_device *device, core_dev
 
 } // namespace
 
-std::string_view core_last_component(std::string_view path)
-{
-    path.remove_prefix(path.rfind('/') + 1); // 0 where there is none
-    return path;
-}
-
 size_t core_sysfs_find_devices(const char *sys, core_sysfs_filter wanted, const void *context,
                                core_sysfs_device *devices, size_t room)
 {

@@ -11,7 +11,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string_view>
 
 // Where the three file systems are mounted, without a trailing slash.
 struct core_roots {
@@ -22,9 +21,6 @@ struct core_roots {
 
 // Room for the name of a device or a port, such as 1-2.3, mhi0 or ttyUSB0.
 constexpr size_t CORE_SYSFS_NAME_SIZE = 64;
-
-// What stands behind the last slash of a path; the whole of it where there is none.
-[[nodiscard]] std::string_view core_last_component(std::string_view path);
 
 struct core_sysfs_device {
     core_usb_id id; // of the PCI device where `is_pcie` is set
