@@ -23,7 +23,7 @@ constexpr std::string_view dev_prefix = "/dev/";
 using path_text = char[1024];
 
 // The node of a port of the records, whose names all begin with "/dev/". False when it does not fit.
-bool node_of(const core_roots &roots, const char *port, path_text &out)
+bool node_of(const core_roots &roots, const char *port, std::span<char> out)
 {
     return core_compose(out, "%s/%s", roots.dev, port + dev_prefix.size());
 }
