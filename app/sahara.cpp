@@ -413,7 +413,7 @@ int hello_handshake(int port, uint32_t platform)
 
 int send_programmer(int port, const image_list *package, uint64_t *missing)
 {
-    *missing = 0;
+
     log_inf("Sending programmer");
     upload u{};
     u.port = port;
@@ -422,10 +422,11 @@ int send_programmer(int port, const image_list *package, uint64_t *missing)
     owned_file file;
     if (const int err = open_programmer(package, &file, &u); err != CORE_OK)
         return err;
-    if (const ending end = serve_requests(&u)) {
+    const ending end = serve_requests(&u);
+    if (missing != nullptr)
         *missing = u.missing;
+    if (end)
         return *end;
-    }
     if (const int err = finish_upload(port, package->platform); err != CORE_OK)
         return err;
     core_log_progress_complete(log_source, __func__, __LINE__, static_cast<int64_t>(u.file_size), u.path);

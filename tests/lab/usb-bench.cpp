@@ -11,6 +11,7 @@
 #include "core.hpp"
 #include "firehose-session.hpp"
 #include "image-list.hpp"
+#include "package-check.hpp"
 #include "zepho-log.hpp"
 
 #include <chrono>
