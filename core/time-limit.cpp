@@ -1,6 +1,6 @@
 #include "time-limit.hpp"
 
-#include "core.hpp"
+#include "core-base.hpp"
 
 namespace {
 
