@@ -74,6 +74,15 @@ void device::receive(view bytes, unsigned channel)
         log_.received("after_end", bytes.size());
 }
 
+void device::end_transfer()
+{
+    if (ended())
+        return;
+    out_.speak_on(0);
+    engine_->end_transfer();
+    follow();
+}
+
 void device::settled()
 {
     if (ended())

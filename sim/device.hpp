@@ -33,6 +33,8 @@ class device {
     [[nodiscard]] bool start();
 
     void receive(view bytes, unsigned channel = 0);
+    // All that came so far was a transfer of its own.
+    void end_transfer();
     // Bytes that came but are not taken any more: they only go into the record.
     void leave(view bytes) { log_.record(bytes); }
     // How many bytes may be given to receive() next; 0: stop reading the line.

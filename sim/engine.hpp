@@ -48,6 +48,8 @@ class engine {
     // moment.
     virtual bool wants_quiet() const { return false; }
     virtual void settled() {}
+    // What came so far was a whole transfer. A line that knows none never says so.
+    virtual void end_transfer() {}
     // How many bytes the engine takes at most before it stalls or hangs up; 0: it has stopped reading.
     virtual uint64_t input_limit() const { return UINT64_MAX; }
 

@@ -53,12 +53,17 @@ def high_speed_bus():
     raise AssertionError('no high-speed bus')
 
 
+# A port that was just opened echoes what comes in until it is raw. A modem that waits that long never hears itself, so
+# that every transfer of a run can be told in advance.
+UNHURRIED = ('--usb-first', '100')
+
+
 class UsbModem(harness.Sim):
     """A simulated modem on the bus, inside a with statement. It leaves the bus with the statement."""
 
     def __init__(self, folder, *options, begin='normal', port=0, ports=None, limit=150):
         Path(folder).mkdir(parents=True, exist_ok=True)
-        super().__init__(folder, '--usb', '--usb-port', str(port), *options, begin=begin, limit=limit)
+        super().__init__(folder, '--usb', '--usb-port', str(port), *UNHURRIED, *options, begin=begin, limit=limit)
         bus = high_speed_bus()
         self.name = f'{bus.name[3:]}-{port + 1}'
         self.place = bus / self.name
