@@ -101,8 +101,6 @@ void device::follow()
         return complete_stage();
     case progress::reset:
         return wanted_.stay ? enter(stage::normal, 0) : end(ending::complete, "reset by the host");
-    case progress::host_error:
-        return end(ending::host_error, "host error", std::string(stage_name()) + ": " + engine_->trouble());
     case progress::system_error:
         return end(ending::system_error, "system error", engine_->trouble());
     }

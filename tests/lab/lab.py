@@ -1,9 +1,11 @@
 """The virtual machine's side of the lab: simulated modems on the kernel's USB bus, and what a run did to them."""
 import glob
 import os
+import select
 import subprocess
 import sys
 import time
+import tty
 from pathlib import Path
 
 import harness
@@ -126,6 +128,36 @@ class UsbModem(harness.Sim):
 
     def interfaces_used(self, stage):
         return {e['endpoint'] for e in self.events() if e['kind'] == 'transfer' and e['stage'] == stage}
+
+
+class RawPort:
+    """A serial port, raw, open inside a with statement."""
+
+    def __init__(self, node):
+        self.node = node
+        self.fd = -1
+
+    def __enter__(self):
+        self.fd = os.open(self.node, os.O_RDWR | os.O_NOCTTY)
+        tty.setraw(self.fd)
+        return self
+
+    def __exit__(self, *_):
+        os.close(self.fd)
+
+    def say(self, data):
+        while data:
+            data = data[os.write(self.fd, data):]
+
+    def is_silent(self, seconds=0.5):
+        return select.select([self.fd], [], [], seconds)[0] == []
+
+    def hear_until(self, end):
+        text = b''
+        while not text.endswith(end):
+            assert not self.is_silent(5), text
+            text += os.read(self.fd, 1024)
+        return text
 
 
 # A run takes the first download device of libusb's list, which begins with the last port.

@@ -235,6 +235,26 @@ def test_a_killed_run_then_others_without_and_with_a_power_cycle(tmp_path):
         lab.compare(package, modem)
 
 
+def test_a_programmer_in_the_middle_of_an_image_outlives_its_host(tmp_path):
+    """What comes is data until the announced sectors are full, whoever sends it; then it answers again."""
+    request = lab.framed(lab.image_line('one', lab.SECTOR, 3)).encode()
+    ping = lab.NOP.encode()
+    with lab.UsbModem(tmp_path, begin='firehose', port=lab.LAST_PORT) as modem:
+        with lab.RawPort(lab.DOWNLOAD_PORT) as host:
+            host.say(request)
+            host.hear_until(b' rawmode="true" /></data>')
+            host.say(b'a' * 5000)
+            lab.wait_for(lambda: sum(modem.transfers('firehose')) == len(request) + 5000, 10, 'the data')
+        with lab.RawPort(lab.DOWNLOAD_PORT) as host:
+            host.say(ping)
+            assert host.is_silent()
+            host.say(b'b' * (12288 - 5000 - len(ping)))
+            host.hear_until(b'<response value="ACK" rawmode="false" /></data>')
+            host.say(ping)
+            host.hear_until(b'<response value="ACK" /></data>')
+        assert (modem.flash / '000-program.bin').read_bytes() == b'a' * 5000 + ping + b'b' * (7288 - len(ping))
+
+
 def test_a_programmer_that_never_acknowledges(waiting):
     outcome = waiting['mute'].outcome()
     package = waiting['mute'].package

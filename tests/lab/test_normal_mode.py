@@ -1,10 +1,7 @@
 """Runs that begin with a modem in normal mode: the switch, the way over the bus, and back."""
-import os
 import re
-import select
 import subprocess
 import time
-import tty
 
 import harness
 import lab
@@ -59,34 +56,15 @@ def test_enter_qdl_leaves_the_modem_in_download_mode(tmp_path, sample):
         assert modem.transfers('sahara') == []
 
 
-def open_raw(port):
-    fd = os.open(port, os.O_RDWR | os.O_NOCTTY)
-    tty.setraw(fd)
-    return fd
-
-
-def read_until(fd, end, limit=5):
-    text = b''
-    while not text.endswith(end):
-        ready, _, _ = select.select([fd], [], [], limit)
-        assert ready, text
-        text += os.read(fd, 1024)
-    return text
-
-
 def test_two_readers_do_not_mix(tmp_path):
     with lab.UsbModem(tmp_path) as modem:
-        first, second = open_raw(modem.tty(1)), open_raw(modem.tty(2))
-        try:
-            os.write(first, b'AT#CG')
+        with lab.RawPort(modem.tty(1)) as first, lab.RawPort(modem.tty(2)) as second:
+            first.say(b'AT#CG')
             lab.wait_for(lambda: modem.transfers('normal') == [5], 5, 'the first half of a command')
-            os.write(second, b'AT\r')
-            assert read_until(second, b'OK\r\n') == b'AT\r\r\nOK\r\n'
-            os.write(first, b'MM\r')
-            assert read_until(first, b'OK\r\n') == b'AT#CGMM\r\r\n#CGMM: KX910C1-WW\r\n\r\nOK\r\n'
-        finally:
-            os.close(first)
-            os.close(second)
+            second.say(b'AT\r')
+            assert second.hear_until(b'OK\r\n') == b'AT\r\r\nOK\r\n'
+            first.say(b'MM\r')
+            assert first.hear_until(b'OK\r\n') == b'AT#CGMM\r\r\n#CGMM: KX910C1-WW\r\n\r\nOK\r\n'
 
 
 def test_no_download_device_within_20_seconds_and_at_probing_meanwhile(tmp_path, sample):

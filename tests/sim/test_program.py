@@ -174,10 +174,10 @@ def test_time_out():
         assert (run.process.returncode, errors) == (3, "kestrel-sim: time-out in stage normal\n")
 
 
-def test_broken_host():
+def test_modem_in_normal_mode_does_not_hear_the_rest():
     with Run() as run:
         run.say(HELLO_RESPONSE)
-        assert run.leave() == (4, "kestrel-sim: normal: neither an AT command nor a DIAG frame\n")
+        assert run.ask(b"AT\r") == b"AT\r\r\nOK\r\n"
 
 
 def test_boot_loader_that_refused_a_packet_begins_again():
