@@ -97,9 +97,9 @@ void normal_engine::answer(const std::string &word, const std::string &echo, con
     const uint32_t delay = bench_.wanted.at_delay_ms;
     if (delay != 0 && !echo.empty())
         bench_.out.post({"at.ECHO", "echo", to_octets(echo), {}, json_members().text("text", echo)});
-    const std::string begin = delay == 0 ? echo : "";
-    bench_.out.post({"at." + word, "at", to_octets(begin + text), to_octets(begin + refusal),
-                     json_members().text("text", begin + text), delay, to_octets("\r\nNO CARRIER\r\n")});
+    const std::string before = delay == 0 ? echo : "";
+    bench_.out.post({"at." + word, "at", to_octets(before + text), to_octets(before + refusal),
+                     json_members().text("text", before + text), delay, to_octets("\r\nNO CARRIER\r\n")});
 }
 
 // Unsolicited result codes, each a message of its own.
