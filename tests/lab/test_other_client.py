@@ -3,10 +3,14 @@ what kestrel accepts.
 
 It ends every series of answers with a time-out of its own, five seconds for the first one.
 """
+import shutil
 import subprocess
 
 import lab
 import packages
+import pytest
+
+pytestmark = pytest.mark.skipif(shutil.which('qdl') is None, reason='no qdl')
 
 IMAGE = packages.content('one', 10000)
 SECTORS = 3
