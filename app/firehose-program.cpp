@@ -122,6 +122,8 @@ int send_data(firehose_device *device, const image *img, uint32_t max_payload)
 {
     if (const int err = check_image_file(img); err != CORE_OK)
         return err;
+    if (const int err = drain_answers(device); err != CORE_OK)
+        return err;
     if (img->label[0] != '\0')
         log_as(in_send_command_with_binary, CORE_LOG_INF, "Updating image %s", img->label);
     log_as(in_send_command_with_binary, CORE_LOG_DBG, "sending binary %s", img->filename);
@@ -167,14 +169,15 @@ int send_command_with_binary(firehose_device *device, const image *img, uint32_t
         if (const int err = check_image_file(img); err != CORE_OK)
             return err;
     }
-    if (const int err = send_command(device, img, is_erase); err != CORE_OK) {
+    const raw_mode awaited = has_data ? raw_mode::on : raw_mode::off;
+    if (const int err = send_command(device, img, is_erase, awaited); err != CORE_OK) {
         log_err("error for command");
         return err;
     }
     return has_data ? send_data(device, img, max_payload) : CORE_OK;
 }
 
-int send_command(firehose_device *device, const image *img, bool is_erase)
+int send_command(firehose_device *device, const image *img, bool is_erase, raw_mode awaited)
 {
     owned_text request;
     if (get_command_xml(&request, img, is_erase) < 0) {
@@ -182,7 +185,7 @@ int send_command(firehose_device *device, const image *img, bool is_erase)
         return CORE_ENOMEM;
     }
     log_dbg("%s", request.get());
-    return generic_ack_nack_request(device, request.get());
+    return generic_ack_nack_request(device, request.get(), awaited);
 }
 
 int get_command_xml(owned_text *out, const image *img, bool is_erase)

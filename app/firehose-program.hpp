@@ -14,7 +14,8 @@
 // the one whose sectors the command announces, looked at before the command, before the data and after them.
 [[nodiscard]] int send_command_with_binary(firehose_device *device, const image *img, uint32_t max_payload);
 // The request of one image alone. 0, CORE_ENOMEM or the failure of the request.
-[[nodiscard]] int send_command(firehose_device *device, const image *img, bool is_erase);
+[[nodiscard]] int send_command(firehose_device *device, const image *img, bool is_erase,
+                               raw_mode awaited = raw_mode::off);
 // The request's text; its length, -1 on failure.
 [[nodiscard]] int get_command_xml(owned_text *out, const image *img, bool is_erase);
 // The command with its num_partition_sectors set to the file's real size in sectors, or unchanged where that

@@ -38,10 +38,11 @@ int finish_session(firehose_device *device, const image_list *package, bool rese
         log_as(in_firehose_update, CORE_LOG_DBG, "reset command already sent");
         return CORE_OK;
     }
+    const int refused = drain_answers(device); // of the last image, behind an answer too many
     const int err = send_reset(device, package->platform != 0);
     if (err != CORE_OK)
         log_as(in_firehose_update, CORE_LOG_ERR, "error in sending reset");
-    return err;
+    return refused != CORE_OK ? refused : err;
 }
 
 } // namespace

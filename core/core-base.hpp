@@ -81,9 +81,6 @@ inline std::string_view text_before(std::string_view text, std::string_view mark
     return {text.data(), std::min(text.find_first_of(marks), text.size())};
 }
 
-// Case-insensitive substring search (strcasestr(3)): the first match inside `haystack`, or null.
-const char *core_strcasestr(const char *haystack, const char *needle);
-
 // strlcpy(3) and strlcat(3), where the C library has none: bounded copy and append into a buffer of `size`
 // bytes, always terminated when `size` is not 0; the result is the length that was tried for.
 #if defined(__GLIBC__) && !__GLIBC_PREREQ(2, 38)
@@ -93,3 +90,8 @@ extern "C" size_t strlcat(char *dest, const char *src, size_t size);
 
 // True when every byte of the record is zero: how the tables of this system mark a free slot.
 bool core_is_zero(const void *record, size_t size);
+
+// The library's interface: the updater itself does not call this.
+
+// Case-insensitive substring search (strcasestr(3)): the first match inside `haystack`, or null.
+const char *core_strcasestr(const char *haystack, const char *needle);

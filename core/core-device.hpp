@@ -12,14 +12,6 @@
 #include <cstddef>
 #include <cstdint>
 
-// Modem lines, each 0 or 1.
-struct core_serial_state {
-    uint8_t dsr; // data set ready, or line enable
-    uint8_t cts; // clear to send
-    uint8_t cd;  // carrier detect
-    uint8_t ri;  // ring indicator
-};
-
 // Opens `path` for reading and writing, non-blocking; `*handle` receives the descriptor, -1 on failure.
 // 0 or the mapped errno. No terminal settings are touched.
 int core_device_open(const char *path, int *handle);
@@ -33,8 +25,6 @@ int core_set_hw_flow_control(int handle, bool enable);
 // Raw, without hardware flow control.
 int core_device_set_raw_mode(int handle);
 
-// Reads the modem lines. CORE_EINVAL for a null `state`, else 0: lines that cannot be read leave it zeroed.
-int core_get_serial_state(int handle, core_serial_state *state);
 // Sets or clears DTR and RTS. Always 0.
 int core_set_control_signals(int handle, bool dtr, bool rts);
 // Sets both speeds: 115200, 230400, 460800, 921600, 2000000 or 3000000; any other rate is CORE_EINVAL. A
@@ -53,18 +43,29 @@ int core_device_poll(int handle, int64_t timeout_ms);
 int core_device_read_timeout(int handle, void *buf, size_t len, unsigned timeout_ms, size_t *nread);
 // Waits for room, then one write(2); `*written` may be less than `len`. 0 or the error of poll or write.
 int core_device_write(int handle, const void *buf, size_t len, size_t *written);
-// Writes the whole buffer again from its start until `len` bytes in all were taken. 0; CORE_EIO after ten
-// writes in a row that took nothing, 10 ms apart; or the error of poll or write.
-int core_device_recoursive_write(int handle, const void *buf, size_t len);
 // Bytes waiting to be read. 0 or the mapped errno.
 int core_device_get_bytes_available(int handle, int *count);
 
+// The library's interface: the updater itself calls none of these.
+
+// Modem lines, each 0 or 1.
+struct core_serial_state {
+    uint8_t dsr; // data set ready, or line enable
+    uint8_t cts; // clear to send
+    uint8_t cd;  // carrier detect
+    uint8_t ri;  // ring indicator
+};
+
+// Reads the modem lines. CORE_EINVAL for a null `state`, else 0: lines that cannot be read leave it zeroed.
+int core_get_serial_state(int handle, core_serial_state *state);
+// Writes the whole buffer again from its start until `len` bytes in all were taken. 0; CORE_EIO after ten
+// writes in a row that took nothing, 10 ms apart; or the error of poll or write.
+int core_device_recoursive_write(int handle, const void *buf, size_t len);
 // Discards what waits in both directions (tcflush(3)). 0 or CORE_EIO.
 int core_device_flush(int handle);
 // Resolves `path` into `out`, which holds PATH_MAX bytes (realpath(3)). 0, CORE_EINVAL for a null or empty
 // path or a null `out`, or the mapped errno.
 int core_get_real_path(const char *path, char *out);
-
 // Waits until the device node `port` exists. 0; CORE_ENODEV when SIGINT ended the wait (seen within a
 // second); CORE_EINVAL for a null name; CORE_ENOMEM; CORE_EGENERIC when its directory cannot be watched.
 int core_wait_for_serial(const char *port);

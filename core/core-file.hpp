@@ -29,7 +29,6 @@ FILE *core_file_open_stream(const char *path);
 int core_file_close(int handle);
 using owned_file = owned_handle<core_file_close>;
 int core_file_read(int handle, void *buf, size_t len, size_t *nread);
-int core_file_write(int handle, const void *buf, size_t len, size_t *written);
 // Size in bytes. 0 or the mapped errno.
 int core_file_get_size(int handle, int64_t *size);
 // 0 when the new offset equals `offset`, else -1, which is no core error code. Meant for SEEK_SET.
@@ -37,10 +36,15 @@ int core_file_lseek(int handle, int64_t offset, int whence);
 // Seeks to `offset` from the start. 0 or CORE_EGENERIC.
 int core_file_seek(int handle, int64_t offset);
 
-// mkdir(2) with mode 0755: 0 or -1, silently.
-int core_create_directory(const char *path);
 // 0 when the directory can be opened, CORE_ENOENT when there is none, CORE_EINVAL for anything else.
 int core_directory_exists(const char *path);
+
+// The library's interface: the updater itself calls none of these.
+
+// As core_device_write.
+int core_file_write(int handle, const void *buf, size_t len, size_t *written);
+// mkdir(2) with mode 0755: 0 or -1, silently.
+int core_create_directory(const char *path);
 // Appends the full paths of the regular files directly inside `dir` to `*list` (grown with realloc(3), each
 // path from strdup(3); all owned by the caller) and counts them in `*count`. 0, CORE_ENOENT or CORE_ENOMEM.
 int core_directory_list_files(const char *dir, char ***list, size_t *count);

@@ -12,5 +12,5 @@ class time_limit {
     bool passed() const;
 
   private:
-    int64_t end_ms; // -1: the clock could not be read
+    int64_t end_ms_; // -1: the clock could not be read
 };

@@ -116,6 +116,72 @@ TEST(At, WrongAnswerHasNoFinalResponse)
     EXPECT_EQ(it.say("AT\r"), texts{"\r\nNO CARRIER\r\n"});
 }
 
+TEST(At, PortsHaveALineBufferEach)
+{
+    talk it({});
+    EXPECT_EQ(it.say("AT#CG", 1), texts{});
+    EXPECT_EQ(it.say("AT\r", 2), texts{"AT\r\r\nOK\r\n"});
+    EXPECT_EQ(it.say("MM\r", 1), texts{"AT#CGMM\r\r\n#CGMM: KX910C1-WW\r\n\r\nOK\r\n"});
+    EXPECT_EQ(it.heard_text(2), texts{});
+}
+
+TEST(At, PortsHaveAnEchoEach)
+{
+    talk it({});
+    it.say("ATE0\r", 1);
+    EXPECT_EQ(it.say("AT\r", 1), texts{"\r\nOK\r\n"});
+    EXPECT_EQ(it.say("AT\r", 2), texts{"AT\r\r\nOK\r\n"});
+}
+
+TEST(At, AnswerThatNobodyFetchesHoldsUpNoOtherPort)
+{
+    talk it({});
+    it.modem.receive(to_octets("AT\r"), 1);
+    EXPECT_EQ(it.say("ATE0\r", 2), texts{"ATE0\r\r\nOK\r\n"});
+    EXPECT_EQ(it.heard_text(1), texts{"AT\r\r\nOK\r\n"});
+}
+
+TEST(At, HelloAfterTheSwitchGoesToTheOnePortThatThereIs)
+{
+    talk it({});
+    it.modem.receive(diag_frame, 0);
+    EXPECT_EQ(it.heard(0), (units{hello}));
+}
+
+TEST(At, DelayedAnswerIsEchoedAtOnce)
+{
+    settings wanted;
+    wanted.at_delay_ms = 300;
+    talk it(wanted);
+    it.modem.receive(to_octets("AT\r"));
+    EXPECT_EQ(it.modem.delay_ms(), 0U);
+    EXPECT_EQ(as_text(it.modem.take().bytes), "AT\r");
+    EXPECT_EQ(it.modem.delay_ms(), 300U);
+    EXPECT_EQ(as_text(it.modem.take().bytes), "\r\nOK\r\n");
+    it.say("ATE0\r");
+    EXPECT_EQ(it.say("AT\r"), texts{"\r\nOK\r\n"}) << "nothing to echo";
+    EXPECT_EQ(it.last_delay_ms, 300U);
+}
+
+TEST(At, UnsolicitedResultCodesAroundTheAnswer)
+{
+    settings wanted;
+    wanted.at_before = {"\r\n+CREG: 1\r\n", "\r\nRING\r\n"};
+    wanted.at_after = {"\r\n+CIEV: 2\r\n"};
+    talk it(wanted);
+    EXPECT_EQ(it.say("AT\r", 2),
+              (texts{"\r\n+CREG: 1\r\n", "\r\nRING\r\n", "AT\r\r\nOK\r\n", "\r\n+CIEV: 2\r\n"}));
+}
+
+TEST(At, UnsolicitedResultCodeInOneReadWithTheAnswer)
+{
+    settings wanted;
+    wanted.at_before = {"\r\nRING\r\n"};
+    wanted.faults = {planned("at.CODE=glue")};
+    talk it(wanted);
+    EXPECT_EQ(it.say("AT\r"), texts{"\r\nRING\r\nAT\r\r\nOK\r\n"});
+}
+
 TEST(At, OtherBytesAreTheHostsFault)
 {
     talk it({});
