@@ -10,12 +10,14 @@
 
 // The whole package. CORE_EINVAL for
 //  - a NUL byte in one of its texts, behind which nothing was read;
-//  - a command that shares its line, or goes on in the next one, and a comment without an end: what they hold
-//    was not read;
+//  - a rawprogram file in which package-elements finds other commands than were read: one that shares its
+//    line with anything, goes on in the next line, or was taken for a comment, one of a comment that was not,
+//    a file without its <data> around, and whatever else cannot be understood;
+//  - an element of which the image tells something else: another file, one of two attributes of a name, or a
+//    name that is not recognised when the command is sent;
 //  - a file name that leads out of the package by "..";
 //  - a package without any command, unless the run only reads the OTP values (`otp`);
-//  - a command that was cut, a program line whose file name could not be read, or a file of more sectors than
-//    a command can announce;
+//  - a command that was cut, or a file of more sectors than a command can announce;
 //  - an empty programmer, where the run uploads it (`uploads_programmer`).
 // CORE_ENOENT for a programmer that is not there, or the error of a file.
 [[nodiscard]] int check_package(const image_list *package, bool otp, bool uploads_programmer);
