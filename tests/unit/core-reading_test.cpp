@@ -1,5 +1,6 @@
 #include "core-reading.hpp"
 
+#include "file-identity.hpp"
 #include "libc-hooks.hpp"
 #include "log_capture.hpp"
 #include "temp_dir.hpp"
@@ -507,13 +508,6 @@ class Identity : public Reading {
   protected:
     Identity() : path(dir.write("file", "0123")) {}
 
-    static core_file_identity identity_of(const std::string &name)
-    {
-        const owned_handle<close> opened(open(name.c_str(), O_RDONLY | O_CLOEXEC));
-        core_file_identity identity{};
-        EXPECT_EQ(core_file_identify(opened.get(), &identity), 0);
-        return identity;
-    }
     void set_modified(timespec time) const
     {
         const timespec times[] = {time, time};
