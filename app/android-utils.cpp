@@ -7,24 +7,18 @@
 
 #include <cerrno>
 
-static constexpr char log_source[] = "../android-utils.c";
+using namespace std::string_view_literals;
 
 namespace {
 
+constexpr char log_source[] = "../android-utils.c";
 constexpr char usb_devices[] = "/sys/bus/usb/devices";
 constexpr size_t value_size = 32; // characters kept of a value; the fields hold one more
 
-// What follows `key` at the start of the line, or null.
-const char *value_of(const char *line, const char *key)
-{
-    const size_t length = strlen(key);
-    return strncmp(line, key, length) == 0 ? line + length : nullptr;
-}
-
-void parse_line(const char *line, system_information *out)
+void parse_line(std::string_view line, system_information *out)
 {
     const struct {
-        const char *key;
+        std::string_view key;
         int32_t *number;
         char *text;
     } keys[] = {
@@ -33,9 +27,9 @@ void parse_line(const char *line, system_information *out)
         {"PRODUCT=", nullptr, out->PRODUCT},
     };
     for (const auto &key : keys) {
-        const char *const value = value_of(line, key.key);
-        if (value == nullptr)
+        if (!line.starts_with(key.key))
             continue;
+        const char *const value = line.data() + key.key.size();
         if (key.number != nullptr)
             *key.number = atoi(value); // NOLINT(cert-err34-c): what is no number counts as 0
         else
@@ -45,9 +39,9 @@ void parse_line(const char *line, system_information *out)
 
 void strip_line_end(char *line)
 {
-    const size_t length = strlen(line);
-    if (length > 0 && (line[length - 1] == '\n' || line[length - 1] == '\r'))
-        line[length - 1] = '\0';
+    const std::string_view text = line;
+    if (text.ends_with('\n') || text.ends_with('\r'))
+        line[text.size() - 1] = '\0';
 }
 
 // Entries of interfaces begin with a digit as well; their type tells them apart.
@@ -58,8 +52,9 @@ bool is_wanted_device(const char *entry, const char *vid_text, const char *pid_t
     system_information info;
     if (!get_sysinfo_by_uevent(path, &info))
         return false;
-    return strcmp(info.DEVTYPE, "usb_device") == 0 && info.PRODUCT[0] != '\0' &&
-           strstr(info.PRODUCT, vid_text) != nullptr && strstr(info.PRODUCT, pid_text) != nullptr;
+    const std::string_view product = info.PRODUCT;
+    return info.DEVTYPE == "usb_device"sv && !product.empty() && text_contains(product, vid_text) &&
+           text_contains(product, pid_text);
 }
 
 } // namespace

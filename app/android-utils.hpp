@@ -15,8 +15,8 @@ struct system_information {
 };
 
 // Parses one uevent file. False, and an ERR line, when it cannot be opened.
-bool get_sysinfo_by_uevent(const char *path, system_information *out);
+[[nodiscard]] bool get_sysinfo_by_uevent(const char *path, system_information *out);
 // True when a USB device is present whose PRODUCT contains both texts.
-bool find_usb_device_by_product(const char *vid_text, const char *pid_text);
+[[nodiscard]] bool find_usb_device_by_product(const char *vid_text, const char *pid_text);
 // Looks up to `tries` times, a second after each miss; true at the first hit.
-bool wait_for_usb_device(const char *vid_text, const char *pid_text, int tries);
+[[nodiscard]] bool wait_for_usb_device(const char *vid_text, const char *pid_text, int tries);

@@ -6,9 +6,10 @@
 #include "write-all.hpp"
 #include "zepho-log.hpp"
 
-static constexpr char log_source[] = "../at_channel.c";
-
 namespace {
+
+constexpr char log_source[] = "../at_channel.c";
+constexpr char in_at_send_command[] = "at_send_command";
 
 struct final_response {
     const char *text;
@@ -21,60 +22,49 @@ constexpr final_response final_responses[] = {
     {"OK", 1}, {"BUSY", 1}, {"CONNECT", 1}, {"ERROR", 0}, {"+CMS ERROR:", 0}, {"+CME ERROR:", 0},
 };
 
-bool is_white(char c)
-{
-    return c == ' ' || (c >= '\t' && c <= '\r');
-}
+constexpr std::string_view white_space = " \t\n\v\f\r";
 
-const char *skip_white(const char *text)
+std::string_view skip_white(std::string_view text)
 {
-    while (is_white(*text))
-        ++text;
+    text.remove_prefix(std::min(text.find_first_not_of(white_space), text.size()));
     return text;
 }
 
-enum class answer { complete, silent, failed };
-
-// Reads until a final response. `*err` receives the last read's status.
-answer read_answer(int device, at_command *command, at_response *response, int *err)
+// Reads until a final response; goes on when the modem has stayed silent.
+ending read_answer(int device, at_command *command, at_response *response)
 {
-    static constexpr char function[] = "at_send_command";
-    const auto log = [](int level, int line, const char *text) {
-        core_log(level, log_source, function, line, "%s", text);
-    };
     constexpr int max_idle_reads = 10; // a port that is ready but delivers nothing must not hold the program
+    const auto fail = [](int line, const char *text, int result) -> ending {
+        core_log(CORE_LOG_ERR, log_source, in_at_send_command, line, "%s", text);
+        return result;
+    };
     size_t received = 0;
     int idle_reads = 0;
     for (;;) {
         size_t bytes = 0;
         const size_t room = sizeof response->text - 1 - received;
-        *err = core_device_read_timeout(device, response->text + received, room, command->timeout, &bytes);
-        log_as(function, CORE_LOG_DBG, "read done err = %d bytes = %u", *err, static_cast<unsigned>(bytes));
-        log_as(function, CORE_LOG_DBG, "response:\n%s\n", response->text);
-        if (*err == CORE_ETIMEDOUT && received == 0) {
+        const int err =
+            core_device_read_timeout(device, response->text + received, room, command->timeout, &bytes);
+        log_as(in_at_send_command, CORE_LOG_DBG, "read done err = %d bytes = %u", err,
+               static_cast<unsigned>(bytes));
+        log_as(in_at_send_command, CORE_LOG_DBG, "response:\n%s\n", response->text);
+        if (err == CORE_ETIMEDOUT && received == 0) {
             if (command->retries > 0)
                 --command->retries;
-            log_as(function, CORE_LOG_DBG, "command timeout, remaining %u retries", command->retries);
-            return answer::silent;
+            log_as(in_at_send_command, CORE_LOG_DBG, "command timeout, remaining %u retries",
+                   command->retries);
+            return go_on;
         }
-        if (*err == CORE_ETIMEDOUT) {
-            log(CORE_LOG_ERR, __LINE__, "response without final response");
-            return answer::failed;
-        }
-        if (*err != CORE_OK) {
-            log(CORE_LOG_ERR, __LINE__, "read failed");
-            return answer::failed;
-        }
+        if (err != CORE_OK)
+            return fail(__LINE__, err == CORE_ETIMEDOUT ? "response without final response" : "read failed",
+                        err);
         command->retries = 0; // a command that got any answer is never sent again
         received += bytes;
         if (at_classify_response(response))
-            return answer::complete;
+            return CORE_OK;
         idle_reads = bytes == 0 ? idle_reads + 1 : 0;
-        if (room == 0 || idle_reads == max_idle_reads) {
-            log(CORE_LOG_ERR, __LINE__, room == 0 ? "response too long" : "read failed");
-            *err = CORE_EPROTO;
-            return answer::failed;
-        }
+        if (room == 0 || idle_reads == max_idle_reads)
+            return fail(__LINE__, room == 0 ? "response too long" : "read failed", CORE_EPROTO);
     }
 }
 
@@ -129,32 +119,32 @@ int at_send_command(int device, at_command *command, at_response *response)
     const auto write_some = [device](const void *data, size_t size, size_t *written) {
         return core_device_write(device, data, size, written);
     };
-    int err = CORE_OK;
+    ending end = go_on;
     do {
         flush_port(device);
-        err = write_all(frame.get(), strlen(frame.get()), back_pressure::fail, write_some);
+        const int err = write_all(frame.get(), strlen(frame.get()), back_pressure::fail, write_some);
         if (err != CORE_OK) {
             log_err("write failed");
             return err;
         }
-        if (read_answer(device, command, response, &err) == answer::failed)
-            return err;
-    } while (command->retries != 0 && sigint_detected == 0);
-    if (response->ok == 0)
-        return err;
-    return finish_text(command, response);
+        end = read_answer(device, command, response);
+    } while (!end && command->retries != 0 && sigint_detected == 0);
+    if (!end)
+        return CORE_ETIMEDOUT;
+    return *end == CORE_OK && response->ok != 0 ? finish_text(command, response) : *end;
 }
 
 int clean_command_response(at_response *response)
 {
     log_dbg("%s", response->text);
     static constexpr size_t longest = sizeof response->text - sizeof "\r\n";
-    const char *const begin = skip_white(response->text);
-    size_t length = strnlen(begin, longest); // cut first, so that the cut text is trimmed as well
-    while (length > 0 && is_white(begin[length - 1]))
-        --length;
-    const owned_text clean =
-        length > 0 ? format_text("%.*s\r\n", static_cast<int>(length), begin) : format_text("%s", "");
+    std::string_view text = skip_white(response->text);
+    text = {text.data(),
+            std::min(text.size(), longest)}; // cut first, so that the cut text is trimmed as well
+    text = {text.data(), text.find_last_not_of(white_space) + 1};
+    const owned_text clean = !text.empty()
+                                 ? format_text("%.*s\r\n", static_cast<int>(text.size()), text.data())
+                                 : format_text("%s", "");
     if (clean == nullptr)
         return CORE_ENOMEM;
     memset(response->text, 0, sizeof response->text);
@@ -166,27 +156,20 @@ int clean_command_response(at_response *response)
 int at_get_line(const at_command *command, at_response *response, char *line, size_t line_size)
 {
     memset(line, 0, line_size);
-    if (response->text[0] == '\0') {
+    const std::string_view text = response->text;
+    const std::string_view prefix = command->prefix;
+    const std::string_view rest =
+        skip_white(prefix.empty() ? text : text_behind(text, prefix).value_or(text));
+    if (rest.empty()) {
         log_dbg("no more lines");
         return CORE_EINVAL;
     }
-    const char *begin = response->text;
-    if (command->prefix[0] != '\0') {
-        if (const char *const prefix = strstr(begin, command->prefix))
-            begin = prefix + strlen(command->prefix);
-    }
-    begin = skip_white(begin);
-    if (*begin == '\0') {
-        log_dbg("no more lines");
-        return CORE_EINVAL;
-    }
-    const char *const end = strstr(begin, "\r\n");
-    if (end == nullptr)
+    const size_t length = rest.find("\r\n");
+    if (length == rest.npos)
         return CORE_EPROTO;
-    const auto length = static_cast<size_t>(end - begin);
     if (line_size == 0 || length > line_size - 1)
         return CORE_ENOMEM;
-    const int formatted = snprintf(line, line_size, "%.*s", static_cast<int>(length), begin);
+    const int formatted = snprintf(line, line_size, "%.*s", static_cast<int>(length), rest.data());
     if (formatted < 0) {
         log_err("snprtinf() error: %d", formatted);
         return CORE_ENOMEM;
@@ -195,8 +178,7 @@ int at_get_line(const at_command *command, at_response *response, char *line, si
         log_err("truncation appened: %d >= %d ", formatted, static_cast<int>(line_size));
         return CORE_EINVAL;
     }
-    const char *const rest = skip_white(end + 1);
-    const owned_text remainder(strdup(rest));
+    const owned_text remainder(strdup(skip_white(rest.data() + length).data()));
     if (remainder == nullptr)
         return CORE_ENOMEM;
     memset(response->text, 0, sizeof response->text);

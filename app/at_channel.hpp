@@ -35,15 +35,15 @@ struct at_response {
 // when the modem refused the command: test `ok`. CORE_ETIMEDOUT (silence, or an answer that stopped short);
 // CORE_ENOMEM; CORE_EPROTO for an answer that does not fit or a port that delivers nothing; or the error of a
 // read or write.
-int at_send_command(int device, at_command *command, at_response *response);
+[[nodiscard]] int at_send_command(int device, at_command *command, at_response *response);
 // Takes the next information line out of the text into `line` of `line_size` bytes. 0; CORE_EINVAL when no
 // line is left or it was truncated; CORE_EPROTO for a line without "\r\n"; CORE_ENOMEM for one too long.
-int at_get_line(const at_command *command, at_response *response, char *line, size_t line_size);
+[[nodiscard]] int at_get_line(const at_command *command, at_response *response, char *line, size_t line_size);
 // Trims white space at both ends of the text and ends it with one "\r\n"; a text of white space only becomes
 // empty. 0 or CORE_ENOMEM.
-int clean_command_response(at_response *response);
+[[nodiscard]] int clean_command_response(at_response *response);
 // Discards what the device has buffered.
 void flush_port(int device);
 // Looks for a final response anywhere in the text; at the first found fills `final` and `ok`, cuts the text
 // there and returns true.
-bool at_classify_response(at_response *response);
+[[nodiscard]] bool at_classify_response(at_response *response);

@@ -4,16 +4,20 @@
 #include "zepho-log.hpp"
 #include "zepho-module.hpp"
 
-static constexpr char log_source[] = "../compatibility.c";
+namespace {
+
+constexpr char log_source[] = "../compatibility.c";
+
+} // namespace
 
 owned_text substring_before_sep(const char *text, const char *separator)
 {
     if (text == nullptr || separator == nullptr)
         return nullptr;
-    const char *const found = strstr(text, separator);
-    if (found == nullptr || found == text)
+    const size_t length = std::string_view(text).find(separator);
+    if (length == std::string_view::npos || length == 0)
         return nullptr;
-    owned_text copy(strndup(text, static_cast<size_t>(found - text)));
+    owned_text copy(strndup(text, length));
     if (copy == nullptr)
         log_err("memory failure");
     return copy;

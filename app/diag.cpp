@@ -1,21 +1,25 @@
 #include "diag.hpp"
 
 #include "core-device.hpp"
-#include "core-owners.hpp"
 #include "core.hpp"
+#include "port.hpp"
 #include "write-all.hpp"
 #include "zepho-log.hpp"
 
-static constexpr char log_source[] = "../diag.c";
+namespace {
+
+constexpr char log_source[] = "../diag.c";
 
 // HDLC-framed DIAG request without an opening flag; no byte needs escaping.
-static constexpr uint8_t switch_frame[] = {
+constexpr uint8_t switch_frame[] = {
     0x4B,       // subsystem dispatch
     0x65,       // subsystem 101
     0x01, 0x00, // subsystem command 1
     0x54, 0x0F, // frame check sequence over the four bytes before (RFC 1662, 16-bit FCS)
     0x7E,       // closing flag
 };
+
+} // namespace
 
 int switch_QDload_mode(const modem *m)
 {
@@ -24,11 +28,13 @@ int switch_QDload_mode(const modem *m)
         log_err("no diagnostic port found");
         return CORE_ENODEV;
     }
-    owned_device device;
-    if (core_device_open(port->port_name, device.receive()) != CORE_OK) {
+    owned_port device;
+    if (const int err = open_port(port->port_name, device.receive()); err != CORE_OK) {
         log_err("unable to open device path %s", port->port_name);
-        return CORE_EGENERIC;
+        return port_error(err);
     }
+    if (const int err = refuse_port_holders(device.get(), port->port_name); err != CORE_OK)
+        return err;
     const auto write_some = [&device](const void *data, size_t size, size_t *written) {
         return core_device_write(device.get(), data, size, written);
     };

@@ -4,34 +4,37 @@
 #include "timeouts.hpp"
 #include "zepho-log.hpp"
 
-static constexpr char log_source[] = "../firehose.c";
+namespace {
 
-static constexpr char otp_request[] =
+constexpr char log_source[] = "../firehose.c";
+constexpr char in_print_otp_response[] = "print_otp_response";
+constexpr char otp_request[] =
     "<?xml version=\"1.0\"?>\n<data>\n<getstorageinfo  physical_partition_number=\"0\"/>\n</data>\n";
-static constexpr char value_mark[] = " value=\"";
+constexpr std::string_view value_mark = " value=\"";
 
 // Logs the first value of the chunk; false when its closing quote is missing.
-static bool print_value(firehose_chunk *chunk)
+bool print_value(const firehose_chunk &chunk)
 {
-    static constexpr char function[] = "print_otp_response";
-    char *const mark = strstr(chunk->text, value_mark);
-    if (mark == nullptr) {
-        log_as(function, CORE_LOG_ERR, "unexpected response");
+    const std::optional<std::string_view> rest = text_behind(chunk.text, value_mark);
+    if (!rest) {
+        log_as(in_print_otp_response, CORE_LOG_ERR, "unexpected response");
         return true;
     }
-    char *const value = mark + strlen(value_mark);
-    char *const end = strchr(value, '"');
-    if (end == nullptr) {
-        log_as(function, CORE_LOG_ERR, "xml value attribute not ended: %s", chunk->text);
+    const std::string_view value = text_before(*rest, "\"");
+    if (value.size() == rest->size()) {
+        log_as(in_print_otp_response, CORE_LOG_ERR, "xml value attribute not ended: %s", chunk.text);
         return false;
     }
-    *end = '\0';
-    log_as(function, CORE_LOG_INF, "%s", value);
+    log_as(in_print_otp_response, CORE_LOG_INF, "%.*s", static_cast<int>(value.size()), value.data());
     return true;
 }
 
+} // namespace
+
 int get_otp(firehose_device *device)
 {
+    if (const int err = drain_answers(device); err != CORE_OK)
+        return err;
     if (const int err = firehose_write(device, otp_request, sizeof otp_request - 1); err != CORE_OK) {
         log_err("error sending otp request %u", static_cast<unsigned>(err));
         return err;
@@ -54,7 +57,7 @@ int print_otp_response(firehose_device *device)
         if (chunk.size == 0)
             continue;
         log_dbg("%s", chunk.text);
-        if (firehose_has_ack(&chunk) || !print_value(&chunk))
+        if (firehose_has_ack(&chunk) || !print_value(chunk))
             return CORE_OK;
     }
 }

@@ -4,5 +4,5 @@
 #include "firehose.hpp"
 
 // Reads the OTP values of the module and logs each as one line.
-int get_otp(firehose_device *device);
-int print_otp_response(firehose_device *device);
+[[nodiscard]] int get_otp(firehose_device *device);
+[[nodiscard]] int print_otp_response(firehose_device *device);

@@ -14,15 +14,17 @@
 
 // The connection; zeroed before use.
 struct firehose_device {
-    int32_t serial_handle; // non-zero: all traffic goes over this descriptor; zero: over the endpoint
+    int32_t serial_handle; // zero: all traffic goes over the endpoint, since descriptor 0 is never a port's
     core_endpoint endpoint;
 };
 
-// Opens the download device 05C6:9008, or the modem's download port when it is a PCIe modem.
-int firehose_open(const modem *m, firehose_device *device);
+// Opens the download device 05C6:9008, or the modem's download port when it is a PCIe modem. 0; CORE_EINVAL
+// or CORE_EBUSY (logged) when the port is none, or another run has it or the device; or the error of the
+// opening.
+[[nodiscard]] int firehose_open(const modem *m, firehose_device *device);
 void firehose_close(firehose_device *device);
 // Writes all `len` bytes. 0, CORE_EAGAIN after five back-pressures, or the error of the write.
-int firehose_write(firehose_device *device, const void *buf, size_t len);
+[[nodiscard]] int firehose_write(firehose_device *device, const void *buf, size_t len);
 
 // One chunk of the programmer, as text. A chunk is examined by itself; nothing is carried over to the next.
 struct firehose_chunk {
@@ -30,9 +32,20 @@ struct firehose_chunk {
     size_t size; // bytes received, at most 1024
 };
 // Reads one chunk; `timeout_ms` counts on a serial device only. 0 or the error of the read.
-int firehose_read(firehose_device *device, unsigned timeout_ms, firehose_chunk *chunk);
-bool firehose_has_ack(const firehose_chunk *chunk);
-bool firehose_has_nak(const firehose_chunk *chunk);
+[[nodiscard]] int firehose_read(firehose_device *device, unsigned timeout_ms, firehose_chunk *chunk);
+[[nodiscard]] bool firehose_has_ack(const firehose_chunk *chunk);
+[[nodiscard]] bool firehose_has_nak(const firehose_chunk *chunk);
+
+// What an ACK says of itself: that raw data is to follow it (rawmode="true"), or not (rawmode="false").
+// Programmers that say neither exist.
+enum class raw_mode { off, on };
+// True for an ACK that is none of the other kind: that one answers something else.
+[[nodiscard]] bool firehose_has_ack_of(const firehose_chunk *chunk, raw_mode awaited);
+
+// Reads away what still waits for nobody, before a request or an image goes out: an answer too many would be
+// taken for the next one, and a refusal among it would never be seen. 0, also when reading fails;
+// CORE_EGENERIC after a NAK.
+[[nodiscard]] int drain_answers(firehose_device *device);
 
 // Watches over one wait for an answer, so that neither a connection that delivers nothing at once nor a
 // programmer that talks about other things can hold the program for ever.
@@ -43,23 +56,24 @@ class answer_guard {
     int check(const firehose_chunk *chunk);
 
   private:
-    int empty_chunks = 0;
-    time_limit limit{timeouts::answer_in_all};
+    int empty_chunks_ = 0;
+    time_limit limit_{timeouts::answer_in_all};
 };
 
-// Waits for ACK: 0; CORE_EGENERIC after NAK, silence or a failed read; CORE_EPROTO when five minutes brought
-// everything but an answer.
-int read_ack_nack(firehose_device *device);
+// Waits for the ACK that was awaited: 0; CORE_EGENERIC after NAK, silence or a failed read; CORE_EPROTO when
+// five minutes brought everything but an answer.
+[[nodiscard]] int read_ack_nack(firehose_device *device, raw_mode awaited = raw_mode::off);
 // Sends a request and waits for its ACK.
-int generic_ack_nack_request(firehose_device *device, const char *xml);
-int send_nop(firehose_device *device);
+[[nodiscard]] int generic_ack_nack_request(firehose_device *device, const char *xml,
+                                           raw_mode awaited = raw_mode::off);
+[[nodiscard]] int send_nop(firehose_device *device);
 // Formats the configure request; its length, -1 on failure.
-int get_config_xml(owned_text *out, uint32_t payload, const char *memory_name);
+[[nodiscard]] int get_config_xml(owned_text *out, uint32_t payload, const char *memory_name);
 // Proposes `*payload`; a NAK that tells what the programmer supports is taken as a counter-offer and stored
 // in `*payload`. 0, CORE_EGENERIC, CORE_ENOMEM, CORE_EPROTO (a counter-offer of 0 or above 1 GiB, or no
 // answer among whatever else comes) or a write's error.
-int send_config(firehose_device *device, uint32_t *payload);
+[[nodiscard]] int send_config(firehose_device *device, uint32_t *payload);
 // Sends the power reset and waits for its answer. 0, whatever that is, or the write's error.
-int send_reset(firehose_device *device, bool wait_for_bsp_target_reset);
+[[nodiscard]] int send_reset(firehose_device *device, bool wait_for_bsp_target_reset);
 // 0; CORE_EGENERIC after NAK; or the error that ended the reading.
-int wait_reset_response(firehose_device *device, bool wait_for_bsp_target_reset);
+[[nodiscard]] int wait_reset_response(firehose_device *device, bool wait_for_bsp_target_reset);

@@ -12,6 +12,7 @@
 #include "modem-table.hpp"
 #include "options.hpp"
 #include "package.hpp"
+#include "run-lock.hpp"
 #include "sahara.hpp"
 #include "timeouts.hpp"
 #include "zepho-log.hpp"
@@ -20,10 +21,114 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-static constexpr char log_source[] = "../main.c";
+namespace {
 
-static constexpr char hand_off_function[] = "start_update_procedure"; // whose second half this is
-static constexpr char download_port[] = "/dev/ttyUSB0";
+constexpr char log_source[] = "../main.c";
+constexpr char in_start_update_procedure[] = "start_update_procedure"; // whose second half this is
+constexpr char download_port[] = "/dev/ttyUSB0";
+
+// The kernel's driver makes the port a moment after the device is on the bus, later where it is loaded first.
+// A port that never comes is reported by who opens it.
+void await_download_port()
+{
+    for (int i = 0; i < timeouts::download_port_tries && keep_running != 0; ++i) {
+        if (access(download_port, F_OK) == 0)
+            return;
+        core_sleep(timeouts::download_port_pause);
+    }
+}
+
+// Where the platform tells of no arrivals: looks for the download device in sysfs.
+int find_download_device(modem *m)
+{
+    const bool found =
+        wait_for_usb_device(QDL_VENDOR_TEXT, QDL_PRODUCT_TEXT, timeouts::download_device_tries);
+    if (found)
+        await_download_port();
+    if (keep_running == 0)
+        return CORE_ECANCELED;
+    if (!found) {
+        log_as(in_start_update_procedure, CORE_LOG_ERR, "failed listening on the USB bus");
+        return CORE_ENOTSUPPORTED;
+    }
+    prepare_port_modem(m, true, download_port);
+    return CORE_OK;
+}
+
+// The download device has arrived: takes it over from the bus.
+int scan_download_device(modem *modems, uint8_t max_modems)
+{
+    memset(modems, 0, sizeof *modems * max_modems);
+    int err = start_usb_bus_scan(&download_mode_list, modems, max_modems);
+    if (err != CORE_OK && err != CORE_ENODEV)
+        return err;
+    err = collect_modem_array_basic_information(modems, max_modems, true);
+    if (err != CORE_OK) {
+        log_as(in_start_update_procedure, CORE_LOG_ERR, "modem not probed");
+        return err;
+    }
+    if (count_modems(modems, max_modems) != 1) {
+        log_as(in_start_update_procedure, CORE_LOG_ERR,
+               "the tool does not support multiple modems in QDL mode,                             "
+               "please keep a single modem attached");
+        return CORE_EINVAL;
+    }
+    return CORE_OK;
+}
+
+// A PCIe modem has one identifier: it may have restarted, but not into download mode yet.
+bool is_still_in_normal_mode(const modem *m)
+{
+    return m->is_pcie && find_port(m, PORT_FIRMWARE_UPDATE) == nullptr;
+}
+
+int wait_for_download_device(modem *modems, uint8_t max_modems)
+{
+    core_usb_event event{};
+    do {
+        event = {};
+        const int err = core_device_usb_id_event_listener(core_usb_id_find_match, &download_mode_list, &event,
+                                                          timeouts::download_device_event);
+        if (keep_running == 0)
+            return CORE_ECANCELED;
+        if (err == CORE_ENOTSUPPORTED)
+            return find_download_device(&modems[0]);
+        if (err != CORE_OK) {
+            log_as(in_start_update_procedure, CORE_LOG_ERR, "failed listening on the USB bus");
+            return err;
+        }
+        if (event.removed)
+            continue;
+        if (const int scan_err = scan_download_device(modems, max_modems); scan_err != CORE_OK)
+            return scan_err;
+    } while (event.removed || is_still_in_normal_mode(&modems[0]));
+    return CORE_OK;
+}
+
+// A modem that was told to restart into download mode is asked again until it is there.
+int upload_programmer(const modem *m)
+{
+    int err = sahara_send_programmer(m, &package);
+    while (err == CORE_EAGAIN) {
+        core_sleep(timeouts::sahara_retry_pause);
+        if (keep_running == 0)
+            return CORE_ECANCELED;
+        err = sahara_send_programmer(m, &package);
+    }
+    if (err != CORE_OK)
+        log_as(in_start_update_procedure, CORE_LOG_ERR, "unable to send the programmer through SAHARA");
+    return err;
+}
+
+int write_images(const modem *m)
+{
+    const int err = firehose_update(m, &package, options.otp);
+    if (err != CORE_OK)
+        log_as(in_start_update_procedure, CORE_LOG_ERR, "unable to update the modem through FIREHOSE");
+    return err;
+}
+
+} // namespace
 
 int write_sysfs_file(const char *path, const char *text, size_t length)
 {
@@ -57,107 +162,6 @@ int trigger_edl_mode(const modem *m)
     return 0;
 }
 
-// The kernel's driver makes the port a moment after the device is on the bus, later where it is loaded first.
-// A port that never comes is reported by who opens it.
-static void await_download_port()
-{
-    for (int i = 0; i < timeouts::download_port_tries && keep_running != 0; ++i) {
-        if (access(download_port, F_OK) == 0)
-            return;
-        core_sleep(timeouts::download_port_pause);
-    }
-}
-
-// Where the platform tells of no arrivals: looks for the download device in sysfs.
-static int find_download_device(modem *m)
-{
-    const bool found =
-        wait_for_usb_device(QDL_VENDOR_TEXT, QDL_PRODUCT_TEXT, timeouts::download_device_tries);
-    if (found)
-        await_download_port();
-    if (keep_running == 0)
-        return CORE_ECANCELED;
-    if (!found) {
-        log_as(hand_off_function, CORE_LOG_ERR, "failed listening on the USB bus");
-        return CORE_ENOTSUPPORTED;
-    }
-    prepare_port_modem(m, true, download_port);
-    return CORE_OK;
-}
-
-// The download device has arrived: takes it over from the bus.
-static int scan_download_device(modem *modems, uint8_t max_modems)
-{
-    memset(modems, 0, sizeof *modems * max_modems);
-    int err = start_usb_bus_scan(&download_mode_list, modems, max_modems);
-    if (err != CORE_OK && err != CORE_ENODEV)
-        return err;
-    err = collect_modem_array_basic_information(modems, max_modems, true);
-    if (err != CORE_OK) {
-        log_as(hand_off_function, CORE_LOG_ERR, "modem not probed");
-        return err;
-    }
-    if (count_modems(modems, max_modems) != 1) {
-        log_as(hand_off_function, CORE_LOG_ERR,
-               "the tool does not support multiple modems in QDL mode,                             "
-               "please keep a single modem attached");
-        return CORE_EINVAL;
-    }
-    return CORE_OK;
-}
-
-// A PCIe modem has one identifier: it may have restarted, but not into download mode yet.
-static bool is_still_in_normal_mode(const modem *m)
-{
-    return m->is_pcie && find_port(m, PORT_FIRMWARE_UPDATE) == nullptr;
-}
-
-static int wait_for_download_device(modem *modems, uint8_t max_modems)
-{
-    core_usb_event event{};
-    do {
-        event = {};
-        const int err = core_device_usb_id_event_listener(core_usb_id_find_match, &download_mode_list, &event,
-                                                          timeouts::download_device_event);
-        if (keep_running == 0)
-            return CORE_ECANCELED;
-        if (err == CORE_ENOTSUPPORTED)
-            return find_download_device(&modems[0]);
-        if (err != CORE_OK) {
-            log_as(hand_off_function, CORE_LOG_ERR, "failed listening on the USB bus");
-            return err;
-        }
-        if (event.removed)
-            continue;
-        if (const int scan_err = scan_download_device(modems, max_modems); scan_err != CORE_OK)
-            return scan_err;
-    } while (event.removed || is_still_in_normal_mode(&modems[0]));
-    return CORE_OK;
-}
-
-// A modem that was told to restart into download mode is asked again until it is there.
-static int upload_programmer(const modem *m)
-{
-    int err = sahara_send_programmer(m, &package);
-    while (err == CORE_EAGAIN) {
-        core_sleep(timeouts::sahara_retry_pause);
-        if (keep_running == 0)
-            return CORE_ECANCELED;
-        err = sahara_send_programmer(m, &package);
-    }
-    if (err != CORE_OK)
-        log_as(hand_off_function, CORE_LOG_ERR, "unable to send the programmer through SAHARA");
-    return err;
-}
-
-static int write_images(const modem *m)
-{
-    const int err = firehose_update(m, &package, options.otp);
-    if (err != CORE_OK)
-        log_as(hand_off_function, CORE_LOG_ERR, "unable to update the modem through FIREHOSE");
-    return err;
-}
-
 int refuse_download_devices()
 {
     static core_device_info devices[MAX_MODEM_NUMBER];
@@ -180,15 +184,18 @@ int hand_off(modem *modems, uint8_t max_modems, route way)
     modem *const m = &modems[0];
     if (keep_running == 0)
         return CORE_ECANCELED; // the modem has not been touched yet
+    if (const int err = hold_modem(m); err != CORE_OK)
+        return err;
     if (way.switches) {
         const int err = m->is_pcie ? trigger_edl_mode(m) : switch_QDload_mode(m);
         if (err != CORE_OK) {
-            log_as(hand_off_function, CORE_LOG_ERR, "unable to set the modem to firmware update mode");
+            log_as(in_start_update_procedure, CORE_LOG_ERR,
+                   "unable to set the modem to firmware update mode");
             return err;
         }
     }
     if (way.stops) {
-        log_as(hand_off_function, CORE_LOG_INF, "Entered QDL mode, stopping");
+        log_as(in_start_update_procedure, CORE_LOG_INF, "Entered QDL mode, stopping");
         return CORE_OK;
     }
     if (way.switches) {

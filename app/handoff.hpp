@@ -12,12 +12,12 @@
 #include <cstddef>
 
 // 0; the first failure of a stage; CORE_ENOTSUPPORTED when no download device came; CORE_ECANCELED.
-int hand_off(modem *modems, uint8_t max_modems, route way);
+[[nodiscard]] int hand_off(modem *modems, uint8_t max_modems, route way);
 // Asked before a modem on a given port is switched: what is in download mode then would be taken for the one
 // that comes back. 0, also where the platform cannot tell, or CORE_EINVAL (logged).
-int refuse_download_devices();
+[[nodiscard]] int refuse_download_devices();
 // Switches a PCIe modem through the kernel's MHI attribute. 0, also for a port name that does not tell which
 // (the caller then waits as usual), or -1.
-int trigger_edl_mode(const modem *m);
+[[nodiscard]] int trigger_edl_mode(const modem *m);
 // Writes `length` bytes to a sysfs attribute in one piece. 0 or -1.
-int write_sysfs_file(const char *path, const char *text, size_t length);
+[[nodiscard]] int write_sysfs_file(const char *path, const char *text, size_t length);

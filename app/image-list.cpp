@@ -10,14 +10,22 @@
 #include <cinttypes>
 #include <libgen.h>
 
-static constexpr char log_source[] = "../xml.c";
-
 namespace {
+
+constexpr char log_source[] = "../xml.c";
+constexpr char in_parse_content_xml[] = "parse_content_xml";
+constexpr char in_build_image_array_from_xml[] = "build_image_array_from_xml";
+constexpr char in_validate_image_list[] = "validate_image_list";
+
+owned_text directory_of(const char *path)
+{
+    const owned_text copy(strdup(path));
+    return owned_text(copy != nullptr ? strdup(dirname(copy.get())) : nullptr);
+}
 
 // The lines of the description: an element line, then the line with its file name.
 int parse_content_lines(image_list *list)
 {
-    static constexpr char function[] = "parse_content_xml";
     const struct {
         line_type type;
         char *path;
@@ -41,7 +49,7 @@ int parse_content_lines(image_list *list)
             if (get_line_type(next, false) != LINE_FILE_NAME)
                 break;
             if (!get_value(entry.path, path_size, next, LINE_FILE_NAME)) {
-                log_as(function, CORE_LOG_ERR, "%s", entry.name_missing);
+                log_as(in_parse_content_xml, CORE_LOG_ERR, "%s", entry.name_missing);
                 return CORE_ENOENT;
             }
             break;
@@ -49,7 +57,7 @@ int parse_content_lines(image_list *list)
     }
     for (const auto &entry : entries) {
         if (entry.path[0] == '\0') {
-            log_as(function, CORE_LOG_ERR, "%s", entry.missing);
+            log_as(in_parse_content_xml, CORE_LOG_ERR, "%s", entry.missing);
             return CORE_ENOENT;
         }
     }
@@ -61,7 +69,7 @@ int join_base(const char *base_dir, char (&path)[1024])
 {
     const owned_text joined = format_text("%s/%s", base_dir, path);
     if (joined == nullptr) {
-        log_as("build_image_array_from_xml", CORE_LOG_ERR, "out of memory");
+        log_as(in_build_image_array_from_xml, CORE_LOG_ERR, "out of memory");
         return CORE_ENOMEM;
     }
     return store_path(path, joined.get());
@@ -70,12 +78,11 @@ int join_base(const char *base_dir, char (&path)[1024])
 // Without a description, the first rawprogram file that the programmer's directory lists is taken.
 int find_partition_file(const char *base_dir, image_list *list)
 {
-    static constexpr char function[] = "build_image_array_from_xml";
     const owned_directory directory(opendir(base_dir));
     if (directory == nullptr) {
         const int err = errno;
-        log_as(function, CORE_LOG_ERR, "failed to open fw directory %s, errno: %d (%s)", base_dir, err,
-               strerror(err));
+        log_as(in_build_image_array_from_xml, CORE_LOG_ERR, "failed to open fw directory %s, errno: %d (%s)",
+               base_dir, err, strerror(err));
         return CORE_ENOENT;
     }
     while (const dirent *const entry = readdir(directory.get())) {
@@ -85,7 +92,7 @@ int find_partition_file(const char *base_dir, image_list *list)
         return join_base(base_dir, list->partition_file_path);
     }
     if (list->partition_file_path[0] == '\0') {
-        log_as(function, CORE_LOG_ERR, "unable to find partition_file_path");
+        log_as(in_build_image_array_from_xml, CORE_LOG_ERR, "unable to find partition_file_path");
         return CORE_EINVAL;
     }
     return CORE_OK;
@@ -94,11 +101,10 @@ int find_partition_file(const char *base_dir, image_list *list)
 // Finds the rawprogram file and, by the description, the programmer.
 int find_package_files(const char *base_dir, image_list *list)
 {
-    static constexpr char function[] = "build_image_array_from_xml";
     if (list->content_xml_path[0] == '\0')
         return find_partition_file(base_dir, list);
     if (const int err = parse_content_xml(list->content_xml_path, list); err != CORE_OK) {
-        log_as(function, CORE_LOG_ERR, "unable to parse content xml file %s, err = %u",
+        log_as(in_build_image_array_from_xml, CORE_LOG_ERR, "unable to parse content xml file %s, err = %u",
                list->content_xml_path, static_cast<unsigned>(err));
         return err;
     }
@@ -107,13 +113,21 @@ int find_package_files(const char *base_dir, image_list *list)
     return join_base(base_dir, list->programmer_path);
 }
 
-// Opening creates what is missing; an empty list made that way would be a run that flashes nothing and
-// succeeds.
-int open_partition_file(const char *path, owned_file *file)
+// Opens a file of the package for reading; a failure of the system is logged.
+int open_in_package(const char *base_dir, const char *path, owned_file *file, const char *function)
+{
+    const int err = core_file_open_beneath(base_dir, path, file->receive());
+    if (err != CORE_OK && errno != 0)
+        log_as(function, CORE_LOG_ERR, "error %d %s opening file '%s'\n", errno, strerror(errno), path);
+    return err;
+}
+
+// A rawprogram file that cannot be reached, for whatever reason, is one that is not there.
+int open_partition_file(const char *base_dir, const char *path, owned_file *file)
 {
     if (core_file_exists(path) == CORE_OK)
-        return core_file_open(path, file->receive());
-    log_as("build_image_array_from_xml", CORE_LOG_ERR, "error %d %s opening file '%s'\n", ENOENT,
+        return open_in_package(base_dir, path, file, in_build_image_array_from_xml);
+    log_as(in_build_image_array_from_xml, CORE_LOG_ERR, "error %d %s opening file '%s'\n", ENOENT,
            strerror(ENOENT), path);
     return CORE_ENOENT;
 }
@@ -123,12 +137,13 @@ int add_image(image_list *list, const char *line)
     static image fresh; // 3 KiB, too much for a small stack
     memset(&fresh, 0, sizeof fresh);
     strlcpy(fresh.command, line, sizeof fresh.command);
-    get_string_attribute(line, "label", fresh.label, sizeof fresh.label);
-    get_string_attribute(line, "filename", fresh.filename, sizeof fresh.filename);
-    get_uint_attribute(line, "SECTOR_SIZE_IN_BYTES", &fresh.sector_size_in_bytes);
+    // A command without one of them leaves the field empty.
+    static_cast<void>(get_string_attribute(line, "label", fresh.label, sizeof fresh.label));
+    static_cast<void>(get_string_attribute(line, "filename", fresh.filename, sizeof fresh.filename));
+    static_cast<void>(get_uint_attribute(line, "SECTOR_SIZE_IN_BYTES", &fresh.sector_size_in_bytes));
     const int slot = find_free_image_slot(list->images, static_cast<int>(list->image_count));
     if (slot < 0) {
-        log_as("build_image_array_from_xml", CORE_LOG_ERR, "Images > MAX_IMAGE_NUMBER, increase the define");
+        log_as(in_build_image_array_from_xml, CORE_LOG_ERR, "Images > MAX_IMAGE_NUMBER, increase the define");
         return CORE_ENOMEM;
     }
     memcpy(&list->images[slot], &fresh, sizeof fresh);
@@ -137,10 +152,9 @@ int add_image(image_list *list, const char *line)
 
 int parse_partition_lines(image_list *list)
 {
-    static constexpr char function[] = "build_image_array_from_xml";
     partition_cursor lines(list->partition);
     if (!is_valid_xml(lines.next())) {
-        log_as(function, CORE_LOG_ERR, "file %s", list->partition_file_path);
+        log_as(in_build_image_array_from_xml, CORE_LOG_ERR, "file %s", list->partition_file_path);
         return CORE_EINVAL;
     }
     while (const char *const line = lines.next()) {
@@ -154,28 +168,26 @@ int parse_partition_lines(image_list *list)
 
 bool validate_image(const char *base_dir, image *img)
 {
-    static constexpr char function[] = "validate_image_list";
     const owned_text path = format_text("%s/%s", base_dir, img->filename);
     if (path == nullptr) {
-        log_as(function, CORE_LOG_ERR, "memory error");
+        log_as(in_validate_image_list, CORE_LOG_ERR, "memory error");
         return false;
     }
     const auto fail = [img](int line, const char *format, int err) {
         char message[64];
         snprintf(message, sizeof message, format, static_cast<unsigned>(err));
-        core_log(CORE_LOG_ERR, log_source, function, line, "%s", message);
+        core_log(CORE_LOG_ERR, log_source, in_validate_image_list, line, "%s", message);
         dump_image(img);
         return false;
     };
     if (core_file_exists(path.get()) != CORE_OK)
         return fail(__LINE__, "file does not exist for image", 0);
     owned_file file;
-    if (const int err = core_file_open(path.get(), file.receive()); err != CORE_OK)
+    if (const int err = open_in_package(base_dir, path.get(), &file, in_validate_image_list); err != CORE_OK)
         return fail(__LINE__, "unable to open file err = %u, for image", err);
-    int64_t size = 0;
-    if (const int err = core_file_get_size(file.get(), &size); err != CORE_OK)
+    if (const int err = core_file_identify(file.get(), &img->identity); err != CORE_OK)
         return fail(__LINE__, "unable to get file size err = %u, for image", err);
-    img->file_size = static_cast<uint64_t>(size);
+    img->file_size = static_cast<uint64_t>(img->identity.size);
     if (const int err = file.close(); err != CORE_OK)
         return fail(__LINE__, "unable to close file err = %u, for image", err);
     return store_path(img->filename, path.get()) == CORE_OK;
@@ -186,8 +198,7 @@ bool validate_image(const char *base_dir, image *img)
 owned_text directory_of_package(const image_list *list)
 {
     const bool has_description = list->content_xml_path[0] != '\0';
-    const owned_text path(strdup(has_description ? list->content_xml_path : list->programmer_path));
-    return owned_text(path != nullptr ? strdup(dirname(path.get())) : nullptr);
+    return directory_of(has_description ? list->content_xml_path : list->programmer_path);
 }
 
 int store_path(char (&field)[1024], const char *path)
@@ -206,8 +217,13 @@ int parse_content_xml(const char *path, image_list *list)
         log_err("invalid args");
         return CORE_EINVAL;
     }
+    const owned_text base_dir = directory_of(path);
+    if (base_dir == nullptr) {
+        log_err("out of memory");
+        return CORE_ENOMEM;
+    }
     owned_file file;
-    if (const int err = core_file_open(path, file.receive()); err != CORE_OK) {
+    if (const int err = open_in_package(base_dir.get(), path, &file, __func__); err != CORE_OK) {
         log_err("unable to open xml file %s, error = %u", path, static_cast<unsigned>(err));
         return CORE_EINVAL;
     }
@@ -236,7 +252,8 @@ int build_image_array_from_xml(image_list *list)
     if (const int err = find_package_files(base_dir.get(), list); err != CORE_OK)
         return err;
     owned_file file;
-    if (const int err = open_partition_file(list->partition_file_path, &file); err != CORE_OK) {
+    if (const int err = open_partition_file(base_dir.get(), list->partition_file_path, &file);
+        err != CORE_OK) {
         log_err("unable to open partition file %s, err = %u", list->partition_file_path,
                 static_cast<unsigned>(err));
         return err;

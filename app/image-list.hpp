@@ -5,6 +5,7 @@
 // file checked. Texts are read once and kept in the list. Nothing waits.
 #pragma once
 
+#include "core-reading.hpp"
 #include "package-text.hpp"
 
 #include <cstdint>
@@ -17,6 +18,7 @@ struct image {
     char filename[1024];           // the full path once validated; empty for a line without a file
     char command[1024];            // the line as read, cut to 1023 characters
     uint64_t file_size;            // in bytes, filled by validation
+    core_file_identity identity;   // of the file, filled by validation
 };
 
 // The package of one run.
@@ -31,28 +33,29 @@ struct image_list {
     package_text description;       // contents.xml
     package_text partition;         // the rawprogram file
     package_text information;       // information.contents
+    core_file_identity programmer;  // of the programmer's file, filled by the check of the package
 };
 
 // The directory that the package lies in, to which all its names are relative: that of the description or,
 // without one, of the programmer. Null when memory is short.
-owned_text directory_of_package(const image_list *list);
+[[nodiscard]] owned_text directory_of_package(const image_list *list);
 // Stores a path in a field of the list. 0, or CORE_EINVAL (logged) when it does not fit: cut, it would name
 // another file.
-int store_path(char (&field)[1024], const char *path);
+[[nodiscard]] int store_path(char (&field)[1024], const char *path);
 // Fills programmer_path and partition_file_path from the description. 0, CORE_EINVAL (arguments, or a file
 // that cannot be opened), CORE_ENOENT (an entry is missing), CORE_ENOMEM (also for a file of more than
 // MAX_TEXT_SIZE) or the read's error.
-int parse_content_xml(const char *path, image_list *list);
+[[nodiscard]] int parse_content_xml(const char *path, image_list *list);
 // The whole build, from content_xml_path or, when that is empty, from the programmer's directory. 0,
 // CORE_EINVAL, CORE_ENOENT, CORE_ENOMEM (also for too many images, or too large a text) or a file's error.
-int build_image_array_from_xml(image_list *list);
+[[nodiscard]] int build_image_array_from_xml(image_list *list);
 // Checks every image that names a file below `base_dir` and completes its path and size. False for a file
 // that is not there, is no regular file, cannot be opened, or has a path that does not fit.
-bool validate_image_list(const char *base_dir, image *images, uint32_t count);
+[[nodiscard]] bool validate_image_list(const char *base_dir, image *images, uint32_t count);
 
 // Debug lines that describe one image, or every used one.
 void dump_image(const image *img);
 void dump_image_list(const image *images, uint32_t count);
-bool is_empty_image(const image *img);
+[[nodiscard]] bool is_empty_image(const image *img);
 // Index of the first free slot, or -1.
-int find_free_image_slot(const image *images, int count);
+[[nodiscard]] int find_free_image_slot(const image *images, int count);

@@ -7,9 +7,9 @@
 
 #include <cstdio>
 
-static constexpr char log_source[] = "../json.c";
-
 namespace {
+
+constexpr char log_source[] = "../json.c";
 
 // Entries of the tables, in order.
 enum top_entry : int8_t { TOP_TYPE, TOP_MODEM, TOP_MODEM_SIZE, TOP_END, TOP_SIZE };

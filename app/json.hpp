@@ -7,7 +7,7 @@
 #include "modem.hpp"
 
 // Switches all output to JSON. False when the output buffer was refused.
-bool setup_json_output();
+[[nodiscard]] bool setup_json_output();
 // What the next description reports: a removal, or an arrival.
 void json_set_event(bool removed);
 // Prints one event that describes every modem with a model name, nothing when there is none.

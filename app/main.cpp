@@ -6,6 +6,7 @@
 #include "modem.hpp"
 #include "options.hpp"
 #include "package.hpp"
+#include "run-lock.hpp"
 #include "update.hpp"
 #include "zepho-log.hpp"
 
@@ -14,12 +15,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-static constexpr char log_source[] = "../main.c";
+namespace {
 
-static modem modems[MAX_MODEM_NUMBER];
+constexpr char log_source[] = "../main.c";
+
+modem modems[MAX_MODEM_NUMBER];
 
 // Keeps descriptors 0 to 2 taken: a modem's port that got one of them would receive the log.
-static void reserve_standard_descriptors()
+void reserve_standard_descriptors()
 {
     int descriptor = 0;
     do {
@@ -29,24 +32,27 @@ static void reserve_standard_descriptors()
         close(descriptor);
 }
 
-static int run(int argc, char **argv)
+int run(int argc, char **argv)
 {
     if (const int err = check_args(argc, argv); err != 0)
         return err;
     if (options.port[0] != '\0') {
-        modems[0].is_pcie =
-            options.pcie; // a scan sees for itself, and a marked record would count as a modem
+        // A scan sees for itself, and a marked record would count as a modem.
+        modems[0].is_pcie = options.pcie;
         return update_with_port(modems, MAX_MODEM_NUMBER, options.skip_enter_qdl, options.port);
     }
     return update_with_scan(modems, MAX_MODEM_NUMBER, options.json);
 }
 
+} // namespace
+
 int main(int argc, char **argv)
 {
     reserve_standard_descriptors();
-    setvbuf(stdout, nullptr, _IONBF,
-            0);               // progress lines end in a carriage return, which no line buffer shows
-    signal(SIGPIPE, SIG_IGN); // whoever stops reading the log must not stop a modem half written
+    // Progress lines end in a carriage return, which no line buffer shows.
+    setvbuf(stdout, nullptr, _IONBF, 0);
+    // Whoever stops reading the log must not stop a modem half written.
+    signal(SIGPIPE, SIG_IGN);
     core_log_set_native(false);
     core_log_set_pprint(CORE_LOG_PPRINT_NEWLINE);
     log_inf("version %s.%s.%s-%s\n", "1", "6", "1", "0");
@@ -57,6 +63,7 @@ int main(int argc, char **argv)
     signal(SIGINT, interrupt_handler);
     const int result = run(argc, argv);
     fw_package_free();
+    release_modems();
     core_deinit();
     if (options.otp && result == CORE_OK)
         log_inf("\nOTP values read successfully");

@@ -2,15 +2,15 @@
 
 #include "at_channel.hpp"
 #include "core-device.hpp"
-#include "core-owners.hpp"
 #include "core.hpp"
+#include "port.hpp"
 #include "timeouts.hpp"
 #include "zepho-log.hpp"
 
-static constexpr char log_source[] = "../at_channel.c";
-
 namespace {
 
+constexpr char log_source[] = "../at_channel.c";
+constexpr char in_at_handshake[] = "at_handshake";
 constexpr at_command echo_off_command = {"ATE0", "", AT_NO_INFORMATION, timeouts::at_echo_off, 60};
 constexpr at_command model_command = {"AT#CGMM", "#CGMM:", AT_SINGLE_LINE, timeouts::at_query, 3};
 constexpr at_command model_fallback_command = {"AT+GMM", "", AT_SINGLE_LINE, timeouts::at_query, 3};
@@ -43,19 +43,18 @@ int ask(int device, const at_command &command, at_response *response)
 
 int configure_port(int device, const modem *m)
 {
-    static constexpr char function[] = "at_handshake";
     if (!m->is_pcie) {
         if (const int err = core_device_set_raw_mode(device); err != CORE_OK) {
-            log_as(function, CORE_LOG_ERR, "unable to configure device");
+            log_as(in_at_handshake, CORE_LOG_ERR, "unable to configure device");
             return err;
         }
         if (const int err = core_set_control_signals(device, true, true); err != CORE_OK) {
-            log_as(function, CORE_LOG_ERR, "unable to set control signals");
+            log_as(in_at_handshake, CORE_LOG_ERR, "unable to set control signals");
             return err;
         }
     }
     if (m->probing_mode == PROBING_PORT && core_device_set_baud_rate(device, 115200) != CORE_OK)
-        log_as(function, CORE_LOG_WRN, "unable to set baudrate");
+        log_as(in_at_handshake, CORE_LOG_WRN, "unable to set baudrate");
     return CORE_OK;
 }
 
@@ -127,8 +126,8 @@ int get_swpkgv(int device, modem *m)
 int at_handshake(const char *path, int *device, modem *m)
 {
     log_dbg("device path: %s", path);
-    owned_device port;
-    if (const int err = core_device_open(path, port.receive()); err != CORE_OK) {
+    owned_port port;
+    if (const int err = open_port(path, port.receive()); err != CORE_OK) {
         log_err("unable to open device path %s", path);
         return err;
     }
@@ -155,7 +154,7 @@ int collect_modem_basic_information(modem *m, bool skip)
         log_err("no AT port");
         return CORE_ENODEV;
     }
-    owned_device device;
+    owned_port device;
     if (const int err = at_handshake(port->port_name, device.receive(), m); err != CORE_OK) {
         log_err("fail to get AT command answer on port %s", port->port_name);
         return err;

@@ -8,7 +8,20 @@
 #include "usb_probe.hpp"
 #include "zepho-log.hpp"
 
-static constexpr char log_source[] = "../main.c";
+namespace {
+
+constexpr char log_source[] = "../main.c";
+
+// A scan fills free slots: what the one before it found would count a second time.
+void forget_scanned_modems(modem *modems, uint8_t max_modems)
+{
+    for (uint8_t i = 0; i < max_modems; ++i) {
+        if (modems[i].probing_mode == PROBING_USB)
+            memset(&modems[i], 0, sizeof modems[i]); // a free slot is zero in every byte
+    }
+}
+
+} // namespace
 
 uint8_t count_modems(const modem *modems, uint8_t max_modems)
 {
@@ -59,15 +72,6 @@ void prepare_port_modem(modem *m, bool skip_enter_qdl, const char *port)
     strlcpy(m->modem_port[0].port_name, port, sizeof m->modem_port[0].port_name);
     m->modem_port[0].port_type = skip_enter_qdl ? PORT_FIRMWARE_UPDATE : PORT_DIAGNOSTIC;
     strlcpy(m->usb_serial, "unknown", sizeof m->usb_serial);
-}
-
-// A scan fills free slots: what the one before it found would count a second time.
-static void forget_scanned_modems(modem *modems, uint8_t max_modems)
-{
-    for (uint8_t i = 0; i < max_modems; ++i) {
-        if (modems[i].probing_mode == PROBING_USB)
-            memset(&modems[i], 0, sizeof modems[i]); // a free slot is zero in every byte
-    }
 }
 
 int start_usb_bus_scan(const core_usb_id_list *table, modem *modems, uint8_t max_modems)

@@ -9,12 +9,12 @@
 
 // Scans the bus, again and again while the enumeration is incomplete (at most 16 times, 500 ms apart).
 // Results of scan_usb_bus; CORE_ECANCELED, without a word, after SIGINT.
-int start_usb_bus_scan(const core_usb_id_list *table, modem *modems, uint8_t max_modems);
+[[nodiscard]] int start_usb_bus_scan(const core_usb_id_list *table, modem *modems, uint8_t max_modems);
 // Fills the first record from a port named on the command line.
 void prepare_port_modem(modem *m, bool skip_enter_qdl, const char *port);
 
 // Counting and printing the records in use.
-uint8_t count_modems(const modem *modems, uint8_t max_modems);
+[[nodiscard]] uint8_t count_modems(const modem *modems, uint8_t max_modems);
 void print_modem(const modem *m);
 void print_modems(const modem *modems, uint8_t max_modems);
 // As JSON in JSON mode, else as debug lines.

@@ -27,8 +27,8 @@ extern const core_usb_id_list download_mode_list;
 extern const char *const modem_families;
 
 // The map of the identifier's product id; an empty one for an unknown product.
-port_map get_port_map(const core_usb_id *id);
+[[nodiscard]] port_map get_port_map(const core_usb_id *id);
 // One of the chip vendor's PCIe modems.
-bool is_pcie_modem(const core_usb_id *id);
+[[nodiscard]] bool is_pcie_modem(const core_usb_id *id);
 // The chip vendor's download device or one of the maker's.
-bool is_download_mode_modem(const core_usb_id *id);
+[[nodiscard]] bool is_download_mode_modem(const core_usb_id *id);

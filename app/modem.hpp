@@ -44,13 +44,13 @@ struct modem {
 };
 
 // Names for people and for JSON; "unknown" for a number that is none.
-const char *port_type_name(uint32_t type);
-const char *probing_mode_name(uint32_t mode);
+[[nodiscard]] const char *port_type_name(uint32_t type);
+[[nodiscard]] const char *probing_mode_name(uint32_t mode);
 
 // The first port of the given type, or null.
-const modem_port_record *find_port(const modem *m, uint32_t type);
+[[nodiscard]] const modem_port_record *find_port(const modem *m, uint32_t type);
 
 // The first free slot of the array, or null.
-modem *find_free_modem_slot(modem *modems, uint8_t count);
+[[nodiscard]] modem *find_free_modem_slot(modem *modems, uint8_t count);
 // True when the record is in use.
-bool is_modem_present(const modem *m);
+[[nodiscard]] bool is_modem_present(const modem *m);

@@ -6,7 +6,44 @@
 #include "modem-table.hpp"
 #include "zepho-log.hpp"
 
-static constexpr char log_source[] = "../main.c";
+namespace {
+
+constexpr char log_source[] = "../main.c";
+constexpr char in_check_args[] = "check_args";
+constexpr char usage[] = "usage examples:\n"
+                         "        kestrel --help\n"
+                         "        kestrel <firmware directory> [--debug]\n"
+                         "        kestrel --flat <programmer path> [--debug]\n"
+                         "        kestrel --meta <content xml path> [--debug]\n"
+                         "        kestrel <firmware directory> --port /dev/ttyUSB0\n"
+                         "        kestrel <firmware directory> --dry-run\n"
+                         "        kestrel <firmware directory> --enter-qdl\n"
+                         "        kestrel <firmware directory> --otp\n";
+
+void echo_arguments(int argc, char **argv)
+{
+    for (int i = 0; i < argc; ++i)
+        log_as(in_check_args, CORE_LOG_DBG, "arg[%d]: %s", i, argv[i]);
+}
+
+// Counts the package sources; -1 (logged) when the first argument is neither a flag nor a directory.
+int count_package_sources(int argc, char **argv)
+{
+    int count = 0;
+    if (argc >= 2 && !is_flag(argv[1])) {
+        if (core_directory_exists(argv[1]) != CORE_OK) {
+            log_as(in_check_args, CORE_LOG_ERR, "first argument must be a directory or a flag: %s", argv[1]);
+            return -1;
+        }
+        options.firmware_directory = argv[1];
+        ++count;
+    }
+    count += options.meta[0] != '\0' ? 1 : 0;
+    count += options.flat[0] != '\0' ? 1 : 0;
+    return count;
+}
+
+} // namespace
 
 program_options options;
 
@@ -27,16 +64,6 @@ const option_descriptor option_table[] = {
     {"--json", "-j", OPTION_BOOLEAN, &options.json, false, "log in JSON format", nullptr},
     {nullptr, nullptr, OPTION_END, nullptr, false, nullptr, nullptr},
 };
-
-static constexpr char usage[] = "usage examples:\n"
-                                "        kestrel --help\n"
-                                "        kestrel <firmware directory> [--debug]\n"
-                                "        kestrel --flat <programmer path> [--debug]\n"
-                                "        kestrel --meta <content xml path> [--debug]\n"
-                                "        kestrel <firmware directory> --port /dev/ttyUSB0\n"
-                                "        kestrel <firmware directory> --dry-run\n"
-                                "        kestrel <firmware directory> --enter-qdl\n"
-                                "        kestrel <firmware directory> --otp\n";
 
 void print_help(const option_descriptor *flags)
 {
@@ -59,29 +86,6 @@ void print_help(const option_descriptor *flags)
         else
             log_inf("0x%04x:0x%04x\n", id.vid, id.pid);
     }
-}
-
-static void echo_arguments(int argc, char **argv)
-{
-    for (int i = 0; i < argc; ++i)
-        log_as("check_args", CORE_LOG_DBG, "arg[%d]: %s", i, argv[i]);
-}
-
-// Counts the package sources; -1 (logged) when the first argument is neither a flag nor a directory.
-static int count_package_sources(int argc, char **argv)
-{
-    int count = 0;
-    if (argc >= 2 && !is_flag(argv[1])) {
-        if (core_directory_exists(argv[1]) != CORE_OK) {
-            log_as("check_args", CORE_LOG_ERR, "first argument must be a directory or a flag: %s", argv[1]);
-            return -1;
-        }
-        options.firmware_directory = argv[1];
-        ++count;
-    }
-    count += options.meta[0] != '\0' ? 1 : 0;
-    count += options.flat[0] != '\0' ? 1 : 0;
-    return count;
 }
 
 int check_args(int argc, char **argv)

@@ -27,6 +27,6 @@ extern const option_descriptor option_table[];
 
 // Parses and checks the arguments; switches JSON output and the debug threshold on. 0 when the update may
 // start; the parser's result (-11 after "--help", -22); or 1.
-int check_args(int argc, char **argv);
+[[nodiscard]] int check_args(int argc, char **argv);
 // Logs usage, options and supported devices.
 void print_help(const option_descriptor *flags);

@@ -5,75 +5,44 @@
 #include "core.hpp"
 #include "zepho-log.hpp"
 
+#include <cerrno>
 #include <cinttypes>
-
-static constexpr char log_source[] = "../main.c";
 
 namespace {
 
-constexpr char check_function[] = "check_package";
+constexpr char log_source[] = "../main.c";
+constexpr char in_check_package[] = "check_package";
 constexpr uint64_t max_sectors = INT32_MAX; // a command announces them as a signed number
 
-bool contains(const char *text, const char *part)
-{
-    return strstr(text, part) != nullptr;
-}
-
-bool is_blank(char c)
-{
-    return c == ' ' || c == '\t' || c == '\r';
-}
-
-const char *skip_blanks(const char *text)
-{
-    while (is_blank(*text))
-        ++text;
-    return text;
-}
-
-// The size of a file that must be there: opening it would create it.
-int measure(const char *path, uint64_t *size, const char *function)
-{
-    if (core_file_exists(path) != CORE_OK) {
-        log_as(function, CORE_LOG_ERR, "file is not there: %s", path);
-        return CORE_ENOENT;
-    }
-    owned_file file;
-    if (const int err = core_file_open(path, file.receive()); err != CORE_OK)
-        return err;
-    int64_t bytes = 0;
-    const int err = core_file_get_size(file.get(), &bytes);
-    *size = static_cast<uint64_t>(bytes);
-    return err;
-}
+constexpr std::string_view blanks = " \t\r";
 
 int check_texts(const image_list *package)
 {
     for (const package_text *text : {&package->description, &package->partition, &package->information}) {
         if (!text->is_read() || !text->holds_nul())
             continue;
-        log_as(check_function, CORE_LOG_ERR, "NUL byte in %s", text->path());
+        log_as(in_check_package, CORE_LOG_ERR, "NUL byte in %s", text->path());
         return CORE_EINVAL;
     }
     return CORE_OK;
 }
 
 // How many commands that change the flash begin in the line.
-int count_flash_commands(const char *line)
+int count_flash_commands(std::string_view line)
 {
     int count = 0;
-    for (const char *element : {"<program", "<erase"}) {
-        for (const char *found = strstr(line, element); found != nullptr; found = strstr(found + 1, element))
+    for (const std::string_view element : {"<program", "<erase"}) {
+        for (size_t found = line.find(element); found != line.npos; found = line.find(element, found + 1))
             ++count;
     }
     return count;
 }
 
 // True when the line ends inside an element.
-bool goes_on(const char *line)
+bool goes_on(std::string_view line)
 {
-    const char *const open = strrchr(line, '<');
-    return open != nullptr && strchr(open, '>') == nullptr;
+    const size_t open = line.rfind('<');
+    return open != line.npos && line.find('>', open) == line.npos;
 }
 
 bool is_comment(line_type type)
@@ -87,14 +56,12 @@ int check_line(const char *line, line_type type, const char *path)
 {
     constexpr size_t longest = sizeof image::command - 1;
     if (count_flash_commands(line) > (type == LINE_COMMAND && !goes_on(line) ? 1 : 0)) {
-        log_as(check_function, CORE_LOG_ERR, "command without a line of its own in %s: %.60s", path, line);
+        log_as(in_check_package, CORE_LOG_ERR, "command without a line of its own in %s: %.60s", path, line);
         return CORE_EINVAL;
     }
-    size_t length = strlen(line);
-    while (length > 0 && is_blank(line[length - 1]))
-        --length;
-    if (type == LINE_COMMAND && length > longest) {
-        log_as(check_function, CORE_LOG_ERR, "command of more than %zu characters in %s: %.60s...", longest,
+    // All but blanks is kept of the command.
+    if (type == LINE_COMMAND && std::string_view(line).find_last_not_of(blanks) + 1 > longest) {
+        log_as(in_check_package, CORE_LOG_ERR, "command of more than %zu characters in %s: %.60s...", longest,
                path, line);
         return CORE_EINVAL;
     }
@@ -111,81 +78,67 @@ int check_lines(const package_text &text)
             return err;
     }
     if (lines.in_comment()) {
-        log_as(check_function, CORE_LOG_ERR, "comment without an end in %s", text.path());
+        log_as(in_check_package, CORE_LOG_ERR, "comment without an end in %s", text.path());
         return CORE_EINVAL;
     }
     return CORE_OK;
 }
 
-// The name is what stands behind the directory of the package.
-int check_name(const char *path, size_t directory_length)
+// The text from its first character on that is no blank.
+std::string_view without_leading_blanks(std::string_view text)
 {
-    for (const char *part = path + directory_length; part != nullptr; part = strchr(part, '/')) {
-        part += strspn(part, "/");
-        if (strncmp(part, "..", 2) == 0 && (part[2] == '/' || part[2] == '\0')) {
-            log_as(check_function, CORE_LOG_ERR, "file name leads out of the package: %s", path);
-            return CORE_EINVAL;
-        }
-    }
-    return CORE_OK;
-}
-
-int check_names(const image_list *package)
-{
-    const owned_text directory = directory_of_package(package);
-    if (directory == nullptr) {
-        log_as(check_function, CORE_LOG_ERR, "out of memory");
-        return CORE_ENOMEM;
-    }
-    const size_t directory_length = strlen(directory.get());
-    if (package->content_xml_path[0] != '\0') { // else both lie beside each other
-        for (const char *path : {package->programmer_path, package->partition_file_path}) {
-            if (const int err = check_name(path, directory_length); err != CORE_OK)
-                return err;
-        }
-    }
-    for (uint32_t i = 0; i < package->image_count; ++i) {
-        const image *const img = &package->images[i];
-        if (img->filename[0] == '\0')
-            continue;
-        if (const int err = check_name(img->filename, directory_length); err != CORE_OK)
-            return err;
-    }
-    return CORE_OK;
+    text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
+    return text;
 }
 
 // True when the line has an attribute of just this name, however it is written, with a value that is not
 // empty.
-bool names_a_file(const char *line)
+bool names_a_file(std::string_view line)
 {
-    static constexpr char name[] = "filename";
-    for (const char *found = strstr(line, name); found != nullptr; found = strstr(found + 1, name)) {
-        if (found == line || !is_blank(found[-1]))
+    static constexpr std::string_view name = "filename";
+    for (size_t found = line.find(name); found != line.npos; found = line.find(name, found + 1)) {
+        if (found == 0 || !text_contains(blanks, {&line[found - 1], 1}))
             continue; // the end of another name
-        const char *const equals = skip_blanks(found + strlen(name));
-        if (*equals != '=')
+        std::string_view rest = line;
+        rest.remove_prefix(found + name.size());
+        rest = without_leading_blanks(rest);
+        if (!rest.starts_with('='))
             continue;
-        const char *const quote = skip_blanks(equals + 1);
-        if ((*quote != '"' && *quote != '\'') || quote[1] != quote[0])
+        rest.remove_prefix(1);
+        rest = without_leading_blanks(rest);
+        if (!rest.starts_with("\"\"") && !rest.starts_with("''"))
             return true;
     }
     return false;
 }
 
-int check_command(const image *img, const char *path)
+// What the command of an image with data says of its sectors.
+int check_sectors_of(const image *img, const char *path)
 {
-    if (img->filename[0] == '\0' && contains(img->command, "<program ") && names_a_file(img->command)) {
-        log_as(check_function, CORE_LOG_ERR, "file name cannot be read in %s: %s", path, img->command);
-        return CORE_EINVAL;
-    }
-    const bool has_data = img->filename[0] != '\0' && !contains(img->command, "<erase ");
-    if (has_data && img->sector_size_in_bytes != 0 &&
-        img->file_size > max_sectors * img->sector_size_in_bytes) {
-        log_as(check_function, CORE_LOG_ERR, "too many sectors of %u bytes: %s", img->sector_size_in_bytes,
+    if (const int err = check_sectors(img, FIREHOSE_PAYLOAD_SIZE); err != CORE_OK)
+        return err;
+    if (img->sector_size_in_bytes != 0 && img->file_size > max_sectors * img->sector_size_in_bytes) {
+        log_as(in_check_package, CORE_LOG_ERR, "too many sectors of %u bytes: %s", img->sector_size_in_bytes,
                img->filename);
         return CORE_EINVAL;
     }
+    const std::optional<std::string_view> announced = text_behind(img->command, "num_partition_sectors=\"");
+    if (announced && announced->find('"', 1) == announced->npos) { // of an empty value, the quote behind it
+        log_as(in_check_package, CORE_LOG_ERR, "number of sectors without an end in %s: %.60s", path,
+               img->command);
+        return CORE_EINVAL;
+    }
     return CORE_OK;
+}
+
+int check_command(const image *img, const char *path)
+{
+    if (img->filename[0] == '\0' && text_contains(img->command, "<program ") && names_a_file(img->command)) {
+        log_as(in_check_package, CORE_LOG_ERR, "file name cannot be read in %s: %s", path, img->command);
+        return CORE_EINVAL;
+    }
+    const bool has_data = img->filename[0] != '\0' && !text_contains(img->command, "<erase ");
+    return has_data ? check_sectors_of(img, path) : CORE_OK;
 }
 
 int check_commands(const image_list *package)
@@ -203,49 +156,96 @@ int check_not_empty(const image_list *package)
 {
     if (package->image_count > 0 && !is_empty_image(&package->images[0]))
         return CORE_OK;
-    log_as(check_function, CORE_LOG_ERR, "no command in %s", package->partition_file_path);
+    log_as(in_check_package, CORE_LOG_ERR, "no command in %s", package->partition_file_path);
     return CORE_EINVAL;
 }
 
-int check_programmer(const char *path)
+// Logs the failure to open a file, where that was not done yet.
+int tell_of_opening(int err, const char *path, const char *function)
 {
-    uint64_t size = 0;
-    if (const int err = measure(path, &size, check_function); err != CORE_OK)
+    if (err == CORE_ENOENT)
+        log_as(function, CORE_LOG_ERR, "file is not there: %s", path);
+    else if (errno != 0)
+        log_as(function, CORE_LOG_ERR, "error %d %s opening file '%s'\n", errno, strerror(errno), path);
+    return err;
+}
+
+int check_programmer(image_list *package)
+{
+    const char *const path = package->programmer_path;
+    const owned_text directory = directory_of_package(package);
+    if (directory == nullptr) {
+        log_as(in_check_package, CORE_LOG_ERR, "out of memory");
+        return CORE_ENOMEM;
+    }
+    owned_file file;
+    if (const int err = core_file_exists(path) != CORE_OK
+                            ? CORE_ENOENT
+                            : core_file_open_beneath(directory.get(), path, file.receive());
+        err != CORE_OK)
+        return tell_of_opening(err, path, in_check_package);
+    if (const int err = core_file_identify(file.get(), &package->programmer); err != CORE_OK)
         return err;
-    if (size == 0) {
-        log_as(check_function, CORE_LOG_ERR, "programmer image %s is empty", path);
+    if (package->programmer.size == 0) {
+        log_as(in_check_package, CORE_LOG_ERR, "programmer image %s is empty", path);
         return CORE_EINVAL;
     }
     return CORE_OK;
+}
+
+int check_lines_and_commands(const image_list *package)
+{
+    if (const int err = check_not_empty(package); err != CORE_OK)
+        return err;
+    if (const int err = check_lines(package->partition); err != CORE_OK)
+        return err;
+    return check_commands(package);
 }
 
 } // namespace
 
-int check_package(const image_list *package, bool otp, bool uploads_programmer)
+int check_package(image_list *package, bool writes_images, bool uploads_programmer)
 {
     int err = check_texts(package);
-    if (err == CORE_OK)
-        err = check_names(package);
-    if (err == CORE_OK && !otp)
-        err = check_not_empty(package);
-    if (err == CORE_OK)
-        err = check_lines(package->partition);
-    if (err == CORE_OK)
-        err = check_commands(package);
+    if (err == CORE_OK && writes_images)
+        err = check_lines_and_commands(package);
     if (err == CORE_OK && uploads_programmer)
-        err = check_programmer(package->programmer_path);
+        err = check_programmer(package);
     return err;
 }
 
-int check_image_file(const image *img)
+int check_sectors(const image *img, uint32_t max_payload)
 {
-    uint64_t size = 0;
-    if (const int err = measure(img->filename, &size, __func__); err != CORE_OK)
+    const bool has_partial_payload = img->file_size % max_payload != 0;
+    const uint32_t sector = img->sector_size_in_bytes;
+    if ((sector != 0 || !has_partial_payload) && (sector <= max_payload || img->file_size == 0))
+        return CORE_OK;
+    log_err("sector size %u does not fit payload size %u for %s", sector, max_payload, img->filename);
+    return CORE_EINVAL;
+}
+
+int open_same_file(const char *path, const core_file_identity &identity, int *handle)
+{
+    if (const int err =
+            core_file_exists(path) != CORE_OK ? CORE_ENOENT : core_file_open_to_read(path, handle);
+        err != CORE_OK)
+        return tell_of_opening(err, path, __func__);
+    const int err = check_same_file(*handle, path, identity);
+    if (err != CORE_OK)
+        static_cast<void>(core_file_close(*handle)); // it was only looked at
+    return err;
+}
+
+int check_same_file(int handle, const char *path, const core_file_identity &identity)
+{
+    core_file_identity now{};
+    if (const int err = core_file_identify(handle, &now); err != CORE_OK)
         return err;
-    if (size != img->file_size) {
-        log_err("file of %" PRIu64 " bytes has changed to %" PRIu64 ": %s", img->file_size, size,
-                img->filename);
-        return CORE_EINVAL;
-    }
-    return CORE_OK;
+    if (now == identity)
+        return CORE_OK;
+    if (now.size != identity.size)
+        log_err("file of %" PRId64 " bytes has changed to %" PRId64 ": %s", identity.size, now.size, path);
+    else
+        log_err("file has changed: %s", path);
+    return CORE_EINVAL;
 }

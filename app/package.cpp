@@ -8,16 +8,15 @@
 
 #include <cerrno>
 
-static constexpr char log_source[] = "../main.c";
+namespace {
 
-static constexpr char version_prefix[] = "PKG VER : ";
-
-image_list package;
+constexpr char log_source[] = "../main.c";
+constexpr char in_fw_package_init[] = "fw_package_init";
+constexpr char version_prefix[] = "PKG VER : ";
 
 // Looks for the two kinds of package that a directory may hold, in this order.
-static int find_package_in_directory(const char *directory)
+int find_package_in_directory(const char *directory)
 {
-    static constexpr char function[] = "fw_package_init";
     const struct {
         const char *file;
         char (*path)[1024];
@@ -28,17 +27,17 @@ static int find_package_in_directory(const char *directory)
     for (const auto &source : sources) {
         const owned_text path = format_text("%s%s%s", directory, "/", source.file);
         if (path == nullptr) {
-            log_as(function, CORE_LOG_ERR, "string join error: %s", strerror(errno));
+            log_as(in_fw_package_init, CORE_LOG_ERR, "string join error: %s", strerror(errno));
             return CORE_ENOMEM;
         }
         if (core_file_exists(path.get()) == CORE_OK)
             return store_path(*source.path, path.get());
     }
-    log_as(function, CORE_LOG_ERR, "firmware not supported: %s", directory);
+    log_as(in_fw_package_init, CORE_LOG_ERR, "firmware not supported: %s", directory);
     return CORE_ENOENT;
 }
 
-static int find_package()
+int find_package()
 {
     if (options.firmware_directory != nullptr)
         return find_package_in_directory(options.firmware_directory);
@@ -50,6 +49,10 @@ static int find_package()
     strlcpy(package.programmer_path, options.flat, sizeof package.programmer_path);
     return CORE_OK;
 }
+
+} // namespace
+
+image_list package;
 
 int fw_package_init()
 {
@@ -81,18 +84,18 @@ owned_text get_new_pkgver(image_list *list)
         log_err("%s: error in generating path for information.contents file", __func__);
         return nullptr;
     }
-    const owned_stream file(core_file_open_stream(path.get()));
-    if (file == nullptr) {
+    owned_file file;
+    if (core_file_open_beneath(directory.get(), path.get(), file.receive()) != CORE_OK) {
         log_err("%s: cannot open the file %s", __func__, path.get());
         return nullptr;
     }
     int64_t size = 0;
-    if (core_file_get_size(fileno(file.get()), &size) != CORE_OK || size > MAX_TEXT_SIZE) {
+    if (core_file_get_size(file.get(), &size) != CORE_OK || size > MAX_TEXT_SIZE) {
         log_err("%s: too large: %s", __func__, path.get());
         return nullptr;
     }
     package_text &text = list->information;
-    if (text.read(path.get(), fileno(file.get()), __func__) != CORE_OK)
+    if (text.read(path.get(), file.get(), __func__) != CORE_OK)
         return nullptr;
     const owned_stream lines(fmemopen(text.bytes(), text.size(), "r"));
     if (lines == nullptr) {
@@ -124,6 +127,8 @@ owned_text search_pkgv(FILE *file)
         return nullptr;
     }
     strlcpy(version.get(), line + prefix_length, size);
+    // Blanks, and the carriage return of a foreign line end, are no part of it.
+    version.get()[std::string_view(version.get()).find_last_not_of(" \t\r") + 1] = '\0';
     log_dbg("PKG VER to be flashed: %s", version.get());
     return version;
 }

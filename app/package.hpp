@@ -12,11 +12,11 @@ extern image_list package;
 
 // 0; CORE_ENOENT for a directory without a package, or without a version; CORE_ENOMEM; or the error of the
 // image list.
-int fw_package_init();
+[[nodiscard]] int fw_package_init();
 // The version text of the package's information.contents, which is read into the list; null when it has none
 // (logged).
-owned_text get_new_pkgver(image_list *list);
+[[nodiscard]] owned_text get_new_pkgver(image_list *list);
 // The version text of an open information.contents, null when it has none (logged).
-owned_text search_pkgv(FILE *file);
+[[nodiscard]] owned_text search_pkgv(FILE *file);
 // Releases what fw_package_init allocated.
 void fw_package_free();

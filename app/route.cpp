@@ -1,15 +1,14 @@
 #include "route.hpp"
 
+#include "core.hpp"
 #include "modem-table.hpp"
-
-#include <cstring>
 
 namespace {
 
 // A modem that was found with the programmer's port is spoken to over that port, as if --pcie had been given.
 bool has_firehose_port(const modem *m)
 {
-    return m->probing_mode == PROBING_USB && strstr(m->modem_port[0].port_name, "firehose") != nullptr;
+    return m->probing_mode == PROBING_USB && text_contains(m->modem_port[0].port_name, "firehose");
 }
 
 } // namespace

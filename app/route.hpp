@@ -13,6 +13,6 @@ struct route {
 
 // True for a modem that takes the programmer or the images as it is: one in download mode, or one whose first
 // port is the programmer's.
-bool is_in_download_mode(const modem *m);
+[[nodiscard]] bool is_in_download_mode(const modem *m);
 // The way from here. A modem that is switched comes back as another device: ask again with its record.
-route plan_route(const program_options &wanted, const modem *m, bool already_in_qdl);
+[[nodiscard]] route plan_route(const program_options &wanted, const modem *m, bool already_in_qdl);

@@ -74,6 +74,6 @@ struct packet {
 };
 
 // A packet of `length` bytes with its header filled in.
-packet make_packet(command_id command, size_t length);
+[[nodiscard]] packet make_packet(command_id command, size_t length);
 
 } // namespace sahara

@@ -13,20 +13,54 @@
 #include "package-check.hpp"
 #include "package.hpp"
 #include "route.hpp"
+#include "run-lock.hpp"
 #include "zepho-log.hpp"
 
-static constexpr char log_source[] = "../main.c";
+namespace {
 
-static int refuse_several_modems(const modem *modems, uint8_t max_modems, const char *function)
+constexpr char log_source[] = "../main.c";
+constexpr char in_update_after_listening[] = "update_after_listening";
+
+int refuse_several_modems(const modem *modems, uint8_t max_modems, const char *function)
 {
     log_as(function, CORE_LOG_ERR, "multiple modems not supported, please keep a single modem attached:");
     show_modems(modems, max_modems);
     return CORE_EINVAL;
 }
 
+// The one modem that has just been attached.
+int update_attached_modem(modem *modems, uint8_t max_modems)
+{
+    log_as(in_update_after_listening, CORE_LOG_DBG, "found supported modem");
+    if (is_in_download_mode(&modems[0]))
+        return start_update_procedure(modems, max_modems, true);
+    if (const int err = hold_modem(&modems[0]); err != CORE_OK)
+        return err;
+    if (collect_modem_array_basic_information(modems, max_modems, false) != CORE_OK)
+        log_as(in_update_after_listening, CORE_LOG_ERR, "failure in modem probing, trying fw update anyway");
+    show_modems(modems, max_modems);
+    const int err = start_update_procedure(modems, max_modems, false);
+    if (err != CORE_OK)
+        log_as(in_update_after_listening, CORE_LOG_ERR, "error %d trying fw update", err);
+    return err;
+}
+
+int end_interrupted_listening()
+{
+    log_as(in_update_after_listening, CORE_LOG_INF, "Firmware update interrupted");
+    core_deinit();
+    return CORE_ECANCELED;
+}
+
+} // namespace
+
 int update_with_port(modem *modems, uint8_t max_modems, bool skip_enter_qdl, const char *port)
 {
     prepare_port_modem(&modems[0], skip_enter_qdl, port);
+    if (!options.dry_run) { // which speaks to nobody
+        if (const int err = hold_modem(&modems[0]); err != CORE_OK)
+            return err;
+    }
     if (!skip_enter_qdl) {
         if (const int err = refuse_download_devices(); err != CORE_OK)
             return err;
@@ -50,6 +84,8 @@ int update_with_scan(modem *modems, uint8_t max_modems, bool json)
     log_dbg("found supported modem");
     if (is_in_download_mode(&modems[0]))
         return start_update_procedure(modems, max_modems, true);
+    if (const int lock_err = hold_modem(&modems[0]); lock_err != CORE_OK)
+        return lock_err;
     const int probe_err = collect_modem_array_basic_information(modems, max_modems, false);
     if (probe_err != CORE_OK && probe_err != CORE_ENODEV)
         log_dbg("failure in modem probing, trying fw update anyway");
@@ -57,29 +93,6 @@ int update_with_scan(modem *modems, uint8_t max_modems, bool json)
         json_set_event(false);
     show_modems(modems, max_modems);
     return start_update_procedure(modems, max_modems, false);
-}
-
-// The one modem that has just been attached.
-static int update_attached_modem(modem *modems, uint8_t max_modems)
-{
-    static constexpr char function[] = "update_after_listening";
-    log_as(function, CORE_LOG_DBG, "found supported modem");
-    if (is_in_download_mode(&modems[0]))
-        return start_update_procedure(modems, max_modems, true);
-    if (collect_modem_array_basic_information(modems, max_modems, false) != CORE_OK)
-        log_as(function, CORE_LOG_ERR, "failure in modem probing, trying fw update anyway");
-    show_modems(modems, max_modems);
-    const int err = start_update_procedure(modems, max_modems, false);
-    if (err != CORE_OK)
-        log_as(function, CORE_LOG_ERR, "error %d trying fw update", err);
-    return err;
-}
-
-static int end_interrupted_listening()
-{
-    log_as("update_after_listening", CORE_LOG_INF, "Firmware update interrupted");
-    core_deinit();
-    return CORE_ECANCELED;
 }
 
 int update_after_listening(modem *modems, uint8_t max_modems, bool json)
@@ -125,7 +138,7 @@ int start_update_procedure(modem *modems, uint8_t max_modems, bool already_in_qd
     if (const int err = fw_package_init(); err != CORE_OK)
         return err;
     const route way = plan_route(options, &modems[0], already_in_qdl);
-    if (const int err = check_package(&package, options.otp, way.uploads); err != CORE_OK)
+    if (const int err = check_package(&package, !options.otp && !way.stops, way.uploads); err != CORE_OK)
         return err;
     if (!already_in_qdl) {
         const int err = check_fw_compatibility(modems[0].versions, &package, options.force);

@@ -10,10 +10,10 @@
 
 // The three entries. Results: 0, or the first failure of a stage; CORE_EINVAL for several modems,
 // CORE_ECANCELED after SIGINT, CORE_ENOTSUPPORTED where the platform finds no devices.
-int update_with_scan(modem *modems, uint8_t max_modems, bool json);
-int update_after_listening(modem *modems, uint8_t max_modems, bool json);
-int update_with_port(modem *modems, uint8_t max_modems, bool skip_enter_qdl, const char *port);
+[[nodiscard]] int update_with_scan(modem *modems, uint8_t max_modems, bool json);
+[[nodiscard]] int update_after_listening(modem *modems, uint8_t max_modems, bool json);
+[[nodiscard]] int update_with_port(modem *modems, uint8_t max_modems, bool skip_enter_qdl, const char *port);
 
 // The common tail: package, its check, compatibility, dry-run stop, hand-off. 0 also for a modem in download
 // mode that is not forced.
-int start_update_procedure(modem *modems, uint8_t max_modems, bool already_in_qdl);
+[[nodiscard]] int start_update_procedure(modem *modems, uint8_t max_modems, bool already_in_qdl);

@@ -6,31 +6,14 @@
 
 #include <iterator>
 
-static constexpr char log_source[] = "../usb_probe.c";
+namespace {
 
-static constexpr size_t max_devices = 10;
-
-bool is_valid_port_name(const char *name)
-{
-    for (; *name != '\0'; ++name) {
-        const char c = *name;
-        const bool valid =
-            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '/';
-        if (!valid)
-            return false;
-    }
-    return true;
-}
-
-const char *find_substring(const char *haystack, const char *needle)
-{
-    if (haystack == nullptr || needle == nullptr || needle[0] == '\0')
-        return nullptr;
-    return strstr(haystack, needle);
-}
+constexpr char log_source[] = "../usb_probe.c";
+constexpr char in_scan_usb_bus[] = "scan_usb_bus";
+constexpr size_t max_devices = 10;
 
 // A port's type by the interface that carries it; a PCIe modem's ports have no interface but a telling name.
-static uint32_t classify_port(const port_map &map, bool is_pcie, const char *interface, const char *name)
+uint32_t classify_port(const port_map &map, bool is_pcie, const char *interface, const char *name)
 {
     const struct {
         const char *haystack;
@@ -49,6 +32,43 @@ static uint32_t classify_port(const port_map &map, bool is_pcie, const char *int
             return rule.type;
     }
     return PORT_UNKNOWN;
+}
+
+int add_modem(modem *slot, const core_device_info &info, uint8_t max_ports)
+{
+    slot->probing_mode = PROBING_USB;
+    core_usb_id_from_str(&slot->usb_id, info.vid, info.pid);
+    slot->is_pcie = is_pcie_modem(&slot->usb_id);
+    strlcpy(slot->usb_serial, info.serial[0] != '\0' ? info.serial : "unknown", sizeof slot->usb_serial);
+    strlcpy(slot->dev_path, info.path, sizeof slot->dev_path);
+    const int err = gather_serial_ports(slot, &info, max_ports);
+    if (err != CORE_OK) {
+        log_as(in_scan_usb_bus, CORE_LOG_DBG, "Unable to gather serial ports for %04X:%04X", slot->usb_id.vid,
+               slot->usb_id.pid);
+        memset(slot, 0, sizeof *slot);
+    }
+    return err;
+}
+
+} // namespace
+
+bool is_valid_port_name(const char *name)
+{
+    for (; *name != '\0'; ++name) {
+        const char c = *name;
+        const bool valid =
+            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '/';
+        if (!valid)
+            return false;
+    }
+    return true;
+}
+
+const char *find_substring(const char *haystack, const char *needle)
+{
+    if (haystack == nullptr || needle == nullptr || needle[0] == '\0')
+        return nullptr;
+    return strstr(haystack, needle);
 }
 
 int gather_serial_ports(modem *m, const core_device_info *info, uint8_t max_ports)
@@ -75,22 +95,6 @@ int gather_serial_ports(modem *m, const core_device_info *info, uint8_t max_port
         return CORE_EAGAIN;
     }
     return CORE_OK;
-}
-
-static int add_modem(modem *slot, const core_device_info &info, uint8_t max_ports)
-{
-    slot->probing_mode = PROBING_USB;
-    core_usb_id_from_str(&slot->usb_id, info.vid, info.pid);
-    slot->is_pcie = is_pcie_modem(&slot->usb_id);
-    strlcpy(slot->usb_serial, info.serial[0] != '\0' ? info.serial : "unknown", sizeof slot->usb_serial);
-    strlcpy(slot->dev_path, info.path, sizeof slot->dev_path);
-    const int err = gather_serial_ports(slot, &info, max_ports);
-    if (err != CORE_OK) {
-        log_as("scan_usb_bus", CORE_LOG_DBG, "Unable to gather serial ports for %04X:%04X", slot->usb_id.vid,
-               slot->usb_id.pid);
-        memset(slot, 0, sizeof *slot);
-    }
-    return err;
 }
 
 int scan_usb_bus(const core_usb_id_list *ids, modem *modems, uint8_t max_modems, uint8_t max_ports)

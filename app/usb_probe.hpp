@@ -9,11 +9,12 @@
 // Fills free slots of `modems` with the matching devices, at most `max_ports` ports each. The result is that
 // of the last device: 0; CORE_EAGAIN while its ports are incomplete; CORE_ENOMEM for a full array or port
 // list; or the enumeration's error (CORE_ENOTSUPPORTED, CORE_ENODEV).
-int scan_usb_bus(const core_usb_id_list *ids, modem *modems, uint8_t max_modems, uint8_t max_ports);
+[[nodiscard]] int scan_usb_bus(const core_usb_id_list *ids, modem *modems, uint8_t max_modems,
+                               uint8_t max_ports);
 // Fills the record's ports from the device's. 0, CORE_EAGAIN (fewer than the product's minimum) or
 // CORE_ENOMEM (more than `max_ports`, which is at most MAX_MODEM_PORTS).
-int gather_serial_ports(modem *m, const core_device_info *info, uint8_t max_ports);
+[[nodiscard]] int gather_serial_ports(modem *m, const core_device_info *info, uint8_t max_ports);
 // True when every character is a letter, a digit or '/'; an empty name is valid.
-bool is_valid_port_name(const char *name);
+[[nodiscard]] bool is_valid_port_name(const char *name);
 // strstr(3), but null (not found) for a null text or a null or empty needle.
-const char *find_substring(const char *haystack, const char *needle);
+[[nodiscard]] const char *find_substring(const char *haystack, const char *needle);

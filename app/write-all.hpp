@@ -13,7 +13,7 @@ enum class back_pressure { fail, retry };
 // retried; CORE_EPROTO when ten writes in a row succeed without taking a byte, or when bytes are left after
 // five minutes, so that a port that takes nothing or next to nothing cannot hold the program for ever.
 template <typename WriteSome>
-int write_all(const void *data, size_t size, back_pressure on_full, WriteSome write_some)
+[[nodiscard]] int write_all(const void *data, size_t size, back_pressure on_full, WriteSome write_some)
 {
     constexpr int max_idle_writes = 10;
     const auto *bytes = static_cast<const uint8_t *>(data);

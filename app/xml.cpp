@@ -6,83 +6,89 @@
 #include <cerrno>
 #include <cstdlib>
 
-static constexpr char log_source[] = "../xml.c";
-
 namespace {
 
-constexpr char file_name_open[] = "<file_name>";
-constexpr char file_name_close[] = "</file_name>";
+constexpr char log_source[] = "../xml.c";
+constexpr char in_get_string_attribute[] = "get_string_attribute";
+constexpr char in_get_uint_attribute[] = "get_uint_attribute";
+constexpr std::string_view file_name_open = "<file_name>";
+constexpr std::string_view file_name_close = "</file_name>";
 
-bool contains(const char *line, const char *text)
+// What stands behind `name="`, up to the end of the line; `function` is who asks.
+std::optional<std::string_view> find_attribute_value(const char *line, const char *name, const char *function)
 {
-    return strstr(line, text) != nullptr;
-}
-
-// The first character of the value of `name="`, or null; `function` is who asks.
-const char *find_attribute_value(const char *line, const char *name, const char *function)
-{
-    const char *const found = strstr(line, name);
-    if (found == nullptr) {
+    const std::optional<std::string_view> found = text_behind(line, name);
+    if (!found) {
         log_as(function, CORE_LOG_DBG, "unable to find %s", name);
-        return nullptr;
+        return std::nullopt;
     }
-    const char *const equals = found + strlen(name);
+    const char *const equals = found->data(); // in the line, which ends in a zero
     if (*equals != '=') {
         log_as(function, CORE_LOG_ERR, "unable to find '=', instead found %c", *equals);
-        return nullptr;
+        return std::nullopt;
     }
     if (equals[1] != '"') {
         log_as(function, CORE_LOG_ERR, "unable to find '\"', instead found %c", equals[1]);
-        return nullptr;
+        return std::nullopt;
     }
     return equals + 2;
 }
 
 bool copy_string_attribute(const char *line, const char *name, char *dest, size_t max_dest_size)
 {
-    static constexpr char function[] = "get_string_attribute";
-    const char *const value = find_attribute_value(line, name, function);
-    if (value == nullptr)
+    const std::optional<std::string_view> rest = find_attribute_value(line, name, in_get_string_attribute);
+    if (!rest)
         return false;
-    const char *const end = strchr(value, '"');
-    if (end == nullptr) {
-        log_as(function, CORE_LOG_ERR, "unable to find final '\"'");
-        return false;
-    }
-    const auto length = static_cast<size_t>(end - value);
-    if (length >= max_dest_size) {
-        log_as(function, CORE_LOG_ERR, "attribute size %ld > max_dest_size", static_cast<long>(length));
+    const std::string_view value = text_before(*rest, "\"");
+    if (value.size() == rest->size()) {
+        log_as(in_get_string_attribute, CORE_LOG_ERR, "unable to find final '\"'");
         return false;
     }
-    memcpy(dest, value, length);
-    if (length == 0 || dest[0] == '\0')
+    if (value.size() >= max_dest_size) {
+        log_as(in_get_string_attribute, CORE_LOG_ERR, "attribute size %ld > max_dest_size",
+               static_cast<long>(value.size()));
         return false;
-    log_as(function, CORE_LOG_DBG, "%s: %s", name, dest);
+    }
+    memcpy(dest, value.data(), value.size());
+    if (value.empty() || dest[0] == '\0')
+        return false;
+    log_as(in_get_string_attribute, CORE_LOG_DBG, "%s: %s", name, dest);
     return true;
 }
 
 bool convert_uint_attribute(const char *line, const char *name, uint32_t *value)
 {
-    static constexpr char function[] = "get_uint_attribute";
-    const char *const text = find_attribute_value(line, name, function);
-    if (text == nullptr)
+    const std::optional<std::string_view> rest = find_attribute_value(line, name, in_get_uint_attribute);
+    if (!rest)
         return false;
     char *end = nullptr;
     errno = 0;
-    const unsigned long number = strtoul(text, &end, 10);
+    const unsigned long number = strtoul(rest->data(), &end, 10);
+    const std::string_view read(rest->data(), static_cast<size_t>(end - rest->data()));
     // A minus sign, also one behind blanks, makes strtoul wrap around to a number that nobody wrote.
-    const bool is_negative = memchr(text, '-', static_cast<size_t>(end - text)) != nullptr;
-    if (errno != 0 || number > UINT32_MAX || is_negative) {
-        log_as(function, CORE_LOG_ERR, "unable to perform conversion");
+    if (errno != 0 || number > UINT32_MAX || text_contains(read, "-")) {
+        log_as(in_get_uint_attribute, CORE_LOG_ERR, "unable to perform conversion");
         return false;
     }
     if (*end != '"') {
-        log_as(function, CORE_LOG_ERR, "invalid conversion");
+        log_as(in_get_uint_attribute, CORE_LOG_ERR, "invalid conversion");
         return false;
     }
     *value = static_cast<uint32_t>(number);
-    log_as(function, CORE_LOG_DBG, "%s: %u", name, *value);
+    log_as(in_get_uint_attribute, CORE_LOG_DBG, "%s: %u", name, *value);
     return true;
+}
+
+// The text between the two tags of a file name.
+std::optional<std::string_view> find_file_name(std::string_view line)
+{
+    const size_t open = line.find(file_name_open);
+    const size_t close = line.find(file_name_close);
+    if (line.size() <= file_name_open.size() + file_name_close.size() || open > close ||
+        close == std::string_view::npos)
+        return std::nullopt;
+    const size_t begin = open + file_name_open.size();
+    return std::string_view(line.data() + begin, close - begin);
 }
 
 } // namespace
@@ -90,7 +96,7 @@ bool convert_uint_attribute(const char *line, const char *name, uint32_t *value)
 line_type get_line_type(const char *line, bool in_comment)
 {
     static constexpr struct {
-        const char *text;
+        std::string_view text;
         line_type type;
     } elements[] = {
         {"<partition_file", LINE_PARTITION_FILE},
@@ -102,18 +108,18 @@ line_type get_line_type(const char *line, bool in_comment)
         return LINE_NULL;
     }
     // Comment marks first: a line of "<!--" or "-->" alone has not both brackets of an element.
-    const bool ends_comment = contains(line, "-->");
-    if (contains(line, "<!--"))
+    const bool ends_comment = text_contains(line, "-->");
+    if (text_contains(line, "<!--"))
         return ends_comment ? LINE_COMMENT : LINE_COMMENT_START;
     if (ends_comment)
         return LINE_COMMENT_END;
-    if (!contains(line, "<") || !contains(line, ">"))
+    if (!text_contains(line, "<") || !text_contains(line, ">"))
         return LINE_OTHER;
     for (const auto &element : elements) {
-        if (!in_comment && contains(line, element.text))
+        if (!in_comment && text_contains(line, element.text))
             return element.type;
     }
-    return contains(line, "<data>") || contains(line, "</data>") ? LINE_OTHER : LINE_COMMAND;
+    return text_contains(line, "<data>") || text_contains(line, "</data>") ? LINE_OTHER : LINE_COMMAND;
 }
 
 bool get_string_attribute(const char *line, const char *name, char *dest, int max_dest_size)
@@ -144,25 +150,21 @@ bool get_value(char *dest, size_t dest_size, const char *line, line_type type)
         log_err("invalid args");
         return false;
     }
-    constexpr size_t tags_length = sizeof file_name_open - 1 + sizeof file_name_close - 1;
-    const char *const open = strstr(line, file_name_open);
-    const char *const close = strstr(line, file_name_close);
-    if (strlen(line) <= tags_length || open == nullptr || close == nullptr || open > close) {
+    const std::optional<std::string_view> name = find_file_name(line);
+    if (!name) {
         log_err("bogus line:");
         log_err("%s", line);
         return false;
     }
-    const char *const begin = open + strlen(file_name_open);
-    const auto length = static_cast<size_t>(close - begin);
-    const size_t kept = length < dest_size ? length : dest_size - 1;
-    memcpy(dest, begin, kept);
+    const size_t kept = std::min(name->size(), dest_size - 1);
+    memcpy(dest, name->data(), kept);
     dest[kept] = '\0';
     return true;
 }
 
 bool is_valid_xml(const char *line)
 {
-    if (line == nullptr || contains(line, "<?xml") || contains(line, ">"))
+    if (line == nullptr || text_contains(line, "<?xml") || text_contains(line, ">"))
         return true;
     log_err("invalid xml:");
     log_err("%s", line);

@@ -18,16 +18,16 @@ enum line_type : int32_t {
 };
 
 // Classifies one line; inside a comment only comment marks and commands are told apart.
-line_type get_line_type(const char *line, bool in_comment);
+[[nodiscard]] line_type get_line_type(const char *line, bool in_comment);
 
 // Copies the value of `name="..."` into `dest` of `max_dest_size` bytes, which the caller zeroed: no
 // terminator is added. False when it is absent, empty or too long. The name is looked for anywhere in the
 // line.
-bool get_string_attribute(const char *line, const char *name, char *dest, int max_dest_size);
+[[nodiscard]] bool get_string_attribute(const char *line, const char *name, char *dest, int max_dest_size);
 // Reads the decimal value of `name="..."`, at most UINT32_MAX. False when it is absent or no such number.
-bool get_uint_attribute(const char *line, const char *name, uint32_t *value);
+[[nodiscard]] bool get_uint_attribute(const char *line, const char *name, uint32_t *value);
 // Copies the text between "<file_name>" and "</file_name>", cut to `dest_size`. False for any other line type
 // or a malformed line.
-bool get_value(char *dest, size_t dest_size, const char *line, line_type type);
+[[nodiscard]] bool get_value(char *dest, size_t dest_size, const char *line, line_type type);
 // True for a null line, a line with "<?xml", or any line with '>'.
-bool is_valid_xml(const char *line);
+[[nodiscard]] bool is_valid_xml(const char *line);

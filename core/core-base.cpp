@@ -1,6 +1,7 @@
 #include "core-base.hpp"
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <unistd.h>
@@ -49,12 +50,6 @@ int core_get_time(timespec *out)
     return clock_gettime(CLOCK_MONOTONIC, out);
 }
 
-const char *core_strcasestr(const char *haystack, const char *needle)
-{
-    // cppcheck-suppress CastIntegerToAddressAtReturn ; strcasestr(3) gives a pointer
-    return strcasestr(haystack, needle);
-}
-
 #if defined(__GLIBC__) && !__GLIBC_PREREQ(2, 38)
 size_t strlcpy(char *dest, const char *src, size_t size)
 {
@@ -76,8 +71,25 @@ size_t strlcat(char *dest, const char *src, size_t size)
 }
 #endif
 
+bool core_compose(std::span<char> out, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vsnprintf(out.data(), out.size(), format, arguments);
+    va_end(arguments);
+    return length >= 0 && static_cast<size_t>(length) < out.size();
+}
+
 bool core_is_zero(const void *record, size_t size)
 {
     const auto *bytes = static_cast<const uint8_t *>(record);
     return size == 0 || (bytes[0] == 0 && memcmp(bytes, bytes + 1, size - 1) == 0);
+}
+
+// The library's interface: the updater itself does not call this.
+
+const char *core_strcasestr(const char *haystack, const char *needle)
+{
+    // cppcheck-suppress CastIntegerToAddressAtReturn ; strcasestr(3) gives a pointer
+    return strcasestr(haystack, needle);
 }

@@ -10,54 +10,88 @@
 #include <cstdlib>
 #include <libgen.h>
 #include <poll.h>
+#include <string_view>
 #include <sys/inotify.h>
 #include <unistd.h>
 
-static constexpr char log_source[] = "core-device.c";
-
 namespace {
+
+constexpr char log_source[] = "core-device.c";
+constexpr char in_core_wait_for_serial[] = "core_wait_for_serial";
 
 constexpr int keep_waiting = 1; // no result yet
 
 // An inotify descriptor and its watch.
-struct node_watch {
-    int descriptor = -1;
-    int watch = -1;
-
-    node_watch() = default;
-    node_watch(const node_watch &) = delete;
-    node_watch &operator=(const node_watch &) = delete;
-    ~node_watch()
+class directory_watch {
+  public:
+    directory_watch() : descriptor_(inotify_init()) {}
+    directory_watch(const directory_watch &) = delete;
+    directory_watch &operator=(const directory_watch &) = delete;
+    ~directory_watch()
     {
-        if (watch != -1)
-            inotify_rm_watch(descriptor, watch);
-        if (descriptor != -1)
-            close(descriptor);
+        if (watch_ != -1)
+            inotify_rm_watch(descriptor_, watch_);
+        if (descriptor_ != -1)
+            close(descriptor_);
     }
+
+    int descriptor() const { return descriptor_; }
+    // Watches for new entries; false on failure.
+    bool watch(const char *directory)
+    {
+        watch_ = inotify_add_watch(descriptor_, directory, IN_CREATE);
+        return watch_ != -1;
+    }
+
+  private:
+    int descriptor_;
+    int watch_ = -1;
 };
 
-// True when the buffer holds a creation of `name`. Events lie one after another, each with a name of its own
-// length behind its header.
-bool holds_creation(const char *buffer, size_t length, const char *name)
+// A copy that `function`, which cuts it up, may change.
+owned_text copy_for(const char *function, const char *port)
 {
-    size_t offset = 0;
-    while (length - offset >= sizeof(inotify_event)) {
-        inotify_event event;
-        memcpy(&event, buffer + offset, sizeof event);
-        const char *const created = buffer + offset + sizeof event;
-        if (event.len > length - offset - sizeof event)
+    owned_text copy(strdup(port));
+    if (copy == nullptr)
+        log_as(in_core_wait_for_serial, CORE_LOG_ERR, "could not copy port '%s' for %s: error %d %s", port,
+               function, errno, strerror(errno));
+    return copy;
+}
+
+// True when one of the events is the creation of `name`. They lie one after another, each with a name of its
+// own length behind its header.
+bool holds_creation(std::string_view events, const char *name)
+{
+    inotify_event event;
+    while (events.size() >= sizeof event) {
+        memcpy(&event, events.data(), sizeof event);
+        events.remove_prefix(sizeof event);
+        if (event.len > events.size())
             return false;
-        if ((event.mask & IN_CREATE) != 0 && event.len > 0 && strncmp(created, name, event.len) == 0)
+        if ((event.mask & IN_CREATE) != 0 && event.len > 0 && strncmp(events.data(), name, event.len) == 0)
             return true;
-        offset += sizeof event + event.len;
+        events.remove_prefix(event.len);
     }
     return false;
+}
+
+// Takes the events that are there; true when one is the creation of `name`.
+bool is_created(int descriptor, const char *name)
+{
+    char buffer[1024];
+    const ssize_t count = read(descriptor, buffer, sizeof buffer);
+    if (count == -1) {
+        const int err = errno;
+        log_as(in_core_wait_for_serial, CORE_LOG_DBG, "Read error %d, %s\n", err, strerror(err));
+        errno = 0;
+        return false;
+    }
+    return holds_creation({buffer, static_cast<size_t>(count)}, name);
 }
 
 // One pass of the wait: 0 when the node exists, an error, or keep_waiting.
 int wait_once(int descriptor, const char *port, const char *name)
 {
-    static constexpr char function[] = "core_wait_for_serial";
     if (access(port, F_OK) == 0)
         return CORE_OK;
     pollfd watched{descriptor, POLLIN, 0};
@@ -65,30 +99,22 @@ int wait_once(int descriptor, const char *port, const char *name)
         const int err = errno;
         if (err == EINTR && sigint_detected != 0)
             return keep_waiting; // the loop sees the flag
-        log_as(function, CORE_LOG_ERR, "Poll error %d, %s\n", err, strerror(err));
+        log_as(in_core_wait_for_serial, CORE_LOG_ERR, "Poll error %d, %s\n", err, strerror(err));
         return CORE_EGENERIC;
     }
     if ((watched.revents & POLLERR) != 0) {
-        log_as(function, CORE_LOG_ERR, "Poll device error\n");
+        log_as(in_core_wait_for_serial, CORE_LOG_ERR, "Poll device error\n");
         return CORE_EGENERIC;
     }
-    if ((watched.revents & POLLIN) == 0)
+    if ((watched.revents & POLLIN) == 0 || !is_created(descriptor, name))
         return keep_waiting;
-    char buffer[1024];
-    const ssize_t count = read(descriptor, buffer, sizeof buffer);
-    if (count == -1) {
-        const int err = errno;
-        log_as(function, CORE_LOG_DBG, "Read error %d, %s\n", err, strerror(err));
-        errno = 0;
-        return keep_waiting;
-    }
-    if (!holds_creation(buffer, static_cast<size_t>(count), name))
-        return keep_waiting;
-    log_as(function, CORE_LOG_DBG, "%s is created\n", port);
+    log_as(in_core_wait_for_serial, CORE_LOG_DBG, "%s is created\n", port);
     return CORE_OK;
 }
 
 } // namespace
+
+// The library's interface: the updater itself does not call this.
 
 int core_wait_for_serial(const char *port)
 {
@@ -98,33 +124,24 @@ int core_wait_for_serial(const char *port)
     }
     if (access(port, F_OK) == 0)
         return CORE_OK;
-    node_watch node;
-    node.descriptor = inotify_init();
-    if (node.descriptor == -1) {
+    directory_watch node;
+    if (node.descriptor() == -1) {
         log_err("inotify_init\n");
         return CORE_EGENERIC;
     }
-    const owned_text for_directory(strdup(port));
-    if (for_directory == nullptr) {
-        log_err("could not copy port '%s' for dirname: error %d %s", port, errno, strerror(errno));
+    const owned_text for_directory = copy_for("dirname", port);
+    if (for_directory == nullptr)
         return CORE_ENOMEM;
-    }
-    const char *const directory = dirname(for_directory.get());
-    const owned_text for_name(strdup(port));
-    if (for_name == nullptr) {
-        log_err("could not copy port '%s' for basename: error %d %s", port, errno, strerror(errno));
+    const owned_text for_name = copy_for("basename", port);
+    if (for_name == nullptr)
         return CORE_ENOMEM;
-    }
-    const char *const name = basename(for_name.get());
-    node.watch = inotify_add_watch(node.descriptor, directory, IN_CREATE);
-    if (node.watch == -1) {
+    if (!node.watch(dirname(for_directory.get()))) {
         log_err("inotify_add_watch\n");
         return CORE_EGENERIC;
     }
-    while (sigint_detected == 0) {
-        const int result = wait_once(node.descriptor, port, name);
-        if (result != keep_waiting)
-            return result;
-    }
-    return CORE_ENODEV;
+    const char *const name = basename(for_name.get());
+    int result = keep_waiting;
+    while (sigint_detected == 0 && result == keep_waiting)
+        result = wait_once(node.descriptor(), port, name);
+    return result != keep_waiting ? result : CORE_ENODEV;
 }

@@ -9,18 +9,42 @@
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
-static constexpr char log_source[] = "core-file.c";
-
 namespace {
+
+constexpr char log_source[] = "core-file.c";
 
 constexpr size_t path_size = 1024;
 
-bool is_dot_entry(const char *name)
+bool is_dot_entry(std::string_view name)
 {
-    return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
+    return name == "." || name == "..";
+}
+
+int append_path(char ***list, size_t *count, const char *path)
+{
+    auto **const grown = static_cast<char **>(realloc(*list, (*count + 1) * sizeof(char *)));
+    if (grown == nullptr)
+        return CORE_ENOMEM;
+    *list = grown;
+    grown[*count] = strdup(path);
+    if (grown[*count] == nullptr)
+        return CORE_ENOMEM;
+    ++*count;
+    return CORE_OK;
+}
+
+int delete_entry(const char *path)
+{
+    struct stat status {};
+    if (stat(path, &status) != 0)
+        return CORE_EIO;
+    if (S_ISDIR(status.st_mode))
+        return core_delete_directory(path) == CORE_OK ? CORE_OK : CORE_EIO;
+    return unlink(path) == 0 ? CORE_OK : CORE_EIO;
 }
 
 } // namespace
@@ -76,7 +100,7 @@ FILE *core_file_open_stream(const char *path)
     owned_file handle(open(path, O_RDONLY | O_NONBLOCK));
     FILE *const stream = handle.get() >= 0 ? fdopen(handle.get(), "r") : nullptr;
     if (stream != nullptr)
-        handle.release(); // the stream closes it
+        static_cast<void>(handle.release()); // the stream closes it
     return stream;
 }
 
@@ -88,11 +112,6 @@ int core_file_close(int handle)
 int core_file_read(int handle, void *buf, size_t len, size_t *nread)
 {
     return core_device_read(handle, buf, len, nread);
-}
-
-int core_file_write(int handle, const void *buf, size_t len, size_t *written)
-{
-    return core_device_write(handle, buf, len, written);
 }
 
 int core_file_get_size(int handle, int64_t *size)
@@ -126,11 +145,6 @@ int core_file_seek(int handle, int64_t offset)
     return core_file_lseek(handle, offset, SEEK_SET) == 0 ? CORE_OK : CORE_EGENERIC;
 }
 
-int core_create_directory(const char *path)
-{
-    return mkdir(path, 0755);
-}
-
 int core_directory_exists(const char *path)
 {
     if (path == nullptr)
@@ -145,17 +159,16 @@ int core_directory_exists(const char *path)
     return CORE_EINVAL;
 }
 
-static int append_path(char ***list, size_t *count, const char *path)
+// The library's interface: the updater itself calls none of these.
+
+int core_file_write(int handle, const void *buf, size_t len, size_t *written)
 {
-    auto **const grown = static_cast<char **>(realloc(*list, (*count + 1) * sizeof(char *)));
-    if (grown == nullptr)
-        return CORE_ENOMEM;
-    *list = grown;
-    grown[*count] = strdup(path);
-    if (grown[*count] == nullptr)
-        return CORE_ENOMEM;
-    ++*count;
-    return CORE_OK;
+    return core_device_write(handle, buf, len, written);
+}
+
+int core_create_directory(const char *path)
+{
+    return mkdir(path, 0755);
 }
 
 int core_directory_list_files(const char *dir, char ***list, size_t *count)
@@ -177,16 +190,6 @@ int core_directory_list_files(const char *dir, char ***list, size_t *count)
     return CORE_OK;
 }
 
-static int delete_entry(const char *path)
-{
-    struct stat status {};
-    if (stat(path, &status) != 0)
-        return CORE_EIO;
-    if (S_ISDIR(status.st_mode))
-        return core_delete_directory(path) == CORE_OK ? CORE_OK : CORE_EIO;
-    return unlink(path) == 0 ? CORE_OK : CORE_EIO;
-}
-
 int core_delete_directory(const char *path) // NOLINT(misc-no-recursion): as deep as the tree
 {
     if (path == nullptr)
@@ -202,9 +205,8 @@ int core_delete_directory(const char *path) // NOLINT(misc-no-recursion): as dee
         if (is_dot_entry(entry->d_name))
             continue;
         char child[path_size];
-        const int length = snprintf(child, sizeof child, "%s/%s", path, entry->d_name);
         // A name that was cut is another entry's, and may be this directory's own.
-        if (length < 0 || static_cast<size_t>(length) >= sizeof child || delete_entry(child) != CORE_OK)
+        if (!core_compose(child, "%s/%s", path, entry->d_name) || delete_entry(child) != CORE_OK)
             return CORE_EIO;
     }
     return rmdir(path) == 0 ? CORE_OK : CORE_EIO;

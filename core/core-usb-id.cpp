@@ -3,38 +3,41 @@
 #include "core.hpp"
 #include "zepho-log.hpp"
 
+#include <algorithm>
 #include <cstdlib>
+#include <span>
 
-static constexpr char log_source[] = "core-usb-id.c";
+namespace {
 
-static constexpr unsigned long max_id = 0xFFFF;
+constexpr char log_source[] = "core-usb-id.c";
+constexpr char in_core_usb_id_from_str[] = "core_usb_id_from_str";
+
+constexpr unsigned long max_id = 0xFFFF;
+
+// `name` is the half's short name, `meaning` its long one.
+bool parse_half(const char *text, const char *name, const char *meaning, uint32_t *out)
+{
+    char *end = nullptr;
+    const unsigned long value = strtoul(text, &end, 16);
+    if (*end != '\0') {
+        log_as(in_core_usb_id_from_str, CORE_LOG_ERR, "Invalid %s string\n", name);
+        return false;
+    }
+    if (value == 0 || value > max_id) {
+        log_as(in_core_usb_id_from_str, CORE_LOG_ERR,
+               "could not convert %s id %s, value is out of range (1, 0xFFFF)\n", meaning, text);
+        return false;
+    }
+    *out = static_cast<uint32_t>(value);
+    return true;
+}
+
+} // namespace
 
 bool core_usb_id_from_str(core_usb_id *out, const char *vid, const char *pid)
 {
-    if (vid == nullptr || pid == nullptr)
-        return false;
-    char *end = nullptr;
-    const unsigned long vid_value = strtoul(vid, &end, 16);
-    if (*end != '\0') {
-        log_err("Invalid vid string\n");
-        return false;
-    }
-    if (vid_value == 0 || vid_value > max_id) {
-        log_err("could not convert vendor id %s, value is out of range (1, 0xFFFF)\n", vid);
-        return false;
-    }
-    out->vid = static_cast<uint32_t>(vid_value);
-    const unsigned long pid_value = strtoul(pid, &end, 16);
-    if (*end != '\0') {
-        log_err("Invalid pid string\n");
-        return false;
-    }
-    if (pid_value == 0 || pid_value > max_id) {
-        log_err("could not convert product id %s, value is out of range (1, 0xFFFF)\n", pid);
-        return false;
-    }
-    out->pid = static_cast<uint32_t>(pid_value);
-    return true;
+    return vid != nullptr && pid != nullptr && parse_half(vid, "vid", "vendor", &out->vid) &&
+           parse_half(pid, "pid", "product", &out->pid);
 }
 
 bool core_usb_id_is_empty(const core_usb_id *id)
@@ -54,9 +57,6 @@ bool core_usb_id_find_match(const core_device_info *info, const core_usb_id_list
         log_err("could not get vid/pid from devinfo\n");
         return false;
     }
-    for (unsigned i = 0; i < list->count; ++i) {
-        if (core_usb_id_equals(&id, &list->ids[i]))
-            return true;
-    }
-    return false;
+    return std::ranges::any_of(std::span(list->ids, list->count),
+                               [&id](const core_usb_id &wanted) { return core_usb_id_equals(&id, &wanted); });
 }

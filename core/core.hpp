@@ -6,12 +6,6 @@
 
 #include "core-base.hpp"
 
-// Seconds and microseconds since the epoch, UTC; seconds are the low 32 bits.
-struct core_time_of_day {
-    uint32_t seconds;
-    uint32_t microseconds;
-};
-
 // Starts the library. Always 0.
 int core_init();
 
@@ -20,9 +14,6 @@ void core_deinit();
 
 // Chooses where log lines go: the system log (true) or standard output and standard error (false). Returns 0.
 int core_log_set_native(bool native);
-
-// Reads the wall clock into `out`. 0, or the mapped errno with `out` zeroed.
-int core_get_time_of_day(core_time_of_day *out);
 
 // Convert between little-endian wire order (core_letoh: from, core_htole: to) and host order. Sizes are in
 // bytes: 1, 2, 4 or 8 and both the same; anything else is a programming error that is logged and ends the
@@ -34,3 +25,14 @@ void core_htole(void *dest, size_t dest_size, const void *src, size_t src_size);
 // in host order (_ec_mtoh) or little-endian (_ec_htom). Any other size logs a warning and writes nothing.
 void _ec_mtoh(void *dest, size_t dest_size, uint64_t value); // NOLINT(bugprone-reserved-identifier)
 void _ec_htom(void *dest, size_t dest_size, uint64_t value); // NOLINT(bugprone-reserved-identifier)
+
+// The library's interface: the updater itself does not call this.
+
+// Seconds and microseconds since the epoch, UTC; seconds are the low 32 bits.
+struct core_time_of_day {
+    uint32_t seconds;
+    uint32_t microseconds;
+};
+
+// Reads the wall clock into `out`. 0, or the mapped errno with `out` zeroed.
+[[nodiscard]] int core_get_time_of_day(core_time_of_day *out);

@@ -6,15 +6,26 @@
 #include <cerrno>
 #include <cstdio>
 
-static constexpr char log_source[] = "zepho-log.c";
+namespace {
 
-static void make_unbuffered(FILE *stream, const char *name)
+constexpr char log_source[] = "zepho-log.c";
+constexpr char in_core_log_set_pprint[] = "core_log_set_pprint";
+
+void make_unbuffered(FILE *stream, const char *name)
 {
     errno = 0;
     if (setvbuf(stream, nullptr, _IONBF, 0) != 0)
-        log_as("core_log_set_pprint", CORE_LOG_WRN, "could not disable buffering on %s: error %d\n", name,
+        log_as(in_core_log_set_pprint, CORE_LOG_WRN, "could not disable buffering on %s: error %d\n", name,
                errno);
 }
+
+void print_progress_event(const char *file, int line, int64_t current, int64_t max, const char *description)
+{
+    json_progress progress{current, max, description};
+    core_log_json(CORE_LOG_INF, file, JSON_TYPE_PROGRESS, line, reinterpret_cast<char *>(&progress));
+}
+
+} // namespace
 
 void core_log_set_pprint(int mode)
 {
@@ -36,13 +47,6 @@ void core_log_set_pprint(int mode)
 bool core_log_is_json()
 {
     return pretty_print_function == core_log_json;
-}
-
-static void print_progress_event(const char *file, int line, int64_t current, int64_t max,
-                                 const char *description)
-{
-    json_progress progress{current, max, description};
-    core_log_json(CORE_LOG_INF, file, JSON_TYPE_PROGRESS, line, reinterpret_cast<char *>(&progress));
 }
 
 void core_log_progress(const char *file, const char *function, int line, int64_t current, int64_t max,

@@ -19,11 +19,11 @@ int64_t monotonic_ms()
 time_limit::time_limit(unsigned ms)
 {
     const int64_t now = monotonic_ms();
-    end_ms = now == no_time ? no_time : now + ms;
+    end_ms_ = now == no_time ? no_time : now + ms;
 }
 
 bool time_limit::passed() const
 {
     const int64_t now = monotonic_ms();
-    return now == no_time || end_ms == no_time || now >= end_ms;
+    return now == no_time || end_ms_ == no_time || now >= end_ms_;
 }

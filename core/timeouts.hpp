@@ -1,16 +1,16 @@
 // Every wait of the program, in one place. Milliseconds, but where the name says otherwise.
 #pragma once
 
-// A build for tests may divide every wait by one number; a modem is never updated by such a build.
-#ifndef KESTREL_TIMEOUT_DIVISOR
-#define KESTREL_TIMEOUT_DIVISOR 1
+// A build for tests may make each wait another one; a modem is never updated by such a build.
+#ifndef KESTREL_WAIT
+#define KESTREL_WAIT(ms) (ms)
 #endif
 
 namespace timeouts {
 
 constexpr unsigned ms(unsigned shipped)
 {
-    return shipped / KESTREL_TIMEOUT_DIVISOR;
+    return KESTREL_WAIT(shipped);
 }
 
 // Driver
@@ -48,8 +48,12 @@ constexpr unsigned otp = ms(500);
 // Back-pressure of a port or endpoint
 constexpr unsigned device_write = ms(5000);
 constexpr unsigned usb_transfer = ms(30000);
+constexpr unsigned stray_answer =
+    ms(10); // on its heels: a doubled answer's second comes in a transfer of its own
 constexpr unsigned write_retry_pause = ms(1000);
 constexpr int write_retries = 5;
+constexpr unsigned empty_write_pause = ms(10); // after a write that took nothing
+constexpr int empty_write_tries = 10;
 
 // Waits that each message of the peer begins anew end as a whole, too: a modem that talks on and on, or takes
 // a byte now and then, would hold the program for ever. Far above what a slow programmer needs.
@@ -60,6 +64,7 @@ constexpr unsigned flush_in_all = ms(30000);
 
 // Devices on the bus
 constexpr unsigned arrived_device_pause = ms(1000);
+constexpr int arrived_device_retries = 3;
 constexpr int node_watch = ms(1000); // SIGINT is looked for as often
 constexpr unsigned port_access = ms(2000);
 constexpr unsigned port_access_pause = ms(50);

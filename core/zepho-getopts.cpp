@@ -3,34 +3,32 @@
 #include "core.hpp"
 #include "zepho-log.hpp"
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <span>
+#include <string_view>
 
-static constexpr char log_source[] = "zepho-getopts.c";
+namespace {
 
-bool is_flag(const char *string)
+constexpr char log_source[] = "zepho-getopts.c";
+constexpr char in_get_opts[] = "get_opts";
+constexpr char in_get_value[] = "get_value";
+
+// The arguments, the program's name included, and which of them are accounted for.
+struct command_line {
+    std::span<char *> arguments;
+    std::array<bool, MAX_CLI_ARGS> consumed;
+};
+
+int get_unsigned_value(const char *text, uint32_t *out)
 {
-    CORE_ASSERT(string != NULL);
-    return string[0] == '-';
-}
-
-bool is_valid_flag_syntax(const char *string)
-{
-    const size_t length = strlen(string);
-    if (length == 2)
-        return string[0] == '-' && string[1] != '-';
-    return length >= 3 && string[0] == '-' && string[1] == '-';
-}
-
-static int get_unsigned_value(const option_descriptor *flag, const char *text)
-{
-    static constexpr char function[] = "get_value";
     char *end = nullptr;
     errno = 0;
     const unsigned long value = strtoul(text, &end, 10);
     if (*end != '\0') {
-        log_as(function, CORE_LOG_ERR, "Invalid string\n");
+        log_as(in_get_value, CORE_LOG_ERR, "Invalid string\n");
         return CORE_EINVAL;
     }
     // A number above 32 bits fails as it does where a long has no more, and so does a negative one, which
@@ -39,114 +37,73 @@ static int get_unsigned_value(const option_descriptor *flag, const char *text)
         errno = ERANGE;
     if (errno != 0) {
         const int err = errno;
-        log_as(function, CORE_LOG_ERR, "could not convert %s: error %d %s\n", text, err, strerror(err));
+        log_as(in_get_value, CORE_LOG_ERR, "could not convert %s: error %d %s\n", text, err, strerror(err));
         return CORE_EINVAL;
     }
-    *static_cast<uint32_t *>(flag->destination) = static_cast<uint32_t>(value);
+    *out = static_cast<uint32_t>(value);
     return CORE_OK;
 }
 
-int get_value(const option_descriptor *flag, const char *text)
+bool is_help(std::string_view argument)
 {
-    if (text == nullptr)
-        return CORE_EINVAL;
-    switch (flag->type) {
-    case OPTION_UNSIGNED:
-        if (const int err = get_unsigned_value(flag, text); err != CORE_OK)
-            return err;
-        break;
-    case OPTION_TEXT:
-        strlcpy(static_cast<char *>(flag->destination), text, OPTION_TEXT_SIZE);
-        break;
-    case OPTION_BOOLEAN:
-        *static_cast<bool *>(flag->destination) = strcmp(text, "true") == 0;
-        break;
-    default:
-        log_err("unknown type value %u\n", flag->type);
-        return CORE_EINVAL;
-    }
-    if (flag->present != nullptr)
-        *flag->present = true;
-    return CORE_OK;
+    return argument == "-h" || argument == "--help";
 }
 
-static bool matches(const option_descriptor *flag, const char *argument)
+bool matches(const option_descriptor &flag, std::string_view argument)
 {
-    return strcmp(argument, flag->long_name) == 0 ||
-           (flag->short_name != nullptr && strcmp(argument, flag->short_name) == 0);
+    return argument == flag.long_name || (flag.short_name != nullptr && argument == flag.short_name);
 }
 
-// Stores the value of the flag at argv[*index] and moves the index to the last argument that it took.
-static int take_flag(int argc, char **argv, const option_descriptor *flag, int *index, bool *consumed)
+// Stores the value of the flag at `*index` and moves the index to the last argument that it took.
+int take_flag(command_line *line, const option_descriptor &flag, size_t *index)
 {
-    static constexpr char function[] = "get_opts";
-    consumed[*index] = true;
+    line->consumed[*index] = true;
     const char *text = "true";
-    if (flag->type != OPTION_BOOLEAN) {
-        const int next = *index + 1;
-        if (next >= argc || argv[next] == nullptr || is_flag(argv[next])) {
-            log_as(function, CORE_LOG_ERR, "flag %s requires a value\n", flag->long_name);
+    if (flag.type != OPTION_BOOLEAN) {
+        ++*index;
+        text = *index < line->arguments.size() ? line->arguments[*index] : nullptr;
+        if (text == nullptr || is_flag(text)) {
+            log_as(in_get_opts, CORE_LOG_ERR, "flag %s requires a value\n", flag.long_name);
             return CORE_EINVAL;
         }
-        text = argv[next];
-        consumed[next] = true;
-        *index = next;
+        line->consumed[*index] = true;
     }
-    const int err = get_value(flag, text);
+    const int err = get_value(&flag, text);
     if (err != CORE_OK)
-        log_as(function, CORE_LOG_ERR, "and error occurred parsing %s\n", flag->long_name);
+        log_as(in_get_opts, CORE_LOG_ERR, "and error occurred parsing %s\n", flag.long_name);
     return err;
 }
 
 // Matches one row of the table against every argument.
-static int match_row(int argc, char **argv, const option_descriptor *flag, bool *consumed)
+int match_row(command_line *line, const option_descriptor &flag)
 {
-    static constexpr char function[] = "get_opts";
     bool found = false;
-    for (int i = 1; i < argc; ++i) {
-        const char *const argument = argv[i];
+    for (size_t i = 1; i < line->arguments.size(); ++i) {
+        const char *const argument = line->arguments[i];
         if (argument == nullptr || !is_flag(argument)) {
-            consumed[i] = true;
+            line->consumed[i] = true;
             continue;
         }
         if (!is_valid_flag_syntax(argument)) {
-            log_as(function, CORE_LOG_ERR, "flag '%s' is invalid\n", argument);
+            log_as(in_get_opts, CORE_LOG_ERR, "flag '%s' is invalid\n", argument);
             return CORE_EINVAL;
         }
-        if (strcmp(argument, "-h") == 0 || strcmp(argument, "--help") == 0)
+        if (is_help(argument))
             return CORE_EAGAIN;
         if (!matches(flag, argument))
             continue;
-        if (const int err = take_flag(argc, argv, flag, &i, consumed); err != CORE_OK)
+        if (const int err = take_flag(line, flag, &i); err != CORE_OK)
             return err;
         found = true;
     }
-    if (flag->required && !found) {
-        log_as(function, CORE_LOG_ERR, "flag '%s' is required\n", flag->long_name);
+    if (flag.required && !found) {
+        log_as(in_get_opts, CORE_LOG_ERR, "flag '%s' is required\n", flag.long_name);
         return CORE_EINVAL;
     }
     return CORE_OK;
 }
 
-int get_opts(int argc, char **argv, const option_descriptor *flags)
-{
-    CORE_ASSERT(flags);
-    CORE_ASSERT(MAX_CLI_ARGS >= argc);
-    bool consumed[MAX_CLI_ARGS] = {};
-    for (const option_descriptor *flag = flags; flag->long_name != nullptr; ++flag) {
-        if (const int err = match_row(argc, argv, flag, consumed); err != CORE_OK)
-            return err;
-    }
-    for (int i = 1; i < argc; ++i) {
-        if (!consumed[i]) {
-            log_err("unknown argument '%s'\n", argv[i]);
-            return CORE_EINVAL;
-        }
-    }
-    return CORE_OK;
-}
-
-static void compose_help_line(const option_descriptor *flag, char *line)
+void compose_help_line(const option_descriptor *flag, char *line)
 {
     char prefix[8] = "       ";
     if (flag->short_name != nullptr)
@@ -158,6 +115,67 @@ static void compose_help_line(const option_descriptor *flag, char *line)
     else
         snprintf(line, HELP_LINE_SIZE, "%s%-18s : %s - %s", prefix, flag->long_name, flag->help, need);
 }
+
+} // namespace
+
+bool is_flag(const char *string)
+{
+    CORE_ASSERT(string != NULL);
+    return string[0] == '-';
+}
+
+bool is_valid_flag_syntax(const char *string)
+{
+    const std::string_view flag = string;
+    if (flag.size() == 2)
+        return flag[0] == '-' && flag[1] != '-';
+    return flag.size() > 2 && flag.starts_with("--");
+}
+
+int get_value(const option_descriptor *flag, const char *text)
+{
+    if (text == nullptr)
+        return CORE_EINVAL;
+    switch (flag->type) {
+    case OPTION_UNSIGNED:
+        if (const int err = get_unsigned_value(text, static_cast<uint32_t *>(flag->destination));
+            err != CORE_OK)
+            return err;
+        break;
+    case OPTION_TEXT:
+        strlcpy(static_cast<char *>(flag->destination), text, OPTION_TEXT_SIZE);
+        break;
+    case OPTION_BOOLEAN:
+        *static_cast<bool *>(flag->destination) = std::string_view(text) == "true";
+        break;
+    default:
+        log_err("unknown type value %u\n", flag->type);
+        return CORE_EINVAL;
+    }
+    if (flag->present != nullptr)
+        *flag->present = true;
+    return CORE_OK;
+}
+
+int get_opts(int argc, char **argv, const option_descriptor *flags)
+{
+    CORE_ASSERT(flags);
+    CORE_ASSERT(MAX_CLI_ARGS >= argc);
+    command_line line{{argv, static_cast<size_t>(argc)}, {}};
+    for (const option_descriptor *flag = flags; flag->long_name != nullptr; ++flag) {
+        if (const int err = match_row(&line, *flag); err != CORE_OK)
+            return err;
+    }
+    for (size_t i = 1; i < line.arguments.size(); ++i) {
+        if (!line.consumed[i]) {
+            log_err("unknown argument '%s'\n", argv[i]);
+            return CORE_EINVAL;
+        }
+    }
+    return CORE_OK;
+}
+
+// The library's interface: the updater itself does not call this.
 
 uint8_t compose_help_message(const char *header, const option_descriptor *flags, uint8_t count,
                              help_line *lines, uint8_t max_lines)

@@ -4,14 +4,18 @@
 #include "core-owners.hpp"
 #include "zepho-log.hpp"
 
-#include <cerrno>
-#include <cinttypes>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-
-static constexpr char log_source[] = "zepho-log.c";
+#include <iterator>
+#include <span>
+#include <string_view>
 
 namespace {
+
+constexpr char log_source[] = "zepho-log.c";
+constexpr char in_core_log_json[] = "core_log_json";
+constexpr char in_json_compose[] = "json_compose";
 
 constexpr size_t array_text_size = 5120;        // value text of an array
 constexpr size_t array_piece_size = 5155;       // key and value of an array
@@ -19,11 +23,11 @@ constexpr size_t piece_size = 547;              // key and value of anything els
 constexpr size_t element_overhead = 3;          // "{", "}" and "," of an array element
 constexpr size_t unregistered_entry_size = 512; // buffer per entry when none is registered
 constexpr size_t escape_growth = 6;             // one byte as \u00XX
+constexpr char separator[] = ", ";              // between two entries
 constexpr size_t name_size = CORE_LOG_PREFIX_SIZE * escape_growth + 1;
 constexpr size_t message_size = CORE_LOG_MESSAGE_SIZE * escape_growth + 1;
 
-char *registered_buffer = nullptr;
-size_t registered_size = 0;
+std::span<char> registered_buffer;
 
 struct time_stamp {
     unsigned long long seconds;
@@ -31,7 +35,7 @@ struct time_stamp {
 };
 
 // The failed read is itself logged, which in JSON mode comes back here: only the outermost call reports it.
-time_stamp wall_clock(const char *function, int line)
+time_stamp wall_clock()
 {
     timespec now{};
     if (clock_gettime(CLOCK_REALTIME, &now) != 0) {
@@ -39,15 +43,16 @@ time_stamp wall_clock(const char *function, int line)
         now = {};
         if (!reporting) {
             reporting = true;
-            core_log(CORE_LOG_ERR, log_source, function, line, "could not get time for logs\n");
+            log_as(in_core_log_json, CORE_LOG_ERR, "could not get time for logs\n");
             reporting = false;
         }
     }
     return {static_cast<unsigned long long>(now.tv_sec), static_cast<long>(now.tv_nsec)};
 }
 
-// Length in bytes of the well-formed UTF-8 sequence at `text` (RFC 3629), 0 when there is none.
-size_t utf8_sequence_length(const unsigned char *text)
+// Length in bytes of the well-formed UTF-8 sequence that the text, which is not empty, begins with (RFC
+// 3629); 0 when there is none.
+size_t utf8_sequence_length(std::string_view text)
 {
     struct row {
         unsigned char first_low, first_high, second_low, second_high;
@@ -58,51 +63,42 @@ size_t utf8_sequence_length(const unsigned char *text)
         {0xED, 0xED, 0x80, 0x9F, 3}, {0xEE, 0xEF, 0x80, 0xBF, 3}, {0xF0, 0xF0, 0x90, 0xBF, 4},
         {0xF1, 0xF3, 0x80, 0xBF, 4}, {0xF4, 0xF4, 0x80, 0x8F, 4},
     };
-    if (text[0] < 0x80)
+    const auto byte = [text](size_t i) { return static_cast<unsigned char>(text[i]); };
+    if (byte(0) < 0x80)
         return 1;
-    for (const row &r : rows) {
-        if (text[0] < r.first_low || text[0] > r.first_high)
-            continue;
-        if (text[1] < r.second_low || text[1] > r.second_high)
+    const auto *const r = std::ranges::find_if(rows, [first = byte(0)](const row &each) {
+        return first >= each.first_low && first <= each.first_high;
+    });
+    if (r == std::end(rows) || text.size() < r->length || byte(1) < r->second_low || byte(1) > r->second_high)
+        return 0;
+    for (size_t i = 2; i < r->length; ++i) {
+        if (byte(i) < 0x80 || byte(i) > 0xBF)
             return 0;
-        for (size_t i = 2; i < r.length; ++i) {
-            if (text[i] < 0x80 || text[i] > 0xBF)
-                return 0;
-        }
-        return r.length;
     }
-    return 0;
+    return r->length;
 }
 
-// The escaped form of the character at `text`, into `out` (at least 7 bytes); moves `text` past it.
-size_t escape_one(const unsigned char *&text, char *out)
+// The escaped form of a character of `length` bytes, 0 for a byte that is none; where it is made up, in
+// `room`.
+std::string_view escape(const char *character, size_t length, char (&room)[8])
 {
-    static constexpr char short_escapes[][2] = {{'"', '"'},  {'\\', '\\'}, {'\b', 'b'}, {'\f', 'f'},
-                                                {'\n', 'n'}, {'\r', 'r'},  {'\t', 't'}};
-    const unsigned char c = *text;
-    const size_t length = utf8_sequence_length(text);
-    if (length == 0) {
-        ++text;
-        memcpy(out, "\xEF\xBF\xBD", 3); // NOLINT(bugprone-not-null-terminated-result): a part of a text
-        return 3;
-    }
-    if (length > 1) {
-        memcpy(out, text, length); // NOLINT(bugprone-not-null-terminated-result): a part of a text
-        text += length;
-        return length;
-    }
-    ++text;
-    for (const auto &pair : short_escapes) {
-        if (static_cast<unsigned char>(pair[0]) == c) {
-            out[0] = '\\';
-            out[1] = pair[1];
-            return 2;
-        }
-    }
-    if (c < 0x20 || c == 0x7F)
-        return static_cast<size_t>(snprintf(out, 7, "\\u%04X", c));
-    out[0] = static_cast<char>(c);
-    return 1;
+    struct row {
+        char character;
+        std::string_view escaped;
+    };
+    static constexpr row rows[] = {
+        {'"', "\\\""}, {'\\', "\\\\"}, {'\b', "\\b"}, {'\f', "\\f"},
+        {'\n', "\\n"}, {'\r', "\\r"},  {'\t', "\\t"},
+    };
+    static constexpr std::string_view replacement = "\xEF\xBF\xBD"; // U+FFFD
+    const char c = *character;
+    if (length != 1)
+        return length == 0 ? replacement : std::string_view(character, length);
+    if (const auto *const r = std::ranges::find(rows, c, &row::character); r != std::end(rows))
+        return r->escaped;
+    if (c >= 0x20 && c != 0x7F)
+        return {character, 1};
+    return {room, static_cast<size_t>(snprintf(room, sizeof room, "\\u%04X", static_cast<unsigned>(c)))};
 }
 
 // The product wraps around in 64 bits, and the quotient in the 8 bits of a percentage.
@@ -149,75 +145,87 @@ size_t count_entries(const json_entry *entries)
     return count;
 }
 
+// Where the body of `count` entries is composed: the registered buffer, or else memory that `own` gets;
+// nowhere without memory.
+std::span<char> find_room(size_t count, owned_text *own)
+{
+    if (!registered_buffer.empty())
+        return registered_buffer;
+    const size_t size = unregistered_entry_size * count;
+    own->reset(static_cast<char *>(calloc(size, 1)));
+    return {own->get(), *own != nullptr ? size : 0};
+}
+
+// The entries without the first one, which is the type, as a body in `room`; false when there is none to
+// print.
+bool compose_custom(const json_entry *entries, std::span<char> room)
+{
+    if (room.empty())
+        return false;
+    const size_t needed = json_compose(entries + 1, room.data(), room.size());
+    // The terminator needs a byte as well: a body of exactly that size would lose its last character.
+    if (needed >= room.size()) {
+        log_as(in_core_log_json, CORE_LOG_ERR, "json string error: not enough space (%u < %u)\n",
+               static_cast<unsigned>(room.size()), static_cast<unsigned>(needed));
+        return false;
+    }
+    return needed != 0 && room[0] != '\0'; // if nothing was composed, that has been logged
+}
+
 int print_custom(int level, time_stamp now, const json_entry *entries)
 {
-    static constexpr char function[] = "core_log_json";
     const size_t count = count_entries(entries);
     if (count == 0) {
-        log_as(function, CORE_LOG_ERR, "could not find any JSON data\n");
+        log_as(in_core_log_json, CORE_LOG_ERR, "could not find any JSON data\n");
         return 0;
     }
     const auto *const type = static_cast<const char *>(entries[0].value);
     if (count == 1) {
-        log_as(function, CORE_LOG_ERR, "custom JSON data only has the type '%s'\n",
+        log_as(in_core_log_json, CORE_LOG_ERR, "custom JSON data only has the type '%s'\n",
                type != nullptr ? type : "");
         return 0;
     }
-    owned_text local;
-    char *buffer = registered_buffer;
-    size_t size = registered_size;
-    if (buffer == nullptr) {
-        size = unregistered_entry_size * (count - 1);
-        local.reset(static_cast<char *>(calloc(size, 1)));
-        buffer = local.get();
-        if (buffer == nullptr)
-            return 0;
-    }
-    const size_t needed = json_compose(entries + 1, buffer, size);
-    // The terminator needs a byte as well: a body of exactly `size` bytes would lose its last character.
-    if (needed >= size) {
-        log_as(function, CORE_LOG_ERR, "json string error: not enough space (%u < %u)\n",
-               static_cast<unsigned>(size), static_cast<unsigned>(needed));
+    owned_text own;
+    const std::span<char> body = find_room(count - 1, &own);
+    if (!compose_custom(entries, body))
         return 0;
-    }
-    if (needed == 0 || buffer[0] == '\0')
-        return 0; // nothing was composed, which has been logged
     char type_text[name_size];
     json_escape(type, type_text, sizeof type_text);
     return print_function(level, "{\"timestamp\": \"%llu.%.9ld\", \"type\": \"%s\", %s}\n", now.seconds,
-                          now.nanoseconds, type_text, buffer);
+                          now.nanoseconds, type_text, body.data());
 }
 
 // Collects the pieces of a body; counts what all of them need, keeps what fits.
 class body_writer {
   public:
-    body_writer(char *text, size_t capacity) : buffer(text), size(capacity) { memset(buffer, 0, size); }
+    explicit body_writer(std::span<char> room) : room_(room) { std::ranges::fill(room_, '\0'); }
 
-    void append(const char *piece)
+    void append(std::string_view piece)
     {
-        total += strlen(piece);
-        if (total >= size) // the terminator needs a byte as well
-            stopped = true;
-        if (!stopped)
-            used += strlcpy(buffer + used, piece, size - used);
+        needed_ += piece.size();
+        if (needed_ >= room_.size()) // the terminator needs a byte as well
+            stopped_ = true;
+        if (stopped_)
+            return;
+        std::ranges::copy(piece, room_.begin() + static_cast<ptrdiff_t>(used_));
+        used_ += piece.size();
     }
 
-    void stop() { stopped = true; }
-    size_t needed() const { return total; }
+    void stop() { stopped_ = true; }
+    size_t needed() const { return needed_; }
 
     // A body that ends early ends with a separator, which must not stay in front of the brace.
     void trim_separator()
     {
-        if (used >= 2 && buffer[used - 2] == ',' && buffer[used - 1] == ' ')
-            buffer[used - 2] = '\0';
+        if (std::string_view(room_.data(), used_).ends_with(separator))
+            room_[used_ - (sizeof separator - 1)] = '\0';
     }
 
   private:
-    char *buffer;
-    size_t size;
-    size_t used = 0;
-    size_t total = 0;
-    bool stopped = false;
+    std::span<char> room_;
+    size_t used_ = 0;
+    size_t needed_ = 0;
+    bool stopped_ = false;
 };
 
 // The value of a plain (not array, not text) entry.
@@ -241,7 +249,7 @@ void format_scalar(const json_entry &entry, char *text, size_t size)
 }
 
 // One array as "[{...},{...}]" in `text`; false when an element does not fit.
-bool format_array(const json_entry &array, unsigned count, char *text)
+bool format_array(const json_entry &array, unsigned count, char (&text)[array_text_size])
 {
     const auto *table = static_cast<const json_entry *>(array.value);
     char element[array_text_size];
@@ -253,52 +261,51 @@ bool format_array(const json_entry &array, unsigned count, char *text)
         if (room == 0 || json_compose(table, element, room) >= room)
             return false;
         used += static_cast<size_t>(
-            snprintf(text + used, array_text_size - used, "{%s}%s", element, i + 1 < count ? "," : ""));
+            snprintf(text + used, sizeof text - used, "{%s}%s", element, i + 1 < count ? "," : ""));
         table += count_entries(table) + 1;
     }
-    strlcpy(text + used, "]", array_text_size - used);
+    strlcpy(text + used, "]", sizeof text - used);
     return true;
 }
 
 // A piece that does not fit its own limit is dropped and ends the body.
-void append_piece(body_writer &body, size_t limit, const char *name, const char *value, bool quoted,
-                  const char *separator)
+void append_piece(body_writer *body, size_t limit, const char *name, const char *value, bool quoted,
+                  bool last)
 {
     char piece[array_piece_size + 1];
     const char *const quote = quoted ? "\"" : "";
-    const int length = snprintf(piece, limit + 1, "\"%s\": %s%s%s%s", name, quote, value, quote, separator);
+    const int length =
+        snprintf(piece, limit + 1, "\"%s\": %s%s%s%s", name, quote, value, quote, last ? "" : separator);
     if (length < 0 || static_cast<size_t>(length) > limit) {
-        log_as("json_compose", CORE_LOG_ERR, "truncated message\n");
-        body.stop();
+        log_as(in_json_compose, CORE_LOG_ERR, "truncated message\n");
+        body->stop();
         return;
     }
-    body.append(piece);
+    body->append({piece, static_cast<size_t>(length)});
 }
 
-void compose_value(body_writer &body, const json_entry &entry, bool last)
+void compose_value(body_writer *body, const json_entry &entry, bool last)
 {
     char value[piece_size * escape_growth];
-    const char *const separator = last ? "" : ", ";
-    if (entry.type == JSON_TEXT) {
-        const bool empty = json_escape(static_cast<const char *>(entry.value), value, sizeof value) == 0;
-        append_piece(body, piece_size, entry.name, empty ? "null" : value, !empty, separator);
-        return;
-    }
-    format_scalar(entry, value, sizeof value);
-    append_piece(body, piece_size, entry.name, value, false, separator);
+    const bool is_text = entry.type == JSON_TEXT;
+    if (!is_text)
+        format_scalar(entry, value, sizeof value);
+    const bool is_null =
+        is_text && json_escape(static_cast<const char *>(entry.value), value, sizeof value) == 0;
+    append_piece(body, piece_size, entry.name, is_null ? "null" : value, is_text && !is_null, last);
 }
 
 // An array and its count; false when an element does not fit.
-bool compose_array(body_writer &body, const json_entry &array, const json_entry &array_size, bool last)
+bool compose_array(body_writer *body, const json_entry &array, const json_entry &array_size, bool last)
 {
     char value[array_text_size];
     const unsigned count = *static_cast<const uint8_t *>(array_size.value);
     if (!format_array(array, count, value))
         return false;
-    const bool nothing = strcmp(value, "[{}]") == 0;
-    append_piece(body, array_piece_size, array.name, nothing ? "null" : value, false, ", ");
+    const bool is_null = std::string_view(value) == "[{}]";
+    append_piece(body, array_piece_size, array.name, is_null ? "null" : value, false, false);
     snprintf(value, sizeof value, "%u", count);
-    append_piece(body, piece_size, array_size.name, value, false, last ? "" : ", ");
+    append_piece(body, piece_size, array_size.name, value, false, last);
     return true;
 }
 
@@ -307,14 +314,15 @@ bool compose_array(body_writer &body, const json_entry &array, const json_entry 
 size_t json_escape(const char *text, char *buffer, size_t size)
 {
     size_t used = 0;
-    const auto *rest = reinterpret_cast<const unsigned char *>(text != nullptr ? text : "");
-    while (*rest != '\0') {
-        char escaped[8];
-        const size_t length = escape_one(rest, escaped);
-        if (used + length >= size)
+    for (std::string_view rest = text != nullptr ? text : ""; !rest.empty();) {
+        char room[8];
+        const size_t length = utf8_sequence_length(rest);
+        const std::string_view escaped = escape(rest.data(), length, room);
+        if (used + escaped.size() >= size)
             break;
-        memcpy(buffer + used, escaped, length);
-        used += length;
+        memcpy(buffer + used, escaped.data(), escaped.size());
+        used += escaped.size();
+        rest.remove_prefix(length != 0 ? length : 1);
     }
     if (size > 0)
         buffer[used] = '\0';
@@ -325,17 +333,18 @@ int core_log_json(int level, const char *file, const char *function, int line, c
 {
     if (!core_messages_enabled && file != nullptr && strstr(file, "core-") != nullptr)
         return 0;
-    const time_stamp now = wall_clock(__func__, __LINE__);
-    if (function != nullptr && strcmp(function, JSON_TYPE_PROGRESS) == 0)
+    const time_stamp now = wall_clock();
+    const std::string_view kind = function != nullptr ? function : "";
+    if (kind == JSON_TYPE_PROGRESS)
         return print_progress(level, now, *reinterpret_cast<const json_progress *>(message));
-    if (function != nullptr && strcmp(function, JSON_TYPE_CUSTOM) == 0)
+    if (kind == JSON_TYPE_CUSTOM)
         return print_custom(level, now, reinterpret_cast<const json_entry *>(message));
     return print_log(level, now, file, function, line, message);
 }
 
 size_t json_compose(const json_entry *entries, char *buffer, size_t size)
 {
-    body_writer body(buffer, size);
+    body_writer body({buffer, size});
     for (unsigned i = 0; entries[i].type != JSON_END; ++i) {
         const json_entry &entry = entries[i];
         if (entry.type == JSON_ARRAY_SIZE)
@@ -346,10 +355,10 @@ size_t json_compose(const json_entry *entries, char *buffer, size_t size)
             return 0;
         }
         if (entry.type != JSON_ARRAY)
-            compose_value(body, entry, entries[i + 1].type == JSON_END);
+            compose_value(&body, entry, entries[i + 1].type == JSON_END);
         else if (entries[i + 1].type != JSON_ARRAY_SIZE)
             log_err("malformed array entry");
-        else if (!compose_array(body, entry, entries[i + 1], entries[i + 2].type == JSON_END)) {
+        else if (!compose_array(&body, entry, entries[i + 1], entries[i + 2].type == JSON_END)) {
             log_err("unable to compose array entry %u", i);
             break;
         }
@@ -377,7 +386,6 @@ bool core_log_set_json_buffer(char *buffer, size_t size)
 {
     if (buffer == nullptr || size == 0)
         return false;
-    registered_buffer = buffer;
-    registered_size = size;
+    registered_buffer = {buffer, size};
     return true;
 }

@@ -3,31 +3,22 @@
 #include "core-base.hpp"
 #include "core-owners.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <syslog.h>
 
-static constexpr char log_source[] = "zepho-log.c";
+namespace {
 
-int log_level = CORE_LOG_INF;
-bool core_messages_enabled = true;
-bool is_log_native_enabled = false;
-core_log_print_fn print_function = stdout_print;
-core_log_pprint_fn pretty_print_function = plain_print;
+constexpr char log_source[] = "zepho-log.c";
 
-static FILE *output_stream = nullptr;
-
-const char *core_log_level_name(int level)
-{
-    static constexpr const char *names[] = {"EMR", "ALR", "CRT", "ERR", "WRN", "NOT", "INF", "DBG", "VRB"};
-    return level >= CORE_LOG_EMR && level <= CORE_LOG_VRB ? names[level] : "???";
-}
+FILE *output_stream = nullptr; // the log file, null when none is open
 
 // The prefix of a text line, empty at the default threshold and for anonymous messages.
-static void build_prefix(char (&prefix)[CORE_LOG_PREFIX_SIZE + 1], int level, const char *file,
-                         const char *function, int line)
+void build_prefix(char (&prefix)[CORE_LOG_PREFIX_SIZE + 1], int level, const char *file, const char *function,
+                  int line)
 {
     prefix[0] = '\0';
     if (log_level == CORE_LOG_INF || file == nullptr || function == nullptr || line == 0)
@@ -39,6 +30,20 @@ static void build_prefix(char (&prefix)[CORE_LOG_PREFIX_SIZE + 1], int level, co
     }
     snprintf(prefix, sizeof prefix, "%lld.%.9ld %s %-s:%03d:%s() ", static_cast<long long>(now.tv_sec),
              static_cast<long>(now.tv_nsec), core_log_level_name(level), file, line, function);
+}
+
+} // namespace
+
+int log_level = CORE_LOG_INF;
+bool core_messages_enabled = true;
+bool is_log_native_enabled = false;
+core_log_print_fn print_function = stdout_print;
+core_log_pprint_fn pretty_print_function = plain_print;
+
+const char *core_log_level_name(int level)
+{
+    static constexpr const char *names[] = {"EMR", "ALR", "CRT", "ERR", "WRN", "NOT", "INF", "DBG", "VRB"};
+    return level >= CORE_LOG_EMR && level <= CORE_LOG_VRB ? names[level] : "???";
 }
 
 int newline_print(int level, const char *file, const char *function, int line, char *message)
@@ -78,16 +83,6 @@ void core_log_set_level(int level)
     log_level = level;
 }
 
-int core_log_get_level()
-{
-    return log_level;
-}
-
-void core_log_enable_core_messages(bool enabled)
-{
-    core_messages_enabled = enabled;
-}
-
 int core_log_set_print(core_log_print_fn function)
 {
     if (function == file_print && output_stream == nullptr) {
@@ -95,22 +90,6 @@ int core_log_set_print(core_log_print_fn function)
         return -1;
     }
     print_function = function;
-    return 0;
-}
-
-int core_log_set_output(const char *path, bool append)
-{
-    errno = 0;
-    FILE *const stream = fopen(path, append ? "a" : "w");
-    if (stream == nullptr) {
-        const int err = errno;
-        log_err("could not open file %s for logging: error %d, %s\n", path, err, strerror(err));
-        return map_errno_to_core_err(err);
-    }
-    if (output_stream != nullptr)
-        fclose(output_stream);
-    output_stream = stream;
-    print_function = file_print;
     return 0;
 }
 
@@ -175,16 +154,11 @@ void core_print_buffer_to_level(const void *buffer, uint32_t length, uint32_t by
     }
     const auto *bytes = static_cast<const uint8_t *>(buffer);
     for (size_t start = 0; start < length; start += row) {
-        const size_t count = length - start < row ? length - start : row;
+        const size_t count = std::min(length - start, row);
         for (size_t i = 0; i < count; ++i)
             snprintf(text.get() + 3 * i, 4, "%02X ", bytes[start + i]);
         core_log(level, nullptr, nullptr, 0, "[%04u] %s\n", static_cast<unsigned>(start), text.get());
     }
-}
-
-void core_print_buffer(const void *buffer, uint32_t length, uint32_t bytes_per_line)
-{
-    core_print_buffer_to_level(buffer, length, bytes_per_line, CORE_LOG_DBG);
 }
 
 void core_print_ombra_version()
@@ -197,4 +171,37 @@ void log_strip_newline(char *text)
     const size_t length = strlen(text);
     if (length > 0 && text[length - 1] == '\n')
         text[length - 1] = '\0';
+}
+
+// The library's interface: the updater itself calls none of these.
+
+int core_log_get_level()
+{
+    return log_level;
+}
+
+void core_log_enable_core_messages(bool enabled)
+{
+    core_messages_enabled = enabled;
+}
+
+int core_log_set_output(const char *path, bool append)
+{
+    errno = 0;
+    FILE *const stream = fopen(path, append ? "a" : "w");
+    if (stream == nullptr) {
+        const int err = errno;
+        log_err("could not open file %s for logging: error %d, %s\n", path, err, strerror(err));
+        return map_errno_to_core_err(err);
+    }
+    if (output_stream != nullptr)
+        fclose(output_stream);
+    output_stream = stream;
+    print_function = file_print;
+    return 0;
+}
+
+void core_print_buffer(const void *buffer, uint32_t length, uint32_t bytes_per_line)
+{
+    core_print_buffer_to_level(buffer, length, bytes_per_line, CORE_LOG_DBG);
 }

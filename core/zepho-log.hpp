@@ -57,8 +57,8 @@ extern core_log_pprint_fn pretty_print_function; // at first the plain printer
 #define log_wrn(...) log_at(CORE_LOG_WRN, __VA_ARGS__)
 #define log_inf(...) log_at(CORE_LOG_INF, __VA_ARGS__)
 #define log_dbg(...) log_at(CORE_LOG_DBG, __VA_ARGS__)
-// In a step of a public function, under that function's name: the log tells operations, not how they are cut
-// up.
+// In a step of a public function, under that function's name, which its file spells once (`in_get_opts`): the
+// log tells operations, not how they are cut up.
 #define log_as(function, level, ...) core_log(level, log_source, function, __LINE__, __VA_ARGS__)
 
 // Logs one message (printf(3) format) when `level` is not above the threshold. `file`, `function` and `line`
@@ -67,15 +67,10 @@ int core_log(int level, const char *file, const char *function, int line, const 
     CORE_PRINTF(5, 6);
 
 void core_log_set_level(int level);
-int core_log_get_level();
-// False drops the messages whose source file name contains "core-".
-void core_log_enable_core_messages(bool enabled);
 
 // Installs a print function. 0, or -1 (file_print without an open log file; nothing changes).
 int core_log_set_print(core_log_print_fn function);
 
-// Opens a log file and installs file_print. 0, or the mapped errno of fopen(3).
-int core_log_set_output(const char *path, bool append);
 // Flushes and closes the log file, if one is open, and goes back to stdout_print.
 void core_log_close_output();
 // The last call of a program: closes the log file, if one is open.
@@ -87,15 +82,24 @@ int file_print(int level, const char *format, ...) CORE_PRINTF(2, 3);
 int syslog_print(int level, const char *format, ...) CORE_PRINTF(2, 3);
 
 // The upper-case three-letter name of a level, "???" for a number that is none.
-const char *core_log_level_name(int level);
+[[nodiscard]] const char *core_log_level_name(int level);
 
 // Hexadecimal dump of `length` bytes, `bytes_per_line` (not 0) a line, as anonymous messages of `level`.
 void core_print_buffer_to_level(const void *buffer, uint32_t length, uint32_t bytes_per_line, int level);
-// The same at CORE_LOG_DBG.
-void core_print_buffer(const void *buffer, uint32_t length, uint32_t bytes_per_line);
 
 // Logs the version banner of the portability library at CORE_LOG_INF.
 void core_print_ombra_version();
 
 // Removes one trailing line feed from `text` in place.
 void log_strip_newline(char *text);
+
+// The library's interface: the updater itself calls none of these.
+
+// The threshold in force.
+[[nodiscard]] int core_log_get_level();
+// False drops the messages whose source file name contains "core-".
+void core_log_enable_core_messages(bool enabled);
+// Opens a log file and installs file_print. 0, or the mapped errno of fopen(3).
+int core_log_set_output(const char *path, bool append);
+// As core_print_buffer_to_level, at CORE_LOG_DBG.
+void core_print_buffer(const void *buffer, uint32_t length, uint32_t bytes_per_line);

@@ -3,12 +3,18 @@
 #include "core.hpp"
 #include "zepho-log.hpp"
 
-static constexpr char log_source[] = "zepho-module.c";
+#include <algorithm>
+#include <iterator>
+#include <string_view>
 
 namespace {
 
-constexpr size_t short_length = 9;
-constexpr size_t build_length = 14;
+constexpr char log_source[] = "zepho-module.c";
+
+// What a version looks like; '#' is a digit, '?' any character. Behind a build, only the author's suffix
+// follows.
+constexpr std::string_view short_form = "??.?#.??#";
+constexpr std::string_view build_form = "??.?#.??#-B###";
 
 // Positions in a version text.
 enum : size_t {
@@ -43,31 +49,40 @@ bool is_digit(char c)
     return c >= '0' && c <= '9';
 }
 
-int digit(const char *version, size_t position)
+// Of a longer version the beginning counts.
+bool has_form(std::string_view version, std::string_view form)
+{
+    return std::ranges::equal(form, std::string_view(version.data(), form.size()), [](char wanted, char c) {
+        return wanted == '#' ? is_digit(c) : wanted == '?' || wanted == c;
+    });
+}
+
+int digit(std::string_view version, size_t position)
 {
     return version[position] - '0';
 }
 
-int two_digits(const char *version, size_t tens, size_t units)
+int two_digits(std::string_view version, size_t tens, size_t units)
 {
     return 10 * digit(version, tens) + digit(version, units);
 }
 
-bool has_valid_characters(const char *version, size_t length)
+// Null for a platform, or a release of one, that is not supported.
+const platform_row *find_platform(std::string_view version)
 {
-    if (version[2] != '.' || version[5] != '.' || !is_digit(version[minor_tens]) ||
-        !is_digit(version[minor_units]))
-        return false;
-    if (length != build_length)
-        return true;
-    return version[9] == '-' && version[10] == 'B' && is_digit(version[build_hundreds]) &&
-           is_digit(version[build_tens]) && is_digit(version[build_units]);
+    const int code = two_digits(version, platform_tens, platform_units);
+    const auto *const row = std::ranges::find(platforms, code, &platform_row::code);
+    if (row == std::end(platforms))
+        return nullptr;
+    const bool is_supported =
+        row->release == any_release || row->release == two_digits(version, major, minor_tens);
+    return is_supported ? row : nullptr;
 }
 
-int minor_value(const char *version)
+int minor_value(std::string_view version)
 {
     int value = two_digits(version, minor_tens, minor_units) * 1000;
-    if (strlen(version) == build_length)
+    if (version.size() == build_form.size())
         value += 100 * digit(version, build_hundreds) + two_digits(version, build_tens, build_units);
     return value;
 }
@@ -80,30 +95,26 @@ int get_platform(const char *version, uint32_t *platform)
         log_err("version string is a null pointer");
         return CORE_EINVAL;
     }
-    const size_t length = strlen(version);
-    if (length != short_length && length < build_length) {
+    const std::string_view text = version;
+    if (text.size() != short_form.size() && text.size() < build_form.size()) {
         log_err("invalid length of version: %s", version);
         return CORE_EINVAL;
     }
-    if (!has_valid_characters(version, length)) {
+    if (!has_form(text, text.size() == build_form.size() ? build_form : short_form)) {
         log_err("invalid characters in version: %s", version);
         return CORE_EINVAL;
     }
-    const int code = two_digits(version, platform_tens, platform_units);
-    for (const platform_row &row : platforms) {
-        if (row.code != code)
-            continue;
-        if (row.release != any_release && two_digits(version, major, minor_tens) != row.release)
-            break;
-        if (!row.author_suffix && length > build_length) {
-            log_err("author suffix not supported for this platform: %d", static_cast<int>(row.id));
-            return CORE_EINVAL;
-        }
-        *platform = row.id;
-        return CORE_OK;
+    const platform_row *const row = find_platform(text);
+    if (row == nullptr) {
+        log_err("unsupported platform: %s", version);
+        return CORE_EGENERIC;
     }
-    log_err("unsupported platform: %s", version);
-    return CORE_EGENERIC;
+    if (!row->author_suffix && text.size() > build_form.size()) {
+        log_err("author suffix not supported for this platform: %d", static_cast<int>(row->id));
+        return CORE_EINVAL;
+    }
+    *platform = row->id;
+    return CORE_OK;
 }
 
 int fw_version_compare(const char *old_version, const char *new_version)

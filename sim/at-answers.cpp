@@ -5,13 +5,14 @@
 #include <charconv>
 
 namespace sim {
+namespace {
 
 struct at_row {
     std::string_view command;
     std::string_view answer;
 };
 
-static constexpr std::array<at_row, 7> built_in = {{
+constexpr std::array<at_row, 7> built_in = {{
     {"AT", "\r\nOK\r\n"},
     {"ATE0", "\r\nOK\r\n"},
     {"ATE1", "\r\nOK\r\n"},
@@ -21,7 +22,7 @@ static constexpr std::array<at_row, 7> built_in = {{
     {"AT#SWPKGV", "\r\n49.01.102-B002-P0A.000200\r\n49.01.102\r\nP0A.000200\r\nA.00.02\r\n\r\nOK\r\n"},
 }};
 
-static std::string capitals(std::string_view text)
+std::string capitals(std::string_view text)
 {
     std::string out(text);
     for (char &c : out)
@@ -30,24 +31,8 @@ static std::string capitals(std::string_view text)
     return out;
 }
 
-std::optional<std::string> find_at_answer(const std::vector<at_answer> &own, std::string_view command)
-{
-    const std::string wanted = capitals(command);
-    const auto fits = [&wanted](const at_answer &it) { return capitals(it.first) == wanted; };
-    const auto mine = std::find_if(own.rbegin(), own.rend(), fits);
-    if (mine != own.rend())
-        return mine->second;
-    const auto row = std::ranges::find(built_in, wanted, &at_row::command);
-    return row == built_in.end() ? std::nullopt : std::optional<std::string>(row->answer);
-}
-
-std::string at_command_word(std::string_view command)
-{
-    return capitals(command.substr(0, command.find_first_of("=?")));
-}
-
 // One byte after a backslash; `rest` loses what was read.
-static std::optional<char> unescape(std::string_view &rest)
+std::optional<char> unescape(std::string_view &rest)
 {
     if (rest.empty())
         return std::nullopt;
@@ -69,20 +54,44 @@ static std::optional<char> unescape(std::string_view &rest)
     return static_cast<char>(value);
 }
 
+} // namespace
+
+std::optional<std::string> find_at_answer(const std::vector<at_answer> &own, std::string_view command)
+{
+    const std::string wanted = capitals(command);
+    const auto fits = [&wanted](const at_answer &it) { return capitals(it.first) == wanted; };
+    const auto mine = std::find_if(own.rbegin(), own.rend(), fits);
+    if (mine != own.rend())
+        return mine->second;
+    const auto row = std::ranges::find(built_in, wanted, &at_row::command);
+    return row == built_in.end() ? std::nullopt : std::optional<std::string>(row->answer);
+}
+
+std::string at_command_word(std::string_view command)
+{
+    return capitals(command.substr(0, command.find_first_of("=?")));
+}
+
 std::optional<at_answer> parse_at_answer(std::string_view text)
 {
     const size_t equals = text.find('=');
     if (equals == std::string_view::npos || equals == 0)
         return std::nullopt;
-    at_answer out{text.substr(0, equals), ""};
-    for (std::string_view rest = text.substr(equals + 1); !rest.empty();) {
+    auto answer = parse_at_text(text.substr(equals + 1));
+    return answer ? std::optional(at_answer(text.substr(0, equals), std::move(*answer))) : std::nullopt;
+}
+
+std::optional<std::string> parse_at_text(std::string_view text)
+{
+    std::string out;
+    for (std::string_view rest = text; !rest.empty();) {
         // cppcheck-suppress containerOutOfBounds ; passes over the condition of the loop
         const char c = rest.front();
         rest.remove_prefix(1);
         const auto byte = c == '\\' ? unescape(rest) : std::optional<char>(c);
         if (!byte)
             return std::nullopt;
-        out.second += *byte;
+        out += *byte;
     }
     return out;
 }

@@ -11,15 +11,18 @@ namespace sim {
 
 using at_answer = std::pair<std::string, std::string>; // command, answer
 
-// The answer to `command` (case does not matter): the last fitting entry of
-// `own`, else the built-in one, else nothing. A modem says "ERROR" to those.
-std::optional<std::string> find_at_answer(const std::vector<at_answer> &own, std::string_view command);
+// The answer to `command` (case does not matter): the last fitting entry of `own`, else the built-in one,
+// else nothing. A modem says "ERROR" to those.
+[[nodiscard]] std::optional<std::string> find_at_answer(const std::vector<at_answer> &own,
+                                                        std::string_view command);
 
 // Up to the first '=' or '?', in capitals: names a step of the fault plan.
 std::string at_command_word(std::string_view command);
 
-// "COMMAND=ANSWER" of an option, where \r \n \\ and \xHH in the answer stand
-// for bytes. Nothing when it is malformed.
-std::optional<at_answer> parse_at_answer(std::string_view text);
+// A text of an option, where \r \n \\ and \xHH stand for bytes. Nothing when it is malformed.
+[[nodiscard]] std::optional<std::string> parse_at_text(std::string_view text);
+
+// "COMMAND=ANSWER" of an option, whose answer is such a text.
+[[nodiscard]] std::optional<at_answer> parse_at_answer(std::string_view text);
 
 } // namespace sim

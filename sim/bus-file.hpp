@@ -24,10 +24,10 @@ class bus_file {
     bool kept() const { return !path_.empty(); }
     // Shows the device as it is in this stage; a reader never meets half a line. False with errno set when
     // the file cannot be written.
-    bool show(stage now);
+    [[nodiscard]] bool show(stage now);
 
   private:
-    bool write(usb_id id);
+    [[nodiscard]] bool write(usb_id id);
 
     std::string path_;
     usb_id id_;

@@ -1,12 +1,15 @@
 #include "bytes.hpp"
 
 namespace sim {
+namespace {
 
-static void append_le(octets &out, uint64_t value, unsigned size)
+void append_le(octets &out, uint64_t value, unsigned size)
 {
     for (unsigned i = 0; i < size; i++)
         out.push_back(static_cast<uint8_t>(value >> (8 * i)));
 }
+
+} // namespace
 
 void append_le32(octets &out, uint32_t value)
 {

@@ -1,6 +1,5 @@
-// Bytes on the wire: the little-endian fields of the boot loader's packets and
-// the change between bytes and text. Everything is done field by field, so the
-// result does not depend on the byte order of this machine.
+// Bytes on the wire: the little-endian fields of the boot loader's packets and the change between bytes and
+// text. Everything is done field by field, so the result does not depend on the byte order of this machine.
 #pragma once
 
 #include <cstddef>

@@ -3,12 +3,12 @@
 #include <array>
 
 namespace sim {
+namespace {
 
-// Eight tables: eight bytes a step, so that the checksum does not slow the
-// data phase of a large image down.
+// Eight tables: eight bytes a step, so that the checksum does not slow the data phase of a large image down.
 using table = std::array<uint32_t, 256>;
 
-static constexpr std::array<table, 8> make_tables()
+constexpr std::array<table, 8> make_tables()
 {
     std::array<table, 8> made{};
     for (uint32_t i = 0; i < 256; i++) {
@@ -23,7 +23,9 @@ static constexpr std::array<table, 8> make_tables()
     return made;
 }
 
-static constexpr auto tables = make_tables();
+constexpr auto tables = make_tables();
+
+} // namespace
 
 void crc32::update(view bytes)
 {

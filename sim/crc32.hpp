@@ -1,5 +1,5 @@
-// CRC-32 of received data (the polynomial of IEEE 802.3, reflected, as in
-// RFC 1952 section 8), so that the transcript can name what an image held.
+// CRC-32 of received data (the polynomial of IEEE 802.3, reflected, as in RFC 1952 section 8), so that the
+// transcript can name what an image held.
 #pragma once
 
 #include "bytes.hpp"

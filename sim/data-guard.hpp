@@ -1,5 +1,5 @@
-// The fault planned on received data bytes: where the device stops reading or
-// leaves in the middle of a transfer, or where bytes get lost on the way.
+// The fault planned on received data bytes: where the device stops reading or leaves in the middle of a
+// transfer, or where bytes get lost on the way.
 #pragma once
 
 #include "outbox.hpp"

@@ -7,12 +7,15 @@
 #include <array>
 
 namespace sim {
+namespace {
 
-static constexpr std::array<const char *, 4> stage_names = {"normal", "sahara", "firehose", "ended"};
+constexpr std::array<const char *, 4> stage_names = {"normal", "sahara", "firehose", "ended"};
+
+} // namespace
 
 device::device(settings wanted, transcript &log)
     : wanted_(std::move(wanted)), log_(log), faults_(wanted_.faults), out_(wanted_.how, faults_, log_),
-      store_(wanted_.flash, wanted_.discard), bench_{wanted_, faults_, log_, out_, store_}
+      store_(wanted_.flash, wanted_.discard, wanted_.flash_from), bench_{wanted_, faults_, log_, out_, store_}
 {
 }
 
@@ -46,6 +49,7 @@ void device::enter(stage next, uint32_t delay_ms)
     log_.set_stage(stage_name());
     log_.event("stage");
     engine_ = make_engine(next);
+    out_.speak_on(0);
     engine_->begin(delay_ms);
 }
 
@@ -54,12 +58,13 @@ uint64_t device::input_limit() const
     return ended() ? UINT64_MAX : engine_->input_limit();
 }
 
-void device::receive(view bytes)
+void device::receive(view bytes, unsigned channel)
 {
     log_.record(bytes);
+    out_.speak_on(channel);
     out_.release();
     while (!bytes.empty() && !ended()) {
-        const size_t used = engine_->receive(bytes);
+        const size_t used = engine_->receive(bytes, channel);
         if (engine_->state() == progress::busy && engine_->input_limit() == 0)
             return; // stalled
         bytes = bytes.subspan(used);
@@ -69,10 +74,20 @@ void device::receive(view bytes)
         log_.received("after_end", bytes.size());
 }
 
+void device::end_transfer()
+{
+    if (ended())
+        return;
+    out_.speak_on(0);
+    engine_->end_transfer();
+    follow();
+}
+
 void device::settled()
 {
     if (ended())
         return;
+    out_.speak_on(0);
     engine_->settled();
     follow();
 }
@@ -86,8 +101,6 @@ void device::follow()
         return complete_stage();
     case progress::reset:
         return wanted_.stay ? enter(stage::normal, 0) : end(ending::complete, "reset by the host");
-    case progress::host_error:
-        return end(ending::host_error, "host error", std::string(stage_name()) + ": " + engine_->trouble());
     case progress::system_error:
         return end(ending::system_error, "system error", engine_->trouble());
     }

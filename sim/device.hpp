@@ -1,6 +1,6 @@
-// The simulated modem as a whole: strings the stages together and says when the
-// conversation is over. A front feeds it what the host sends and carries out
-// what take() hands over; the device never waits and never touches the line.
+// The simulated modem as a whole: strings the stages together and says when the conversation is over. A front
+// feeds it what the host sends and carries out what take() hands over; the device never waits and never
+// touches the line.
 //
 //     normal --DIAG switch--> sahara --DONE--> firehose --power reset--> ended
 //                                                        (or normal again)
@@ -11,6 +11,8 @@
 //     if (!modem.start()) ...modem.trouble()...
 //     modem.receive(bytes);                  // at most input_limit() of them
 //     while (!modem.idle()) write(modem.take().bytes);
+//
+// A front with several lines names the channel: the modem's AT ports are 1 and 2, everything else is 0.
 #pragma once
 
 #include "engine.hpp"
@@ -20,7 +22,7 @@
 namespace sim {
 
 // How the conversation ended; the numbers are exit statuses of the program.
-enum class ending { complete = 0, system_error = 1, timed_out = 3, host_error = 4 };
+enum class ending { complete = 0, system_error = 1, timed_out = 3 };
 
 class device {
   public:
@@ -28,9 +30,11 @@ class device {
     device(settings wanted, transcript &log);
 
     // Prepares the store and enters the first stage; false: see trouble().
-    bool start();
+    [[nodiscard]] bool start();
 
-    void receive(view bytes);
+    void receive(view bytes, unsigned channel = 0);
+    // All that came so far was a transfer of its own.
+    void end_transfer();
     // Bytes that came but are not taken any more: they only go into the record.
     void leave(view bytes) { log_.record(bytes); }
     // How many bytes may be given to receive() next; 0: stop reading the line.
@@ -40,15 +44,15 @@ class device {
     void settled();
 
     // What waits to be sent.
-    bool idle() const { return out_.empty(); }
-    uint32_t delay_ms() const { return out_.delay_ms(); }
-    bool event_is_next() const { return out_.is_event(); }
-    write_unit take() { return out_.take(); }
+    bool idle(unsigned channel = 0) const { return out_.empty(channel); }
+    uint32_t delay_ms(unsigned channel = 0) const { return out_.delay_ms(channel); }
+    bool event_is_next(unsigned channel = 0) const { return out_.is_event(channel); }
+    write_unit take(unsigned channel = 0) { return out_.take(channel); }
 
     bool ended() const { return stage_ == stage::ended; }
     // Only when ended.
     ending how() const { return how_; }
-    const std::string &trouble() const { return trouble_; } // one line for the two errors
+    const std::string &trouble() const { return trouble_; } // one line for a system error
     stage where() const { return stage_; }
     const char *stage_name() const;
 

@@ -1,6 +1,6 @@
-// What the device's stages have in common. An engine is given the bytes that
-// arrive, however they are cut, posts its answers to the outbox and reports how
-// far it came. It knows nothing of the line it speaks over and never waits.
+// What the device's stages have in common. An engine is given the bytes that arrive, however they are cut,
+// posts its answers to the outbox and reports how far it came. It knows nothing of the line it speaks over
+// and never waits.
 #pragma once
 
 #include "bytes.hpp"
@@ -19,7 +19,6 @@ enum class progress {
     busy,         // in the middle of the stage
     done,         // the stage is complete
     reset,        // the host reset the device before the stage was complete
-    host_error,   // the host sent what no device can accept
     system_error, // a file could not be written
 };
 
@@ -41,19 +40,20 @@ class engine {
 
     // The stage begins; what it sends by itself is to be `delay_ms` late.
     virtual void begin(uint32_t delay_ms) = 0;
-    // Consumes bytes from the front and answers how many: all, unless the stage
-    // ended or input_limit() fell to 0 before.
-    virtual size_t receive(view bytes) = 0;
-    // True while a message may be complete or may go on: call settled() when
-    // the host has been quiet for a moment.
+    // Consumes bytes from the front and answers how many: all, unless the stage ended or input_limit() fell
+    // to 0 before. Only normal mode tells one channel from another.
+    virtual size_t receive(view bytes, unsigned channel) = 0;
+    // True while a message may be complete or may go on: call settled() when the host has been quiet for a
+    // moment.
     virtual bool wants_quiet() const { return false; }
     virtual void settled() {}
-    // How many bytes the engine takes at most before it stalls or hangs up;
-    // 0: it has stopped reading.
+    // What came so far was a whole transfer. A line that knows none never says so.
+    virtual void end_transfer() {}
+    // How many bytes the engine takes at most before it stalls or hangs up; 0: it has stopped reading.
     virtual uint64_t input_limit() const { return UINT64_MAX; }
 
     progress state() const { return state_; }
-    const std::string &trouble() const { return trouble_; }   // for the two errors
+    const std::string &trouble() const { return trouble_; }   // for a system error
     uint32_t next_delay_ms() const { return next_delay_ms_; } // for the stage that follows
 
   protected:
@@ -69,12 +69,7 @@ class engine {
     }
 
     void finish(progress how) { state_ = how; }
-    void blame_host(std::string what)
-    {
-        trouble_ = std::move(what);
-        state_ = progress::host_error;
-    }
-    bool stored(bool good)
+    [[nodiscard]] bool stored(bool good)
     {
         if (!good) {
             trouble_ = bench_.store.error();

@@ -6,6 +6,7 @@
 #include <array>
 
 namespace sim {
+namespace {
 
 enum class wants { nothing, may_have, value };
 
@@ -15,7 +16,7 @@ struct kind_row {
     wants number;
 };
 
-static constexpr std::array<kind_row, 20> kinds = {{
+constexpr std::array<kind_row, 22> kinds = {{
     {"silence", fault_kind::silence, wants::nothing}, {"skip", fault_kind::skip, wants::nothing},
     {"nak", fault_kind::nak, wants::nothing},         {"garbage", fault_kind::garbage, wants::nothing},
     {"hangup", fault_kind::hangup, wants::nothing},   {"truncate", fault_kind::truncate, wants::may_have},
@@ -26,37 +27,39 @@ static constexpr std::array<kind_row, 20> kinds = {{
     {"length", fault_kind::length, wants::value},     {"offset", fault_kind::offset, wants::value},
     {"bytes", fault_kind::bytes, wants::value},       {"lost", fault_kind::lost, wants::may_have},
     {"garbled", fault_kind::garbled, wants::nothing}, {"overdue", fault_kind::overdue, wants::nothing},
+    {"halves", fault_kind::halves, wants::may_have},  {"nul", fault_kind::nul, wants::nothing},
 }};
 
-static constexpr unsigned bit(fault_kind kind)
+constexpr unsigned bit(fault_kind kind)
 {
     return 1U << static_cast<unsigned>(kind);
 }
 
-static constexpr unsigned no_answer =
+constexpr unsigned no_answer =
     bit(fault_kind::silence) | bit(fault_kind::skip) | bit(fault_kind::hangup) | bit(fault_kind::late);
-static constexpr unsigned any_message = no_answer | bit(fault_kind::halt) | bit(fault_kind::garbage) |
-                                        bit(fault_kind::truncate) | bit(fault_kind::repeat) |
-                                        bit(fault_kind::split) | bit(fault_kind::twice) |
-                                        bit(fault_kind::glue) | bit(fault_kind::overdue);
-static constexpr unsigned any_answer = any_message | bit(fault_kind::nak) | bit(fault_kind::wrong);
-static constexpr unsigned packet = any_message | bit(fault_kind::wrong) | bit(fault_kind::length);
-static constexpr unsigned read_packet = packet | bit(fault_kind::offset) | bit(fault_kind::bytes);
-static constexpr unsigned on_input =
+constexpr unsigned any_message = no_answer | bit(fault_kind::halt) | bit(fault_kind::garbage) |
+                                 bit(fault_kind::truncate) | bit(fault_kind::repeat) |
+                                 bit(fault_kind::split) | bit(fault_kind::twice) | bit(fault_kind::glue) |
+                                 bit(fault_kind::halves) | bit(fault_kind::nul) | bit(fault_kind::overdue);
+constexpr unsigned any_answer = any_message | bit(fault_kind::nak) | bit(fault_kind::wrong);
+constexpr unsigned packet = any_message | bit(fault_kind::wrong) | bit(fault_kind::length);
+constexpr unsigned read_packet = packet | bit(fault_kind::offset) | bit(fault_kind::bytes);
+constexpr unsigned on_input =
     bit(fault_kind::hangup) | bit(fault_kind::stall) | bit(fault_kind::halt) | bit(fault_kind::lost);
-static constexpr unsigned on_the_way = bit(fault_kind::lost) | bit(fault_kind::garbled);
+constexpr unsigned on_the_way = bit(fault_kind::lost) | bit(fault_kind::garbled);
 
 struct step_row {
     std::string_view name;
     unsigned allowed; // bits of the kinds that make sense at the step
 };
 
-static constexpr std::array<step_row, 29> steps = {{
+constexpr std::array<step_row, 30> steps = {{
     {"diag", no_answer},
     {"sahara.hello", packet},
     {"sahara.read", read_packet},
     {"sahara.data-in", on_input},
     {"sahara.end", packet | any_answer},
+    {"sahara.refusal", packet},
     {"sahara.done", packet | any_answer},
     {"sahara.qdl", packet},
     {"firehose.log", any_message},
@@ -83,7 +86,7 @@ static constexpr std::array<step_row, 29> steps = {{
     {"host.reset", on_the_way},
 }};
 
-static std::optional<unsigned> allowed_at(std::string_view step)
+std::optional<unsigned> allowed_at(std::string_view step)
 {
     if (step.starts_with("at.") && step.size() > 3)
         return any_answer;
@@ -92,7 +95,7 @@ static std::optional<unsigned> allowed_at(std::string_view step)
 }
 
 // KIND[:VALUE]
-static std::string parse_kind(std::string_view text, fault &out)
+std::string parse_kind(std::string_view text, fault &out)
 {
     const size_t colon = text.find(':');
     const auto row = std::ranges::find(kinds, text.substr(0, colon), &kind_row::name);
@@ -113,7 +116,7 @@ static std::string parse_kind(std::string_view text, fault &out)
     return "";
 }
 
-static std::string parse_time(std::string_view text, fault &out)
+std::string parse_time(std::string_view text, fault &out)
 {
     if (text == "all") {
         out.every_time = true;
@@ -126,7 +129,7 @@ static std::string parse_time(std::string_view text, fault &out)
     return "";
 }
 
-static std::string check_place(const fault &it, bool has_time)
+std::string check_place(const fault &it, bool has_time)
 {
     const auto allowed = allowed_at(it.step);
     if (!allowed)
@@ -140,6 +143,8 @@ static std::string check_place(const fault &it, bool has_time)
         return "@N counts from 1";
     return "";
 }
+
+} // namespace
 
 std::string parse_fault(std::string_view text, fault &out)
 {

@@ -2,11 +2,10 @@
 //
 //   STEP=KIND[:VALUE][@N]      e.g. sahara.read=late:600@3
 //
-// and strikes when the device is about to take STEP for the N-th time (the
-// first time without @N, every time with @all). Two steps count received data
-// bytes instead: sahara.data-in and firehose.data-in, written STEP=hangup@BYTES,
-// STEP=stall@BYTES, STEP=halt@BYTES or STEP=lost[:COUNT]@BYTES. Nothing here waits; the plan only
-// answers questions.
+// and strikes when the device is about to take STEP for the N-th time (the first time without @N, every time
+// with @all). Two steps count received data bytes instead: sahara.data-in and firehose.data-in, written
+// STEP=hangup@BYTES, STEP=stall@BYTES, STEP=halt@BYTES or STEP=lost[:COUNT]@BYTES. Nothing here waits; the
+// plan only answers questions.
 #pragma once
 
 #include <cstdint>
@@ -39,20 +38,22 @@ enum class fault_kind {
     lost,
     garbled,
     overdue,
+    halves,
+    nul,
 };
 
 struct fault {
     std::string step;
     fault_kind kind = fault_kind::silence;
-    // late: milliseconds; truncate: bytes kept, 0 = half; length, offset, bytes: what the field says;
-    // lost: how many bytes of the data
+    // late: milliseconds; truncate, halves: bytes of the first part, 0 = half; length, offset, bytes: what
+    // the field says; lost: how many bytes of the data
     uint64_t value = 0;
     bool every_time = false;
     uint64_t at = 1; // the N-th time, or for a data-in step the byte count
 };
 
 // Empty text: parsed into `out`. Otherwise what is wrong with it.
-std::string parse_fault(std::string_view text, fault &out);
+[[nodiscard]] std::string parse_fault(std::string_view text, fault &out);
 
 std::string_view fault_name(fault_kind kind);
 

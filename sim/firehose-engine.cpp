@@ -1,27 +1,44 @@
 #include "firehose-engine.hpp"
 
+#include "numbers.hpp"
+
 #include <algorithm>
 #include <array>
+#include <utility>
 
 namespace sim {
+namespace {
 
-static constexpr size_t longest_request = size_t{64} * 1024;
+constexpr size_t longest_request = size_t{64} * 1024;
 // More sectors than any flash memory has; keeps sectors x size within 64 bits.
-static constexpr uint64_t most_sectors = INT32_MAX;
+constexpr uint64_t most_sectors = INT32_MAX;
 
-static const std::string ack = "<response value=\"ACK\" />";
-static const std::string nak = "<response value=\"NAK\" />";
-static const std::string other = "<response value=\"WAIT\" />"; // nothing that a host could know
+// What a programmer takes in one transfer that was not told otherwise.
+constexpr uint64_t usual_payload = 1048576;
 
-static std::string chunk(const std::string &element)
+constexpr size_t other_row = 7;
+
+// A host that missed the DONE response still talks to the boot loader and resets it.
+constexpr std::array<uint8_t, 8> late_reset = {7, 0, 0, 0, 8, 0, 0, 0};
+
+// The element and those of its attributes that matter.
+json_members described(const firehose_request &request)
 {
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<data>\n" + element + "\n</data>";
+    static constexpr std::array<std::string_view, 5> attributes = {
+        "SECTOR_SIZE_IN_BYTES", "num_partition_sectors", "MaxPayloadSizeToTargetInBytes", "label", "value"};
+    json_members fields;
+    fields.text("element", request.element);
+    for (const std::string_view name : attributes)
+        if (const auto value = attribute(request.line, name))
+            fields.text(name, *value);
+    return fields;
 }
 
-static constexpr size_t other_row = 7;
+} // namespace
 
 firehose_engine::firehose_engine(workbench &bench)
-    : engine(bench), guard_("firehose.data-in", bench.faults, bench.out, bench.log)
+    : engine(bench), words_(bench.wanted.plain_answers),
+      guard_("firehose.data-in", bench.faults, bench.out, bench.log)
 {
 }
 
@@ -30,9 +47,11 @@ void firehose_engine::begin(uint32_t)
     request_.clear();
     searched_ = 0;
     complete_ = false;
-    any_request_ = false;
+    heard_ = false;
     owes_line_feed_ = false;
     in_data_ = false;
+    for (const std::string &line : words_.start_lines())
+        say_log("firehose.log", firehose_words::escaped(line));
     say_logs(bench_.wanted.log_start);
 }
 
@@ -40,14 +59,14 @@ const firehose_engine::element_row &firehose_engine::row_of(const std::string &e
 {
     using self = firehose_engine;
     static const std::array<element_row, other_row + 1> rows = {{
-        {"nop", "firehose.nop", "host.nop", false, &self::acknowledge},
-        {"configure", "firehose.configure", "host.configure", false, &self::configure},
-        {"program", "firehose.program", "host.program", true, &self::program},
-        {"erase", "firehose.erase", "host.erase", true, &self::acknowledge},
-        {"power", "firehose.reset", "host.reset", true, &self::power},
-        {"getstorageinfo", "firehose.otp", "host.otp", true, &self::storage_info},
-        {"patch", "firehose.other", "host.other", true, &self::acknowledge},
-        {"", "firehose.other", "host.other", true, &self::acknowledge},
+        {"nop", "firehose.nop", "host.nop", false, true, &self::acknowledge},
+        {"configure", "firehose.configure", "host.configure", false, true, &self::configure},
+        {"program", "firehose.program", "host.program", true, true, &self::program},
+        {"erase", "firehose.erase", "host.erase", true, true, &self::acknowledge},
+        {"power", "firehose.reset", "host.reset", true, true, &self::power},
+        {"getstorageinfo", "firehose.otp", "host.otp", true, false, &self::storage_info},
+        {"patch", "firehose.other", "host.other", true, true, &self::acknowledge},
+        {"", "firehose.other", "host.other", true, true, &self::acknowledge},
     }};
     const auto found = std::ranges::find(rows, element, &element_row::element);
     // cppcheck-suppress containerOutOfBounds ; counts one row less than there are
@@ -61,7 +80,7 @@ uint64_t firehose_engine::input_limit() const
     return in_data_ ? guard_.limit() : UINT64_MAX;
 }
 
-size_t firehose_engine::receive(view bytes)
+size_t firehose_engine::receive(view bytes, unsigned)
 {
     size_t used = 0;
     while (used < bytes.size() && state() == progress::busy) {
@@ -91,44 +110,37 @@ size_t firehose_engine::take_request_bytes(view bytes)
         owes_line_feed_ = false;
         return 1;
     }
-    if (request_.empty() && !any_request_ && bytes.front() == 7)
-        return take_late_reset(bytes);
+    const bool first = !std::exchange(heard_, true);
+    if (first && std::ranges::equal(bytes, late_reset)) {
+        bench_.log.received("reset", bytes.size());
+        finish(progress::reset);
+        return bytes.size();
+    }
     // Never beyond the end of this request: what follows may be data.
     const size_t before = request_.size();
     request_ += as_text(bytes.first(std::min<size_t>(bytes.size(), 4096)));
-    find_end();
+    if (!find_end())
+        return bytes.size();
     return request_.size() - before;
 }
 
-// A host that missed the DONE response still talks to the boot loader and
-// resets it: an 8-byte packet with command 7.
-size_t firehose_engine::take_late_reset(view bytes)
-{
-    static constexpr std::array<uint8_t, 8> packet = {7, 0, 0, 0, 8, 0, 0, 0};
-    if (!std::ranges::equal(bytes, packet)) {
-        blame_host("bytes that are no request");
-        return bytes.size();
-    }
-    bench_.log.received("reset", bytes.size());
-    finish(progress::reset);
-    return bytes.size();
-}
-
-void firehose_engine::find_end()
+// False when this becomes no request any more; it was refused, and so is what came with it.
+bool firehose_engine::find_end()
 {
     const size_t from = searched_ < 8 ? 0 : searched_ - 8;
     if (const auto length = request_length(std::string_view(request_).substr(from))) {
         request_.resize(from + *length);
         complete_ = true;
-        return;
+        return true;
     }
-    searched_ = request_.size();
     static constexpr std::string_view declaration = "<?xml";
     const size_t known = std::min(request_.size(), declaration.size());
     if (request_.compare(0, known, declaration, 0, known) != 0)
-        blame_host("bytes that are no request");
+        refuse_bytes(std::exchange(request_, {}), "bytes that are no request");
     else if (request_.size() > longest_request)
-        blame_host("request without an end");
+        refuse_bytes(std::exchange(request_, {}), "a request without an end");
+    searched_ = request_.size();
+    return !request_.empty();
 }
 
 void firehose_engine::settled()
@@ -137,78 +149,61 @@ void firehose_engine::settled()
         handle_request();
 }
 
-// The element and those of its attributes that matter.
-static json_members described(const firehose_request &request)
-{
-    static constexpr std::array<std::string_view, 5> attributes = {
-        "SECTOR_SIZE_IN_BYTES", "num_partition_sectors", "MaxPayloadSizeToTargetInBytes", "label", "value"};
-    json_members fields;
-    fields.text("element", request.element);
-    for (const std::string_view name : attributes)
-        if (const auto value = attribute(request.line, name))
-            fields.text(name, *value);
-    return fields;
-}
-
 void firehose_engine::handle_request()
 {
-    const std::string text = std::move(request_);
-    request_.clear();
+    const std::string text = std::exchange(request_, {});
     searched_ = 0;
     complete_ = false;
-    any_request_ = true;
     owes_line_feed_ = !text.ends_with('\n');
     const auto request = parse_request(text);
-    if (!request) {
-        bench_.log.received("bad_request", text.size(), json_members().text("text", text));
-        return blame_host("request without a declaration or a data frame");
-    }
+    if (!request)
+        return refuse_bytes(text, "a request without a declaration or a data frame");
     const element_row &row = row_of(request->element);
     bench_.log.received(row.element.empty() ? "unknown" : row.element, text.size(),
                         described(*request).text("text", text));
     const arrival came = arrived(row.way);
     if (came == arrival::lost)
         return;
-    if (came == arrival::garbled) {
-        answer(row.step, "nak", nak);
-        return;
-    }
+    if (came == arrival::garbled)
+        return refuse(row.step, "a request that cannot be understood");
     if (row.kept && !stored(bench_.store.keep_request(request->element, text)))
         return;
+    if (row.told && !request->element.empty() && !words_.plain())
+        say_log("firehose.log", "INFO: Calling handler for " + firehose_words::escaped(request->element));
     (this->*row.handle)(*request, row);
 }
 
 void firehose_engine::acknowledge(const firehose_request &request, const element_row &row)
 {
-    const bool good = !request.element.empty();
-    answer(row.step, good ? "ack" : "nak", good ? ack : nak);
+    if (request.element.empty())
+        return refuse(row.step, "a request without an element");
+    answer(row.step, "ack", words_.answer(true));
 }
 
 void firehose_engine::configure(const firehose_request &request, const element_row &row)
 {
-    const auto asked = number_attribute(request.line, "MaxPayloadSizeToTargetInBytes", UINT32_MAX);
+    const auto text = attribute(request.line, "MaxPayloadSizeToTargetInBytes");
+    const auto asked = text ? parse_number(*text, UINT32_MAX) : std::optional(usual_payload);
     const auto &offer = bench_.wanted.payload;
     if (!asked)
-        answer(row.step, "nak", nak);
-    else if (!offer || *offer == *asked)
-        answer(row.step, "ack", ack);
-    else
-        answer(row.step, "nak",
-               "<response value=\"NAK\" MaxPayloadSizeToTargetInBytesSupported=\"" + std::to_string(*offer) +
-                   "\" />");
+        return refuse(row.step, "a payload size that is no number");
+    if (!offer || *offer == *asked) {
+        answer(row.step, "ack", words_.configured(true, *asked, std::max(*asked, usual_payload)));
+        return;
+    }
+    say_reason("MaxPayloadSizeToTargetInBytes " + std::to_string(*asked) + " is not supported");
+    answer(row.step, "nak", words_.configured(false, *offer, *offer));
 }
 
 void firehose_engine::program(const firehose_request &request, const element_row &row)
 {
     const auto size = number_attribute(request.line, "SECTOR_SIZE_IN_BYTES", UINT32_MAX);
     const auto sectors = number_attribute(request.line, "num_partition_sectors", most_sectors);
-    if (!size || !sectors) {
-        answer(row.step, "nak", nak);
-        return;
-    }
-    // Without the ACK the host has no leave to send data: its next bytes are
-    // another request.
-    if (answer(row.step, "ack", ack) != posted::whole || !stored(bench_.store.open_image()))
+    if (!size || !sectors)
+        return refuse(row.step, "a program request without sizes", raw_mode::ends);
+    // Without the ACK the host has no leave to send data: its next bytes are another request.
+    const posted sent = answer(row.step, "ack", words_.answer(true, raw_mode::begins), raw_mode::ends);
+    if (sent != posted::whole || !stored(bench_.store.open_image()))
         return;
     data_left_ = *size * *sectors;
     in_data_ = true;
@@ -239,13 +234,15 @@ void firehose_engine::finish_data()
     if (const auto crc = bench_.store.image_crc())
         fields.hex32("crc32", *crc);
     bench_.log.received("data", bench_.store.image_size(), fields);
-    answer("firehose.data", "ack", ack);
+    if (!words_.plain())
+        say_log("firehose.log", "INFO: Programmed " + std::to_string(bench_.store.image_size()) + " bytes");
+    answer("firehose.data", "ack", words_.answer(true, raw_mode::ends), raw_mode::ends);
 }
 
 void firehose_engine::power(const firehose_request &request, const element_row &row)
 {
     const bool resets = attribute(request.line, "value") == "reset";
-    const posted sent = answer(resets ? row.step : "firehose.other", "ack", ack);
+    const posted sent = answer(resets ? row.step : "firehose.other", "ack", words_.answer(true));
     if (!resets || sent == posted::refused)
         return;
     if (bench_.wanted.platform != 0)
@@ -257,19 +254,28 @@ void firehose_engine::storage_info(const firehose_request &, const element_row &
 {
     for (const std::string &value : bench_.wanted.otp)
         say_log(row.step, value);
-    answer(row.step, "ack", ack);
+    answer(row.step, "ack", words_.answer(true));
 }
 
-posted firehose_engine::say(std::string_view step, std::string_view kind, const std::string &element)
+posted firehose_engine::say(std::string_view step, std::string_view kind, const std::string &element,
+                            raw_mode refused)
 {
-    const std::string text = chunk(element);
-    return bench_.out.post({std::string(step), std::string(kind), to_octets(text), to_octets(chunk(nak)),
-                            json_members().text("text", text), 0, to_octets(chunk(other))});
+    const std::string text = words_.message(element);
+    const std::string reason = words_.plain() ? "" : words_.message(words_.log("ERROR: not carried out"));
+    return bench_.out.post({std::string(step),
+                            std::string(kind),
+                            to_octets(text),
+                            to_octets(words_.message(words_.answer(false, refused))),
+                            json_members().text("text", text),
+                            0,
+                            to_octets(words_.message(firehose_words::unknown_answer())),
+                            {},
+                            to_octets(reason)});
 }
 
 void firehose_engine::say_log(std::string_view step, const std::string &value)
 {
-    say(step, "log", "<log value=\"" + value + "\"/>");
+    say(step, "log", words_.log(value));
 }
 
 void firehose_engine::say_logs(uint32_t count)
@@ -278,12 +284,32 @@ void firehose_engine::say_logs(uint32_t count)
         say_log("firehose.log", "INFO: programmer line " + std::to_string(i));
 }
 
-posted firehose_engine::answer(std::string_view step, std::string_view kind, const std::string &text)
+posted firehose_engine::answer(std::string_view step, std::string_view kind, const std::string &element,
+                               raw_mode refused)
 {
     say_logs(bench_.wanted.log_before);
-    const posted sent = say(step, kind, text);
+    const posted sent = say(step, kind, element, refused);
     say_logs(bench_.wanted.log_after);
     return sent;
+}
+
+void firehose_engine::say_reason(const std::string &why)
+{
+    if (!words_.plain())
+        say_log("firehose.log", "ERROR: " + firehose_words::escaped(why));
+}
+
+void firehose_engine::refuse(std::string_view step, const std::string &why, raw_mode raw)
+{
+    say_reason(why);
+    answer(step, "nak", words_.answer(false, raw), raw);
+}
+
+// They are no request, or will never be one.
+void firehose_engine::refuse_bytes(const std::string &text, const char *why)
+{
+    bench_.log.received("bad_request", text.size(), json_members().text("text", text));
+    refuse("firehose.other", why);
 }
 
 } // namespace sim

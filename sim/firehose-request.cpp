@@ -5,24 +5,33 @@
 #include <algorithm>
 
 namespace sim {
+namespace {
 
-static constexpr std::string_view frame_start = "<data>";
-static constexpr std::string_view frame_end = "</data>";
-static constexpr std::string_view blanks = " \t\r\n";
+constexpr std::string_view frame_start = "<data>";
+constexpr std::string_view frame_end = "</data>";
+constexpr std::string_view blanks = " \t\r\n";
 
-std::optional<size_t> request_length(std::string_view text)
-{
-    const size_t end = text.find(frame_end);
-    return end == std::string_view::npos ? std::nullopt : std::optional<size_t>(end + frame_end.size());
-}
-
-static std::string_view element_line(std::string_view frame)
+std::string_view element_line(std::string_view frame)
 {
     const size_t start = frame.find('<');
     if (start == std::string_view::npos)
         return {};
     const size_t end = frame.find('>', start);
     return end == std::string_view::npos ? std::string_view() : frame.substr(start, end + 1 - start);
+}
+
+std::string_view skip_blanks(std::string_view text)
+{
+    const size_t first = text.find_first_not_of(blanks);
+    return first == std::string_view::npos ? std::string_view() : text.substr(first);
+}
+
+} // namespace
+
+std::optional<size_t> request_length(std::string_view text)
+{
+    const size_t end = text.find(frame_end);
+    return end == std::string_view::npos ? std::nullopt : std::optional<size_t>(end + frame_end.size());
 }
 
 std::optional<firehose_request> parse_request(std::string_view text)
@@ -38,12 +47,6 @@ std::optional<firehose_request> parse_request(std::string_view text)
     if (out.line.size() > 2)
         out.element = out.line.substr(1, out.line.find_first_of(" \t\r\n/>", 1) - 1);
     return out;
-}
-
-static std::string_view skip_blanks(std::string_view text)
-{
-    const size_t first = text.find_first_not_of(blanks);
-    return first == std::string_view::npos ? std::string_view() : text.substr(first);
 }
 
 std::optional<std::string_view> attribute(std::string_view line, std::string_view name)

@@ -1,5 +1,4 @@
-// Reading one request of the host: an XML declaration and one element in a
-// <data> frame.
+// Reading one request of the host: an XML declaration and one element in a <data> frame.
 #pragma once
 
 #include <cstddef>
@@ -15,15 +14,16 @@ struct firehose_request {
     std::string_view line; // the element from '<' to '>'
 };
 
-// The length of the request at the start of `text`, up to and with "</data>";
-// nothing while it is not complete.
-std::optional<size_t> request_length(std::string_view text);
+// The length of the request at the start of `text`, up to and with "</data>"; nothing while it is not
+// complete.
+[[nodiscard]] std::optional<size_t> request_length(std::string_view text);
 
 // Nothing when `text` has no declaration or no <data> frame.
-std::optional<firehose_request> parse_request(std::string_view text);
+[[nodiscard]] std::optional<firehose_request> parse_request(std::string_view text);
 
 // The value of an attribute with exactly this name in double quotes.
-std::optional<std::string_view> attribute(std::string_view line, std::string_view name);
-std::optional<uint64_t> number_attribute(std::string_view line, std::string_view name, uint64_t max);
+[[nodiscard]] std::optional<std::string_view> attribute(std::string_view line, std::string_view name);
+[[nodiscard]] std::optional<uint64_t> number_attribute(std::string_view line, std::string_view name,
+                                                       uint64_t max);
 
 } // namespace sim

@@ -1,19 +1,26 @@
 #include "flash-store.hpp"
 
+#include "numbers.hpp"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 namespace sim {
+namespace {
 
-static const std::string programmer_name = "programmer.bin";
+const std::string programmer_name = "programmer.bin";
+constexpr uint64_t most_requests = 1000000000; // more than any run makes
 
 // Element names come from the host: only harmless characters reach a file name.
-static std::string harmless(std::string_view element)
+std::string harmless(std::string_view element)
 {
     std::string name;
     for (const char c : element.substr(0, 32)) {
@@ -24,7 +31,7 @@ static std::string harmless(std::string_view element)
     return name.empty() ? "unknown" : name;
 }
 
-static bool write_all(int fd, view bytes)
+[[nodiscard]] bool write_all(int fd, view bytes)
 {
     while (!bytes.empty()) {
         const ssize_t done = ::write(fd, bytes.data(), bytes.size());
@@ -36,6 +43,8 @@ static bool write_all(int fd, view bytes)
     }
     return true;
 }
+
+} // namespace
 
 bool flash_store::failed(const std::string &name)
 {
@@ -56,7 +65,28 @@ bool flash_store::prepare()
         errno = ENOTDIR;
         return failed("");
     }
-    return true;
+    return from_.empty() || take_over();
+}
+
+// The files of an earlier run, and its numbers.
+bool flash_store::take_over()
+{
+    namespace fs = std::filesystem;
+    std::error_code wrong;
+    const bool same = fs::equivalent(from_, folder_, wrong);
+    for (fs::directory_iterator it(from_, wrong), end; !wrong && it != end; it.increment(wrong)) {
+        const std::string name = it->path().filename();
+        const auto number = parse_number(name.substr(0, name.find('-')), most_requests);
+        if (!number && name != programmer_name)
+            continue;
+        if (number)
+            requests_ = std::max(requests_, static_cast<unsigned>(*number) + 1);
+        if (!same)
+            fs::copy_file(it->path(), fs::path(folder_) / name, fs::copy_options::overwrite_existing, wrong);
+    }
+    if (wrong)
+        error_ = from_ + ": " + wrong.message();
+    return !wrong;
 }
 
 std::string flash_store::numbered(std::string_view element, std::string_view suffix) const

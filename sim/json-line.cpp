@@ -5,8 +5,9 @@
 #include <cstdio>
 
 namespace sim {
+namespace {
 
-static void append_quoted(std::string &out, std::string_view text)
+void append_quoted(std::string &out, std::string_view text)
 {
     out += '"';
     for (const char c : text) {
@@ -24,6 +25,8 @@ static void append_quoted(std::string &out, std::string_view text)
     }
     out += '"';
 }
+
+} // namespace
 
 void json_members::name(std::string_view text)
 {

@@ -1,6 +1,5 @@
-// One JSON object on one line (RFC 8259), built member by member. Bytes
-// outside printable ASCII are written as \u00XX, so that any received text
-// gives valid JSON.
+// One JSON object on one line (RFC 8259), built member by member. Bytes outside printable ASCII are written
+// as \u00XX, so that any received text gives valid JSON.
 #pragma once
 
 #include <cstdint>

@@ -3,85 +3,118 @@
 #include "at-answers.hpp"
 
 #include <algorithm>
+#include <utility>
 
 namespace sim {
+namespace {
 
-static constexpr size_t longest_command = 512;
-static constexpr size_t longest_frame = 64;
-static constexpr uint8_t subsystem_dispatch = 0x4B;
-static constexpr uint8_t closing_flag = 0x7E;
+constexpr size_t longest_command = 512;
+constexpr size_t longest_frame = 64;
+constexpr std::array<uint8_t, 2> frame_start = {0x4B, 0x65};
+constexpr uint8_t closing_flag = 0x7E;
 
 // Subsystem 101, command 1, with its frame check sequence (RFC 1662).
-static const octets download_frame = {0x4B, 0x65, 0x01, 0x00, 0x54, 0x0F, 0x7E};
+const octets download_frame = {0x4B, 0x65, 0x01, 0x00, 0x54, 0x0F, 0x7E};
+
+const std::string refusal = "\r\nERROR\r\n";
+
+} // namespace
 
 void normal_engine::begin(uint32_t)
 {
-    input_.clear();
-    echo_ = true;
+    lines_.fill({});
 }
 
-size_t normal_engine::receive(view bytes)
+size_t normal_engine::receive(view bytes, unsigned channel)
 {
+    line &from = lines_[channel];
     size_t used = 0;
-    while (used < bytes.size() && state() == progress::busy) {
-        const uint8_t byte = bytes[used++];
-        input_.empty() ? take_first(byte) : take(byte);
-    }
+    noise_ = 0;
+    while (used < bytes.size() && state() == progress::busy)
+        take(from, bytes[used++]);
+    if (noise_ > 0)
+        bench_.log.received("noise", noise_);
     return used;
 }
 
-void normal_engine::take_first(uint8_t byte)
+void normal_engine::take_first(line &from, uint8_t byte)
 {
-    if (byte == '\r' || byte == '\n' || byte == ' ')
-        return;
-    if (byte != 'A' && byte != 'a' && byte != subsystem_dispatch)
-        return blame_host("neither an AT command nor a DIAG frame");
-    input_.push_back(byte);
+    if (byte == 'A' || byte == 'a' || byte == frame_start[0])
+        from.input.push_back(byte);
+    else if (byte != '\r' && byte != '\n' && byte != ' ')
+        noise_++;
 }
 
-void normal_engine::take(uint8_t byte)
+void normal_engine::take(line &from, uint8_t byte)
 {
-    const bool frame = input_.front() == subsystem_dispatch;
-    input_.push_back(byte);
-    if (frame && byte == closing_flag)
-        return take_frame();
-    if (!frame && byte == '\r') {
-        const std::string command(as_text(input_).substr(0, input_.size() - 1));
-        input_.clear();
-        return answer_command(command);
+    if (from.input.empty())
+        return take_first(from, byte);
+    if (from.input.front() == frame_start[0])
+        return take_frame_byte(from, byte);
+    if (byte == '\r')
+        return answer_command(from, std::string(as_text(std::exchange(from.input, {}))));
+    from.input.push_back(byte);
+    if (from.input.size() > longest_command)
+        noise_ += std::exchange(from.input, {}).size();
+}
+
+void normal_engine::take_frame_byte(line &from, uint8_t byte)
+{
+    if (from.input.size() == 1 && byte != frame_start[1]) {
+        noise_ += std::exchange(from.input, {}).size();
+        return take_first(from, byte);
     }
-    if (input_.size() > (frame ? longest_frame : longest_command))
-        blame_host(frame ? "DIAG frame without an end" : "AT command without an end");
+    from.input.push_back(byte);
+    if (byte == closing_flag)
+        return take_frame(std::exchange(from.input, {}));
+    if (from.input.size() > longest_frame)
+        noise_ += std::exchange(from.input, {}).size();
 }
 
-void normal_engine::answer_command(const std::string &command)
+void normal_engine::answer_command(line &from, const std::string &command)
 {
-    bench_.log.received("at", command.size() + 1, json_members().text("command", command));
     const std::string word = at_command_word(command);
-    if (!word.starts_with("AT"))
-        return blame_host("neither an AT command nor a DIAG frame");
-    const std::string echo = echo_ ? command + "\r" : "";
-    const std::string answer = find_at_answer(bench_.wanted.at_answers, command).value_or("\r\nERROR\r\n");
-    const std::string refusal = echo + "\r\nERROR\r\n";
-    if (word == "ATE0" || word == "ATE1")
-        echo_ = word == "ATE1";
-    const arrival came = arrived("host.at");
-    if (came == arrival::lost || answer.empty()) // the table may leave a command without any answer
+    if (!word.starts_with("AT")) {
+        noise_ += command.size();
         return;
-    const std::string whole = came == arrival::garbled ? refusal : echo + answer;
-    bench_.out.post({"at." + word, "at", to_octets(whole), to_octets(refusal),
-                     json_members().text("text", whole), 0, to_octets("\r\nNO CARRIER\r\n")});
+    }
+    bench_.log.received("at", command.size() + 1, json_members().text("command", command));
+    const std::string echo = from.echo ? command + "\r" : "";
+    const std::string text = find_at_answer(bench_.wanted.at_answers, command).value_or(refusal);
+    if (word == "ATE0" || word == "ATE1")
+        from.echo = word == "ATE1";
+    const arrival came = arrived("host.at");
+    if (came == arrival::lost || text.empty()) // the table may leave a command without any answer
+        return;
+    say_codes(bench_.wanted.at_before);
+    answer(word, echo, came == arrival::garbled ? refusal : text);
+    say_codes(bench_.wanted.at_after);
 }
 
-void normal_engine::take_frame()
+// A modem that takes its time has echoed the command at once.
+void normal_engine::answer(const std::string &word, const std::string &echo, const std::string &text)
 {
-    const octets frame = std::move(input_);
-    input_.clear();
+    const uint32_t delay = bench_.wanted.at_delay_ms;
+    if (delay != 0 && !echo.empty())
+        bench_.out.post({"at.ECHO", "echo", to_octets(echo), {}, json_members().text("text", echo)});
+    const std::string before = delay == 0 ? echo : "";
+    bench_.out.post({"at." + word, "at", to_octets(before + text), to_octets(before + refusal),
+                     json_members().text("text", before + text), delay, to_octets("\r\nNO CARRIER\r\n")});
+}
+
+// Unsolicited result codes, each a message of its own.
+void normal_engine::say_codes(const std::vector<std::string> &codes)
+{
+    for (const std::string &code : codes)
+        bench_.out.post({"at.CODE", "code", to_octets(code), {}, json_members().text("text", code)});
+}
+
+void normal_engine::take_frame(const octets &frame)
+{
     const bool known = frame == download_frame;
     bench_.log.received(known ? "download_mode" : "diag", frame.size());
-    if (!known)
-        return blame_host("DIAG frame that is not the download mode switch");
-    switch_to_download();
+    if (known)
+        switch_to_download();
 }
 
 // The switch has no answer: its faults change what becomes of the device.

@@ -8,6 +8,6 @@
 namespace sim {
 
 // Digits only (no sign, no blank), at most `max`; nothing otherwise.
-std::optional<uint64_t> parse_number(std::string_view text, uint64_t max);
+[[nodiscard]] std::optional<uint64_t> parse_number(std::string_view text, uint64_t max);
 
 } // namespace sim

@@ -13,9 +13,10 @@
 #include <vector>
 
 namespace sim {
+namespace {
 
 // A setter answers whether the value is good, or what is wrong with it.
-static constexpr const char *bad_value = "bad value";
+constexpr const char *bad_value = "bad value";
 
 using target = program_options;
 using setter = std::string (*)(target &, const char *);
@@ -26,7 +27,7 @@ template <typename T> struct choice {
 };
 
 template <typename T, size_t N>
-static std::string choose(T &out, const std::array<choice<T>, N> &choices, std::string_view text)
+std::string choose(T &out, const std::array<choice<T>, N> &choices, std::string_view text)
 {
     const auto found = std::ranges::find(choices, text, &choice<T>::name);
     if (found == choices.end())
@@ -35,7 +36,7 @@ static std::string choose(T &out, const std::array<choice<T>, N> &choices, std::
     return "";
 }
 
-template <typename T> static std::string number(T &out, const char *text, uint64_t min, uint64_t max)
+template <typename T> std::string number(T &out, const char *text, uint64_t min, uint64_t max)
 {
     const auto value = parse_number(text, max);
     if (!value || *value < min)
@@ -45,7 +46,7 @@ template <typename T> static std::string number(T &out, const char *text, uint64
 }
 
 // Seconds with at most three decimals, as milliseconds.
-static std::string seconds(uint64_t &out_ms, std::string_view text)
+std::string seconds(uint64_t &out_ms, std::string_view text)
 {
     const size_t point = text.find('.');
     const auto whole = parse_number(text.substr(0, point), 1000000);
@@ -60,7 +61,7 @@ static std::string seconds(uint64_t &out_ms, std::string_view text)
     return "";
 }
 
-static std::string add_at_answer(target &out, const char *text)
+std::string add_at_answer(target &out, const char *text)
 {
     auto answer = parse_at_answer(text);
     if (!answer)
@@ -69,7 +70,16 @@ static std::string add_at_answer(target &out, const char *text)
     return "";
 }
 
-static std::string add_fault(target &out, const char *text)
+std::string add_at_code(std::vector<std::string> &out, const char *text)
+{
+    auto code = parse_at_text(text);
+    if (!code || code->empty())
+        return "a text expected, with the escapes \\r \\n \\\\ \\xHH";
+    out.push_back(std::move(*code));
+    return "";
+}
+
+std::string add_fault(target &out, const char *text)
 {
     fault planned;
     std::string wrong = parse_fault(text, planned);
@@ -79,7 +89,7 @@ static std::string add_fault(target &out, const char *text)
 }
 
 // VID:PID, each in one to four hexadecimal digits.
-static std::string usb_identifier(usb_id &out, std::string_view text)
+std::string usb_identifier(usb_id &out, std::string_view text)
 {
     const size_t colon = text.find(':');
     const auto half = [](std::string_view digits, uint16_t &value) {
@@ -92,24 +102,24 @@ static std::string usb_identifier(usb_id &out, std::string_view text)
     return good ? "" : "two hexadecimal numbers expected, as in fff0:1001";
 }
 
-static std::string path(std::string &out, const char *text)
+std::string path(std::string &out, const char *text)
 {
     out = text;
     return out.empty() ? "a path is needed" : "";
 }
 
-static constexpr std::array<choice<stage>, 3> start_stages = {
+constexpr std::array<choice<stage>, 3> start_stages = {
     {{"normal", stage::normal}, {"sahara", stage::sahara}, {"firehose", stage::firehose}}};
-static constexpr std::array<choice<stage>, 4> last_stages = {{{"diag", stage::normal},
-                                                              {"sahara", stage::sahara},
-                                                              {"firehose", stage::firehose},
-                                                              {"reset", stage::firehose}}};
-static constexpr std::array<choice<uint32_t>, 2> request_widths = {{{"32", 32}, {"64", 64}}};
-static constexpr std::array<choice<read_order>, 4> orders = {{{"forward", read_order::forward},
-                                                              {"backward", read_order::backward},
-                                                              {"twice", read_order::twice},
-                                                              {"shuffle", read_order::shuffle}}};
-static constexpr std::array<choice<delivery>, 3> deliveries = {
+constexpr std::array<choice<stage>, 4> last_stages = {{{"diag", stage::normal},
+                                                       {"sahara", stage::sahara},
+                                                       {"firehose", stage::firehose},
+                                                       {"reset", stage::firehose}}};
+constexpr std::array<choice<uint32_t>, 2> request_widths = {{{"32", 32}, {"64", 64}}};
+constexpr std::array<choice<read_order>, 4> orders = {{{"forward", read_order::forward},
+                                                       {"backward", read_order::backward},
+                                                       {"twice", read_order::twice},
+                                                       {"shuffle", read_order::shuffle}}};
+constexpr std::array<choice<delivery>, 3> deliveries = {
     {{"whole", delivery::whole}, {"bytes", delivery::bytes}, {"glued", delivery::glued}}};
 
 struct option_row {
@@ -119,11 +129,11 @@ struct option_row {
     setter set;
 };
 
-static constexpr uint64_t max32 = UINT32_MAX;
-static constexpr uint64_t max_size = uint64_t{1} << 40;
+constexpr uint64_t max32 = UINT32_MAX;
+constexpr uint64_t max_size = uint64_t{1} << 40;
 
 // clang-format off
-static const auto rows = std::to_array<option_row>({
+const auto rows = std::to_array<option_row>({
     {"help", nullptr, "print this text and leave",
      [](target &o, const char *) { o.help = true; return std::string(); }},
     {"version", nullptr, "print the version and leave",
@@ -136,6 +146,8 @@ static const auto rows = std::to_array<option_row>({
      [](target &o, const char *) { o.device.stay = true; return std::string(); }},
     {"flash", "DIR", "keep what is flashed in DIR",
      [](target &o, const char *v) { return path(o.device.flash, v); }},
+    {"flash-from", "DIR", "with --flash: begin with what an earlier run left in DIR, and count on from there",
+     [](target &o, const char *v) { return path(o.device.flash_from, v); }},
     {"discard", nullptr, "only count data bytes, keep none",
      [](target &o, const char *) { o.device.discard = true; return std::string(); }},
     {"transcript", "FILE", "write the conversation to FILE, a JSON object a line",
@@ -152,7 +164,7 @@ static const auto rows = std::to_array<option_row>({
      [](target &o, const char *v) { return usb_identifier(o.usb.id, v); }},
     {"usb-port", "N", "with --usb: port of the virtual host controller to try first (default 0)",
      [](target &o, const char *v) { return number(o.usb.first_port, v, 0, 255); }},
-    {"usb-first", "MS", "with --usb: wait between the host's first fetch and the first message (default 100)",
+    {"usb-first", "MS", "with --usb: wait between the host's first fetch and the first message (default 0)",
      [](target &o, const char *v) { return number(o.usb.first_ms, v, 0, 60000); }},
     {"usb-away", "MS", "with --usb: how long a switch or a reset takes it off the bus (default 1000)",
      [](target &o, const char *v) { return number(o.usb.away_ms, v, 0, 600000); }},
@@ -170,6 +182,12 @@ static const auto rows = std::to_array<option_row>({
      [](target &o, const char *v) { return number(o.device.platform, v, 0, 2); }},
     {"at", "COMMAND=ANSWER", "whole answer to an AT command; escapes \\r \\n \\\\ \\xHH; may be repeated",
      add_at_answer},
+    {"at-delay", "MS", "every answer to an AT command that much later, the echo at once (default 0)",
+     [](target &o, const char *v) { return number(o.device.at_delay_ms, v, 0, 600000); }},
+    {"at-before", "TEXT", "an unsolicited result code before every answer; escapes as above; may be repeated",
+     [](target &o, const char *v) { return add_at_code(o.device.at_before, v); }},
+    {"at-after", "TEXT", "an unsolicited result code after every answer; may be repeated",
+     [](target &o, const char *v) { return add_at_code(o.device.at_after, v); }},
     {"no-hello", nullptr, "never send HELLO, wait for the host's response to it",
      [](target &o, const char *) { o.device.no_hello = true; return std::string(); }},
     {"hello-mode", "N", "mode of the HELLO (default 0; 2: asks to be sent back to download mode)",
@@ -197,6 +215,8 @@ static const auto rows = std::to_array<option_row>({
          o.device.done_status = status;
          return wrong;
      }},
+    {"plain-answers", nullptr, "the programmer says no log lines of its own, and answers without attributes",
+     [](target &o, const char *) { o.device.plain_answers = true; return std::string(); }},
     {"payload", "N", "refuse any other payload size with N as counter-offer",
      [](target &o, const char *v) {
          uint64_t size = 0;
@@ -204,11 +224,11 @@ static const auto rows = std::to_array<option_row>({
          o.device.payload = size;
          return wrong;
      }},
-    {"log-start", "N", "log messages when the programmer starts (default 0)",
+    {"log-start", "N", "more log messages when the programmer starts (default 0)",
      [](target &o, const char *v) { return number(o.device.log_start, v, 0, 1000); }},
-    {"log-before", "N", "log messages before every answer of the programmer (default 0)",
+    {"log-before", "N", "more log messages before every answer of the programmer (default 0)",
      [](target &o, const char *v) { return number(o.device.log_before, v, 0, 1000); }},
-    {"log-after", "N", "log messages after every answer of the programmer (default 0)",
+    {"log-after", "N", "more log messages after every answer of the programmer (default 0)",
      [](target &o, const char *v) { return number(o.device.log_after, v, 0, 1000); }},
     {"otp", "VALUE", "a value reported for getstorageinfo, sent as given; may be repeated",
      [](target &o, const char *v) { o.device.otp.emplace_back(v); return std::string(); }},
@@ -217,7 +237,7 @@ static const auto rows = std::to_array<option_row>({
 });
 // clang-format on
 
-static std::vector<struct option> getopt_table()
+std::vector<struct option> getopt_table()
 {
     std::vector<struct option> table;
     table.reserve(std::size(rows) + 1);
@@ -228,13 +248,13 @@ static std::vector<struct option> getopt_table()
 }
 
 // What the options say together.
-static std::string check_together(const target &options)
+std::string check_together(const target &options)
 {
     const settings &device = options.device;
     if (device.start > device.until)
         return "--start lies behind --until";
-    if (device.discard && device.flash.empty())
-        return "--discard without --flash";
+    if (device.flash.empty() && (device.discard || !device.flash_from.empty()))
+        return device.discard ? "--discard without --flash" : "--flash-from without --flash";
     const uint64_t blocks = device.programmer_size / device.read_size;
     if (blocks > most_reads)
         return "--read-size is too small for --programmer-size";
@@ -248,7 +268,7 @@ static std::string check_together(const target &options)
     return "";
 }
 
-static std::string complaint(char **argv, int code)
+std::string complaint(char **argv, int code)
 {
     const std::string word = argv[optind > 0 ? optind - 1 : 0];
     if (code == ':')
@@ -259,6 +279,53 @@ static std::string complaint(char **argv, int code)
         return "option " + word + " takes no value";
     return "unknown option " + word;
 }
+
+const char *const faults_help = R"(
+A fault strikes when the device is about to take STEP for the N-th time
+(@N, default the first time; @all: every time).
+
+  STEP      at.WORD (at.ATE0, at.AT#CGMM, ...), at.CODE (a result code that
+            nobody asked for), at.ECHO (with --at-delay), diag,
+            sahara.hello sahara.read sahara.end sahara.refusal sahara.done
+            sahara.qdl,
+            firehose.log firehose.nop firehose.configure firehose.program
+            firehose.data firehose.erase firehose.other firehose.otp
+            firehose.reset firehose.target-reset; and what the host sends:
+            host.at host.hello host.done host.qdl host.nop host.configure
+            host.program host.erase host.otp host.reset host.other
+  KIND      silence     nothing is sent, now and later
+            skip        this message is not sent
+            garbage     16 bytes that mean nothing instead
+            truncate    half the message; truncate:BYTES: its first bytes
+            overdue     the message only when the host has sent something more
+            split       every byte by itself
+            halves      in two writes, half each; halves:BYTES: the first that long
+            repeat      the message twice
+            twice       the message twice, in one write
+            glue        in one write with the message behind it
+            nul         the same, with a NUL byte between the two
+            wrong       a message of the same kind that means nothing
+            length:N, offset:N, bytes:N  (Sahara) a field that says N
+            late:MS     the message that much later
+            hangup      the port is closed; with --usb the device is unplugged
+            halt        with --usb: the endpoint answers STALL instead
+            nak         a refusal instead: ERROR, NAK, an error status
+                        (not sahara.hello, .read, .refusal, .qdl, firehose.log)
+  host steps: lost (never heard of), garbled (refused as nonsense).
+  diag takes silence, skip, late:MS and hangup: the modem does not switch, or
+  later. While data arrive, after BYTES bytes of the stage in all:
+            sahara.data-in=hangup@BYTES     firehose.data-in=hangup@BYTES
+            sahara.data-in=stall@BYTES      firehose.data-in=stall@BYTES
+            sahara.data-in=halt@BYTES       firehose.data-in=halt@BYTES
+            sahara.data-in=lost[:COUNT]@BYTES  and the same for firehose
+
+Exit status: 0 the conversation came to its end, or a signal or a planned
+hang-up ended it; 1 system error; 2 usage; 3 time-out.
+)";
+
+constexpr size_t help_column = 28;
+
+} // namespace
 
 std::string parse_options(int argc, char **argv, program_options &out)
 {
@@ -278,48 +345,6 @@ std::string parse_options(int argc, char **argv, program_options &out)
         return std::string("unexpected argument ") + argv[optind];
     return out.help || out.version ? "" : check_together(out);
 }
-
-static const char *const faults_help = R"(
-A fault strikes when the device is about to take STEP for the N-th time
-(@N, default the first time; @all: every time).
-
-  STEP      at.WORD (at.ATE0, at.AT#CGMM, ...), diag,
-            sahara.hello sahara.read sahara.end sahara.done sahara.qdl,
-            firehose.log firehose.nop firehose.configure firehose.program
-            firehose.data firehose.erase firehose.other firehose.otp
-            firehose.reset firehose.target-reset; and what the host sends:
-            host.at host.hello host.done host.qdl host.nop host.configure
-            host.program host.erase host.otp host.reset host.other
-  KIND      silence     nothing is sent, now and later
-            skip        this message is not sent
-            garbage     16 bytes that mean nothing instead
-            truncate    half the message; truncate:BYTES: its first bytes
-            overdue     the message only when the host has sent something more
-            split       every byte by itself
-            repeat      the message twice
-            twice       the message twice, in one write
-            glue        in one write with the message behind it
-            wrong       a message of the same kind that means nothing
-            length:N, offset:N, bytes:N  (Sahara) a field that says N
-            late:MS     the message that much later
-            hangup      the port is closed; with --usb the device is unplugged
-            halt        with --usb: the endpoint answers STALL instead
-            nak         a refusal instead: ERROR, NAK, an error status
-                        (not sahara.hello, .read, .qdl, firehose.log)
-  host steps: lost (never heard of), garbled (refused as nonsense).
-  diag takes silence, skip, late:MS and hangup: the modem does not switch, or
-  later. While data arrive, after BYTES bytes of the stage in all:
-            sahara.data-in=hangup@BYTES     firehose.data-in=hangup@BYTES
-            sahara.data-in=stall@BYTES      firehose.data-in=stall@BYTES
-            sahara.data-in=halt@BYTES       firehose.data-in=halt@BYTES
-            sahara.data-in=lost[:COUNT]@BYTES  and the same for firehose
-
-Exit status: 0 the conversation came to its end, or a signal or a planned
-hang-up ended it; 1 system error; 2 usage; 3 time-out; 4 the host broke the
-protocol.
-)";
-
-static constexpr size_t help_column = 28;
 
 std::string help_text()
 {

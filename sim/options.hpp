@@ -21,9 +21,9 @@ struct program_options {
     bool version = false;
 };
 
-// Empty: the command line was read into `out`. Otherwise one line, without a
-// line feed, that says what is wrong with it.
-std::string parse_options(int argc, char **argv, program_options &out);
+// Empty: the command line was read into `out`. Otherwise one line, without a line feed, that says what is
+// wrong with it.
+[[nodiscard]] std::string parse_options(int argc, char **argv, program_options &out);
 
 // The text of --help, made from the option table.
 std::string help_text();

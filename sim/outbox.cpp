@@ -4,19 +4,25 @@
 #include <utility>
 
 namespace sim {
+namespace {
 
 // Neither a packet, nor an answer, nor a final response.
-static const octets garbage_bytes = {0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A,
-                                     0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A};
+const octets garbage_bytes = {0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A,
+                              0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A, 0xA5, 0x5A};
 
-static octets shortened(const octets &bytes, uint64_t keep)
+// How long the first part of a message is that is cut: as planned, or half of it.
+size_t cut_at(const octets &bytes, uint64_t planned)
 {
-    const uint64_t wanted = keep == 0 ? bytes.size() / 2 : keep;
-    const auto size = static_cast<size_t>(std::min<uint64_t>(wanted, bytes.size()));
-    return octets(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size));
+    const uint64_t wanted = planned == 0 ? bytes.size() / 2 : planned;
+    return static_cast<size_t>(std::min<uint64_t>(wanted, bytes.size()));
 }
 
-static octets with_number(const message &it, const fault &what)
+octets shortened(const octets &bytes, uint64_t keep)
+{
+    return octets(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(cut_at(bytes, keep)));
+}
+
+octets with_number(const message &it, const fault &what)
 {
     octets bytes = it.bytes;
     for (const number_field &field : it.numbers)
@@ -24,6 +30,8 @@ static octets with_number(const message &it, const fault &what)
             bytes[field.at + i] = static_cast<uint8_t>(what.value >> (8 * i));
     return bytes;
 }
+
+} // namespace
 
 posted outbox::post(const message &it)
 {
@@ -43,6 +51,8 @@ posted outbox::spoil(const message &it, const fault &what)
         fall_silent();
         return posted::spoiled;
     case fault_kind::nak:
+        if (!it.reason.empty())
+            queue_other(it, "log", it.reason);
         queue_other(it, "nak", it.refusal);
         return posted::refused;
     case fault_kind::garbage:
@@ -76,7 +86,10 @@ posted outbox::send_changed(const message &it, const fault &what)
 {
     switch (what.kind) {
     case fault_kind::split:
-        queue_bytes(it, it.bytes);
+        queue_pieces(it, it.bytes, 1, 1);
+        return posted::whole;
+    case fault_kind::halves:
+        queue_pieces(it, it.bytes, cut_at(it.bytes, what.value), it.bytes.size());
         return posted::whole;
     case fault_kind::twice: {
         octets both = it.bytes;
@@ -85,12 +98,15 @@ posted outbox::send_changed(const message &it, const fault &what)
         return posted::whole;
     }
     case fault_kind::glue:
+    case fault_kind::nul:
     case fault_kind::overdue:
         queue(it, it.bytes);
-        if (!queue_.empty()) {
-            queue_.back().glued = what.kind == fault_kind::glue;
-            queue_.back().held = what.kind == fault_kind::overdue;
-        }
+        if (line().empty())
+            return posted::whole;
+        if (what.kind == fault_kind::nul)
+            line().back().unit.bytes.push_back(0);
+        line().back().glued = what.kind != fault_kind::overdue;
+        line().back().held = what.kind == fault_kind::overdue;
         return posted::whole;
     case fault_kind::wrong:
         queue_other(it, "wrong", it.wrong);
@@ -110,21 +126,26 @@ void outbox::queue(const message &it, octets bytes)
     if (bytes.empty())
         return;
     if (how_ == delivery::bytes)
-        return queue_bytes(it, bytes);
+        return queue_pieces(it, bytes, 1, 1);
     const size_t total = bytes.size();
-    queue_.push_back({log_.stage(), it.kind, it.fields, {.bytes = std::move(bytes)}, it.delay_ms, total});
+    line().push_back({log_.stage(), it.kind, it.fields, {.bytes = std::move(bytes)}, it.delay_ms, total});
 }
 
-void outbox::queue_bytes(const message &it, const octets &bytes)
+// In units of their own: the first one of `first` bytes, the others of `others`.
+void outbox::queue_pieces(const message &it, const octets &bytes, size_t first, size_t others)
 {
-    const size_t total = bytes.size();
-    for (size_t i = 0; i < total; i++)
-        queue_.push_back({log_.stage(),
+    for (size_t from = 0; from < bytes.size();) {
+        const bool begins = from == 0;
+        const size_t size = std::min(begins ? first : others, bytes.size() - from);
+        const auto start = bytes.begin() + static_cast<std::ptrdiff_t>(from);
+        line().push_back({log_.stage(),
                           it.kind,
-                          i == 0 ? it.fields : json_members(),
-                          {.bytes = {bytes[i]}},
-                          i == 0 ? it.delay_ms : 0,
-                          i == 0 ? total : 0});
+                          begins ? it.fields : json_members(),
+                          {.bytes = octets(start, start + static_cast<std::ptrdiff_t>(size))},
+                          begins ? it.delay_ms : 0,
+                          begins ? bytes.size() : 0});
+        from += size;
+    }
 }
 
 // Something else than the message: its fields would not be true.
@@ -140,15 +161,8 @@ void outbox::queue_other(const message &it, const char *kind, octets bytes)
 void outbox::queue_event(const char *kind, write_unit unit, uint32_t delay_ms)
 {
     if (!silent_)
-        queue_.push_back({log_.stage(), kind, {}, std::move(unit), delay_ms, 0});
+        line().push_back({log_.stage(), kind, {}, std::move(unit), delay_ms, 0});
     fall_silent();
-}
-
-outbox::entry outbox::pop()
-{
-    entry it = std::move(queue_.front());
-    queue_.pop_front();
-    return it;
 }
 
 void outbox::note(const entry &it)
@@ -159,17 +173,22 @@ void outbox::note(const entry &it)
         log_.sent(it.stage, it.kind, it.total, it.fields);
 }
 
-write_unit outbox::take()
+write_unit outbox::take(unsigned channel)
 {
+    auto &waiting = queues_[channel];
+    const auto pop = [&] {
+        entry it = std::move(waiting.front());
+        waiting.pop_front();
+        note(it);
+        return it;
+    };
     entry first = pop();
-    note(first);
     bool glued = how_ == delivery::glued || first.glued;
     if (!glued || first.is_event())
         return std::move(first.unit);
     write_unit unit = std::move(first.unit);
-    while (glued && !queue_.empty() && queue_.front().delay_ms == 0 && !queue_.front().is_event()) {
+    while (glued && !waiting.empty() && waiting.front().delay_ms == 0 && !waiting.front().is_event()) {
         const entry next = pop();
-        note(next);
         glued = how_ == delivery::glued || next.glued;
         unit.bytes.insert(unit.bytes.end(), next.unit.bytes.begin(), next.unit.bytes.end());
     }

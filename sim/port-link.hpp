@@ -13,7 +13,7 @@ class port_link {
     ~port_link();
 
     // Replaces an older symbolic link, but nothing else. False with errno set.
-    bool make(const std::string &path, const std::string &target);
+    [[nodiscard]] bool make(const std::string &path, const std::string &target);
 
   private:
     std::string path_;

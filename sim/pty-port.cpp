@@ -9,20 +9,23 @@
 #include <cstring>
 
 namespace sim {
+namespace {
 
-bool pty_port::failed(const char *what)
-{
-    error_ = std::string(what) + ": " + std::strerror(errno);
-    return false;
-}
-
-static bool make_raw(int fd)
+[[nodiscard]] bool make_raw(int fd)
 {
     struct termios attributes {};
     if (tcgetattr(fd, &attributes) != 0)
         return false;
     cfmakeraw(&attributes);
     return tcsetattr(fd, TCSANOW, &attributes) == 0;
+}
+
+} // namespace
+
+bool pty_port::failed(const char *what)
+{
+    error_ = std::string(what) + ": " + std::strerror(errno);
+    return false;
 }
 
 bool pty_port::open()
@@ -47,8 +50,8 @@ bool pty_port::open()
 
 bool pty_port::drained() const
 {
-    // poll and not FIONREAD: it first carries over what the kernel still holds
-    // between the two ends, so a unit just written is never taken for read.
+    // poll and not FIONREAD: it first carries over what the kernel still holds between the two ends, so a
+    // unit just written is never taken for read.
     struct pollfd waiting {
         slave_.get(), POLLIN, 0
     };

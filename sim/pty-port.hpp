@@ -1,6 +1,6 @@
-// A pseudo-terminal: the device holds the master, the host opens the slave by
-// its path. The port makes the slave raw itself and keeps a descriptor of it
-// open, so that the host may open and close it as often as it likes.
+// A pseudo-terminal: the device holds the master, the host opens the slave by its path. The port makes the
+// slave raw itself and keeps a descriptor of it open, so that the host may open and close it as often as it
+// likes.
 #pragma once
 
 #include "bytes.hpp"
@@ -14,18 +14,18 @@ namespace sim {
 class pty_port {
   public:
     // False: see error().
-    bool open();
+    [[nodiscard]] bool open();
     const std::string &error() const { return error_; }
     const std::string &path() const { return path_; }
     int master() const { return master_.get(); } // non-blocking; for poll
 
     // True when the host has read everything that was written.
     bool drained() const;
-    // Bytes read (0: none waiting); nothing when the host closed the slave
-    // (only after release_slave) or the line is broken.
-    std::optional<size_t> read(std::span<uint8_t> room);
+    // Bytes read (0: none waiting); nothing when the host closed the slave (only after release_slave) or the
+    // line is broken.
+    [[nodiscard]] std::optional<size_t> read(std::span<uint8_t> room);
     // Bytes written (0: no room now); nothing when the line is broken.
-    std::optional<size_t> write(view bytes);
+    [[nodiscard]] std::optional<size_t> write(view bytes);
 
     // From now on the host's last close is seen as a hang-up of the master.
     void release_slave() { slave_.reset(); }

@@ -12,13 +12,12 @@
 #include <vector>
 
 namespace sim {
-
-static constexpr uint64_t never = UINT64_MAX;
-static constexpr uint64_t drain_check_us = 300; // the kernel has no event for "was read"
-static constexpr uint64_t quiet_us = 20000;
-static constexpr size_t read_size = size_t{128} * 1024;
-
 namespace {
+
+constexpr uint64_t never = UINT64_MAX;
+constexpr uint64_t drain_check_us = 300; // the kernel has no event for "was read"
+constexpr uint64_t quiet_us = 20000;
+constexpr size_t read_size = size_t{128} * 1024;
 
 class server {
   public:
@@ -63,8 +62,8 @@ class server {
     served result_;
 };
 
-// The next unit may go at its delay; a second one without input between them
-// leaves the gap too, counted from the moment the host had read the first.
+// The next unit may go at its delay; a second one without input between them leaves the gap too, counted from
+// the moment the host had read the first.
 void server::schedule_head()
 {
     const uint64_t now = monotonic_us();
@@ -132,7 +131,7 @@ bool server::send_due()
         scheduled_ = false;
         answered_ = true;
         if (unit.hang_up) {
-            bus_.show(stage::ended);
+            static_cast<void>(bus_.show(stage::ended));
             port_.hang_up();
             return false;
         }
@@ -148,8 +147,8 @@ bool server::past_deadline()
     return true;
 }
 
-// At the end everything must be read before the master is closed, for that
-// throws unread bytes away; then the host is given time to close the port.
+// At the end everything must be read before the master is closed, for that throws unread bytes away; then the
+// host is given time to close the port.
 bool server::check_end()
 {
     if (!modem_.ended() || !modem_.idle() || !unsent_.empty())

@@ -4,8 +4,9 @@
 #include <utility>
 
 namespace sim {
+namespace {
 
-static void shuffle(std::vector<read_request> &reads)
+void shuffle(std::vector<read_request> &reads)
 {
     uint32_t state = 20011; // any fixed start gives the same order every time
     for (size_t i = reads.size(); i > 1; i--) {
@@ -13,6 +14,8 @@ static void shuffle(std::vector<read_request> &reads)
         std::swap(reads[i - 1], reads[(state >> 8) % i]);
     }
 }
+
+} // namespace
 
 std::vector<read_request> plan_reads(uint64_t size, uint64_t block, read_order order)
 {

@@ -16,8 +16,8 @@ struct read_request {
 // The most blocks a plan may have.
 inline constexpr uint64_t most_reads = 1U << 22;
 
-// `size` bytes in blocks of `block` (not 0), the last one shorter. The order
-// shuffle is the same in every run.
+// `size` bytes in blocks of `block` (not 0), the last one shorter. The order shuffle is the same in every
+// run.
 std::vector<read_request> plan_reads(uint64_t size, uint64_t block, read_order order);
 
 } // namespace sim

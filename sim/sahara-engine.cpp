@@ -4,12 +4,18 @@
 #include <array>
 
 namespace sim {
+namespace {
 
-static constexpr size_t header_size = 8;
-static constexpr uint32_t download_request = 240;
-static constexpr uint32_t largest_command = 0x400; // what HELLO announces
+constexpr size_t header_size = 8;
+constexpr uint32_t download_request = 240;
+constexpr uint32_t largest_command = 0x400; // what HELLO announces
 
-static octets packet_head(uint32_t command, uint32_t length)
+// Why the boot loader ends a transfer, as it reports it.
+constexpr uint32_t no_such_command_now = 1;
+constexpr uint32_t protocol_mismatch = 2;
+constexpr uint32_t bad_packet_size = 5;
+
+octets packet_head(uint32_t command, uint32_t length)
 {
     octets out;
     append_le32(out, command);
@@ -18,23 +24,23 @@ static octets packet_head(uint32_t command, uint32_t length)
 }
 
 // A packet without meaning, as long as it says.
-static octets unknown_packet(uint32_t length)
+octets unknown_packet(uint32_t length)
 {
     octets out = packet_head(99, length);
     out.resize(length, 0);
     return out;
 }
 
-static const number_field packet_length = {fault_kind::length, 4, 4};
+const number_field packet_length = {fault_kind::length, 4, 4};
 
-static std::vector<number_field> numbers_of_read_data(uint32_t request_bits)
+std::vector<number_field> numbers_of_read_data(uint32_t request_bits)
 {
     if (request_bits == 64)
         return {packet_length, {fault_kind::offset, 16, 8}, {fault_kind::bytes, 24, 8}};
     return {packet_length, {fault_kind::offset, 12, 4}, {fault_kind::bytes, 16, 4}};
 }
 
-static octets hello(const settings &wanted, uint32_t mode)
+octets hello(const settings &wanted, uint32_t mode)
 {
     octets out = packet_head(1, 48);
     append_le32(out, wanted.hello_version);
@@ -45,7 +51,7 @@ static octets hello(const settings &wanted, uint32_t mode)
     return out;
 }
 
-static octets read_data(const settings &wanted, const read_request &block)
+octets read_data(const settings &wanted, const read_request &block)
 {
     if (wanted.request_bits == 64) {
         octets out = packet_head(18, 32);
@@ -61,7 +67,7 @@ static octets read_data(const settings &wanted, const read_request &block)
     return out;
 }
 
-static octets end_image_tx(uint32_t image_id, uint32_t status)
+octets end_image_tx(uint32_t image_id, uint32_t status)
 {
     octets out = packet_head(4, 16);
     append_le32(out, image_id);
@@ -69,7 +75,7 @@ static octets end_image_tx(uint32_t image_id, uint32_t status)
     return out;
 }
 
-static octets done_response(uint32_t status)
+octets done_response(uint32_t status)
 {
     octets out = packet_head(6, 12);
     append_le32(out, status);
@@ -77,10 +83,33 @@ static octets done_response(uint32_t status)
 }
 
 // What the platform's boot loader reports after the one image it asked for.
-static uint32_t good_done_status(uint32_t platform)
+uint32_t good_done_status(uint32_t platform)
 {
     return platform == 0 ? 0 : 1;
 }
+
+bool lone_reset(view bytes)
+{
+    if (bytes.size() != header_size || read_le32(bytes, 4) != header_size)
+        return false;
+    return read_le32(bytes, 0) == 7 || read_le32(bytes, 0) == 19;
+}
+
+struct known_packet {
+    uint32_t command;
+    uint32_t length;
+    const char *kind;
+};
+
+constexpr std::array<known_packet, 5> known_packets = {{
+    {2, 48, "hello_response"},
+    {5, 8, "done"},
+    {7, 8, "reset"},
+    {19, 8, "reset_state_machine"},
+    {download_request, 8, "enter_download"},
+}};
+
+} // namespace
 
 sahara_engine::sahara_engine(workbench &bench)
     : engine(bench), mode_(bench.wanted.hello_mode),
@@ -121,14 +150,7 @@ uint64_t sahara_engine::input_limit() const
     return block_left_ > 0 ? guard_.limit() : UINT64_MAX;
 }
 
-static bool lone_reset(view bytes)
-{
-    if (bytes.size() != header_size || read_le32(bytes, 4) != header_size)
-        return false;
-    return read_le32(bytes, 0) == 7 || read_le32(bytes, 0) == 19;
-}
-
-size_t sahara_engine::receive(view bytes)
+size_t sahara_engine::receive(view bytes, unsigned)
 {
     size_t used = 0;
     while (used < bytes.size() && state() == progress::busy) {
@@ -137,13 +159,24 @@ size_t sahara_engine::receive(view bytes)
             used += lost;
             continue;
         }
-        const bool gave_up = block_left_ > header_size && lone_reset(rest);
+        const bool gave_up = lone_reset(rest) && (block_left_ > header_size || !packet_.empty());
+        if (gave_up)
+            packet_.clear();
         const size_t taken = block_left_ > 0 && !gave_up ? take_data(rest) : take_packet_bytes(rest);
         if (input_limit() == 0)
             return used + taken; // stalled
         used += taken;
     }
     return used;
+}
+
+void sahara_engine::end_transfer()
+{
+    if (packet_.empty())
+        return;
+    bench_.log.received("bad_packet", packet_.size());
+    refuse(bad_packet_size, "a transfer of " + std::to_string(packet_.size()) + " bytes that is no packet");
+    packet_.clear();
 }
 
 size_t sahara_engine::take_data(view bytes)
@@ -170,36 +203,29 @@ size_t sahara_engine::take_packet_bytes(view bytes)
     const size_t wanted = packet_.size() < header_size ? header_size : read_le32(packet_, 4);
     const size_t size = std::min(bytes.size(), wanted - packet_.size());
     packet_.insert(packet_.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size));
-    if (packet_.size() >= header_size)
-        take_packet();
-    return size;
+    return size + (packet_.size() < header_size ? 0 : take_packet(bytes.size() - size));
 }
 
-struct known_packet {
-    uint32_t command;
-    uint32_t length;
-    const char *kind;
-};
-
-static constexpr std::array<known_packet, 5> known_packets = {{
-    {2, 48, "hello_response"},
-    {5, 8, "done"},
-    {7, 8, "reset"},
-    {19, 8, "reset_state_machine"},
-    {download_request, 8, "enter_download"},
-}};
-
-void sahara_engine::take_packet()
+// `behind` bytes came together with what there is of the packet; answers how many of them are nothing.
+size_t sahara_engine::take_packet(size_t behind)
 {
     const uint32_t command = read_le32(packet_, 0);
+    const uint32_t length = read_le32(packet_, 4);
     const auto known = std::ranges::find(known_packets, command, &known_packet::command);
-    if (known == known_packets.end())
-        return blame_host("unknown packet " + std::to_string(command));
-    if (read_le32(packet_, 4) != known->length)
-        return blame_host(std::string(known->kind) + " packet with length " +
-                          std::to_string(read_le32(packet_, 4)));
+    const bool good = known != known_packets.end() && length == known->length;
+    if (!good) {
+        bench_.log.received("bad_packet", packet_.size() + behind, json_members().number("command", command));
+        known == known_packets.end()
+            ? refuse(no_such_command_now, "unknown packet " + std::to_string(command))
+            : refuse(bad_packet_size,
+                     std::string(known->kind) + " packet with length " + std::to_string(length));
+        packet_.clear();
+        // What has no plausible length is no packet, and neither is what came with it.
+        const bool plausible = length >= header_size && length <= largest_command;
+        return plausible ? std::min<size_t>(behind, length - header_size) : behind;
+    }
     if (packet_.size() < known->length)
-        return;
+        return 0;
     using handler = void (sahara_engine::*)();
     static constexpr std::array<handler, 5> handlers = {
         &sahara_engine::take_hello_response, &sahara_engine::take_done, &sahara_engine::take_reset,
@@ -208,47 +234,61 @@ void sahara_engine::take_packet()
         bench_.log.received(known->kind, known->length);
     (this->*handlers[static_cast<size_t>(known - known_packets.begin())])();
     packet_.clear();
+    return 0;
+}
+
+void sahara_engine::refuse(uint32_t status, const std::string &why)
+{
+    phase_ = phase::refused;
+    bench_.log.event("refused", json_members().text("why", why));
+    report_end("sahara.refusal", status);
 }
 
 bool sahara_engine::awaits(phase wanted, const char *packet)
 {
     if (phase_ == wanted)
         return true;
-    blame_host(std::string(packet) + " at the wrong time");
+    refuse(no_such_command_now, std::string(packet) + " at the wrong time");
     return false;
 }
 
-// False when the packet was lost, or came garbled, which the boot loader reports as a failed image.
+// False when the packet was lost, or came garbled.
 bool sahara_engine::heard(const char *step)
 {
     const arrival came = arrived(step);
-    if (came == arrival::garbled) {
-        phase_ = phase::left;
-        report_end(1);
-    }
+    if (came == arrival::garbled)
+        refuse(no_such_command_now, "a garbled packet");
     return came == arrival::whole;
+}
+
+// Whether the two have a version in common. The boot loader's own is that of its HELLO.
+bool sahara_engine::speaks_with(uint32_t version, uint32_t compatible) const
+{
+    return version >= bench_.wanted.hello_compatible && compatible <= bench_.wanted.hello_version;
 }
 
 void sahara_engine::take_hello_response()
 {
     const uint32_t version = read_le32(packet_, 8);
     const uint32_t compatible = read_le32(packet_, 12);
+    const uint32_t status = read_le32(packet_, 16);
+    const uint32_t mode = read_le32(packet_, 20);
     bench_.log.received("hello_response", packet_.size(),
                         json_members()
                             .number("version", version)
                             .number("compatible", compatible)
-                            .number("status", read_le32(packet_, 16))
-                            .number("mode", read_le32(packet_, 20)));
+                            .number("status", status)
+                            .number("mode", mode));
     if (!awaits(phase::hello, "HELLO response") || !heard("host.hello"))
         return;
-    // A host that saw no HELLO has no version to echo and says 2 and 1.
-    if (version != (said_hello_ ? bench_.wanted.hello_version : 2) ||
-        compatible != (said_hello_ ? bench_.wanted.hello_compatible : 1))
-        return blame_host("HELLO response with another version");
-    if (!std::all_of(packet_.begin() + 16, packet_.end(), [](uint8_t byte) { return byte == 0; }))
-        return blame_host("HELLO response with a status, mode or reserved field that is not 0");
+    if (!speaks_with(version, compatible))
+        return refuse(protocol_mismatch, "HELLO response with a version that is not spoken here");
+    if (status != 0)
+        return refuse(no_such_command_now, "HELLO response with status " + std::to_string(status));
+    if (mode != 0 && mode != mode_)
+        return refuse(no_such_command_now, "HELLO response with mode " + std::to_string(mode));
     if (mode_ == 2 && said_hello_)
-        return blame_host("HELLO response in mode 2");
+        return refuse(no_such_command_now, "HELLO response in mode 2");
     if (!stored(bench_.store.open_programmer()))
         return;
     reads_ = plan_reads(bench_.wanted.programmer_size, bench_.wanted.read_size, bench_.wanted.order);
@@ -287,14 +327,14 @@ void sahara_engine::end_image()
 {
     if (!stored(bench_.store.close_programmer()))
         return;
-    phase_ = phase::done;
-    report_end(bench_.wanted.end_status);
+    phase_ = bench_.wanted.end_status == 0 ? phase::done : phase::refused;
+    report_end("sahara.end", bench_.wanted.end_status);
 }
 
-void sahara_engine::report_end(uint32_t status)
+void sahara_engine::report_end(const char *step, uint32_t status)
 {
     const uint32_t id = bench_.wanted.image_id;
-    bench_.out.post({"sahara.end",
+    bench_.out.post({step,
                      "end_image",
                      end_image_tx(id, status),
                      end_image_tx(id, 1),
@@ -318,12 +358,12 @@ void sahara_engine::take_done()
                                          0,
                                          unknown_packet(12),
                                          {packet_length}});
-    // Only a host that was told so goes on to the programmer; another one
-    // gives up and resets the boot loader, which therefore stays here.
+    // Only a host that was told so goes on to the programmer; another one gives up and resets the boot
+    // loader, which therefore stays here.
     if (sent == posted::whole && status == good)
         finish(progress::done);
     else
-        phase_ = phase::left;
+        phase_ = phase::refused;
 }
 
 void sahara_engine::take_state_reset()
@@ -341,7 +381,7 @@ void sahara_engine::take_download_request()
     if (!awaits(phase::hello, "enter download mode"))
         return;
     if (mode_ != 2)
-        return blame_host("enter download mode although the HELLO mode is not 2");
+        return refuse(no_such_command_now, "enter download mode although the HELLO mode is not 2");
     if (arrived("host.qdl") != arrival::whole)
         return;
     bench_.out.post({"sahara.qdl",

@@ -1,14 +1,16 @@
-// The boot loader: says HELLO, asks for the programmer block by block, ends the
-// image and leaves to the programmer after DONE.
+// The boot loader: says HELLO, asks for the programmer block by block, ends the image and leaves to the
+// programmer after DONE.
 //
 //   begin -> HELLO, wait for its response
 //   HELLO response -> READ_DATA, the block, READ_DATA, ... END_IMAGE_TX
 //   DONE -> DONE response, stage done
 //   RESET_STATE_MACHINE -> begin again; RESET -> the device leaves
 //   HELLO in mode 2: command 240 -> 241, begin again in mode 0
+//   anything else, also a transfer that is no whole packet -> END_IMAGE_TX with a status that is not 0; the
+//   same again until one of the two resets
 //
-// A RESET or RESET_STATE_MACHINE that arrives alone in the middle of a block is
-// obeyed: a host that gave up has nothing else to say.
+// A RESET or RESET_STATE_MACHINE that arrives alone in the middle of a block or of a packet is obeyed: a host
+// that gave up has nothing else to say.
 #pragma once
 
 #include "data-guard.hpp"
@@ -24,15 +26,16 @@ class sahara_engine : public engine {
     explicit sahara_engine(workbench &bench);
 
     void begin(uint32_t delay_ms) override;
-    size_t receive(view bytes) override;
+    size_t receive(view bytes, unsigned channel) override;
+    void end_transfer() override;
     uint64_t input_limit() const override;
 
   private:
-    enum class phase { hello, data, done, left };
+    enum class phase { hello, data, done, refused };
 
     size_t take_packet_bytes(view bytes);
     size_t take_data(view bytes);
-    void take_packet();
+    size_t take_packet(size_t behind);
     void take_hello_response();
     void take_download_request();
     void take_done();
@@ -43,9 +46,11 @@ class sahara_engine : public engine {
     void next_request();
     void ask(const read_request &wanted);
     void end_image();
-    void report_end(uint32_t status);
-    bool awaits(phase wanted, const char *packet);
-    bool heard(const char *step);
+    void report_end(const char *step, uint32_t status);
+    void refuse(uint32_t status, const std::string &why);
+    [[nodiscard]] bool awaits(phase wanted, const char *packet);
+    [[nodiscard]] bool heard(const char *step);
+    bool speaks_with(uint32_t version, uint32_t compatible) const;
 
     phase phase_ = phase::hello;
     uint32_t mode_; // of the HELLO to come

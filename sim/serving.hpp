@@ -1,5 +1,4 @@
-// What the fronts of the simulated modem have in common: how long they wait,
-// and how a conversation ended.
+// What the fronts of the simulated modem have in common: how long they wait, and how a conversation ended.
 #pragma once
 
 #include "device.hpp"
@@ -17,8 +16,7 @@ struct serve_limits {
     uint32_t linger_ms = 5000; // at the end: for the host to close the port, or to fetch what waits
 };
 
-// How the conversation ended, or that a planned hang-up or a readable stop
-// descriptor ended it.
+// How the conversation ended, or that a planned hang-up or a readable stop descriptor ended it.
 struct served {
     ending how = ending::complete;
     std::string trouble; // one line when `how` is not complete

@@ -1,5 +1,5 @@
-// What the simulated modem is asked to be: plain values, filled by the option
-// parser of the program or by a test.
+// What the simulated modem is asked to be: plain values, filled by the option parser of the program or by a
+// test.
 #pragma once
 
 #include "fault-plan.hpp"
@@ -22,8 +22,12 @@ struct settings {
     stage until = stage::firehose; // the last stage to complete
     bool stay = false;             // after the power reset: normal mode again
 
-    // Normal mode: the whole answer to a command, and how every answer is echoed
+    // Normal mode: the whole answer to a command, how long it takes, and the unsolicited result codes around
+    // it
     std::vector<std::pair<std::string, std::string>> at_answers;
+    uint32_t at_delay_ms = 0;
+    std::vector<std::string> at_before;
+    std::vector<std::string> at_after;
 
     // Boot loader
     uint32_t hello_mode = 0;
@@ -40,6 +44,7 @@ struct settings {
     std::optional<uint32_t> done_status; // the platform's own when missing
 
     // Programmer
+    bool plain_answers = false;      // no log lines, no attributes, but what must be
     std::optional<uint64_t> payload; // counter-offer
     uint32_t log_start = 0;
     uint32_t log_before = 0;
@@ -50,6 +55,7 @@ struct settings {
     delivery how = delivery::whole;
     std::vector<fault> faults;
     std::string flash;
+    std::string flash_from; // what an earlier run left
     bool discard = false;
 };
 

@@ -1,5 +1,5 @@
-// The transcript of a conversation: one JSON object a line, flushed at once, so
-// that a test can read it while the run goes on.
+// The transcript of a conversation: one JSON object a line, flushed at once, so that a test can read it while
+// the run goes on.
 //
 //   t       seconds since the start, monotonic
 //   dir     "rx" (host to device), "tx" (device to host), "event" (the device itself)
@@ -7,8 +7,7 @@
 //   kind    "hello", "read_data", "program", "data", "ack", "fault", "stage", ...
 //   length  bytes on the wire; missing in events
 //
-// followed by the fields of the kind. Owns the FILE; without a file every call
-// does nothing.
+// followed by the fields of the kind. Owns the FILE; without a file every call does nothing.
 #pragma once
 
 #include "bytes.hpp"
@@ -28,9 +27,9 @@ class transcript {
     transcript();
 
     // False with errno set when the file cannot be made.
-    bool open(const std::string &path);
+    [[nodiscard]] bool open(const std::string &path);
     // The bytes themselves, all that the host sent, into a file of their own. False as above.
-    bool open_record(const std::string &path);
+    [[nodiscard]] bool open_record(const std::string &path);
     void record(view bytes);
     // For tests: lines go to `sink` instead of a file.
     void set_sink(std::function<void(const std::string &)> sink) { sink_ = std::move(sink); }

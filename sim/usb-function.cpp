@@ -5,63 +5,71 @@
 #include <string_view>
 
 namespace sim {
+namespace {
 
 // bRequest
-static constexpr uint8_t get_status = 0;
-static constexpr uint8_t clear_feature = 1;
-static constexpr uint8_t set_feature = 3;
-static constexpr uint8_t get_descriptor = 6;
-static constexpr uint8_t get_configuration = 8;
-static constexpr uint8_t set_configuration = 9;
-static constexpr uint8_t get_interface = 10;
-static constexpr uint8_t set_interface = 11;
-static constexpr uint8_t set_control_line_state =
-    0x22; // CDC PSTN 6.3.12, which serial drivers send to anything
+constexpr uint8_t get_status = 0;
+constexpr uint8_t clear_feature = 1;
+constexpr uint8_t set_feature = 3;
+constexpr uint8_t get_descriptor = 6;
+constexpr uint8_t get_configuration = 8;
+constexpr uint8_t set_configuration = 9;
+constexpr uint8_t get_interface = 10;
+constexpr uint8_t set_interface = 11;
+constexpr uint8_t set_control_line_state = 0x22; // CDC PSTN 6.3.12, which serial drivers send to anything
 
 // bmRequestType
-static constexpr uint8_t direction_in = 0x80;
-static constexpr uint8_t type_mask = 0x60;
-static constexpr uint8_t type_standard = 0x00;
-static constexpr uint8_t class_to_interface = 0x21;
-static constexpr uint8_t recipient_mask = 0x1F;
-static constexpr uint8_t to_device = 0;
-static constexpr uint8_t to_endpoint = 2;
+constexpr uint8_t direction_in = 0x80;
+constexpr uint8_t type_mask = 0x60;
+constexpr uint8_t type_standard = 0x00;
+constexpr uint8_t class_to_interface = 0x21;
+constexpr uint8_t recipient_mask = 0x1F;
+constexpr uint8_t to_device = 0;
+constexpr uint8_t to_endpoint = 2;
 
-static constexpr uint16_t endpoint_halt = 0;
+constexpr uint16_t endpoint_halt = 0;
 
 // bDescriptorType
-static constexpr uint8_t device_type = 1;
-static constexpr uint8_t configuration_type = 2;
-static constexpr uint8_t string_type = 3;
-static constexpr uint8_t interface_type = 4;
-static constexpr uint8_t endpoint_type = 5;
-static constexpr uint8_t qualifier_type = 6;
+constexpr uint8_t device_type = 1;
+constexpr uint8_t configuration_type = 2;
+constexpr uint8_t string_type = 3;
+constexpr uint8_t interface_type = 4;
+constexpr uint8_t endpoint_type = 5;
+constexpr uint8_t qualifier_type = 6;
 
-static constexpr uint8_t vendor_class = 0xFF;
-static constexpr uint8_t bulk = 2;
-static constexpr uint8_t control_packet_size = 64;
-static constexpr uint8_t bus_powered = 0x80;
-static constexpr uint8_t half_an_ampere = 250; // units of 2 mA
+constexpr uint8_t vendor_class = 0xFF;
+constexpr uint8_t bulk = 2;
+constexpr uint8_t control_packet_size = 64;
+constexpr uint8_t bus_powered = 0x80;
+constexpr uint8_t half_an_ampere = 250; // units of 2 mA
 
-static constexpr std::array<std::string_view, 3> strings = {"kestrel", "simulated modem", "0123456789"};
+constexpr std::array<std::string_view, 3> strings = {"kestrel", "simulated modem", "0123456789"};
 
-static uint8_t low(uint16_t value)
+uint8_t low(uint16_t value)
 {
     return static_cast<uint8_t>(value);
 }
 
-static uint8_t high(uint16_t value)
+uint8_t high(uint16_t value)
 {
     return static_cast<uint8_t>(value >> 8);
 }
 
-static uint16_t word(const usb_setup &setup, size_t at)
+uint16_t word(const usb_setup &setup, size_t at)
 {
     return static_cast<uint16_t>(setup[at] | setup[at + 1] << 8);
 }
 
-static const control_answer done{};
-static const control_answer stall{-EPIPE, {}};
+const control_answer done{};
+const control_answer stall{-EPIPE, {}};
+
+void append_endpoint(octets &out, uint8_t address)
+{
+    const octets bytes = {7, endpoint_type, address, bulk, low(bulk_packet_size), high(bulk_packet_size), 0};
+    out.insert(out.end(), bytes.begin(), bytes.end());
+}
+
+} // namespace
 
 octets usb_function::device_descriptor() const
 {
@@ -88,12 +96,6 @@ octets usb_function::device_descriptor() const
 octets usb_function::qualifier_descriptor() const
 {
     return {10, qualifier_type, 0x00, 0x02, 0, 0, 0, control_packet_size, 1, 0};
-}
-
-static void append_endpoint(octets &out, uint8_t address)
-{
-    const octets bytes = {7, endpoint_type, address, bulk, low(bulk_packet_size), high(bulk_packet_size), 0};
-    out.insert(out.end(), bytes.begin(), bytes.end());
 }
 
 octets usb_function::configuration_descriptor() const

@@ -1,7 +1,6 @@
-// What the modem is on the bus: its descriptors and its answers to control
-// requests (USB 2.0 chapter 9). Every interface is of the vendor's class and
-// has one bulk pair: interface 0 endpoints 0x81 and 0x01, interface 1 0x82 and
-// 0x02, and so on, the IN endpoint first.
+// What the modem is on the bus: its descriptors and its answers to control requests (USB 2.0 chapter 9).
+// Every interface is of the vendor's class and has one bulk pair: interface 0 endpoints 0x81 and 0x01,
+// interface 1 0x82 and 0x02, and so on, the IN endpoint first.
 #pragma once
 
 #include "usbip.hpp"

@@ -15,14 +15,13 @@
 #include <vector>
 
 namespace sim {
-
-static constexpr uint64_t never = UINT64_MAX;
-static constexpr uint64_t quiet_us = 20000;
-static constexpr uint8_t direction_in = 0x80;
-static constexpr uint8_t diagnostic_endpoint = 1;
-static constexpr std::array<uint8_t, 2> frame_start = {0x4B, 0x65};
-
 namespace {
+
+constexpr uint64_t never = UINT64_MAX;
+constexpr uint64_t quiet_us = 20000;
+constexpr uint8_t direction_in = 0x80;
+constexpr uint8_t diagnostic_endpoint = 1;
+constexpr std::array<uint8_t, 2> frame_start = {0x4B, 0x65};
 
 // A transfer that the host submitted and that is not complete.
 struct transfer {
@@ -31,6 +30,21 @@ struct transfer {
     uint8_t endpoint = 0;
     uint32_t length = 0;
 };
+
+// What goes to the host on one interface.
+struct outgoing {
+    octets unsent; // the rest of a unit that is longer than the host's transfer
+    bool scheduled = false;
+    uint64_t due = 0;
+    uint64_t sent_at = 0;
+    bool answered = false; // a unit was sent since the last input
+};
+
+// Interface and channel of the device have one number, the endpoints are one higher.
+uint8_t endpoint_of(unsigned channel)
+{
+    return static_cast<uint8_t>(channel + 1);
+}
 
 class server {
   public:
@@ -64,8 +78,10 @@ class server {
 
     // To the host
     bool send_due();
-    bool send_unit(write_unit unit);
-    bool send_rest();
+    bool send_channel(unsigned channel);
+    bool send_unit(unsigned channel, write_unit unit);
+    bool send_rest(unsigned channel);
+    bool all_fetched() const;
     bool halt_endpoint(uint8_t address);
     bool complete(const transfer &it, int32_t status, uint32_t moved, view data = {});
     bool reply(view header, view data = {});
@@ -96,12 +112,7 @@ class server {
 
     std::vector<uint8_t> body_;
     std::deque<transfer> pending_;
-    uint8_t answer_endpoint_ = 1; // where the host spoke last
-    octets unsent_;               // the rest of a unit that is longer than the host's transfer
-    bool scheduled_ = false;
-    uint64_t due_ = 0;
-    uint64_t sent_at_ = 0;
-    bool answered_ = false; // a unit was sent since the last input
+    std::array<outgoing, most_channels> outgoing_;
     uint64_t last_input_ = 0;
     uint64_t wake_ = never;
     uint64_t deadline_ = never;
@@ -125,10 +136,7 @@ void server::disappear()
     log_.event("unplugged");
     face_ = face::none;
     pending_.clear();
-    unsent_.clear();
-    scheduled_ = false;
-    answered_ = false;
-    answer_endpoint_ = 1;
+    outgoing_.fill({});
     leave_at_ = never;
     first_at_ = 0;
     appear_at_ = monotonic_us() + uint64_t{usb_.away_ms} * 1000;
@@ -148,8 +156,7 @@ bool server::follow_stage()
         // The switch to download mode is at once; otherwise the host may fetch the last answers.
         if (leave_at_ == never)
             leave_at_ = wanted == face::download ? now : now + uint64_t{limits_.linger_ms} * 1000;
-        const bool fetched = modem_.idle() && unsent_.empty();
-        if (!fetched && now < leave_at_) {
+        if (!all_fetched() && now < leave_at_) {
             wake_ = std::min(wake_, leave_at_);
             return true;
         }
@@ -207,36 +214,45 @@ bool server::halt_endpoint(uint8_t address)
     return true;
 }
 
-// Gives what is left of the unit to the transfers that wait for it.
-bool server::send_rest()
+bool server::all_fetched() const
 {
-    while (!unsent_.empty()) {
-        const auto found = find_pending(true, answer_endpoint_);
+    for (unsigned channel = 0; channel < most_channels; channel++)
+        if (!modem_.idle(channel) || !outgoing_[channel].unsent.empty())
+            return false;
+    return true;
+}
+
+// Gives what is left of the unit to the transfers that wait for it.
+bool server::send_rest(unsigned channel)
+{
+    outgoing &line = outgoing_[channel];
+    while (!line.unsent.empty()) {
+        const auto found = find_pending(true, endpoint_of(channel));
         if (found == pending_.end())
             return true;
         const transfer it = *found;
         pending_.erase(found);
-        const auto size = static_cast<uint32_t>(std::min<size_t>(unsent_.size(), it.length));
-        if (!complete(it, 0, size, view(unsent_).first(size)))
+        const auto size = static_cast<uint32_t>(std::min<size_t>(line.unsent.size(), it.length));
+        if (!complete(it, 0, size, view(line.unsent).first(size)))
             return false;
-        unsent_.erase(unsent_.begin(), unsent_.begin() + static_cast<std::ptrdiff_t>(size));
+        line.unsent.erase(line.unsent.begin(), line.unsent.begin() + static_cast<std::ptrdiff_t>(size));
     }
-    sent_at_ = monotonic_us();
+    line.sent_at = monotonic_us();
     return true;
 }
 
-bool server::send_unit(write_unit unit)
+bool server::send_unit(unsigned channel, write_unit unit)
 {
     if (unit.hang_up) {
         disappear();
         return false;
     }
     if (unit.halt_in)
-        return halt_endpoint(direction_in | answer_endpoint_);
+        return halt_endpoint(direction_in | endpoint_of(channel));
     if (unit.halt_out)
-        return halt_endpoint(answer_endpoint_);
-    unsent_ = std::move(unit.bytes);
-    return send_rest();
+        return halt_endpoint(endpoint_of(channel));
+    outgoing_[channel].unsent = std::move(unit.bytes);
+    return send_rest(channel);
 }
 
 // Sends what may be sent now; false ends the service.
@@ -244,24 +260,33 @@ bool server::send_due()
 {
     if (face_ == face::none || (face_ == face::modem && modem_.where() != stage::normal))
         return true; // what waits is for the download device
-    if (!unsent_.empty() && !send_rest())
+    for (unsigned channel = 0; channel < most_channels; channel++)
+        if (!send_channel(channel))
+            return false;
+    return true;
+}
+
+bool server::send_channel(unsigned channel)
+{
+    outgoing &line = outgoing_[channel];
+    if (!line.unsent.empty() && !send_rest(channel))
         return false;
-    while (unsent_.empty() && !modem_.idle()) {
+    while (line.unsent.empty() && !modem_.idle(channel)) {
         const uint64_t now = monotonic_us();
-        if (!scheduled_)
-            due_ = now + uint64_t{modem_.delay_ms()} * 1000;
-        scheduled_ = true;
-        const uint64_t gap_end = answered_ ? sent_at_ + uint64_t{limits_.gap_ms} * 1000 : 0;
-        const uint64_t next = std::max({due_, gap_end, first_at_});
-        if (!modem_.event_is_next() && find_pending(true, answer_endpoint_) == pending_.end())
+        if (!line.scheduled)
+            line.due = now + uint64_t{modem_.delay_ms(channel)} * 1000;
+        line.scheduled = true;
+        const uint64_t gap_end = line.answered ? line.sent_at + uint64_t{limits_.gap_ms} * 1000 : 0;
+        const uint64_t next = std::max({line.due, gap_end, first_at_});
+        if (!modem_.event_is_next(channel) && find_pending(true, endpoint_of(channel)) == pending_.end())
             return true; // until the host asks
         if (now < next) {
             wake_ = std::min(wake_, next);
             return true;
         }
-        scheduled_ = false;
-        answered_ = true;
-        if (!send_unit(modem_.take()))
+        line.scheduled = false;
+        line.answered = true;
+        if (!send_unit(channel, modem_.take(channel)))
             return false;
     }
     return true;
@@ -317,8 +342,8 @@ bool server::take_out(const usbip_command &command)
         return true;
     }
     last_input_ = monotonic_us();
-    answered_ = false;
-    answer_endpoint_ = command.endpoint;
+    const unsigned channel = command.endpoint - 1U;
+    outgoing_[channel].answered = false;
     if (!is_heard(command.endpoint, data)) {
         log_.event("ignored", json_members().number("endpoint", command.endpoint));
         return complete(it, 0, command.length);
@@ -327,9 +352,11 @@ bool server::take_out(const usbip_command &command)
         const auto part = static_cast<size_t>(std::min<uint64_t>(modem_.input_limit(), data.size()));
         if (part == 0)
             break;
-        modem_.receive(data.first(part));
+        modem_.receive(data.first(part), channel);
         data = data.subspan(part);
     }
+    if (data.empty())
+        modem_.end_transfer();
     if (data.empty() && modem_.input_limit() != 0)
         return complete(it, 0, command.length);
     pending_.push_back(it);
@@ -351,7 +378,7 @@ bool server::read_command()
     if (!read_all(header))
         return false;
     const auto command = decode_command(header);
-    if (!command)
+    if (!command || command->endpoint > most_channels)
         return fail(ending::system_error, "the virtual bus: a message that makes no sense");
     if (body_.size() < command->body_size())
         body_.resize(command->body_size());

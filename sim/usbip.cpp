@@ -3,18 +3,19 @@
 #include <algorithm>
 
 namespace sim {
+namespace {
 
-static constexpr uint32_t cmd_submit = 1;
-static constexpr uint32_t cmd_unlink = 2;
-static constexpr uint32_t ret_submit = 3;
-static constexpr uint32_t ret_unlink = 4;
+constexpr uint32_t cmd_submit = 1;
+constexpr uint32_t cmd_unlink = 2;
+constexpr uint32_t ret_submit = 3;
+constexpr uint32_t ret_unlink = 4;
 
-static constexpr uint32_t direction_in = 1;
-static constexpr uint32_t last_endpoint = 15;
-static constexpr uint32_t longest_transfer = 64 * 1024 * 1024;
-static constexpr uint32_t not_isochronous = UINT32_MAX; // some hosts say 0
+constexpr uint32_t direction_in = 1;
+constexpr uint32_t last_endpoint = 15;
+constexpr uint32_t longest_transfer = 64 * 1024 * 1024;
+constexpr uint32_t not_isochronous = UINT32_MAX; // some hosts say 0
 
-static uint32_t read_be32(view bytes, size_t at)
+uint32_t read_be32(view bytes, size_t at)
 {
     uint32_t value = 0;
     for (size_t i = 0; i < 4; i++)
@@ -22,11 +23,22 @@ static uint32_t read_be32(view bytes, size_t at)
     return value;
 }
 
-static void put_be32(octets &out, size_t at, uint32_t value)
+void put_be32(octets &out, size_t at, uint32_t value)
 {
     for (size_t i = 0; i < 4; i++)
         out[at + i] = static_cast<uint8_t>(value >> (24 - 8 * i));
 }
+
+octets reply(uint32_t command, uint32_t seqnum, int32_t status)
+{
+    octets out(usbip_header_size, 0);
+    put_be32(out, 0, command);
+    put_be32(out, 4, seqnum);
+    put_be32(out, 20, static_cast<uint32_t>(status));
+    return out;
+}
+
+} // namespace
 
 std::optional<usbip_command> decode_command(view header)
 {
@@ -50,15 +62,6 @@ std::optional<usbip_command> decode_command(view header)
     out.in = direction == direction_in;
     out.endpoint = static_cast<uint8_t>(endpoint);
     std::ranges::copy(header.last(out.setup.size()), out.setup.begin());
-    return out;
-}
-
-static octets reply(uint32_t command, uint32_t seqnum, int32_t status)
-{
-    octets out(usbip_header_size, 0);
-    put_be32(out, 0, command);
-    put_be32(out, 4, seqnum);
-    put_be32(out, 20, static_cast<uint32_t>(status));
     return out;
 }
 

@@ -1,6 +1,5 @@
-// The messages of the USB/IP protocol between the kernel's virtual host
-// controller and a device: headers of 48 bytes, every number big-endian
-// (Documentation/usb/usbip_protocol.rst of the kernel).
+// The messages of the USB/IP protocol between the kernel's virtual host controller and a device: headers of
+// 48 bytes, every number big-endian (Documentation/usb/usbip_protocol.rst of the kernel).
 //
 //   host to device   CMD_SUBMIT, followed by the data of an OUT transfer; CMD_UNLINK
 //   device to host   RET_SUBMIT, followed by the data of an IN transfer; RET_UNLINK
@@ -31,9 +30,9 @@ struct usbip_command {
     size_t body_size() const { return unlink || in ? 0 : length; }
 };
 
-// Nothing when the header is not one of the two, or of a transfer that no
-// device here has: isochronous, or of an absurd length.
-std::optional<usbip_command> decode_command(view header);
+// Nothing when the header is not one of the two, or of a transfer that no device here has: isochronous, or of
+// an absurd length.
+[[nodiscard]] std::optional<usbip_command> decode_command(view header);
 
 // A transfer's result: 0 or a negative errno, and how many bytes moved.
 octets encode_submit_reply(uint32_t seqnum, int32_t status, uint32_t moved);

@@ -9,11 +9,25 @@
 #include <cstring>
 
 namespace sim {
+namespace {
 
-static constexpr const char *status_file = "/sys/devices/platform/vhci_hcd.0/status";
-static constexpr const char *attach_file = "/sys/devices/platform/vhci_hcd.0/attach";
-static constexpr unsigned high_speed = 3;
-static constexpr unsigned device_id = 0x00010002; // bus 1, device 2: any will do
+constexpr const char *status_file = "/sys/devices/platform/vhci_hcd.0/status";
+constexpr const char *attach_file = "/sys/devices/platform/vhci_hcd.0/attach";
+constexpr unsigned high_speed = 3;
+constexpr unsigned device_id = 0x00010002; // bus 1, device 2: any will do
+
+[[nodiscard]] bool read_text(const char *path, std::string &out)
+{
+    const descriptor file(open(path, O_RDONLY | O_CLOEXEC));
+    char room[4096];
+    const ssize_t got = file.open() ? read(file.get(), room, sizeof room) : -1;
+    if (got < 0)
+        return false;
+    out.assign(room, static_cast<size_t>(got));
+    return true;
+}
+
+} // namespace
 
 // A line is "hs  0000 004 000 00000000 000000 0-0": hub, port, state (004: free), speed, ...
 std::optional<unsigned> find_free_port(std::string_view status, unsigned from)
@@ -29,17 +43,6 @@ std::optional<unsigned> find_free_port(std::string_view status, unsigned from)
             return static_cast<unsigned>(*number);
     }
     return std::nullopt;
-}
-
-static bool read_text(const char *path, std::string &out)
-{
-    const descriptor file(open(path, O_RDONLY | O_CLOEXEC));
-    char room[4096];
-    const ssize_t got = file.open() ? read(file.get(), room, sizeof room) : -1;
-    if (got < 0)
-        return false;
-    out.assign(room, static_cast<size_t>(got));
-    return true;
 }
 
 bool vhci_port::fail(std::string what)

@@ -1,6 +1,5 @@
-// A place on the bus of the kernel's virtual USB host controller (module
-// vhci_hcd): plugging a device in gives a socket over which the kernel speaks
-// USB/IP to it; closing the socket pulls it out.
+// A place on the bus of the kernel's virtual USB host controller (module vhci_hcd): plugging a device in
+// gives a socket over which the kernel speaks USB/IP to it; closing the socket pulls it out.
 #pragma once
 
 #include "descriptor.hpp"
@@ -11,9 +10,8 @@
 
 namespace sim {
 
-// The number of the first free high-speed port in the text of the controller's
-// `status` file, from `from` on.
-std::optional<unsigned> find_free_port(std::string_view status, unsigned from);
+// The number of the first free high-speed port in the text of the controller's `status` file, from `from` on.
+[[nodiscard]] std::optional<unsigned> find_free_port(std::string_view status, unsigned from);
 
 class vhci_port {
   public:
@@ -21,7 +19,7 @@ class vhci_port {
     explicit vhci_port(unsigned first = 0) : number_(first) {}
 
     // Takes a free port, the one it had before if possible. False: see error().
-    bool plug_in();
+    [[nodiscard]] bool plug_in();
     void pull_out() { socket_.reset(); }
 
     bool plugged() const { return socket_.open(); }
@@ -30,7 +28,7 @@ class vhci_port {
     const std::string &error() const { return error_; }
 
   private:
-    bool try_port(unsigned number, int kernel_end);
+    [[nodiscard]] bool try_port(unsigned number, int kernel_end);
     bool fail(std::string what);
 
     descriptor socket_;

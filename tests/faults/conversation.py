@@ -180,8 +180,9 @@ class Writer:
 
 
 LOADER = ('--programmer-size', '10000', '--read-size', '4096')
-OFFERS = ('--payload', str(PAYLOAD), '--log-before', '1')
-TELLS = tuple(word for value in VALUES for word in ('--otp', value)) + ('--log-before', '1')
+# Answers that say nothing but what they must: every one is counted, and a refusal is shown as it came.
+OFFERS = ('--plain-answers', '--payload', str(PAYLOAD), '--log-before', '1')
+TELLS = tuple(word for value in VALUES for word in ('--otp', value)) + ('--plain-answers', '--log-before', '1')
 PLATFORM_0_VERSIONS = (r'AT#SWPKGV=\r\n25.30.002-B002-P0A.000200\r\n25.30.002\r\nP0A.000200\r\nA.00.02\r\n\r\nOK\r\n')
 SERIAL = ('--pcie', '--skip-enter-qdl', '--force')
 

@@ -234,11 +234,12 @@ def believed_done(place, cause, *more):
 
 
 def served_again(place, block):
-    """One packet is served twice: the boot loader takes the blocks for later ones and finds rubbish behind the last."""
+    """One packet is served twice: the boot loader takes the blocks for later ones and refuses the rubbish behind the
+    last one. Its refusal is met where the DONE response should be."""
     walk = place.walk
     first = next(i for i, each in enumerate(walk.messages) if isinstance(each, Say) and each.data == BLOCKS[block])
     done = next(i for i, each in enumerate(walk.messages) if isinstance(each, Say) and each.kind == 'done')
-    return upload_failed(place, 146, TIMED_OUT, BLOCKS[block], walk.said(first, done + 1), ms=9000)
+    return upload_failed(place, 154, 'unexpected command 4\n', BLOCKS[block], walk.said(first, done + 1))
 
 
 def hello(place):
@@ -706,12 +707,14 @@ def data_piece(place, within=0):
 
 
 def data_cut(place, at):
-    """In the end the modem waits for data and takes the reset for them, or does not listen any more."""
+    """In the end the modem waits for data and takes the reset for them, or its beginning and refuses the rest, or does
+    not listen any more."""
     walk, data = place.walk, place.message.data
     path = '{folder}/' + place.message.path
     answer = next(i for i in range(place.index, len(walk.messages)) if walk.messages[i].kind == 'log of data')
     at_answer = Place(walk, answer)
     waits = Session(at_answer).dead()
+    refuses = unfinished(Session(at_answer).fails(place.lost, NAK_TEXT))
     hung_up = (HUNG_UP if walk.serial else USB_RESET_LOST) + FIREHOSE_FAILED
     while_waiting = ('' if walk.serial else USB_GONE) + binary_failed(path) + hung_up
     closed = place.stops(154, while_waiting, data[:at])
@@ -729,7 +732,7 @@ def data_cut(place, at):
     waits = unfinished(waits)
     step = 'firehose.data-in={}@' + str(place.message.piece + at)
     return {step.format('hangup'): closed, step.format('stall'): (*waits, full, full_at_reset),
-            step.format('lost'): waits, step.format('lost:200'): waits}
+            step.format('lost'): refuses, step.format('lost:200'): waits}
 
 
 def unfinished(outcomes):

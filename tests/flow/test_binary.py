@@ -2,10 +2,11 @@
 import os
 import re
 import subprocess
+from pathlib import Path
 
 import pytest
 
-from harness import KESTREL, KESTREL_SIM, SANITIZED
+from harness import KESTREL, KESTREL_SIM, SANITIZED, SOURCE
 
 PROGRAMS = pytest.mark.parametrize('program', [KESTREL, KESTREL_SIM], ids=os.path.basename)
 BUILD_TYPE = os.environ.get('KESTREL_BUILD_TYPE')
@@ -75,3 +76,9 @@ def test_updater_needs_libc_and_libusb_only():
     if SANITIZED:
         needed -= {'libasan', 'libubsan'}
     assert needed == {'libc', 'libusb-1.0'}
+
+
+def test_updater_does_not_tell_where_it_was_built():
+    program = Path(KESTREL).read_bytes()
+    assert b'app/package.cpp' in program  # the name that a failed assertion gives
+    assert os.fsencode(SOURCE) not in program

@@ -24,7 +24,8 @@ def faulty(folder, *faults, more=(), options=()):
     package = packages.one_image(folder / 'package', *more)
     faults = [word for fault in faults for word in ('--fault', f'firehose.{fault}')]
     # A modem that has refused its reset goes on; every other one leaves by itself.
-    return flash(folder, package, sim=[*faults, *options], sim_leaves='firehose.reset=nak' not in faults)
+    return flash(folder, package, sim=['--plain-answers', *faults, *options],
+                 sim_leaves='firehose.reset=nak' not in faults)
 
 
 # faults: exit status, standard output, standard error before the last lines, what the modem received
@@ -81,6 +82,11 @@ def scripted(folder, steps, more=()):
     return outcome, modem.received
 
 
+def refused_in_full(folder):
+    """A refusal as programmers word it: a log line with the reason before it."""
+    return flash(folder, packages.one_image(folder / 'package'), sim=['--fault', 'firehose.program=nak'])
+
+
 def program_refused(folder):
     return scripted(folder, [(len(NOP), [ACK]), (len(CONFIGURE), [ACK]), (len(ERASE_REQUEST), [ACK]),
                              (len(PROGRAM_REQUEST), [NAK]), (len(RESET), [ACK, TARGET_RESET])])
@@ -129,6 +135,7 @@ CASES = {
     'hangup in data': partial(stop_in_data, fault='hangup'),
     'stall': partial(stop_in_data, fault='stall'),
     'program refused': program_refused,
+    'refused in full': refused_in_full,
     'byte by byte': ack_byte_by_byte,
     'cut in the mark': partial(ack_cut, behind=b'value="A'),
     'cut behind the mark': partial(ack_cut, behind=b'value="ACK"'),
@@ -209,6 +216,14 @@ def test_refused_program_line_sends_no_data(result_of):
     assert received == NOP + CONFIGURE + ERASE_REQUEST + PROGRAM_REQUEST + RESET
 
 
+def test_refusal_with_its_reason_before(result_of):
+    session = result_of('refused in full')
+    text = '<?xml version="1.0" encoding="UTF-8" ?>\n<data><response value="NAK" rawmode="false" /></data>\n'
+    assert (session.outcome.status, session.outcome.out) == (154, VERSION)
+    assert session.outcome.err == text + COMMAND_FAILED + FIREHOSE_FAILED
+    assert session.received() == ['nop', 'configure', 'erase', 'program', 'power']
+
+
 def test_ack_that_comes_byte_by_byte_is_none(result_of):
     outcome, received = result_of('byte by byte')
     assert (outcome.status, outcome.out, outcome.err) == (154, VERSION, NOP_FAILED + FIREHOSE_FAILED)
@@ -265,3 +280,59 @@ def test_port_that_does_not_exist(package):
     assert (outcome.status, outcome.out) == (254, VERSION)
     assert outcome.err == ('could not open device /nowhere/port: error 2 No such file or directory\n'
                            'error in opening the firehose device -2\n' + FIREHOSE_FAILED)
+
+
+# ---- an answer too many must not hide a refusal
+
+TWO_IMAGES = {'one.bin': content('one', 10000), 'two.bin': content('two', 5000)}
+TOO_MANY = 'an answer too many: '
+
+
+def two_images(folder, *faults, options=()):
+    package = packages.write(folder / 'package',
+                             [program('one.bin', 'one'), program('two.bin', 'two')], TWO_IMAGES)
+    faults = [word for fault in faults for word in ('--fault', f'firehose.{fault}')]
+    return flash(folder, package, sim=[*faults, *options], limit=20)
+
+
+def check_refused(outcome):
+    assert outcome.status == 154
+    assert outcome.out.startswith(VERSION)
+    assert 'completed\n' not in outcome.out
+    assert 'value="NAK"' in outcome.err
+    assert outcome.err.endswith(FIREHOSE_FAILED)
+    assert outcome.seconds < 8
+
+
+@pytest.mark.parametrize('options', [(), ('--plain-answers',)], ids=['attributes', 'plain'])
+@pytest.mark.parametrize('faults', [
+    ('program=repeat@2', 'data=nak@2'),
+    ('program=repeat', 'data=nak@2'),
+    ('data=repeat', 'data=nak@2'),
+    ('nop=repeat', 'data=nak@2'),
+    ('configure=repeat', 'data=nak@2'),
+    ('program=repeat@all', 'data=nak@2'),
+], ids=' '.join)
+def test_refusal_behind_an_answer_too_many_is_seen(tmp_path, faults, options):
+    check_refused(two_images(tmp_path, *faults, options=options).outcome)
+
+
+@pytest.mark.parametrize('step', ['nop', 'configure', 'program', 'data'])
+def test_answer_too_many_alone_is_a_warning_only(tmp_path, step):
+    session = two_images(tmp_path, f'{step}=repeat', options=['--plain-answers'])
+    assert (session.outcome.status, session.outcome.err) == (0, '')
+    assert session.outcome.out.count(TOO_MANY) == 1
+    assert [image.rstrip(b'\xff') for image in session.images()] == list(TWO_IMAGES.values())
+
+
+def test_answer_of_the_other_kind_is_none(tmp_path):
+    """The acknowledgement of a program element, once more where that of the data is awaited."""
+    session = two_images(tmp_path, 'program=repeat', options=['--gap', '300'])
+    assert (session.outcome.status, session.outcome.err) == (0, '')
+    assert [image.rstrip(b'\xff') for image in session.images()] == list(TWO_IMAGES.values())
+
+
+def test_good_run_warns_of_nothing(tmp_path):
+    session = two_images(tmp_path)
+    assert (session.outcome.status, session.outcome.err) == (0, '')
+    assert TOO_MANY not in session.outcome.out

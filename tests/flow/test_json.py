@@ -54,7 +54,7 @@ CASES = {
     'otp': lambda folder: one(folder, '--otp',
                               sim=['--otp', 'plain', '--otp', 'tab\tback\\slash', '--otp', 'caf\u00e9']),
     'otp failure': lambda folder: one(folder, '--otp', sim=['--fault', 'firehose.otp=silence']),
-    'refused': lambda folder: one(folder, sim=['--fault', 'firehose.erase=nak']),
+    'refused': lambda folder: one(folder, sim=['--plain-answers', '--fault', 'firehose.erase=nak']),
     'data refused': lambda folder: one(folder, sim=['--fault', 'firehose.data=nak']),
     'logs': lambda folder: one(folder, '--debug', sim=['--log-before', '2', '--log-after', '2']),
     'quoted directory': quoted_directory,

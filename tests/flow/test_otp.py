@@ -48,7 +48,8 @@ ANSWERS = {
 CASES = {
     'values': with_values,
     'none': read_otp,
-    'nak': lambda folder: read_otp(folder, '--fault', 'firehose.otp=nak'),
+    'nak': lambda folder: read_otp(folder, '--plain-answers', '--fault', 'firehose.otp=nak'),
+    'nak with reason': lambda folder: read_otp(folder, '--fault', 'firehose.otp=nak'),
     'silence': lambda folder: read_otp(folder, '--fault', 'firehose.otp=silence'),
     'silence in between': lambda folder: with_values(folder, '--fault', 'firehose.otp=silence@3'),
     'late': lambda folder: with_values(folder, '--fault', 'firehose.otp=late:300@2'),
@@ -82,6 +83,10 @@ def test_no_value_at_all_is_a_success(result_of):
 
 def test_refusal_is_printed_as_a_value_and_waited_on(result_of):
     assert parts(result_of('nak')) == (146, VERSION + 'NAK\n', SILENT)
+
+
+def test_reason_of_a_refusal_is_printed_as_a_value_too(result_of):
+    assert parts(result_of('nak with reason')) == (146, VERSION + 'ERROR: not carried out\nNAK\n', SILENT)
 
 
 def test_silence_ends_the_read(result_of):

@@ -36,6 +36,7 @@ settings programmer()
 {
     settings wanted;
     wanted.start = stage::firehose;
+    wanted.plain_answers = true;
     return wanted;
 }
 
@@ -280,31 +281,53 @@ TEST(Firehose, DeliveryInBytesIsOneWriteEach)
     EXPECT_EQ(answer[78], ">");
 }
 
-TEST(Firehose, BytesThatAreNoRequestAreTheHostsFault)
+TEST(Firehose, BytesThatAreNoRequestAreRefusedWithAllThatCameWithThem)
 {
     for (const char *bad : {"x", "\n<?xml", "<?xl", "<data>"}) {
         talk it(programmer());
-        it.say(std::string(bad));
-        ASSERT_TRUE(it.modem.ended()) << bad;
-        EXPECT_EQ(it.modem.how(), ending::host_error);
-        EXPECT_EQ(it.modem.trouble(), "firehose: bytes that are no request");
+        EXPECT_EQ(it.say(bad + nop), texts{nak}) << bad;
+        EXPECT_TRUE(it.logged("\"kind\":\"bad_request\"")) << bad;
+        EXPECT_EQ(it.say(nop), texts{ack}) << bad;
     }
 }
 
-TEST(Firehose, TooManyDataBytesAreTheHostsFault)
+TEST(Firehose, PacketsOfTheBootLoaderAreRefused)
 {
     talk it(programmer());
-    it.say(program_2x4 + "123456789");
-    ASSERT_TRUE(it.modem.ended());
-    EXPECT_EQ(it.modem.how(), ending::host_error);
+    EXPECT_EQ(it.say(octets{19, 0, 0, 0, 8, 0, 0, 0}), units{to_octets(nak)});
+    EXPECT_EQ(it.say(octets{7, 0, 0, 0, 8, 0, 0, 0}), units{to_octets(nak)}) << "not the first it hears";
+    EXPECT_EQ(it.say(nop), texts{ack});
 }
 
-TEST(Firehose, RequestWithoutEndIsTheHostsFault)
+TEST(Firehose, TooManyDataBytesAreRefused)
 {
     talk it(programmer());
-    it.say("<?xml" + std::string(70000, ' '));
-    ASSERT_TRUE(it.modem.ended());
-    EXPECT_EQ(it.modem.trouble(), "firehose: request without an end");
+    EXPECT_EQ(it.say(program_2x4 + "123456789"), (texts{ack, ack, nak}));
+}
+
+TEST(Firehose, RequestWithoutEndIsRefused)
+{
+    talk it(programmer());
+    EXPECT_EQ(it.say("<?xml" + std::string(70000, ' ')), texts{nak});
+    EXPECT_EQ(it.say(nop), texts{ack});
+}
+
+TEST(Firehose, RequestThatWasCutOffDoesNotSpoilTheNextOne)
+{
+    talk it(programmer());
+    EXPECT_EQ(it.say(nop.substr(0, 20)), texts{});
+    EXPECT_EQ(it.say(nop), texts{ack});
+}
+
+TEST(Firehose, ConfigureMayLeaveThePayloadToTheProgrammer)
+{
+    talk it(programmer());
+    EXPECT_EQ(it.say("<?xml version=\"1.0\"?>\n<data>\n<configure MemoryName=\"nand\"/>\n</data>\n"),
+              texts{ack});
+    EXPECT_EQ(
+        it.say(
+            "<?xml version=\"1.0\"?>\n<data>\n<configure MaxPayloadSizeToTargetInBytes=\"x\"/>\n</data>\n"),
+        texts{nak});
 }
 
 TEST(Firehose, ResetOfTheBootLoaderThatComesLateEndsTheRun)
@@ -410,6 +433,30 @@ TEST(FirehoseFault, StallCountsOverAllImages)
     EXPECT_EQ(it.say(std::string("1234")), texts{});
     EXPECT_EQ(it.modem.input_limit(), 0U);
     EXPECT_FALSE(it.hung_up);
+}
+
+TEST(FirehoseFault, AnswerInTwoUnits)
+{
+    talk it(with_fault("firehose.nop=halves:60"));
+    EXPECT_EQ(it.say(nop), (texts{"<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<data>\n<response val",
+                                  "ue=\"ACK\" />\n</data>"}));
+}
+
+TEST(FirehoseFault, AnswerInTwoHalves)
+{
+    talk it(with_fault("firehose.nop=halves"));
+    const texts answer = it.say(nop);
+    ASSERT_EQ(answer.size(), 2U);
+    EXPECT_EQ(answer[0].size(), 39U);
+    EXPECT_EQ(answer[0] + answer[1], ack);
+}
+
+TEST(FirehoseFault, NulByteBetweenTwoMessagesOfOneUnit)
+{
+    settings wanted = with_fault("firehose.log=nul");
+    wanted.log_before = 1;
+    talk it(wanted);
+    EXPECT_EQ(it.say(nop), texts{log_chunk("INFO: programmer line 1") + '\0' + ack});
 }
 
 TEST(FirehoseRequest, AttributesMatchWholeNamesOnly)

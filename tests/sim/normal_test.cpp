@@ -116,21 +116,112 @@ TEST(At, WrongAnswerHasNoFinalResponse)
     EXPECT_EQ(it.say("AT\r"), texts{"\r\nNO CARRIER\r\n"});
 }
 
-TEST(At, OtherBytesAreTheHostsFault)
+TEST(At, PortsHaveALineBufferEach)
 {
     talk it({});
-    it.say("xyz\r");
-    ASSERT_TRUE(it.modem.ended());
-    EXPECT_EQ(it.modem.how(), ending::host_error);
-    EXPECT_EQ(it.modem.trouble(), "normal: neither an AT command nor a DIAG frame");
+    EXPECT_EQ(it.say("AT#CG", 1), texts{});
+    EXPECT_EQ(it.say("AT\r", 2), texts{"AT\r\r\nOK\r\n"});
+    EXPECT_EQ(it.say("MM\r", 1), texts{"AT#CGMM\r\r\n#CGMM: KX910C1-WW\r\n\r\nOK\r\n"});
+    EXPECT_EQ(it.heard_text(2), texts{});
 }
 
-TEST(At, CommandWithoutEndIsTheHostsFault)
+TEST(At, PortsHaveAnEchoEach)
 {
     talk it({});
-    it.say("AT" + std::string(600, 'x'));
-    ASSERT_TRUE(it.modem.ended());
-    EXPECT_EQ(it.modem.trouble(), "normal: AT command without an end");
+    it.say("ATE0\r", 1);
+    EXPECT_EQ(it.say("AT\r", 1), texts{"\r\nOK\r\n"});
+    EXPECT_EQ(it.say("AT\r", 2), texts{"AT\r\r\nOK\r\n"});
+}
+
+TEST(At, AnswerThatNobodyFetchesHoldsUpNoOtherPort)
+{
+    talk it({});
+    it.modem.receive(to_octets("AT\r"), 1);
+    EXPECT_EQ(it.say("ATE0\r", 2), texts{"ATE0\r\r\nOK\r\n"});
+    EXPECT_EQ(it.heard_text(1), texts{"AT\r\r\nOK\r\n"});
+}
+
+TEST(At, HelloAfterTheSwitchGoesToTheOnePortThatThereIs)
+{
+    talk it({});
+    it.modem.receive(diag_frame, 0);
+    EXPECT_EQ(it.heard(0), (units{hello}));
+}
+
+TEST(At, DelayedAnswerIsEchoedAtOnce)
+{
+    settings wanted;
+    wanted.at_delay_ms = 300;
+    talk it(wanted);
+    it.modem.receive(to_octets("AT\r"));
+    EXPECT_EQ(it.modem.delay_ms(), 0U);
+    EXPECT_EQ(as_text(it.modem.take().bytes), "AT\r");
+    EXPECT_EQ(it.modem.delay_ms(), 300U);
+    EXPECT_EQ(as_text(it.modem.take().bytes), "\r\nOK\r\n");
+    it.say("ATE0\r");
+    EXPECT_EQ(it.say("AT\r"), texts{"\r\nOK\r\n"}) << "nothing to echo";
+    EXPECT_EQ(it.last_delay_ms, 300U);
+}
+
+TEST(At, UnsolicitedResultCodesAroundTheAnswer)
+{
+    settings wanted;
+    wanted.at_before = {"\r\n+CREG: 1\r\n", "\r\nRING\r\n"};
+    wanted.at_after = {"\r\n+CIEV: 2\r\n"};
+    talk it(wanted);
+    EXPECT_EQ(it.say("AT\r", 2),
+              (texts{"\r\n+CREG: 1\r\n", "\r\nRING\r\n", "AT\r\r\nOK\r\n", "\r\n+CIEV: 2\r\n"}));
+}
+
+TEST(At, UnsolicitedResultCodeInOneReadWithTheAnswer)
+{
+    settings wanted;
+    wanted.at_before = {"\r\nRING\r\n"};
+    wanted.faults = {planned("at.CODE=glue")};
+    talk it(wanted);
+    EXPECT_EQ(it.say("AT\r"), texts{"\r\nRING\r\nAT\r\r\nOK\r\n"});
+}
+
+struct noise_row {
+    const char *what;
+    std::string sent;
+    const char *noted;
+};
+
+// Shown as the test's name.
+void PrintTo(const noise_row &row, std::ostream *out)
+{
+    *out << row.what;
+}
+
+class AtNoise : public testing::TestWithParam<noise_row> {};
+
+TEST_P(AtNoise, IsNotHeard)
+{
+    talk it({});
+    EXPECT_EQ(it.say(GetParam().sent), texts{});
+    EXPECT_TRUE(it.logged(GetParam().noted));
+    EXPECT_EQ(it.say("AT\r"), texts{"AT\r\r\nOK\r\n"});
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, AtNoise,
+    testing::Values(
+        noise_row{"letters", "xyz\r", "\"kind\":\"noise\",\"length\":3}"},
+        noise_row{"a line that begins like a command", "ABC\r", "\"kind\":\"noise\",\"length\":3}"},
+        noise_row{"a frame of another kind", {"\x7E\0\x78\xF0\x7E", 5}, "\"kind\":\"noise\",\"length\":5}"},
+        noise_row{"the beginning of another frame", "K\r", "\"kind\":\"noise\",\"length\":1}"},
+        noise_row{"a command without an end", "AT" + std::string(511, ' '),
+                  "\"kind\":\"noise\",\"length\":513}"},
+        noise_row{"a frame without an end", "Ke" + std::string(63, '.'), "\"kind\":\"noise\",\"length\":65}"},
+        noise_row{"a frame with a wrong check sequence",
+                  {"\x4B\x65\x01\0\x55\x0F\x7E", 7},
+                  "\"kind\":\"diag\",\"length\":7}"}));
+
+TEST(At, CommandBehindNoiseIsHeard)
+{
+    talk it({});
+    EXPECT_EQ(it.say("\x7EKAT\r"), texts{"AT\r\r\nOK\r\n"});
 }
 
 TEST(AtAnswerOption, Escapes)
@@ -179,14 +270,6 @@ TEST(Diag, UntilDiagEndsWithoutHello)
     EXPECT_EQ(it.say(diag_frame), units{});
     ASSERT_TRUE(it.modem.ended());
     EXPECT_EQ(it.modem.how(), ending::complete);
-}
-
-TEST(Diag, WrongCheckSequenceIsTheHostsFault)
-{
-    talk it({});
-    it.say(octets{0x4B, 0x65, 0x01, 0x00, 0x55, 0x0F, 0x7E});
-    ASSERT_TRUE(it.modem.ended());
-    EXPECT_EQ(it.modem.how(), ending::host_error);
 }
 
 TEST(Diag, LateSwitchDelaysTheHello)

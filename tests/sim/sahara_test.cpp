@@ -211,27 +211,44 @@ TEST(Sahara, Mode2IsSentBackToDownloadMode)
     EXPECT_EQ(it.say(hello_response), (units{read_32(0, 4)}));
 }
 
-struct broken_row {
-    const char *trouble;
+struct refused_row {
+    const char *why;
     octets sent;
+    uint8_t status;
 };
 
 // Shown as the test's name.
-void PrintTo(const broken_row &row, std::ostream *out)
+void PrintTo(const refused_row &row, std::ostream *out)
 {
-    *out << row.trouble;
+    *out << row.why;
 }
 
-class SaharaBroken : public testing::TestWithParam<broken_row> {};
+octets refusal(uint8_t status)
+{
+    return {4, 0, 0, 0, 16, 0, 0, 0, 13, 0, 0, 0, status, 0, 0, 0};
+}
 
-TEST_P(SaharaBroken, IsTheHostsFault)
+class SaharaRefused : public testing::TestWithParam<refused_row> {};
+
+TEST_P(SaharaRefused, EndsTheTransferUntilAReset)
 {
     talk it(small());
     it.heard();
-    EXPECT_EQ(it.say(GetParam().sent), units{});
+    EXPECT_EQ(it.say(GetParam().sent), (units{refusal(GetParam().status)}));
+    EXPECT_TRUE(it.logged("\"kind\":\"refused\",\"why\":\"" + std::string(GetParam().why) + "\""));
+    EXPECT_EQ(it.say(hello_response), (units{refusal(1)})) << "refused until a reset";
+    EXPECT_EQ(it.say(state_reset), (units{hello}));
+    EXPECT_EQ(it.say(hello_response), (units{read_32(0, 4)}));
+}
+
+TEST_P(SaharaRefused, ResetRestartsTheModule)
+{
+    talk it(small());
+    it.heard();
+    it.say(GetParam().sent);
+    EXPECT_EQ(it.say(reset), units{});
     ASSERT_TRUE(it.modem.ended());
-    EXPECT_EQ(it.modem.how(), ending::host_error);
-    EXPECT_EQ(it.modem.trouble(), GetParam().trouble);
+    EXPECT_EQ(it.modem.how(), ending::complete);
 }
 
 octets changed(octets packet, size_t at, uint8_t value)
@@ -241,16 +258,111 @@ octets changed(octets packet, size_t at, uint8_t value)
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Rows, SaharaBroken,
-    testing::Values(broken_row{"sahara: unknown packet 9", {9, 0, 0, 0, 8, 0, 0, 0}},
-                    broken_row{"sahara: done packet with length 12", {5, 0, 0, 0, 12, 0, 0, 0}},
-                    broken_row{"sahara: DONE at the wrong time", done},
-                    broken_row{"sahara: HELLO response with another version", changed(hello_response, 8, 3)},
-                    broken_row{"sahara: HELLO response with another version", changed(hello_response, 12, 2)},
-                    broken_row{"sahara: HELLO response with a status, mode or reserved field that is not 0",
-                               changed(hello_response, 47, 1)},
-                    broken_row{"sahara: enter download mode although the HELLO mode is not 2",
-                               enter_download}));
+    Rows, SaharaRefused,
+    testing::Values(refused_row{"unknown packet 9", {9, 0, 0, 0, 8, 0, 0, 0}, 1},
+                    refused_row{"unknown packet 1836597052", to_octets("<?xml version=\"1.0\"?>"), 1},
+                    refused_row{"unknown packet 9", {9, 0, 0, 0, 12, 0, 0, 0, 5, 0, 0, 0}, 1},
+                    refused_row{"done packet with length 12", {5, 0, 0, 0, 12, 0, 0, 0}, 5},
+                    refused_row{"hello_response packet with length 20",
+                                {2, 0, 0, 0, 20, 0, 0, 0, 2, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0},
+                                5},
+                    refused_row{"DONE at the wrong time", done, 1},
+                    refused_row{"HELLO response with a version that is not spoken here",
+                                changed(hello_response, 8, 0), 2},
+                    refused_row{"HELLO response with a version that is not spoken here",
+                                changed(hello_response, 12, 3), 2},
+                    refused_row{"HELLO response with status 1", changed(hello_response, 16, 1), 1},
+                    refused_row{"HELLO response with mode 3", changed(hello_response, 20, 3), 1},
+                    refused_row{"enter download mode although the HELLO mode is not 2", enter_download, 1}));
+
+TEST(Sahara, ReservedWordsOfTheResponseAreNotJudged)
+{
+    for (size_t at = 24; at < 48; at++) {
+        talk it(small());
+        it.heard();
+        EXPECT_EQ(it.say(changed(hello_response, at, 0xFF)), (units{read_32(0, 4)})) << at;
+    }
+}
+
+TEST(Sahara, HostOfALaterVersionThatStillSpeaksThisOneIsTaken)
+{
+    talk it(small());
+    it.heard();
+    EXPECT_EQ(it.say(changed(hello_response, 8, 3)), (units{read_32(0, 4)}));
+}
+
+TEST(Sahara, ModeOfTheHelloMayBeEchoed)
+{
+    settings wanted = small();
+    wanted.hello_mode = 1;
+    talk it(wanted);
+    it.heard();
+    EXPECT_EQ(it.say(changed(hello_response, 20, 1)), (units{read_32(0, 4)}));
+}
+
+TEST(Sahara, WhatFollowsAPacketOfTheWrongStateIsHeard)
+{
+    talk it(small());
+    it.heard();
+    octets both = done;
+    both.insert(both.end(), state_reset.begin(), state_reset.end());
+    EXPECT_EQ(it.say(both), (units{refusal(1), hello}));
+}
+
+TEST(Sahara, ResetInTheMiddleOfAPacketIsObeyed)
+{
+    talk it(small());
+    it.heard();
+    it.say(octets(hello_response.begin(), hello_response.begin() + 20));
+    EXPECT_EQ(it.say(state_reset), (units{hello}));
+}
+
+TEST(Sahara, TransferThatIsNoWholePacketIsRefused)
+{
+    talk it(small());
+    it.heard();
+    it.say(octets{'^'});
+    it.modem.end_transfer();
+    EXPECT_EQ(it.heard(), (units{refusal(5)}));
+    it.say(octets(hello_response.begin(), hello_response.begin() + 20));
+    it.modem.end_transfer();
+    EXPECT_EQ(it.heard(), (units{refusal(5)}));
+    it.say(state_reset);
+    it.modem.end_transfer();
+    EXPECT_EQ(it.say(hello_response), (units{read_32(0, 4)}));
+}
+
+TEST(Sahara, BlockMayComeInManyTransfers)
+{
+    talk it(small());
+    it.heard();
+    it.say(hello_response);
+    for (const char c : {'a', 'b', 'c'}) {
+        EXPECT_EQ(it.say(octets{static_cast<uint8_t>(c)}), units{});
+        it.modem.end_transfer();
+    }
+    EXPECT_EQ(it.say(to_octets("d")), (units{read_32(4, 4)}));
+}
+
+TEST(Sahara, AfterAFailedImageOnlyAResetHelps)
+{
+    settings wanted = small();
+    wanted.end_status = 9;
+    wanted.programmer_size = 0;
+    talk it(wanted);
+    it.heard();
+    it.say(hello_response);
+    EXPECT_EQ(it.say(done), (units{refusal(1)}));
+    EXPECT_EQ(it.say(state_reset), (units{hello}));
+}
+
+TEST(SaharaFault, RefusalThatIsNeverSent)
+{
+    talk it(with_fault("sahara.refusal=skip"));
+    it.heard();
+    EXPECT_EQ(it.say(done), units{});
+    EXPECT_EQ(it.say(state_reset), (units{hello}));
+}
 
 TEST(SaharaFault, SkippedHelloComesAfterTheStateReset)
 {

@@ -1,5 +1,5 @@
-// A conversation with a device in one process, without a line: what the host
-// says goes in, the write units the device answers with come out.
+// A conversation with a device in one process, without a line: what the host says goes in, the write units
+// the device answers with come out.
 #pragma once
 
 #include "device.hpp"
@@ -20,12 +20,12 @@ class talk {
     }
 
     // Everything that waits to be sent; a hang-up is noted in hung_up.
-    std::vector<octets> heard()
+    std::vector<octets> heard(unsigned channel = 0)
     {
         std::vector<octets> units;
-        while (!modem.idle()) {
-            last_delay_ms = modem.delay_ms();
-            const write_unit unit = modem.take();
+        while (!modem.idle(channel)) {
+            last_delay_ms = modem.delay_ms(channel);
+            const write_unit unit = modem.take(channel);
             if (unit.hang_up)
                 hung_up = true;
             else
@@ -39,15 +39,15 @@ class talk {
         modem.receive(bytes);
         return heard();
     }
-    std::vector<std::string> say(const std::string &text)
+    std::vector<std::string> say(const std::string &text, unsigned channel = 0)
     {
-        modem.receive(to_octets(text));
-        return heard_text();
+        modem.receive(to_octets(text), channel);
+        return heard_text(channel);
     }
-    std::vector<std::string> heard_text()
+    std::vector<std::string> heard_text(unsigned channel = 0)
     {
         std::vector<std::string> texts;
-        for (const octets &unit : heard())
+        for (const octets &unit : heard(channel))
             texts.emplace_back(as_text(unit));
         return texts;
     }

@@ -259,7 +259,7 @@ TEST(UsbOptions, Defaults)
     EXPECT_EQ(it.options.usb.id.vid, 0xFFF0);
     EXPECT_EQ(it.options.usb.id.pid, 0x1001);
     EXPECT_EQ(it.options.usb.away_ms, 1000U);
-    EXPECT_EQ(it.options.usb.first_ms, 100U);
+    EXPECT_EQ(it.options.usb.first_ms, 0U);
     EXPECT_EQ(it.options.usb.first_port, 0U);
     EXPECT_FALSE(parse({}).options.usb.wanted);
 }
@@ -267,12 +267,12 @@ TEST(UsbOptions, Defaults)
 TEST(UsbOptions, Values)
 {
     const parsed it =
-        parse({"--usb", "--usb-id", "abcd:1", "--usb-away", "50", "--usb-first", "0", "--usb-port", "7"});
+        parse({"--usb", "--usb-id", "abcd:1", "--usb-away", "50", "--usb-first", "100", "--usb-port", "7"});
     EXPECT_EQ(it.wrong, "");
     EXPECT_EQ(it.options.usb.id.vid, 0xABCD);
     EXPECT_EQ(it.options.usb.id.pid, 1);
     EXPECT_EQ(it.options.usb.away_ms, 50U);
-    EXPECT_EQ(it.options.usb.first_ms, 0U);
+    EXPECT_EQ(it.options.usb.first_ms, 100U);
     EXPECT_EQ(it.options.usb.first_port, 7U);
 }
 

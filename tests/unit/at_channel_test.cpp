@@ -813,7 +813,7 @@ TEST(CleanResponseText, IsLoggedBeforeAndAfter)
 {
     log_capture log;
     at_response response = response_of("\r\n123\r\n\r\n");
-    clean_command_response(&response);
+    static_cast<void>(clean_command_response(&response));
     EXPECT_EQ(log.texts(CORE_LOG_DBG), (texts{"\r\n123\r\n\r\n", "123\r\n"}));
     EXPECT_EQ(log.messages()[0].file, "../at_channel.c");
     EXPECT_EQ(log.messages()[0].function, "clean_command_response");

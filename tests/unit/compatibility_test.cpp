@@ -129,7 +129,7 @@ constexpr message_row message_rows[] = {
 TEST_P(CompatibilityMessage, IsTheOnlyOne)
 {
     log_capture log;
-    print_fw_compatibility_msgs(GetParam().result, GetParam().force);
+    static_cast<void>(print_fw_compatibility_msgs(GetParam().result, GetParam().force));
     ASSERT_EQ(log.messages().size(), 1U);
     EXPECT_EQ(log.messages()[0].level, GetParam().level);
     EXPECT_EQ(log.messages()[0].text, GetParam().text);

@@ -7,6 +7,7 @@
 #include "image-list.hpp"
 #include "libc-hooks.hpp"
 #include "log_capture.hpp"
+#include "package-check.hpp"
 #include "scripted-port.hpp"
 #include "temp_dir.hpp"
 #include "virtual-time.hpp"
@@ -174,20 +175,6 @@ TEST_F(PcieUpdate, OpenFailsWithoutADownloadPort)
     m->modem_port[0].port_type = PORT_DIAGNOSTIC;
     firehose_device device{};
     EXPECT_EQ(firehose_open(m.get(), &device), -2);
-}
-
-TEST_F(PcieUpdate, OpenNeverUsesDescriptorZero)
-{
-    // Zero stands for "no serial device".
-    const int standard_input = dup(0);
-    close(0);
-    firehose_device device{};
-    EXPECT_EQ(firehose_open(m.get(), &device), 0);
-    EXPECT_GT(device.serial_handle, 0);
-    EXPECT_FALSE(std::filesystem::exists("/proc/self/fd/0"));
-    firehose_close(&device);
-    dup2(standard_input, 0);
-    close(standard_input);
 }
 
 TEST_F(PcieUpdate, CloseClosesThePort)

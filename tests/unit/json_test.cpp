@@ -68,7 +68,7 @@ TEST(SetupJsonOutput, SelectsTheJsonPrinter)
 TEST(SetupJsonOutput, TurnsLogMessagesIntoObjects)
 {
     const print_capture print;
-    setup_json_output();
+    static_cast<void>(setup_json_output());
     core_log(CORE_LOG_INF, "../main.c", "main", 7, "ready\n");
     ASSERT_EQ(print.lines().size(), 1U);
     EXPECT_EQ(after_timestamp(print.lines()[0].text),

@@ -6,10 +6,14 @@
 #include "package.hpp"
 #include "temp_dir.hpp"
 
+#include <chrono>
+#include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <memory>
 #include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
 
 using texts = std::vector<std::string>;
 
@@ -33,6 +37,11 @@ class PackageCheck : public testing::Test {
         dir.write("prog.mbn", "programmer");
         dir.write("boot.img", "0123");
         write_lines(std::string(erase) + program);
+        give_paths();
+    }
+
+    void give_paths()
+    {
         list->image_count = MAX_IMAGE_NUMBER;
         strlcpy(list->content_xml_path, dir.at("contents.xml").c_str(), sizeof list->content_xml_path);
     }
@@ -53,7 +62,7 @@ class PackageCheck : public testing::Test {
         EXPECT_NE(get_new_pkgver(list.get()), nullptr);
         EXPECT_EQ(build_image_array_from_xml(list.get()), 0);
         log.clear();
-        return check_package(list.get(), otp, uploads_programmer);
+        return check_package(list.get(), !otp, uploads_programmer);
     }
     int check_lines(const std::string &lines)
     {
@@ -73,7 +82,15 @@ class PackageTexts : public PackageCheck {};
 class PackageNames : public PackageCheck {};
 class PackageCommands : public PackageCheck {};
 class PackageProgrammer : public PackageCheck {};
-class ImageFile : public PackageCheck {};
+class PackageSectors : public PackageCheck {};
+class ImageFile : public PackageCheck {
+  protected:
+    int open_image()
+    {
+        owned_file file;
+        return open_same_file(list->images[1].filename, list->images[1].identity, file.receive());
+    }
+};
 
 } // namespace
 
@@ -129,7 +146,7 @@ TEST_F(PackageTexts, AreCheckedAsTheyWereRead)
     std::filesystem::remove(dir.at("information.contents"));
     std::filesystem::remove(rawprogram);
     ASSERT_EQ(mkfifo(rawprogram.c_str(), 0644), 0);
-    EXPECT_EQ(check_package(list.get(), false, true), 0);
+    EXPECT_EQ(check_package(list.get(), true, true), 0);
     EXPECT_TRUE(log.messages().empty());
 }
 
@@ -431,29 +448,105 @@ TEST_F(PackageProgrammer, IsNeededToReadOtpValuesToo)
     EXPECT_EQ(check(true, true), -2);
 }
 
+// ---- sectors
+
+TEST_F(PackageSectors, OfWholePayloadsNeedNoSize)
+{
+    write_lines("<program filename=\"boot.img\"/>\n");
+    std::filesystem::resize_file(dir.at("boot.img"), 2097152);
+    EXPECT_EQ(check(), 0);
+}
+
+TEST_F(PackageSectors, WithoutASizeAreRefusedForAPartialPayload)
+{
+    for (const char *attribute : {"", "SECTOR_SIZE_IN_BYTES=\"0\" ", "SECTOR_SIZE_IN_BYTES=\"4096x\" "}) {
+        write_lines(std::string("<program ") + attribute + "filename=\"boot.img\"/>\n");
+        EXPECT_EQ(check(), -22) << attribute;
+        EXPECT_EQ(errors(),
+                  texts{"sector size 0 does not fit payload size 1048576 for " + dir.at("boot.img")});
+        list = std::make_unique<image_list>();
+        give_paths();
+    }
+}
+
+TEST_F(PackageSectors, MayBeAsLargeAsAPayloadAndNoLarger)
+{
+    write_lines("<program SECTOR_SIZE_IN_BYTES=\"1048576\" filename=\"boot.img\"/>\n");
+    EXPECT_EQ(check(), 0);
+    list = std::make_unique<image_list>();
+    give_paths();
+    write_lines("<program SECTOR_SIZE_IN_BYTES=\"1048577\" filename=\"boot.img\"/>\n");
+    EXPECT_EQ(check(), -22);
+    EXPECT_EQ(errors(),
+              texts{"sector size 1048577 does not fit payload size 1048576 for " + dir.at("boot.img")});
+}
+
+TEST_F(PackageSectors, MustHaveANumberWithAnEnd)
+{
+    const std::string line =
+        "<program SECTOR_SIZE_IN_BYTES=\"4096\" filename=\"boot.img\" num_partition_sectors=\"1/>";
+    EXPECT_EQ(check_lines(line + "\n"), -22);
+    EXPECT_EQ(errors(),
+              texts{"number of sectors without an end in " + rawprogram + ": " + line.substr(0, 60)});
+}
+
+TEST_F(PackageSectors, OfLinesThatAreNotSentMayBeWrong)
+{
+    write_lines("<program filename=\"boot.img\"/>\n");
+    EXPECT_EQ(check(true), 0);
+}
+
 // ---- the file of an image
 
-TEST_F(ImageFile, ThatIsUnchangedMayBeSent)
+TEST_F(ImageFile, ThatIsUnchangedIsOpened)
 {
     EXPECT_EQ(check(), 0);
-    EXPECT_EQ(check_image_file(&list->images[1]), 0);
+    owned_file file;
+    EXPECT_EQ(open_same_file(list->images[1].filename, list->images[1].identity, file.receive()), 0);
+    char content[8] = {};
+    EXPECT_EQ(read(file.get(), content, sizeof content), 4);
+    EXPECT_STREQ(content, "0123");
+    EXPECT_EQ(write(file.get(), "x", 1), -1) << "open for reading only";
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(ImageFile, ThatHasGrownMayNotBeSent)
+TEST_F(ImageFile, ThatHasGrownIsRefused)
 {
     EXPECT_EQ(check(), 0);
     dir.write("boot.img", "01234");
-    EXPECT_EQ(check_image_file(&list->images[1]), -22);
+    EXPECT_EQ(open_image(), -22);
     EXPECT_EQ(errors(), texts{"file of 4 bytes has changed to 5: " + dir.at("boot.img")});
-    EXPECT_EQ(log.messages().back().function, "check_image_file");
+    EXPECT_EQ(log.messages().back().function, "check_same_file");
 }
 
-TEST_F(ImageFile, ThatIsGoneMayNotBeSent)
+TEST_F(ImageFile, ThatIsGoneIsRefused)
 {
     EXPECT_EQ(check(), 0);
     std::filesystem::remove(dir.at("boot.img"));
-    EXPECT_EQ(check_image_file(&list->images[1]), -2);
+    EXPECT_EQ(open_image(), -2);
     EXPECT_EQ(errors(), texts{"file is not there: " + dir.at("boot.img")});
-    EXPECT_EQ(log.messages().back().function, "check_image_file");
+    EXPECT_EQ(log.messages().back().function, "open_same_file");
+}
+
+TEST_F(ImageFile, OfTheSameSizeIsKnownByItsInode)
+{
+    EXPECT_EQ(check(), 0);
+    dir.write("other", "0123");
+    std::filesystem::rename(dir.at("other"), dir.at("boot.img"));
+    EXPECT_EQ(open_image(), -22);
+    EXPECT_EQ(errors(), texts{"file has changed: " + dir.at("boot.img")});
+}
+
+// Whoever writes a file anew may set its time of modification back, but not that of its change.
+TEST_F(ImageFile, OfTheSameSizeIsKnownByItsTimes)
+{
+    EXPECT_EQ(check(), 0);
+    struct stat before {};
+    ASSERT_EQ(stat(dir.at("boot.img").c_str(), &before), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // longer than the kernel's clock ticks
+    dir.write("boot.img", "4567");
+    const timespec times[] = {before.st_atim, before.st_mtim};
+    ASSERT_EQ(utimensat(AT_FDCWD, dir.at("boot.img").c_str(), times, 0), 0);
+    EXPECT_EQ(open_image(), -22);
+    EXPECT_EQ(errors(), texts{"file has changed: " + dir.at("boot.img")});
 }

@@ -169,7 +169,7 @@ TEST_F(PackageInit, PrefersTheDirectoryToTheOptions)
 
 TEST_F(PackageInitDeath, NeedsASource)
 {
-    EXPECT_DEATH(fw_package_init(), "strlen\\(options\\.flat\\)");
+    EXPECT_DEATH(static_cast<void>(fw_package_init()), "strlen\\(options\\.flat\\)");
 }
 
 // ---- version, platform and images

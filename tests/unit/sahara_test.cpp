@@ -1149,7 +1149,7 @@ TEST_F(UploadProgress, TakesAHugeOffsetInText)
     // 2^62 times 100 wraps around to 0 in 64 bits.
     port.sends(bytes(
         "12 00 00 00 20 00 00 00 0D 00 00 00 00 00 00 00 00 00 00 00 00 00 00 40 04 00 00 00 00 00 00 00"));
-    sahara::send_programmer(handle, package.get());
+    static_cast<void>(sahara::send_programmer(handle, package.get()));
     EXPECT_EQ(lines()[1], "0.00% completed\r");
 }
 
@@ -1158,7 +1158,7 @@ TEST_F(UploadProgress, TakesAHugeOffsetInJson)
     core_log_set_pprint(CORE_LOG_PPRINT_JSON);
     port.sends(bytes(
         "12 00 00 00 20 00 00 00 0D 00 00 00 00 00 00 00 00 00 00 00 00 00 00 40 04 00 00 00 00 00 00 00"));
-    sahara::send_programmer(handle, package.get());
+    static_cast<void>(sahara::send_programmer(handle, package.get()));
     EXPECT_NE(lines()[1].find("\"current\": 4611686018427387904, \"max\": 10, \"percent\": 0,"),
               std::string::npos);
 }

@@ -187,7 +187,7 @@ TEST_F(BusScanRetry, PausesAfterTheLastCallToo)
 {
     for (int i = 0; i < 16; ++i)
         scan_answers(-11);
-    start_usb_bus_scan(&modem_list, modems, 8);
+    static_cast<void>(start_usb_bus_scan(&modem_list, modems, 8));
     EXPECT_EQ(sleep.slept, std::vector<unsigned>(16, 500));
 }
 
@@ -243,7 +243,7 @@ TEST_F(BusScanRetry, PassesOnAnyOtherErrorWithoutAWord)
 TEST_F(BusScanRetry, LogsAsTheDriver)
 {
     scan_answers(-19);
-    start_usb_bus_scan(&modem_list, modems, 8);
+    static_cast<void>(start_usb_bus_scan(&modem_list, modems, 8));
     EXPECT_EQ(log.messages().back().file, "../main.c");
     EXPECT_EQ(log.messages().back().function, "start_usb_bus_scan");
 }
@@ -251,7 +251,7 @@ TEST_F(BusScanRetry, LogsAsTheDriver)
 TEST_F(BusScanRetry, LooksForTheGivenTable)
 {
     scan_answers(-19);
-    start_usb_bus_scan(&download_mode_list, modems, 8);
+    static_cast<void>(start_usb_bus_scan(&download_mode_list, modems, 8));
     ASSERT_EQ(discovery.enumerated[0].size(), 5U);
     EXPECT_EQ(discovery.enumerated[0][0].pid, 0x9008U);
 }
