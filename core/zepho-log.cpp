@@ -2,6 +2,7 @@
 
 #include "core-base.hpp"
 #include "core-owners.hpp"
+#include "log-sink.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -9,12 +10,48 @@
 #include <cstdio>
 #include <cstdlib>
 #include <syslog.h>
+#include <unistd.h>
+#include <utility>
 
 namespace {
 
 constexpr char log_source[] = "zepho-log.c";
 
 FILE *output_stream = nullptr; // the log file, null when none is open
+
+struct standard_stream {
+    log_sink sink;
+    unsigned long dropped; // lines, since it was told last
+};
+
+log_patience patience;
+log_line lines[2];
+extern standard_stream standard_streams[2];
+constinit standard_stream standard_streams[] = {
+    {{STDOUT_FILENO, lines[0], patience, standard_streams[1].sink}, 0},
+    {{STDERR_FILENO, lines[1], patience, standard_streams[0].sink}, 0},
+};
+log_sink *open_sink = nullptr; // a line of it is being composed
+
+int add_to_line(int, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    const int result = open_sink->add(format, arguments);
+    va_end(arguments);
+    return result;
+}
+
+// In the form of the log, so that whoever reads it finds the line that it can read.
+void add_dropped(standard_stream &stream)
+{
+    char message[80];
+    snprintf(message, sizeof message, "lines dropped here, as the output took none: %lu\n", stream.dropped);
+    open_sink = &stream.sink;
+    const core_log_print_fn in_force = std::exchange(print_function, add_to_line);
+    pretty_print_function(CORE_LOG_WRN, log_source, "stdout_print", __LINE__, message);
+    print_function = in_force;
+}
 
 // The prefix of a text line, empty at the default threshold and for anonymous messages.
 void build_prefix(char (&prefix)[CORE_LOG_PREFIX_SIZE + 1], int level, const char *file, const char *function,
@@ -111,11 +148,19 @@ void core_log_deinit()
 
 int stdout_print(int level, const char *format, ...)
 {
-    va_list arguments;
-    va_start(arguments, format);
-    const int result = vfprintf(level <= CORE_LOG_ERR ? stderr : stdout, format, arguments);
-    va_end(arguments);
-    return result;
+    standard_stream &stream = standard_streams[level <= CORE_LOG_ERR ? 1 : 0];
+    int result = -1;
+    if (stream.sink.begin()) {
+        if (stream.dropped > 0)
+            add_dropped(stream);
+        va_list arguments;
+        va_start(arguments, format);
+        result = stream.sink.add(format, arguments);
+        va_end(arguments);
+    }
+    const bool taken = result >= 0 && stream.sink.end();
+    stream.dropped = taken ? 0 : stream.dropped + 1;
+    return taken ? result : -1;
 }
 
 int file_print(int, const char *format, ...)

@@ -10,8 +10,10 @@
 #include <cstring>
 #include <ctime>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ostream>
+#include <regex>
 #include <string>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -807,6 +809,143 @@ TEST(StdoutPrint, ReturnsTheNumberOfBytes)
     CaptureStdout();
     EXPECT_EQ(stdout_print(CORE_LOG_INF, "%s %d", "abc", 12), 6);
     EXPECT_EQ(GetCapturedStdout(), "abc 12");
+}
+
+// Standard output or standard error as a pipe that nobody reads.
+class unread_stream {
+  public:
+    explicit unread_stream(int descriptor) : descriptor_(descriptor), saved_(dup(descriptor))
+    {
+        EXPECT_EQ(pipe2(ends_, O_CLOEXEC | O_NONBLOCK), 0);
+        EXPECT_EQ(fcntl(ends_[1], F_SETPIPE_SZ, 4096), 4096);
+        EXPECT_EQ(write(ends_[1], "#", 1), 1); // one page, which is taken
+        dup2(ends_[1], descriptor_);
+    }
+    unread_stream(const unread_stream &) = delete;
+    unread_stream &operator=(const unread_stream &) = delete;
+    ~unread_stream()
+    {
+        read_all();
+        // Tells what is left to be told, so that the next test begins anew.
+        stdout_print(descriptor_ == STDERR_FILENO ? CORE_LOG_ERR : CORE_LOG_INF, "%s", "");
+        dup2(saved_, descriptor_);
+        for (const int handle : {saved_, ends_[0], ends_[1]})
+            close(handle);
+    }
+    std::string read_all() const
+    {
+        char text[4096];
+        const ssize_t length = read(ends_[0], text, sizeof text);
+        return {text, length > 0 ? static_cast<size_t>(length) : 0};
+    }
+
+  private:
+    int descriptor_;
+    int saved_;
+    int ends_[2] = {-1, -1};
+};
+
+TEST(StdoutPrint, ReturnsAnErrorForALineThatNobodyReads)
+{
+    const unread_stream out(STDOUT_FILENO);
+    EXPECT_EQ(stdout_print(CORE_LOG_INF, "text\n"), -1);
+    EXPECT_EQ(out.read_all(), "#");
+}
+
+class DroppedLines : public testing::Test {
+  protected:
+    ~DroppedLines() override
+    {
+        core_log_set_level(level_);
+        pretty_print_function = pprint_;
+    }
+    static void check_match(const std::string &text, const char *pattern)
+    {
+        EXPECT_TRUE(std::regex_match(text, std::regex(pattern))) << text;
+    }
+
+  private:
+    int level_ = log_level;
+    core_log_pprint_fn pprint_ = pretty_print_function;
+};
+
+TEST_F(DroppedLines, AreToldInFrontOfTheNextOne)
+{
+    core_log_set_pprint(0);
+    const unread_stream out(STDOUT_FILENO);
+    for (int i = 0; i < 3; ++i)
+        log_line(CORE_LOG_INF, "lost");
+    EXPECT_EQ(out.read_all(), "#");
+    log_line(CORE_LOG_INF, "text");
+    EXPECT_EQ(out.read_all(), "lines dropped here, as the output took none: 3\ntext\n");
+    log_line(CORE_LOG_INF, "next");
+    EXPECT_EQ(out.read_all(), "next\n");
+}
+
+TEST_F(DroppedLines, AreToldOnTheirStream)
+{
+    core_log_set_pprint(0);
+    const unread_stream err(STDERR_FILENO);
+    log_line(CORE_LOG_ERR, "lost");
+    CaptureStdout();
+    log_line(CORE_LOG_INF, "text");
+    EXPECT_EQ(GetCapturedStdout(), "text\n");
+    EXPECT_EQ(err.read_all(), "#");
+    log_line(CORE_LOG_ERR, "error");
+    EXPECT_EQ(err.read_all(), "lines dropped here, as the output took none: 1\nerror\n");
+}
+
+TEST_F(DroppedLines, AreCountedOnUntilTheyAreTold)
+{
+    core_log_set_pprint(0);
+    const unread_stream out(STDOUT_FILENO);
+    log_line(CORE_LOG_INF, "lost");
+    EXPECT_EQ(out.read_all(), "#");
+    log_line(CORE_LOG_INF, "one");
+    log_line(CORE_LOG_INF, "lost"); // the page is taken again
+    log_line(CORE_LOG_INF, "lost");
+    EXPECT_EQ(out.read_all(), "lines dropped here, as the output took none: 1\none\n");
+    log_line(CORE_LOG_INF, "two");
+    EXPECT_EQ(out.read_all(), "lines dropped here, as the output took none: 2\ntwo\n");
+}
+
+TEST_F(DroppedLines, AreAWarningAtTheThresholdDebug)
+{
+    core_log_set_pprint(0);
+    core_log_set_level(7);
+    const unread_stream out(STDOUT_FILENO);
+    log_anonymous(CORE_LOG_INF, "lost");
+    EXPECT_EQ(out.read_all(), "#");
+    log_anonymous(CORE_LOG_INF, "text");
+    check_match(out.read_all(), "[0-9]+\\.[0-9]+ WRN zepho-log.c:[0-9]+:stdout_print\\(\\) "
+                                "lines dropped here, as the output took none: 1\ntext\n");
+}
+
+TEST_F(DroppedLines, AreALineOfTheirOwnInFrontOfProgress)
+{
+    const unread_stream out(STDOUT_FILENO);
+    core_log_progress("firehose", "send_binary", 1, 0, 2, "boot.img");
+    EXPECT_EQ(out.read_all(), "#");
+    core_log_progress("firehose", "send_binary", 1, 1, 2, "boot.img");
+    EXPECT_EQ(out.read_all(), "lines dropped here, as the output took none: 1\n50.00% completed\r");
+}
+
+TEST_F(DroppedLines, AreAnObjectInJsonMode)
+{
+    core_log_set_pprint(2);
+    const unread_stream err(STDERR_FILENO);
+    log_line(CORE_LOG_ERR, "lost");
+    EXPECT_EQ(err.read_all(), "#");
+    clock_is_given = true;
+    log_line(CORE_LOG_ERR, "error");
+    clock_is_given = false;
+    check_match(err.read_all(),
+                "\\{\"timestamp\": \"1234\\.000123456\", \"type\": \"LOG\", \"severity\":\"WRN\", "
+                "\"file\": \"zepho-log.c\", \"function\": \"stdout_print\", \"line\": [0-9]+, "
+                "\"msg\": \"lines dropped here, as the output took none: 1\"\\}\n"
+                "\\{\"timestamp\": \"1234\\.000123456\", \"type\": \"LOG\", \"severity\":\"ERR\", "
+                "\"file\": \"../main.c\", \"function\": \"check_args\", \"line\": 729, "
+                "\"msg\": \"error\"\\}\n");
 }
 
 TEST(FilePrintDeathTest, NeedsAnOpenLogFile)
