@@ -33,6 +33,8 @@ bool print_value(const firehose_chunk &chunk)
 
 int get_otp(firehose_device *device)
 {
+    if (const int err = drain_answers(device); err != CORE_OK)
+        return err;
     if (const int err = firehose_write(device, otp_request, sizeof otp_request - 1); err != CORE_OK) {
         log_err("error sending otp request %u", static_cast<unsigned>(err));
         return err;

@@ -34,22 +34,6 @@ class zero_length_packets {
     bool *flag_;
 };
 
-// Data that ends in a partial payload is padded to whole sectors; a sector must fit into a payload.
-bool fits_sectors(uint64_t file_size, uint32_t max_payload, uint32_t sector_size)
-{
-    const bool has_partial_payload = file_size % max_payload != 0;
-    return (sector_size != 0 || !has_partial_payload) && (sector_size <= max_payload || file_size == 0);
-}
-
-int check_sectors(const image *img, uint32_t max_payload)
-{
-    if (fits_sectors(img->file_size, max_payload, img->sector_size_in_bytes))
-        return CORE_OK;
-    log_as(in_send_command_with_binary, CORE_LOG_ERR, "sector size %u does not fit payload size %u for %s",
-           img->sector_size_in_bytes, max_payload, img->filename);
-    return CORE_EINVAL;
-}
-
 // One file on its way to the programmer.
 struct transmission {
     firehose_device *device;
@@ -116,21 +100,70 @@ ending send_chunk(transmission *t)
     return go_on;
 }
 
-// The data of one image, whose command announced so many sectors: the file must be what it was then, also
-// when all of it has gone out.
-int send_data(firehose_device *device, const image *img, uint32_t max_payload)
+// Sends an open file and waits for its one ACK; `*sent` counts the bytes of the file that have gone out.
+int send_file(firehose_device *device, uint32_t max_payload, uint32_t sector_size, const char *path, int file,
+              uint64_t *sent)
 {
-    if (const int err = check_image_file(img); err != CORE_OK)
+    const zero_length_packets flag(device);
+    int64_t size = 0;
+    if (const int err = core_file_get_size(file, &size); err != CORE_OK) {
+        log_as(in_send_binary, CORE_LOG_ERR, "unable to get bin file size %u", static_cast<unsigned>(err));
         return err;
+    }
+    const auto total = static_cast<uint64_t>(size);
+    // No chunk is longer than the payload, and this file's only chunk may be shorter: padding never adds two
+    // whole sectors.
+    const uint64_t needed =
+        std::min<uint64_t>(max_payload, total + 2 * static_cast<uint64_t>(sector_size) + 1);
+    const owned_bytes buffer(static_cast<unsigned char *>(malloc(static_cast<size_t>(needed))));
+    if (buffer == nullptr) {
+        log_as(in_send_binary, CORE_LOG_ERR, "memory failure");
+        return CORE_ENOMEM;
+    }
+    transmission t{device, file, path, total, 0, max_payload, sector_size, buffer.get()};
+    while (t.offset < t.size) {
+        if (const ending end = send_chunk(&t))
+            return *end;
+        *sent = t.offset;
+    }
+    log_as(in_send_binary, CORE_LOG_INF, "Sent %" PRIu64 " bytes", t.offset);
+    const int err = read_ack_nack(device);
+    if (err == CORE_OK)
+        core_log_progress_complete(log_source, in_send_binary, __LINE__, size, path);
+    return err;
+}
+
+// What has gone out must be all that the command announced, of the file that it was then.
+int check_sent(const image *img, int file, uint64_t sent)
+{
+    if (const int err = check_same_file(file, img->filename, img->identity); err != CORE_OK)
+        return err;
+    if (sent == img->file_size)
+        return CORE_OK;
+    log_as(in_send_command_with_binary, CORE_LOG_ERR, "%" PRIu64 " of %" PRIu64 " bytes were sent of %s",
+           sent, img->file_size, img->filename);
+    return CORE_EINVAL;
+}
+
+// The data of one image, whose command announced so many sectors.
+int send_data(firehose_device *device, const image *img, int file, uint32_t max_payload)
+{
+    if (const int err = check_same_file(file, img->filename, img->identity); err != CORE_OK)
+        return err;
+    if (img->file_size > 0) { // where there is nothing to send, its acknowledgement waits already
+        if (const int err = drain_answers(device); err != CORE_OK)
+            return err;
+    }
     if (img->label[0] != '\0')
         log_as(in_send_command_with_binary, CORE_LOG_INF, "Updating image %s", img->label);
     log_as(in_send_command_with_binary, CORE_LOG_DBG, "sending binary %s", img->filename);
-    if (const int err = send_binary(device, max_payload, img->sector_size_in_bytes, img->filename);
+    uint64_t sent = 0;
+    if (const int err = send_file(device, max_payload, img->sector_size_in_bytes, img->filename, file, &sent);
         err != CORE_OK) {
         log_as(in_send_command_with_binary, CORE_LOG_ERR, "error in sending binary %s", img->filename);
         return err;
     }
-    return check_image_file(img);
+    return check_sent(img, file, sent);
 }
 
 } // namespace
@@ -161,20 +194,22 @@ int send_command_with_binary(firehose_device *device, const image *img, uint32_t
         log_dbg("Skip program command without filename: %s", img->command);
         return CORE_OK;
     }
+    owned_file file;
     if (has_data) {
         if (const int err = check_sectors(img, max_payload); err != CORE_OK)
             return err;
-        if (const int err = check_image_file(img); err != CORE_OK)
+        if (const int err = open_same_file(img->filename, img->identity, file.receive()); err != CORE_OK)
             return err;
     }
-    if (const int err = send_command(device, img, is_erase); err != CORE_OK) {
+    const raw_mode awaited = has_data ? raw_mode::on : raw_mode::off;
+    if (const int err = send_command(device, img, is_erase, awaited); err != CORE_OK) {
         log_err("error for command");
         return err;
     }
-    return has_data ? send_data(device, img, max_payload) : CORE_OK;
+    return has_data ? send_data(device, img, file.get(), max_payload) : CORE_OK;
 }
 
-int send_command(firehose_device *device, const image *img, bool is_erase)
+int send_command(firehose_device *device, const image *img, bool is_erase, raw_mode awaited)
 {
     owned_text request;
     if (get_command_xml(&request, img, is_erase) < 0) {
@@ -182,7 +217,7 @@ int send_command(firehose_device *device, const image *img, bool is_erase)
         return CORE_ENOMEM;
     }
     log_dbg("%s", request.get());
-    return generic_ack_nack_request(device, request.get());
+    return generic_ack_nack_request(device, request.get(), awaited);
 }
 
 int get_command_xml(owned_text *out, const image *img, bool is_erase)
@@ -221,41 +256,6 @@ int change_num_partition_sectors_attrib(owned_text *out, const image *img, bool 
     return *out != nullptr ? static_cast<int>(strlen(out->get())) : -1;
 }
 
-int send_binary(firehose_device *device, uint32_t max_payload, uint32_t sector_size, const char *path)
-{
-    const zero_length_packets flag(device);
-    owned_file file;
-    if (const int err = core_file_open(path, file.receive()); err != CORE_OK) {
-        log_err("unable to open bin file %u", static_cast<unsigned>(err));
-        return err;
-    }
-    int64_t size = 0;
-    if (const int err = core_file_get_size(file.get(), &size); err != CORE_OK) {
-        log_err("unable to get bin file size %u", static_cast<unsigned>(err));
-        return err;
-    }
-    const auto total = static_cast<uint64_t>(size);
-    // No chunk is longer than the payload, and this file's only chunk may be shorter: padding never adds two
-    // whole sectors.
-    const uint64_t needed =
-        std::min<uint64_t>(max_payload, total + 2 * static_cast<uint64_t>(sector_size) + 1);
-    const owned_bytes buffer(static_cast<unsigned char *>(malloc(static_cast<size_t>(needed))));
-    if (buffer == nullptr) {
-        log_err("memory failure");
-        return CORE_ENOMEM;
-    }
-    transmission t{device, file.get(), path, total, 0, max_payload, sector_size, buffer.get()};
-    while (t.offset < t.size) {
-        if (const ending end = send_chunk(&t))
-            return *end;
-    }
-    log_inf("Sent %" PRIu64 " bytes", t.offset);
-    const int err = read_ack_nack(device);
-    if (err == CORE_OK)
-        core_log_progress_complete(log_source, __func__, __LINE__, size, path);
-    return err;
-}
-
 uint32_t find_minimum_chunk_size(uint32_t read_size, uint32_t max_payload, uint32_t sector_size)
 {
     const uint32_t count = max_payload / sector_size;
@@ -266,4 +266,17 @@ uint32_t find_minimum_chunk_size(uint32_t read_size, uint32_t max_payload, uint3
             return i * sector_size;
     }
     return max_payload;
+}
+
+// The library's interface: the updater itself sends the files that it holds open.
+
+int send_binary(firehose_device *device, uint32_t max_payload, uint32_t sector_size, const char *path)
+{
+    owned_file file;
+    if (const int err = core_file_open_to_read(path, file.receive()); err != CORE_OK) {
+        log_err("unable to open bin file %u", static_cast<unsigned>(err));
+        return err;
+    }
+    uint64_t sent = 0;
+    return send_file(device, max_payload, sector_size, path, file.get(), &sent);
 }

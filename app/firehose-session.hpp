@@ -9,9 +9,6 @@
 #include "image-list.hpp"
 #include "modem.hpp"
 
-// Payload size that is proposed to every programmer, in bytes.
-constexpr uint32_t FIREHOSE_PAYLOAD_SIZE = 1048576;
-
 // The stage: open, ping, configure, then the package's commands (or the OTP read), reset, close. 0 or the
 // first failure.
 [[nodiscard]] int firehose_update(const modem *m, const image_list *package, bool otp);

@@ -18,7 +18,9 @@ constexpr char reset_request[] =
     "<?xml version=\"1.0\"?>\n<data>\n<power value=\"reset\" DelayInSeconds=\"3\"/>\n</data>\n";
 constexpr char memory_name[] = "nand";
 constexpr char supported_payload[] = "MaxPayloadSizeToTargetInBytesSupported";
+constexpr std::string_view ack = "value=\"ACK\"";
 constexpr int max_empty_chunks = 10;
+constexpr int max_stray_chunks = 64;            // what still comes after them never ends
 constexpr uint32_t max_payload_size = 1U << 30; // one read and one transfer still move as much
 
 int open_endpoint(core_endpoint *endpoint)
@@ -37,6 +39,19 @@ int open_serial(const modem *m, int32_t *handle)
 {
     const modem_port_record *const port = find_port(m, PORT_FIRMWARE_UPDATE);
     return core_device_open(port != nullptr ? port->port_name : "", handle);
+}
+
+// One chunk of what waits already; an empty one where nothing does.
+int take_chunk(firehose_device *device, firehose_chunk *chunk)
+{
+    if (device->serial_handle != 0)
+        return firehose_read(device, timeouts::stray_answer, chunk);
+    memset(chunk, 0, sizeof *chunk);
+    int transferred = 0;
+    const int err = core_usb_endpoint_take(&device->endpoint, chunk->text, sizeof chunk->text - 1,
+                                           timeouts::stray_answer, &transferred);
+    chunk->size = static_cast<size_t>(transferred);
+    return err;
 }
 
 // Takes the programmer's counter-offer out of a NAK.
@@ -84,12 +99,43 @@ int firehose_read(firehose_device *device, unsigned timeout_ms, firehose_chunk *
 
 bool firehose_has_ack(const firehose_chunk *chunk)
 {
-    return text_contains(chunk->text, "value=\"ACK\"");
+    return text_contains(chunk->text, ack);
 }
 
 bool firehose_has_nak(const firehose_chunk *chunk)
 {
     return text_contains(chunk->text, "value=\"NAK\"");
+}
+
+bool firehose_has_ack_of(const firehose_chunk *chunk, raw_mode awaited)
+{
+    const std::string_view other = awaited == raw_mode::on ? "rawmode=\"false\"" : "rawmode=\"true\"";
+    const std::string_view text = chunk->text;
+    for (size_t found = text.find(ack); found != text.npos; found = text.find(ack, found + 1)) {
+        const size_t begin = text.rfind('<', found) + 1; // 0 where there is none
+        const std::string_view element = text_before(chunk->text + begin, "<>");
+        if (!text_contains(element, other))
+            return true;
+    }
+    return false;
+}
+
+int drain_answers(firehose_device *device)
+{
+    for (int i = 0; i < max_stray_chunks; ++i) {
+        firehose_chunk chunk;
+        if (take_chunk(device, &chunk) != CORE_OK || chunk.size == 0)
+            return CORE_OK; // what is wrong with the connection, the request meets
+        if (firehose_has_nak(&chunk)) {
+            log_err("%s", chunk.text);
+            return CORE_EGENERIC;
+        }
+        if (firehose_has_ack(&chunk))
+            log_wrn("an answer too many: %s", chunk.text);
+        else
+            log_dbg("%s", chunk.text);
+    }
+    return CORE_OK;
 }
 
 int answer_guard::check(const firehose_chunk *chunk)
@@ -119,7 +165,7 @@ int firehose_write(firehose_device *device, const void *buf, size_t len)
                      });
 }
 
-int read_ack_nack(firehose_device *device)
+int read_ack_nack(firehose_device *device, raw_mode awaited)
 {
     answer_guard guard;
     for (;;) {
@@ -127,7 +173,7 @@ int read_ack_nack(firehose_device *device)
         if (firehose_read(device, timeouts::ack, &chunk) != CORE_OK || chunk.size == 0)
             return CORE_EGENERIC;
         log_dbg("%s", chunk.text);
-        if (firehose_has_ack(&chunk))
+        if (firehose_has_ack_of(&chunk, awaited))
             return CORE_OK;
         if (firehose_has_nak(&chunk)) {
             log_err("%s", chunk.text);
@@ -138,8 +184,10 @@ int read_ack_nack(firehose_device *device)
     }
 }
 
-int generic_ack_nack_request(firehose_device *device, const char *xml)
+int generic_ack_nack_request(firehose_device *device, const char *xml, raw_mode awaited)
 {
+    if (const int err = drain_answers(device); err != CORE_OK)
+        return err;
     log_dbg("sending request: %s", xml);
     int err = firehose_write(device, xml, strlen(xml));
     if (err != CORE_OK) {
@@ -147,7 +195,7 @@ int generic_ack_nack_request(firehose_device *device, const char *xml)
         log_err("%s", xml);
         return err;
     }
-    err = read_ack_nack(device);
+    err = read_ack_nack(device, awaited);
     if (err != CORE_OK)
         log_err("error sending reading ack/nack %u", static_cast<unsigned>(err));
     return err;
@@ -171,6 +219,8 @@ int send_config(firehose_device *device, uint32_t *payload)
         log_err("error in get_config_xml");
         return CORE_ENOMEM;
     }
+    if (const int err = drain_answers(device); err != CORE_OK)
+        return err;
     if (const int err = firehose_write(device, request.get(), strlen(request.get())); err != CORE_OK) {
         log_err("error sending config %u", static_cast<unsigned>(err));
         return err;

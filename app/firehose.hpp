@@ -34,6 +34,17 @@ struct firehose_chunk {
 [[nodiscard]] bool firehose_has_ack(const firehose_chunk *chunk);
 [[nodiscard]] bool firehose_has_nak(const firehose_chunk *chunk);
 
+// What an ACK says of itself: that raw data is to follow it (rawmode="true"), or not (rawmode="false").
+// Programmers that say neither exist.
+enum class raw_mode { off, on };
+// True for an ACK that is none of the other kind: that one answers something else.
+[[nodiscard]] bool firehose_has_ack_of(const firehose_chunk *chunk, raw_mode awaited);
+
+// Reads away what still waits for nobody, before a request or an image goes out: an answer too many would be
+// taken for the next one, and a refusal among it would never be seen. 0, also when reading fails;
+// CORE_EGENERIC after a NAK.
+[[nodiscard]] int drain_answers(firehose_device *device);
+
 // Watches over one wait for an answer, so that neither a connection that delivers nothing at once nor a
 // programmer that talks about other things can hold the program for ever.
 class answer_guard {
@@ -47,11 +58,12 @@ class answer_guard {
     time_limit limit_{timeouts::answer_in_all};
 };
 
-// Waits for ACK: 0; CORE_EGENERIC after NAK, silence or a failed read; CORE_EPROTO when five minutes brought
-// everything but an answer.
-[[nodiscard]] int read_ack_nack(firehose_device *device);
+// Waits for the ACK that was awaited: 0; CORE_EGENERIC after NAK, silence or a failed read; CORE_EPROTO when
+// five minutes brought everything but an answer.
+[[nodiscard]] int read_ack_nack(firehose_device *device, raw_mode awaited = raw_mode::off);
 // Sends a request and waits for its ACK.
-[[nodiscard]] int generic_ack_nack_request(firehose_device *device, const char *xml);
+[[nodiscard]] int generic_ack_nack_request(firehose_device *device, const char *xml,
+                                           raw_mode awaited = raw_mode::off);
 [[nodiscard]] int send_nop(firehose_device *device);
 // Formats the configure request; its length, -1 on failure.
 [[nodiscard]] int get_config_xml(owned_text *out, uint32_t payload, const char *memory_name);

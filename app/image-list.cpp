@@ -17,6 +17,12 @@ constexpr char in_parse_content_xml[] = "parse_content_xml";
 constexpr char in_build_image_array_from_xml[] = "build_image_array_from_xml";
 constexpr char in_validate_image_list[] = "validate_image_list";
 
+owned_text directory_of(const char *path)
+{
+    const owned_text copy(strdup(path));
+    return owned_text(copy != nullptr ? strdup(dirname(copy.get())) : nullptr);
+}
+
 // The lines of the description: an element line, then the line with its file name.
 int parse_content_lines(image_list *list)
 {
@@ -107,12 +113,20 @@ int find_package_files(const char *base_dir, image_list *list)
     return join_base(base_dir, list->programmer_path);
 }
 
-// Opening creates what is missing; an empty list made that way would be a run that flashes nothing and
-// succeeds.
-int open_partition_file(const char *path, owned_file *file)
+// Opens a file of the package for reading; a failure of the system is logged.
+int open_in_package(const char *base_dir, const char *path, owned_file *file, const char *function)
+{
+    const int err = core_file_open_beneath(base_dir, path, file->receive());
+    if (err != CORE_OK && errno != 0)
+        log_as(function, CORE_LOG_ERR, "error %d %s opening file '%s'\n", errno, strerror(errno), path);
+    return err;
+}
+
+// A rawprogram file that cannot be reached, for whatever reason, is one that is not there.
+int open_partition_file(const char *base_dir, const char *path, owned_file *file)
 {
     if (core_file_exists(path) == CORE_OK)
-        return core_file_open(path, file->receive());
+        return open_in_package(base_dir, path, file, in_build_image_array_from_xml);
     log_as(in_build_image_array_from_xml, CORE_LOG_ERR, "error %d %s opening file '%s'\n", ENOENT,
            strerror(ENOENT), path);
     return CORE_ENOENT;
@@ -169,12 +183,11 @@ bool validate_image(const char *base_dir, image *img)
     if (core_file_exists(path.get()) != CORE_OK)
         return fail(__LINE__, "file does not exist for image", 0);
     owned_file file;
-    if (const int err = core_file_open(path.get(), file.receive()); err != CORE_OK)
+    if (const int err = open_in_package(base_dir, path.get(), &file, in_validate_image_list); err != CORE_OK)
         return fail(__LINE__, "unable to open file err = %u, for image", err);
-    int64_t size = 0;
-    if (const int err = core_file_get_size(file.get(), &size); err != CORE_OK)
+    if (const int err = core_file_identify(file.get(), &img->identity); err != CORE_OK)
         return fail(__LINE__, "unable to get file size err = %u, for image", err);
-    img->file_size = static_cast<uint64_t>(size);
+    img->file_size = static_cast<uint64_t>(img->identity.size);
     if (const int err = file.close(); err != CORE_OK)
         return fail(__LINE__, "unable to close file err = %u, for image", err);
     return store_path(img->filename, path.get()) == CORE_OK;
@@ -185,8 +198,7 @@ bool validate_image(const char *base_dir, image *img)
 owned_text directory_of_package(const image_list *list)
 {
     const bool has_description = list->content_xml_path[0] != '\0';
-    const owned_text path(strdup(has_description ? list->content_xml_path : list->programmer_path));
-    return owned_text(path != nullptr ? strdup(dirname(path.get())) : nullptr);
+    return directory_of(has_description ? list->content_xml_path : list->programmer_path);
 }
 
 int store_path(char (&field)[1024], const char *path)
@@ -205,8 +217,13 @@ int parse_content_xml(const char *path, image_list *list)
         log_err("invalid args");
         return CORE_EINVAL;
     }
+    const owned_text base_dir = directory_of(path);
+    if (base_dir == nullptr) {
+        log_err("out of memory");
+        return CORE_ENOMEM;
+    }
     owned_file file;
-    if (const int err = core_file_open(path, file.receive()); err != CORE_OK) {
+    if (const int err = open_in_package(base_dir.get(), path, &file, __func__); err != CORE_OK) {
         log_err("unable to open xml file %s, error = %u", path, static_cast<unsigned>(err));
         return CORE_EINVAL;
     }
@@ -235,7 +252,8 @@ int build_image_array_from_xml(image_list *list)
     if (const int err = find_package_files(base_dir.get(), list); err != CORE_OK)
         return err;
     owned_file file;
-    if (const int err = open_partition_file(list->partition_file_path, &file); err != CORE_OK) {
+    if (const int err = open_partition_file(base_dir.get(), list->partition_file_path, &file);
+        err != CORE_OK) {
         log_err("unable to open partition file %s, err = %u", list->partition_file_path,
                 static_cast<unsigned>(err));
         return err;

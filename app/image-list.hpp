@@ -5,6 +5,7 @@
 // file checked. Texts are read once and kept in the list. Nothing waits.
 #pragma once
 
+#include "core-reading.hpp"
 #include "package-text.hpp"
 
 #include <cstdint>
@@ -17,6 +18,7 @@ struct image {
     char filename[1024];           // the full path once validated; empty for a line without a file
     char command[1024];            // the line as read, cut to 1023 characters
     uint64_t file_size;            // in bytes, filled by validation
+    core_file_identity identity;   // of the file, filled by validation
 };
 
 // The package of one run.
@@ -31,6 +33,7 @@ struct image_list {
     package_text description;       // contents.xml
     package_text partition;         // the rawprogram file
     package_text information;       // information.contents
+    core_file_identity programmer;  // of the programmer's file, filled by the check of the package
 };
 
 // The directory that the package lies in, to which all its names are relative: that of the description or,

@@ -5,6 +5,7 @@
 #include "core.hpp"
 #include "zepho-log.hpp"
 
+#include <cerrno>
 #include <cinttypes>
 
 namespace {
@@ -14,22 +15,6 @@ constexpr char in_check_package[] = "check_package";
 constexpr uint64_t max_sectors = INT32_MAX; // a command announces them as a signed number
 
 constexpr std::string_view blanks = " \t\r";
-
-// The size of a file that must be there: opening it would create it.
-int measure(const char *path, uint64_t *size, const char *function)
-{
-    if (core_file_exists(path) != CORE_OK) {
-        log_as(function, CORE_LOG_ERR, "file is not there: %s", path);
-        return CORE_ENOENT;
-    }
-    owned_file file;
-    if (const int err = core_file_open(path, file.receive()); err != CORE_OK)
-        return err;
-    int64_t bytes = 0;
-    const int err = core_file_get_size(file.get(), &bytes);
-    *size = static_cast<uint64_t>(bytes);
-    return err;
-}
 
 int check_texts(const image_list *package)
 {
@@ -99,46 +84,6 @@ int check_lines(const package_text &text)
     return CORE_OK;
 }
 
-// The name is what stands behind the directory of the package.
-int check_name(const char *path, size_t directory_length)
-{
-    std::string_view rest = path;
-    rest.remove_prefix(std::min(directory_length, rest.size()));
-    while (!rest.empty()) {
-        const std::string_view part = text_before(rest, "/");
-        if (part == "..") {
-            log_as(in_check_package, CORE_LOG_ERR, "file name leads out of the package: %s", path);
-            return CORE_EINVAL;
-        }
-        rest.remove_prefix(std::min(part.size() + 1, rest.size()));
-    }
-    return CORE_OK;
-}
-
-int check_names(const image_list *package)
-{
-    const owned_text directory = directory_of_package(package);
-    if (directory == nullptr) {
-        log_as(in_check_package, CORE_LOG_ERR, "out of memory");
-        return CORE_ENOMEM;
-    }
-    const size_t directory_length = strlen(directory.get());
-    if (package->content_xml_path[0] != '\0') { // else both lie beside each other
-        for (const char *path : {package->programmer_path, package->partition_file_path}) {
-            if (const int err = check_name(path, directory_length); err != CORE_OK)
-                return err;
-        }
-    }
-    for (uint32_t i = 0; i < package->image_count; ++i) {
-        const image *const img = &package->images[i];
-        if (img->filename[0] == '\0')
-            continue;
-        if (const int err = check_name(img->filename, directory_length); err != CORE_OK)
-            return err;
-    }
-    return CORE_OK;
-}
-
 // The text from its first character on that is no blank.
 std::string_view without_leading_blanks(std::string_view text)
 {
@@ -167,6 +112,25 @@ bool names_a_file(std::string_view line)
     return false;
 }
 
+// What the command of an image with data says of its sectors.
+int check_sectors_of(const image *img, const char *path)
+{
+    if (const int err = check_sectors(img, FIREHOSE_PAYLOAD_SIZE); err != CORE_OK)
+        return err;
+    if (img->sector_size_in_bytes != 0 && img->file_size > max_sectors * img->sector_size_in_bytes) {
+        log_as(in_check_package, CORE_LOG_ERR, "too many sectors of %u bytes: %s", img->sector_size_in_bytes,
+               img->filename);
+        return CORE_EINVAL;
+    }
+    const std::optional<std::string_view> announced = text_behind(img->command, "num_partition_sectors=\"");
+    if (announced && announced->find('"', 1) == announced->npos) { // of an empty value, the quote behind it
+        log_as(in_check_package, CORE_LOG_ERR, "number of sectors without an end in %s: %.60s", path,
+               img->command);
+        return CORE_EINVAL;
+    }
+    return CORE_OK;
+}
+
 int check_command(const image *img, const char *path)
 {
     if (img->filename[0] == '\0' && text_contains(img->command, "<program ") && names_a_file(img->command)) {
@@ -174,13 +138,7 @@ int check_command(const image *img, const char *path)
         return CORE_EINVAL;
     }
     const bool has_data = img->filename[0] != '\0' && !text_contains(img->command, "<erase ");
-    if (has_data && img->sector_size_in_bytes != 0 &&
-        img->file_size > max_sectors * img->sector_size_in_bytes) {
-        log_as(in_check_package, CORE_LOG_ERR, "too many sectors of %u bytes: %s", img->sector_size_in_bytes,
-               img->filename);
-        return CORE_EINVAL;
-    }
-    return CORE_OK;
+    return has_data ? check_sectors_of(img, path) : CORE_OK;
 }
 
 int check_commands(const image_list *package)
@@ -202,45 +160,92 @@ int check_not_empty(const image_list *package)
     return CORE_EINVAL;
 }
 
-int check_programmer(const char *path)
+// Logs the failure to open a file, where that was not done yet.
+int tell_of_opening(int err, const char *path, const char *function)
 {
-    uint64_t size = 0;
-    if (const int err = measure(path, &size, in_check_package); err != CORE_OK)
+    if (err == CORE_ENOENT)
+        log_as(function, CORE_LOG_ERR, "file is not there: %s", path);
+    else if (errno != 0)
+        log_as(function, CORE_LOG_ERR, "error %d %s opening file '%s'\n", errno, strerror(errno), path);
+    return err;
+}
+
+int check_programmer(image_list *package)
+{
+    const char *const path = package->programmer_path;
+    const owned_text directory = directory_of_package(package);
+    if (directory == nullptr) {
+        log_as(in_check_package, CORE_LOG_ERR, "out of memory");
+        return CORE_ENOMEM;
+    }
+    owned_file file;
+    if (const int err = core_file_exists(path) != CORE_OK
+                            ? CORE_ENOENT
+                            : core_file_open_beneath(directory.get(), path, file.receive());
+        err != CORE_OK)
+        return tell_of_opening(err, path, in_check_package);
+    if (const int err = core_file_identify(file.get(), &package->programmer); err != CORE_OK)
         return err;
-    if (size == 0) {
+    if (package->programmer.size == 0) {
         log_as(in_check_package, CORE_LOG_ERR, "programmer image %s is empty", path);
         return CORE_EINVAL;
     }
     return CORE_OK;
 }
 
+int check_lines_and_commands(const image_list *package)
+{
+    if (const int err = check_not_empty(package); err != CORE_OK)
+        return err;
+    if (const int err = check_lines(package->partition); err != CORE_OK)
+        return err;
+    return check_commands(package);
+}
+
 } // namespace
 
-int check_package(const image_list *package, bool otp, bool uploads_programmer)
+int check_package(image_list *package, bool writes_images, bool uploads_programmer)
 {
     int err = check_texts(package);
-    if (err == CORE_OK)
-        err = check_names(package);
-    if (err == CORE_OK && !otp)
-        err = check_not_empty(package);
-    if (err == CORE_OK)
-        err = check_lines(package->partition);
-    if (err == CORE_OK)
-        err = check_commands(package);
+    if (err == CORE_OK && writes_images)
+        err = check_lines_and_commands(package);
     if (err == CORE_OK && uploads_programmer)
-        err = check_programmer(package->programmer_path);
+        err = check_programmer(package);
     return err;
 }
 
-int check_image_file(const image *img)
+int check_sectors(const image *img, uint32_t max_payload)
 {
-    uint64_t size = 0;
-    if (const int err = measure(img->filename, &size, __func__); err != CORE_OK)
+    const bool has_partial_payload = img->file_size % max_payload != 0;
+    const uint32_t sector = img->sector_size_in_bytes;
+    if ((sector != 0 || !has_partial_payload) && (sector <= max_payload || img->file_size == 0))
+        return CORE_OK;
+    log_err("sector size %u does not fit payload size %u for %s", sector, max_payload, img->filename);
+    return CORE_EINVAL;
+}
+
+int open_same_file(const char *path, const core_file_identity &identity, int *handle)
+{
+    if (const int err =
+            core_file_exists(path) != CORE_OK ? CORE_ENOENT : core_file_open_to_read(path, handle);
+        err != CORE_OK)
+        return tell_of_opening(err, path, __func__);
+    const int err = check_same_file(*handle, path, identity);
+    if (err != CORE_OK)
+        static_cast<void>(core_file_close(*handle)); // it was only looked at
+    return err;
+}
+
+int check_same_file(int handle, const char *path, const core_file_identity &identity)
+{
+    core_file_identity now{};
+    if (const int err = core_file_identify(handle, &now); err != CORE_OK)
         return err;
-    if (size != img->file_size) {
-        log_err("file of %" PRIu64 " bytes has changed to %" PRIu64 ": %s", img->file_size, size,
-                img->filename);
-        return CORE_EINVAL;
-    }
-    return CORE_OK;
+    if (now == identity)
+        return CORE_OK;
+    if (now.size != identity.size)
+        log_err("file of %" PRId64 " bytes has changed to %" PRId64 ": %s", identity.size, now.size, path);
+    else
+        log_err("file has changed: %s", path);
+    return CORE_EINVAL;
 }

@@ -8,18 +8,29 @@
 
 #include "image-list.hpp"
 
-// The whole package. CORE_EINVAL for
+// Payload size that is proposed to every programmer, in bytes; it may answer with a smaller one.
+constexpr uint32_t FIREHOSE_PAYLOAD_SIZE = 1048576;
+
+// The whole package; the identity of the programmer is kept in it. CORE_EINVAL for
 //  - a NUL byte in one of its texts, behind which nothing was read;
+// where the run writes the images (`writes_images`), for
+//  - a package without any command;
 //  - a command that shares its line, or goes on in the next one, and a comment without an end: what they hold
 //    was not read;
-//  - a file name that leads out of the package by "..";
-//  - a package without any command, unless the run only reads the OTP values (`otp`);
 //  - a command that was cut, a program line whose file name could not be read, or a file of more sectors than
 //    a command can announce;
-//  - an empty programmer, where the run uploads it (`uploads_programmer`).
-// CORE_ENOENT for a programmer that is not there, or the error of a file.
-[[nodiscard]] int check_package(const image_list *package, bool otp, bool uploads_programmer);
+//  - a sector size that does not fit the proposed payload, or a number of sectors without an end;
+// and where it uploads the programmer (`uploads_programmer`), for one that is empty or lies outside of the
+// package. CORE_ENOENT for a programmer that is not there, or the error of a file.
+[[nodiscard]] int check_package(image_list *package, bool writes_images, bool uploads_programmer);
 
-// The file of one image, which must still have the size that was validated. 0; CORE_EINVAL when it has not;
-// CORE_ENOENT when it is gone; or the error of the file.
-[[nodiscard]] int check_image_file(const image *img);
+// Whether the image's data can be cut into payloads of this size: a partial one is padded to whole sectors,
+// and a sector must fit into a payload. 0 or CORE_EINVAL (logged).
+[[nodiscard]] int check_sectors(const image *img, uint32_t max_payload);
+
+// Opens a file of the package once more: 0 and the descriptor, which is the caller's, when it is still what
+// was validated; CORE_EINVAL when it is not; CORE_ENOENT when it is gone; or the error of the file. All are
+// logged.
+[[nodiscard]] int open_same_file(const char *path, const core_file_identity &identity, int *handle);
+// The same of an open file, which stays open.
+[[nodiscard]] int check_same_file(int handle, const char *path, const core_file_identity &identity);

@@ -84,18 +84,18 @@ owned_text get_new_pkgver(image_list *list)
         log_err("%s: error in generating path for information.contents file", __func__);
         return nullptr;
     }
-    const owned_stream file(core_file_open_stream(path.get()));
-    if (file == nullptr) {
+    owned_file file;
+    if (core_file_open_beneath(directory.get(), path.get(), file.receive()) != CORE_OK) {
         log_err("%s: cannot open the file %s", __func__, path.get());
         return nullptr;
     }
     int64_t size = 0;
-    if (core_file_get_size(fileno(file.get()), &size) != CORE_OK || size > MAX_TEXT_SIZE) {
+    if (core_file_get_size(file.get(), &size) != CORE_OK || size > MAX_TEXT_SIZE) {
         log_err("%s: too large: %s", __func__, path.get());
         return nullptr;
     }
     package_text &text = list->information;
-    if (text.read(path.get(), fileno(file.get()), __func__) != CORE_OK)
+    if (text.read(path.get(), file.get(), __func__) != CORE_OK)
         return nullptr;
     const owned_stream lines(fmemopen(text.bytes(), text.size(), "r"));
     if (lines == nullptr) {
@@ -127,6 +127,8 @@ owned_text search_pkgv(FILE *file)
         return nullptr;
     }
     strlcpy(version.get(), line + prefix_length, size);
+    // Blanks, and the carriage return of a foreign line end, are no part of it.
+    version.get()[std::string_view(version.get()).find_last_not_of(" \t\r") + 1] = '\0';
     log_dbg("PKG VER to be flashed: %s", version.get());
     return version;
 }

@@ -4,6 +4,7 @@
 #include "core-file.hpp"
 #include "core.hpp"
 #include "log-output.hpp"
+#include "package-check.hpp"
 #include "sahara-packet.hpp"
 #include "time-limit.hpp"
 #include "timeouts.hpp"
@@ -52,7 +53,9 @@ struct upload {
     int port;
     int file;
     const char *path;
+    core_file_identity identity;
     uint64_t file_size;
+    uint64_t missing;    // bytes that were asked for, and that the file did not give
     size_t request_size; // of every request, as the first one sets it
     packet request;
 };
@@ -90,7 +93,7 @@ void show_progress(const upload &u, uint64_t offset, uint64_t length)
 }
 
 // Sends one block of the file.
-ending send_block(const upload &u, uint64_t offset, uint64_t length)
+ending send_block(upload &u, uint64_t offset, uint64_t length)
 {
     // A block never holds more than the file does. What goes beyond it is a short read, and so is a length of
     // 4 GiB or more: one read never brings as much.
@@ -111,6 +114,7 @@ ending send_block(const upload &u, uint64_t offset, uint64_t length)
     if (err != CORE_OK || count != length) {
         log_as(in_send_programmer, CORE_LOG_ERR, "error %u reading %" PRIu64 " bytes (read %u bytes)",
                static_cast<unsigned>(err), length, static_cast<unsigned>(count));
+        u.missing = length - count;
         return err; // 0 after a short read, on purpose
     }
     err = send_bytes(u.port, block.get(), count);
@@ -159,6 +163,8 @@ ending serve_requests(upload *u)
         if (const ending end = serve_request(u))
             return end;
     }
+    if (const int err = check_same_file(u->file, u->path, u->identity); err != CORE_OK)
+        return err;
     if (const uint32_t status = u->request.get_u32(END_IMAGE_STATUS); status != 0) {
         log_as(in_send_programmer, CORE_LOG_ERR, "image transfer failed %u", status);
         return CORE_EGENERIC;
@@ -201,25 +207,29 @@ int finish_upload(int port, uint32_t platform)
     return check_done_status(response.get_u32(DONE_STATUS), platform);
 }
 
-// Opens the programmer and tells its size.
-int open_programmer(const char *path, owned_file *file, uint64_t *size)
+// Opens the programmer, which must be the one that was validated, where one was.
+int open_programmer(const image_list *package, owned_file *file, upload *u)
 {
-    if (const int err = core_file_open(path, file->receive()); err != CORE_OK) {
+    u->path = package->programmer_path;
+    const bool is_known = package->programmer != core_file_identity{};
+    if (const int err = is_known ? open_same_file(u->path, package->programmer, file->receive())
+                                 : core_file_open_to_read(u->path, file->receive());
+        err != CORE_OK) {
         log_as(in_send_programmer, CORE_LOG_ERR, "unable to open programmer image %u",
                static_cast<unsigned>(err));
         return err;
     }
-    int64_t bytes = 0;
-    if (const int err = core_file_get_size(file->get(), &bytes); err != CORE_OK) {
+    u->file = file->get();
+    if (const int err = core_file_identify(u->file, &u->identity); err != CORE_OK) {
         log_as(in_send_programmer, CORE_LOG_ERR, "unable to get bin file size %u",
                static_cast<unsigned>(err));
         return err;
     }
-    if (bytes == 0) {
-        log_as(in_send_programmer, CORE_LOG_ERR, "programmer image %s is empty", path);
+    if (u->identity.size == 0) {
+        log_as(in_send_programmer, CORE_LOG_ERR, "programmer image %s is empty", u->path);
         return CORE_EINVAL;
     }
-    *size = static_cast<uint64_t>(bytes);
+    u->file_size = static_cast<uint64_t>(u->identity.size);
     return CORE_OK;
 }
 
@@ -289,6 +299,18 @@ void drop_stale_packets(int port)
     }
 }
 
+// What the boot loader was given must be all that it asked for.
+int send_whole_programmer(int port, const image_list *package)
+{
+    uint64_t missing = 0;
+    const int err = send_programmer(port, package, &missing);
+    if (err != CORE_OK || missing == 0)
+        return err;
+    log_as(in_sahara_send_programmer, CORE_LOG_ERR, "%" PRIu64 " bytes that were asked for are not in %s",
+           missing, package->programmer_path);
+    return CORE_EINVAL;
+}
+
 int upload_over(int port, const image_list *package)
 {
     int err = hello_handshake(port, package->platform);
@@ -296,7 +318,7 @@ int upload_over(int port, const image_list *package)
         return err; // the modem restarts by itself
     if (err != CORE_OK) {
         log_as(in_sahara_send_programmer, CORE_LOG_ERR, "error in hello handshake");
-    } else if (err = send_programmer(port, package); err != CORE_OK) {
+    } else if (err = send_whole_programmer(port, package); err != CORE_OK) {
         log_as(in_sahara_send_programmer, CORE_LOG_ERR, "error in updating the programmer");
     } else {
         log_as(in_sahara_send_programmer, CORE_LOG_DBG, "Flush port");
@@ -388,20 +410,21 @@ int hello_handshake(int port, uint32_t platform)
     return receive_hello(port, platform).value_or(CORE_EPROTO);
 }
 
-int send_programmer(int port, const image_list *package)
+int send_programmer(int port, const image_list *package, uint64_t *missing)
 {
+    *missing = 0;
     log_inf("Sending programmer");
     upload u{};
     u.port = port;
-    u.path = package->programmer_path;
     if (const ending end = read_first_request(&u))
         return *end;
     owned_file file;
-    if (const int err = open_programmer(package->programmer_path, &file, &u.file_size); err != CORE_OK)
+    if (const int err = open_programmer(package, &file, &u); err != CORE_OK)
         return err;
-    u.file = file.get();
-    if (const ending end = serve_requests(&u))
+    if (const ending end = serve_requests(&u)) {
+        *missing = u.missing;
         return *end;
+    }
     if (const int err = finish_upload(port, package->platform); err != CORE_OK)
         return err;
     core_log_progress_complete(log_source, __func__, __LINE__, static_cast<int64_t>(u.file_size), u.path);

@@ -24,9 +24,10 @@ namespace sahara {
 // The maker's private request to restart into download mode: CORE_EAGAIN once acknowledged, CORE_EPROTO when
 // ten packets bring no acknowledgement.
 [[nodiscard]] int send_zepho_qdl_cmd(int port);
-// Serves the programmer until DONE. 0 also after a packet or a file that was too short; CORE_EPROTO when the
-// requests have not come to an end after ten minutes.
-[[nodiscard]] int send_programmer(int port, const image_list *package);
+// Serves the programmer until DONE. 0 also after a packet or a file that was too short: `*missing` counts the
+// bytes that were asked for and are not in the file. CORE_EINVAL when the file changes meanwhile; CORE_EPROTO
+// when the requests have not come to an end after ten minutes.
+[[nodiscard]] int send_programmer(int port, const image_list *package, uint64_t *missing);
 [[nodiscard]] int state_reset(int port);
 [[nodiscard]] int reset_modem(int port);
 // Reads until the port is silent, for half a minute at most: 0, CORE_ETIMEDOUT (the usual end) or an error.

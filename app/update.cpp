@@ -129,7 +129,7 @@ int start_update_procedure(modem *modems, uint8_t max_modems, bool already_in_qd
     if (const int err = fw_package_init(); err != CORE_OK)
         return err;
     const route way = plan_route(options, &modems[0], already_in_qdl);
-    if (const int err = check_package(&package, options.otp, way.uploads); err != CORE_OK)
+    if (const int err = check_package(&package, !options.otp && !way.stops, way.uploads); err != CORE_OK)
         return err;
     if (!already_in_qdl) {
         const int err = check_fw_compatibility(modems[0].versions, &package, options.force);

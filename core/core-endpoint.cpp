@@ -6,6 +6,7 @@
 #include "timeouts.hpp"
 #include "zepho-log.hpp"
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <libusb.h>
@@ -304,6 +305,21 @@ int core_usb_endpoint_write(core_endpoint *ep, const void *buf, size_t len, int 
 int core_usb_endpoint_read(core_endpoint *ep, void *buf, size_t len, int *transferred)
 {
     return endpoint_transfer(ep, false, buf, len, transferred);
+}
+
+int core_usb_endpoint_take(core_endpoint *ep, void *buf, size_t len, unsigned timeout_ms, int *transferred)
+{
+    *transferred = 0;
+    if (ep->handle == nullptr || len > INT_MAX)
+        return CORE_EINVAL;
+    if (const int err = libusb_claim_interface(ep->handle, ep->interface); err != 0)
+        return err;
+    int moved = 0; // also of a transfer that has timed out
+    const int err = libusb_bulk_transfer(ep->handle, ep->in_endpoint, static_cast<unsigned char *>(buf),
+                                         static_cast<int>(len), &moved, timeout_ms);
+    *transferred = std::max(moved, 0);
+    libusb_release_interface(ep->handle, ep->interface);
+    return err == 0 || err == LIBUSB_ERROR_TIMEOUT ? CORE_OK : CORE_EGENERIC;
 }
 
 // The library's interface: the updater itself calls none of these.

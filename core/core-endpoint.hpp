@@ -47,6 +47,11 @@ int core_usb_endpoint_open(const core_device_info *info, core_endpoint *ep);
 int core_usb_endpoint_close(core_endpoint *ep);
 int core_usb_endpoint_write(core_endpoint *ep, const void *buf, size_t len, int *transferred);
 int core_usb_endpoint_read(core_endpoint *ep, void *buf, size_t len, int *transferred);
+// Takes what waits already, at most `len` bytes, or comes within `timeout_ms` (not 0): one read, in silence.
+// `*transferred` may be 0. 0, CORE_EINVAL for a closed record, CORE_EGENERIC, or libusb's code for a failed
+// claim.
+[[nodiscard]] int core_usb_endpoint_take(core_endpoint *ep, void *buf, size_t len, unsigned timeout_ms,
+                                         int *transferred);
 
 // The library's interface: the updater itself calls none of these.
 

@@ -22,50 +22,67 @@ int64_t monotonic_ns()
     return core_get_time(&now) == 0 ? int64_t{now.tv_sec} * 1000 * ns_per_ms + now.tv_nsec : no_time;
 }
 
-// The timer whose signal ends a write(2), made at the first write. Without one (none is left, or the kernel
-// has none) a write blocks where poll(2) was wrong.
-class write_timer {
-  public:
-    write_timer()
+// Made once. Where there is none left, or the kernel has none, a write blocks where poll(2) was wrong.
+struct signal_timer {
+    signal_timer()
     {
-        struct sigaction action {};
-        action.sa_handler = [](int) {}; // without SA_RESTART
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGURG);
         sigevent event{};
         event.sigev_notify = SIGEV_SIGNAL;
         event.sigev_signo = SIGURG;
-        exists_ = sigaction(SIGURG, &action, nullptr) == 0 &&
-                  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr) == 0 &&
-                  timer_create(CLOCK_MONOTONIC, &event, &timer_) == 0;
+        exists = timer_create(CLOCK_MONOTONIC, &event, &timer) == 0;
     }
-
-    // Again and again, since the first signal may come before the write has begun.
-    void start() const { set({0, long{timeouts::output_write} * ns_per_ms}); }
-    void stop() const { set({}); }
-
-  private:
     void set(timespec period) const
     {
         const itimerspec setting{period, period};
-        if (exists_)
-            timer_settime(timer_, 0, &setting, nullptr);
+        if (exists)
+            timer_settime(timer, 0, &setting, nullptr);
     }
 
-    timer_t timer_{};
-    bool exists_ = false;
+    timer_t timer{};
+    bool exists;
+};
+
+// As long as one lives, signals end a system call that blocks: again and again, since the first one may come
+// before the call has begun. Handler and mask of the signal are the process's own again afterwards.
+class call_limit {
+  public:
+    call_limit()
+    {
+        struct sigaction interrupting {};
+        interrupting.sa_handler = [](int) {}; // without SA_RESTART
+        sigaction(SIGURG, &interrupting, &action_);
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGURG);
+        pthread_sigmask(SIG_UNBLOCK, &signals, &mask_);
+        timer().set({0, long{timeouts::output_write} * ns_per_ms});
+    }
+    call_limit(const call_limit &) = delete;
+    call_limit &operator=(const call_limit &) = delete;
+    ~call_limit()
+    {
+        const int err = errno;
+        timer().set({});
+        pthread_sigmask(SIG_SETMASK, &mask_, nullptr);
+        sigaction(SIGURG, &action_, nullptr);
+        errno = err;
+    }
+
+  private:
+    static const signal_timer &timer()
+    {
+        static const signal_timer only;
+        return only;
+    }
+
+    struct sigaction action_ {};
+    sigset_t mask_{};
 };
 
 ssize_t interruptible_write(int descriptor, const void *data, size_t size)
 {
-    static const write_timer timer;
-    timer.start();
-    const ssize_t written = write(descriptor, data, size);
-    const int err = errno;
-    timer.stop();
-    errno = err;
-    return written;
+    const call_limit limit;
+    return ::write(descriptor, data, size);
 }
 
 } // namespace

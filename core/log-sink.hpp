@@ -7,8 +7,7 @@
 // this process interrupts a write(2) that blocks all the same: where another process has filled a pipe in
 // between, or a terminal has room for a part of the line. That holds for whatever the descriptor is; a
 // description of its own, by opening it anew, could not be had for a socket, for a terminal or pipe of
-// another user, or without /proc. The timer's signal is SIGURG, which nothing else here uses and which does
-// no harm unhandled.
+// another user, or without /proc. The timer's signal is SIGURG, which does no harm when nobody expects it.
 #pragma once
 
 #include "timeouts.hpp"

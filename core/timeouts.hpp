@@ -48,6 +48,8 @@ constexpr unsigned otp = ms(500);
 // Back-pressure of a port or endpoint
 constexpr unsigned device_write = ms(5000);
 constexpr unsigned usb_transfer = ms(30000);
+constexpr unsigned stray_answer =
+    ms(10); // on its heels: a doubled answer's second comes in a transfer of its own
 constexpr unsigned write_retry_pause = ms(1000);
 constexpr int write_retries = 5;
 constexpr unsigned empty_write_pause = ms(10); // after a write that took nothing

@@ -280,3 +280,59 @@ def test_port_that_does_not_exist(package):
     assert (outcome.status, outcome.out) == (254, VERSION)
     assert outcome.err == ('could not open device /nowhere/port: error 2 No such file or directory\n'
                            'error in opening the firehose device -2\n' + FIREHOSE_FAILED)
+
+
+# ---- an answer too many must not hide a refusal
+
+TWO_IMAGES = {'one.bin': content('one', 10000), 'two.bin': content('two', 5000)}
+TOO_MANY = 'an answer too many: '
+
+
+def two_images(folder, *faults, options=()):
+    package = packages.write(folder / 'package',
+                             [program('one.bin', 'one'), program('two.bin', 'two')], TWO_IMAGES)
+    faults = [word for fault in faults for word in ('--fault', f'firehose.{fault}')]
+    return flash(folder, package, sim=[*faults, *options], limit=20)
+
+
+def check_refused(outcome):
+    assert outcome.status == 154
+    assert outcome.out.startswith(VERSION)
+    assert 'completed\n' not in outcome.out
+    assert 'value="NAK"' in outcome.err
+    assert outcome.err.endswith(FIREHOSE_FAILED)
+    assert outcome.seconds < 8
+
+
+@pytest.mark.parametrize('options', [(), ('--plain-answers',)], ids=['attributes', 'plain'])
+@pytest.mark.parametrize('faults', [
+    ('program=repeat@2', 'data=nak@2'),
+    ('program=repeat', 'data=nak@2'),
+    ('data=repeat', 'data=nak@2'),
+    ('nop=repeat', 'data=nak@2'),
+    ('configure=repeat', 'data=nak@2'),
+    ('program=repeat@all', 'data=nak@2'),
+], ids=' '.join)
+def test_refusal_behind_an_answer_too_many_is_seen(tmp_path, faults, options):
+    check_refused(two_images(tmp_path, *faults, options=options).outcome)
+
+
+@pytest.mark.parametrize('step', ['nop', 'configure', 'program', 'data'])
+def test_answer_too_many_alone_is_a_warning_only(tmp_path, step):
+    session = two_images(tmp_path, f'{step}=repeat', options=['--plain-answers'])
+    assert (session.outcome.status, session.outcome.err) == (0, '')
+    assert session.outcome.out.count(TOO_MANY) == 1
+    assert [image.rstrip(b'\xff') for image in session.images()] == list(TWO_IMAGES.values())
+
+
+def test_answer_of_the_other_kind_is_none(tmp_path):
+    """The acknowledgement of a program element, once more where that of the data is awaited."""
+    session = two_images(tmp_path, 'program=repeat', options=['--gap', '300'])
+    assert (session.outcome.status, session.outcome.err) == (0, '')
+    assert [image.rstrip(b'\xff') for image in session.images()] == list(TWO_IMAGES.values())
+
+
+def test_good_run_warns_of_nothing(tmp_path):
+    session = two_images(tmp_path)
+    assert (session.outcome.status, session.outcome.err) == (0, '')
+    assert TOO_MANY not in session.outcome.out

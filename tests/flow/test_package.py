@@ -155,12 +155,14 @@ def test_version_line_without_a_line_feed_loses_its_last_character(folder):
     assert re.search(f'^{line}$', outcome.out, re.MULTILINE)
 
 
-def test_missing_description_of_meta_is_created_empty_and_refused(folder):
-    # Files are opened with O_CREAT here as everywhere.
+def test_missing_description_of_meta_is_refused_and_not_created(folder):
     packages.one_image(folder)
-    (folder / 'contents.xml').unlink()
-    check_bad(dry_run('--meta', folder / 'contents.xml'), 254,
-              bad_description(folder, f'{folder}/contents.xml', 'programmer_path not found\n'))
+    path = folder / 'contents.xml'
+    path.unlink()
+    why = (f"error 2 No such file or directory opening file '{path}'\n"
+           f'unable to open xml file {path}, error = 4294967294\n')
+    check_bad(dry_run('--meta', path), 234, bad_description(folder, path, why, '4294967274'))
+    assert not path.exists()
 
 
 def test_description_that_is_a_directory_is_refused(folder):

@@ -61,13 +61,11 @@ REFUSED_0 = {
                                   'error done response status is 1\n' + NOT_UPDATED),
 }
 
-# a packet too short, and a file too short, end the upload as if it were done
+# a packet too short ends the upload as if it were done
 LENIENT = {
     'first read cut': (fault('read=truncate:4'), SENDING, 'bogus packet size 4\n'),
     'third read cut': (fault('read=truncate:12@3'), TWO_BLOCKS, 'bogus packet size 12\n'),
     'end cut': (fault('end=truncate:15'), ALL_BLOCKS, 'bogus packet size 15\n'),
-    'beyond the end': (['--programmer-size', '20001', '--read-size', '20001'], SENDING + '0.00% completed\r',
-                       'error 0 reading 20001 bytes (read 20000 bytes)\n'),
 }
 
 LARGE = ['--read-size', '300000']
@@ -76,6 +74,7 @@ CASES = {
     **{name: partial(of_programmer, sim=row[0]) for name, row in REFUSED.items()},
     **{name: partial(of_programmer, sim=row[0], version=PLATFORM_0) for name, row in REFUSED_0.items()},
     **{name: partial(of_programmer, sim=row[0], sim_leaves=False) for name, row in LENIENT.items()},
+    'beyond the end': partial(of_programmer, sim=['--programmer-size', '20001', '--read-size', '20001']),
     'read hangup': partial(of_programmer, sim=fault('read=hangup@3')),
     'done hangup': partial(of_programmer, sim=fault('done=hangup')),
     'data hangup': partial(of_programmer, sim=[*LARGE, *fault('data-in=hangup@100000')], data=bytes(300000)),
@@ -115,7 +114,7 @@ def test_missing_hello_is_waited_for_three_seconds_twice(result_of):
 
 
 @pytest.mark.parametrize('case', LENIENT)
-def test_short_packet_or_file_ends_the_upload_as_if_it_were_done(case, result_of):
+def test_short_packet_ends_the_upload_as_if_it_were_done(case, result_of):
     _, out, err = LENIENT[case]
     assert parts(result_of(case)) == (NO_USB_STATUS, out, err + NO_USB)
 
@@ -125,6 +124,15 @@ def test_modem_is_not_reset_after_a_lenient_end(case, result_of):
     received = result_of(case).received()
     assert received[0] == 'hello_response'
     assert 'reset' not in received
+
+
+def test_bytes_that_the_file_does_not_have_fail_the_upload(result_of):
+    session = result_of('beyond the end')
+    path = session.flash.parent / 'package' / packages.PROGRAMMER
+    assert parts(session) == (234, SENDING + '0.00% completed\r',
+                              'error 0 reading 20001 bytes (read 20000 bytes)\n'
+                              f'1 bytes that were asked for are not in {path}\n' + NOT_UPDATED + NOT_SENT)
+    assert session.received()[-1] == 'reset'
 
 
 @pytest.mark.parametrize('case, out', [('read hangup', TWO_BLOCKS), ('done hangup', ALL_BLOCKS)])

@@ -1,8 +1,21 @@
 #include "fake_discovery.hpp"
 
 #include "core.hpp"
+#include "restored-state.hpp"
 
 #include <gtest/gtest.h>
+
+namespace {
+
+const restored_state restored([] { fake_discovery::instance().reset(); },
+                              [] {
+                                  EXPECT_TRUE(fake_discovery::instance().enumerations.empty())
+                                      << "fewer scans than expected";
+                                  EXPECT_TRUE(fake_discovery::instance().events.empty())
+                                      << "fewer waits for an event than expected";
+                              });
+
+} // namespace
 
 fake_discovery &fake_discovery::instance()
 {

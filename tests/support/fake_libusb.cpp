@@ -1,5 +1,7 @@
 #include "fake_libusb.hpp"
 
+#include "restored-state.hpp"
+
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
@@ -18,6 +20,9 @@ struct libusb_device_handle {
 };
 
 namespace {
+
+const restored_state restored([] { fake_libusb::instance().reset(); },
+                              [] { fake_libusb::instance().verify(); });
 
 fake_libusb &fake()
 {

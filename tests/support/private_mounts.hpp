@@ -2,6 +2,8 @@
 // mount namespace, where an empty file system hides the machine's. Tests skip where that is not permitted.
 #pragma once
 
+#include "restored-state.hpp"
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -11,6 +13,7 @@
 #include <string>
 #include <sys/mount.h>
 #include <unistd.h>
+#include <vector>
 
 namespace private_mounts {
 
@@ -51,19 +54,29 @@ inline bool enter(std::string *reason)
     return true;
 }
 
-// An empty /sys in place of the one before.
+// What hides the machine's folders, taken away again at the end of the case.
+inline std::vector<const char *> hidden;
+inline const restored_state shown_again([] {
+    for (const char *const folder : hidden)
+        umount2(folder, MNT_DETACH);
+    hidden.clear();
+});
+
+// An empty /sys in place of the machine's, until the end of the case.
 inline bool empty_sys(std::string *reason)
 {
     if (!enter(reason))
         return false;
-    if (mount("tmpfs", "/sys", "tmpfs", 0, nullptr) == 0)
-        return true;
-    *reason = std::string("no private /sys: ") + strerror(errno);
-    return false;
+    if (mount("tmpfs", "/sys", "tmpfs", 0, nullptr) != 0) {
+        *reason = std::string("no private /sys: ") + strerror(errno);
+        return false;
+    }
+    hidden.push_back("/sys");
+    return true;
 }
 
-// A /dev that holds the terminals and the usual memory devices only, until restore_dev(). A pseudo-terminal
-// has to be opened before.
+// A /dev that holds the terminals and the usual memory devices only, until the end of the case. A
+// pseudo-terminal has to be opened before.
 inline bool empty_dev(std::string *reason)
 {
     if (!enter(reason))
@@ -87,15 +100,10 @@ inline bool empty_dev(std::string *reason)
     }
     if (mount(place, "/dev", nullptr, MS_BIND | MS_REC, nullptr) != 0)
         return fail("no private /dev");
+    hidden.push_back("/dev");
     umount2(place, MNT_DETACH);
     rmdir(place);
     return true;
-}
-
-// The machine's /dev again. Only after empty_dev() has succeeded.
-inline void restore_dev()
-{
-    umount2("/dev", MNT_DETACH);
 }
 
 // Writes a file below one of the two, its folders included.

@@ -1,20 +1,34 @@
 #include "pty.hpp"
 
+#include <algorithm>
 #include <cstdlib>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <termios.h>
+#include <thread>
 #include <unistd.h>
 
 using clock_type = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-static int remaining_ms(clock_type::time_point end)
+namespace {
+
+milliseconds remaining(clock_type::time_point end)
 {
-    const auto left = std::chrono::duration_cast<milliseconds>(end - clock_type::now()).count();
-    return left > 0 ? static_cast<int>(left) : 0;
+    const auto left = std::chrono::duration_cast<milliseconds>(end - clock_type::now());
+    return std::max(left, milliseconds(0));
 }
+
+// poll(2) in real time, in which a terminal lives.
+int wait_for_input(pollfd *watched, milliseconds limit)
+{
+    const timespec time{static_cast<time_t>(limit.count() / 1000),
+                        static_cast<long>(limit.count() % 1000) * 1000000};
+    return ppoll(watched, 1, &time, nullptr);
+}
+
+} // namespace
 
 pty::pty() : master_(posix_openpt(O_RDWR | O_NOCTTY))
 {
@@ -55,7 +69,7 @@ std::string pty::receive(size_t size, milliseconds limit)
     std::string bytes;
     while (bytes.size() < size) {
         pollfd watched{master_, POLLIN, 0};
-        if (poll(&watched, 1, remaining_ms(end)) <= 0 || (watched.revents & POLLIN) == 0)
+        if (wait_for_input(&watched, remaining(end)) <= 0 || (watched.revents & POLLIN) == 0)
             break;
         char buffer[4096];
         const size_t wanted = size - bytes.size();
@@ -72,7 +86,7 @@ std::string pty::receive_until_quiet(milliseconds quiet)
     std::string bytes;
     for (;;) {
         pollfd watched{master_, POLLIN, 0};
-        if (poll(&watched, 1, static_cast<int>(quiet.count())) <= 0 || (watched.revents & POLLIN) == 0)
+        if (wait_for_input(&watched, quiet) <= 0 || (watched.revents & POLLIN) == 0)
             return bytes;
         char buffer[4096];
         const ssize_t count = read(master_, buffer, sizeof buffer);
@@ -89,9 +103,10 @@ bool pty::wait_drained(milliseconds limit)
         // The count alone would miss bytes on their way between the two sides; poll(2) waits for those.
         pollfd watched{held_slave_, POLLIN, 0};
         int waiting = 0;
-        if (poll(&watched, 1, 0) == 0 && ioctl(held_slave_, FIONREAD, &waiting) == 0 && waiting == 0)
+        if (wait_for_input(&watched, milliseconds(0)) == 0 && ioctl(held_slave_, FIONREAD, &waiting) == 0 &&
+            waiting == 0)
             return true;
-        usleep(1000);
+        std::this_thread::sleep_for(milliseconds(1));
     } while (clock_type::now() < end);
     return false;
 }

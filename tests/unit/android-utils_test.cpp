@@ -1,10 +1,10 @@
 #include "android-utils.hpp"
 
 #include "core.hpp"
-#include "fake_sleep.hpp"
 #include "log_capture.hpp"
 #include "private_mounts.hpp"
 #include "temp_dir.hpp"
+#include "virtual-time.hpp"
 
 #include <gtest/gtest.h>
 
@@ -171,7 +171,6 @@ class UsbDevices : public ::testing::Test {
         std::string reason;
         if (!private_mounts::empty_sys(&reason))
             GTEST_SKIP() << reason;
-        fake_sleep::instance().reset();
         sigint_detected = 0;
     }
 
@@ -290,23 +289,23 @@ TEST_F(UsbDevices, AreFoundWithoutWaiting)
 {
     add("1-2", download_device);
     EXPECT_TRUE(wait_for_usb_device("5c6", "9008", 20));
-    EXPECT_TRUE(fake_sleep::instance().slept.empty());
+    EXPECT_TRUE(virtual_time::instance().slept.empty());
 }
 
 TEST_F(UsbDevices, AreWaitedForASecondAfterEachMiss)
 {
     EXPECT_FALSE(wait_for_usb_device("5c6", "9008", 3));
-    EXPECT_EQ(fake_sleep::instance().slept, (std::vector<unsigned>{1000, 1000, 1000}));
+    EXPECT_EQ(virtual_time::instance().slept, (std::vector<unsigned>{1000, 1000, 1000}));
 }
 
 TEST_F(UsbDevices, AreFoundWhenTheyCome)
 {
-    fake_sleep::instance().when_slept = [] {
-        if (fake_sleep::instance().slept.size() == 2)
+    virtual_time::instance().when_slept = [] {
+        if (virtual_time::instance().slept.size() == 2)
             add("1-2", download_device);
     };
     EXPECT_TRUE(wait_for_usb_device("5c6", "9008", 20));
-    EXPECT_EQ(fake_sleep::instance().slept.size(), 2U);
+    EXPECT_EQ(virtual_time::instance().slept.size(), 2U);
 }
 
 TEST_F(UsbDevices, AreNotLookedForWithoutATry)
@@ -317,7 +316,7 @@ TEST_F(UsbDevices, AreNotLookedForWithoutATry)
 
 TEST_F(UsbDevices, AreNotWaitedForAfterAnInterrupt)
 {
-    fake_sleep::instance().when_slept = [] { core_signal_handler(2); };
+    virtual_time::instance().when_slept = [] { core_signal_handler(2); };
     EXPECT_FALSE(wait_for_usb_device("5c6", "9008", 20));
-    EXPECT_EQ(fake_sleep::instance().slept.size(), 1U);
+    EXPECT_EQ(virtual_time::instance().slept.size(), 1U);
 }

@@ -3,15 +3,17 @@
 #include "core-device.hpp"
 #include "core.hpp"
 #include "log_capture.hpp"
+#include "scripted-port.hpp"
 #include "scripted_modem.hpp"
+#include "virtual-time.hpp"
 
 #include <algorithm>
 #include <cerrno>
 #include <deque>
-#include <dlfcn.h>
 #include <fcntl.h>
+#include <functional>
 #include <gtest/gtest.h>
-#include <poll.h>
+#include <optional>
 #include <unistd.h>
 
 namespace {
@@ -20,144 +22,65 @@ using texts = std::vector<std::string>;
 
 // One thing that happens while the code waits for bytes.
 struct event {
-    enum kind { bytes, time_out, hang_up, device_error, read_error } what;
-    std::string data;
+    std::function<void(scripted_port *)> play;
+    bool is_silence = false;
 };
 event comes(const std::string &data)
 {
-    return {event::bytes, data};
+    return {[data](scripted_port *port) { port->sends(data); }};
 }
-const event silence = {event::time_out, ""};
-const event hang_up = {event::hang_up, ""};
-const event device_error = {event::device_error, ""};
-const event read_error = {event::read_error, ""};
-const event nothing_to_read = {event::bytes, ""};
+const event silence = {[](scripted_port *port) { port->lets_a_wait_pass(); }, true};
+const event hang_up = {[](scripted_port *port) { port->hangs_up(); }};
+const event device_error = {[](scripted_port *port) { port->breaks(); }};
+const event read_error = {[](scripted_port *port) { port->fails_a_read(EIO); }};
+const event nothing_to_read = comes("");
 
-// A device of this number is played by the functions below, by a strict script: a wait behind its end fails,
-// and so does an event that nobody waited for.
-constexpr int fake_device = 4711;
-struct fake_port {
-    std::deque<event> events;
-    std::deque<ssize_t> write_limits; // bytes that the next writes take, negative for an errno
-    std::string stale;                // what was sent before the command
-    std::vector<int> waits;           // time-outs of the waits for input
-    std::string written;
-    bool readable = false;
-};
-fake_port port;
-
-template <typename Function> Function real(const char *name)
-{
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
-
-} // namespace
-
-extern "C" int poll(pollfd *watched, nfds_t count, int timeout)
-{
-    static const auto real_poll = real<int (*)(pollfd *, nfds_t, int)>("poll");
-    if (count != 1 || watched->fd != fake_device)
-        return real_poll(watched, count, timeout);
-    if ((watched->events & POLLOUT) != 0) {
-        watched->revents = POLLOUT;
-        return 1;
-    }
-    port.waits.push_back(timeout);
-    if (port.events.empty()) {
-        ADD_FAILURE() << "a wait that nobody expects";
-        watched->revents = POLLHUP;
-        return 1;
-    }
-    switch (port.events.front().what) {
-    case event::time_out:
-        port.events.pop_front();
-        watched->revents = 0;
-        return 0;
-    case event::hang_up:
-        port.events.pop_front();
-        watched->revents = POLLIN | POLLHUP;
-        return 1;
-    case event::device_error:
-        port.events.pop_front();
-        watched->revents = POLLERR;
-        return 1;
-    default:
-        watched->revents = POLLIN;
-        port.readable = true;
-        return 1;
-    }
-}
-
-extern "C" ssize_t read(int handle, void *buffer, size_t size)
-{
-    static const auto real_read = real<ssize_t (*)(int, void *, size_t)>("read");
-    if (handle != fake_device)
-        return real_read(handle, buffer, size);
-    std::string *source = &port.stale;
-    if (port.readable) {
-        port.readable = false;
-        if (port.events.front().what == event::read_error) {
-            port.events.pop_front();
-            errno = EIO;
-            return -1;
-        }
-        source = &port.events.front().data;
-    } else if (source->empty()) {
-        errno = EAGAIN;
-        return -1;
-    }
-    const size_t count = std::min(size, source->size());
-    memcpy(buffer, source->data(), count);
-    source->erase(0, count);
-    if (source != &port.stale && source->empty())
-        port.events.pop_front();
-    return static_cast<ssize_t>(count);
-}
-
-extern "C" ssize_t write(int handle, const void *data, size_t size)
-{
-    static const auto real_write = real<ssize_t (*)(int, const void *, size_t)>("write");
-    if (handle != fake_device)
-        return real_write(handle, data, size);
-    ssize_t count = static_cast<ssize_t>(size);
-    if (!port.write_limits.empty()) {
-        count = port.write_limits.front();
-        port.write_limits.pop_front();
-    }
-    if (count < 0) {
-        errno = static_cast<int>(-count);
-        return -1;
-    }
-    port.written.append(static_cast<const char *>(data), static_cast<size_t>(count));
-    return count;
-}
-
-namespace {
-
-// One command on the fake port, with what happens after it.
+// One command on a scripted port, with what happens after it.
 class exchange {
   public:
     explicit exchange(std::deque<event> events, uint32_t type = AT_RAW)
-        : command{"AT#CGSN", "#CGSN:", type, 500, 3}
+        : command{"AT#CGSN", "#CGSN:", type, 500, 3}, events_(std::move(events))
     {
-        port = {};
-        port.events = std::move(events);
     }
     exchange(const exchange &) = delete;
     exchange &operator=(const exchange &) = delete;
-    ~exchange()
-    {
-        EXPECT_EQ(port.events.size(), leaves_bytes ? 1U : 0U) << "what the code should have waited for";
-        EXPECT_TRUE(port.write_limits.empty()) << "writes that never came";
-    }
+    ~exchange() { EXPECT_EQ(port.waits_in_vain(), silences_) << "waits that nobody expects"; }
 
-    int send() { return at_send_command(fake_device, &command, &response); }
+    int send()
+    {
+        const int device = port.open();
+        play();
+        return at_send_command(device, &command, &response);
+    }
     std::string text() const { return response.text; }
     std::string final() const { return response.final; }
 
+    scripted_port port;
     at_command command;
     at_response response{};
-    bool leaves_bytes = false; // the last event is not read to its end
+    // What is written of the command before its answer; all of it, where nothing is said.
+    std::optional<std::string> frame;
+
+  private:
+    // A silence that is the whole answer has the command sent again.
+    void play()
+    {
+        const std::string awaited = frame.value_or(std::string(command.command) + "\r");
+        bool is_answered = false;
+        port.takes(awaited);
+        for (size_t i = 0; i < events_.size(); ++i) {
+            const event &next = events_[i];
+            next.play(&port);
+            const bool is_silence = next.is_silence;
+            silences_ += is_silence ? 1U : 0U;
+            is_answered = is_answered || !is_silence;
+            if (is_silence && !is_answered && i + 1 < events_.size())
+                port.takes(awaited);
+        }
+    }
+
+    std::deque<event> events_;
+    size_t silences_ = 0;
 };
 
 at_response response_of(const std::string &text)
@@ -250,7 +173,7 @@ TEST(SendCommand, SendsTheCommandAndACarriageReturn)
 {
     exchange at({comes("\r\nOK\r\n")});
     EXPECT_EQ(at.send(), 0);
-    EXPECT_EQ(port.written, "AT#CGSN\r");
+    EXPECT_EQ(at.port.written(), "AT#CGSN\r");
 }
 
 TEST(SendCommand, SendsACommandOf127Characters)
@@ -259,22 +182,23 @@ TEST(SendCommand, SendsACommandOf127Characters)
     const std::string longest(127, 'x');
     strlcpy(at.command.command, longest.c_str(), sizeof at.command.command);
     EXPECT_EQ(at.send(), 0);
-    EXPECT_EQ(port.written, longest + "\r");
+    EXPECT_EQ(at.port.written(), longest + "\r");
 }
 
 TEST(SendCommand, SendsTheRestAfterAShortWrite)
 {
     exchange at({comes("\r\nOK\r\n")});
-    port.write_limits = {3, 1, 4};
+    at.port.takes_at_most(3).takes_at_most(1).takes_at_most(4);
     EXPECT_EQ(at.send(), 0);
-    EXPECT_EQ(port.written, "AT#CGSN\r");
+    EXPECT_EQ(at.port.written(), "AT#CGSN\r");
 }
 
 TEST(SendCommand, EndsWithTheErrorOfAWrite)
 {
     log_capture log;
     exchange at({});
-    port.write_limits = {3, -EIO};
+    at.frame = "AT#";
+    at.port.takes_at_most(3).refuses_a_write(EIO);
     EXPECT_EQ(at.send(), -5);
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "write failed");
     EXPECT_EQ(log.messages().back().file, "../at_channel.c");
@@ -284,9 +208,10 @@ TEST(SendCommand, EndsWithTheErrorOfAWrite)
 TEST(SendCommand, DoesNotRepeatAFailedWrite)
 {
     exchange at({});
-    port.write_limits = {3, -EAGAIN};
+    at.frame = "AT#";
+    at.port.takes_at_most(3).refuses_a_write(EAGAIN);
     EXPECT_EQ(at.send(), -11);
-    EXPECT_EQ(port.written, "AT#");
+    EXPECT_EQ(at.port.written(), "AT#");
     EXPECT_EQ(at.command.retries, 3);
 }
 
@@ -294,7 +219,9 @@ TEST(SendCommand, GivesUpOnAPortThatTakesNothing)
 {
     log_capture log;
     exchange at({});
-    port.write_limits.assign(10, 0);
+    at.frame = "";
+    for (int i = 0; i < 10; ++i)
+        at.port.takes_at_most(0);
     EXPECT_EQ(at.send(), -71);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"write failed"});
 }
@@ -302,7 +229,7 @@ TEST(SendCommand, GivesUpOnAPortThatTakesNothing)
 TEST(SendCommand, DiscardsWhatCameBeforeTheCommand)
 {
     exchange at({comes("\r\n123\r\nOK\r\n")});
-    port.stale = "\r\nRING\r\nOK\r\n" + std::string(200, 'x');
+    at.port.sends("\r\nRING\r\nOK\r\n" + std::string(200, 'x'));
     EXPECT_EQ(at.send(), 0);
     EXPECT_EQ(at.text(), "\r\n123\r\n");
 }
@@ -387,7 +314,7 @@ TEST(SendCommand, DoesNotSendARefusedCommandAgain)
 {
     exchange at({comes("\r\nERROR\r\n")});
     at.send();
-    EXPECT_EQ(port.written, "AT#CGSN\r");
+    EXPECT_EQ(at.port.written(), "AT#CGSN\r");
     EXPECT_EQ(at.command.retries, 0);
 }
 
@@ -429,7 +356,7 @@ TEST(SendCommand, GivesEveryReadTheWholeTimeOut)
     exchange at({comes("\r\n1"), comes("2"), comes("3\r\nOK\r\n")});
     at.command.timeout = 1234;
     EXPECT_EQ(at.send(), 0);
-    EXPECT_EQ(port.waits, (std::vector<int>{1234, 1234, 1234}));
+    EXPECT_EQ(at.port.waits(), (std::vector<int>{1234, 1234, 1234}));
 }
 
 TEST(SendCommand, DropsWhatIsGluedToTheFinalResponse)
@@ -466,14 +393,14 @@ TEST(SendCommand, TakesASingleByteForAnAnswerThatStopsShort)
 {
     exchange at({comes("\r"), silence});
     EXPECT_EQ(at.send(), -110);
-    EXPECT_EQ(port.written, "AT#CGSN\r");
+    EXPECT_EQ(at.port.written(), "AT#CGSN\r");
 }
 
 TEST(SendCommand, DoesNotSendAgainWhenAnAnswerStopsShort)
 {
     exchange at({comes("\r\n#CGSN: 1"), silence});
     at.send();
-    EXPECT_EQ(port.written, "AT#CGSN\r");
+    EXPECT_EQ(at.port.written(), "AT#CGSN\r");
     EXPECT_EQ(at.command.retries, 0);
     EXPECT_EQ(at.response.ok, 0U);
 }
@@ -504,8 +431,8 @@ TEST(SendCommand, RefusesAnAnswerLongerThanTheBuffer)
 {
     log_capture log;
     exchange at({comes(std::string(1023, 'x') + "\r\nOK\r\n")});
-    at.leaves_bytes = true;
     EXPECT_EQ(at.send(), -71);
+    EXPECT_EQ(at.port.unread(), "\r\nOK\r\n");
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"response too long"});
     EXPECT_EQ(at.response.ok, 0U);
 }
@@ -521,8 +448,8 @@ TEST(SendCommand, TimesOutBehindAFullBuffer)
 TEST(SendCommand, KeepsALongAnswerTerminated)
 {
     exchange at({comes(std::string(1000, 'x')), comes(std::string(100, 'y'))});
-    at.leaves_bytes = true;
     EXPECT_EQ(at.send(), -71);
+    EXPECT_EQ(at.port.unread(), std::string(77, 'y'));
     EXPECT_EQ(at.text(), std::string(1000, 'x') + std::string(23, 'y'));
 }
 
@@ -599,7 +526,7 @@ TEST(SendCommand, DoesNotSendAgainAfterAFailedRead)
 {
     exchange at({read_error});
     at.send();
-    EXPECT_EQ(port.written, "AT#CGSN\r");
+    EXPECT_EQ(at.port.written(), "AT#CGSN\r");
     EXPECT_EQ(at.response.ok, 0U);
 }
 
@@ -609,7 +536,7 @@ TEST(SendCommand, IsSentAsOftenAsItsRetriesSay)
 {
     exchange at({silence, silence, silence});
     EXPECT_EQ(at.send(), -110);
-    EXPECT_EQ(port.written, "AT#CGSN\rAT#CGSN\rAT#CGSN\r");
+    EXPECT_EQ(at.port.written(), "AT#CGSN\rAT#CGSN\rAT#CGSN\r");
     EXPECT_EQ(at.response.ok, 0U);
 }
 
@@ -640,7 +567,7 @@ TEST(SendCommand, WaitsTheTimeOutForEveryAttempt)
 {
     exchange at({silence, silence, silence});
     at.send();
-    EXPECT_EQ(port.waits, (std::vector<int>{500, 500, 500}));
+    EXPECT_EQ(at.port.waits(), (std::vector<int>{500, 500, 500}));
 }
 
 TEST(SendCommand, IsSentOnceWithoutRetries)
@@ -649,7 +576,7 @@ TEST(SendCommand, IsSentOnceWithoutRetries)
     exchange at({silence});
     at.command.retries = 0;
     EXPECT_EQ(at.send(), -110);
-    EXPECT_EQ(port.written, "AT#CGSN\r");
+    EXPECT_EQ(at.port.written(), "AT#CGSN\r");
     EXPECT_EQ(log.texts(CORE_LOG_DBG).back(), "command timeout, remaining 0 retries");
 }
 
@@ -658,7 +585,7 @@ TEST(SendCommand, IsSentOnceWithOneRetry)
     exchange at({silence});
     at.command.retries = 1;
     EXPECT_EQ(at.send(), -110);
-    EXPECT_EQ(port.written, "AT#CGSN\r");
+    EXPECT_EQ(at.port.written(), "AT#CGSN\r");
 }
 
 TEST(SendCommand, IsNotSentAgainAfterAnInterruption)
@@ -666,8 +593,7 @@ TEST(SendCommand, IsNotSentAgainAfterAnInterruption)
     exchange at({silence});
     sigint_detected = 1;
     EXPECT_EQ(at.send(), -110);
-    sigint_detected = 0;
-    EXPECT_EQ(port.written, "AT#CGSN\r");
+    EXPECT_EQ(at.port.written(), "AT#CGSN\r");
 }
 
 TEST(SendCommand, TakesTheAnswerToALaterAttempt)
@@ -682,21 +608,21 @@ TEST(SendCommand, FailsWhenALaterAnswerStopsShort)
 {
     exchange at({silence, comes("\r\n12"), silence});
     EXPECT_EQ(at.send(), -110);
-    EXPECT_EQ(port.written, "AT#CGSN\rAT#CGSN\r");
+    EXPECT_EQ(at.port.written(), "AT#CGSN\rAT#CGSN\r");
 }
 
 TEST(SendCommand, IsNotSentAgainAfterAnEmptyReadAndSilence)
 {
     exchange at({nothing_to_read, silence});
     EXPECT_EQ(at.send(), -110);
-    EXPECT_EQ(port.written, "AT#CGSN\r");
+    EXPECT_EQ(at.port.written(), "AT#CGSN\r");
 }
 
 // ---- on a terminal
 
 namespace {
 
-// An open terminal with a modem behind it.
+// An open terminal with a modem behind it: what it is like where the kernel hands bytes on in its own time.
 class terminal {
   public:
     explicit terminal(std::vector<modem_answer> script) : modem(std::move(script))
@@ -709,6 +635,7 @@ class terminal {
 
     int send() { return at_send_command(device, &command, &response); }
 
+    real_time here;
     scripted_modem modem;
     int device = -1;
     at_command command{"AT+GMM", "", AT_SINGLE_LINE, 10000, 3};
@@ -751,6 +678,7 @@ TEST(SendCommandOnATerminal, NoticesThatTheModemLeaves)
 
 TEST(SendCommandOnATerminal, NoticesThatTheModemHasLeft)
 {
+    const real_time here;
     log_capture log;
     pty left;
     int device = -1;
@@ -767,25 +695,25 @@ TEST(SendCommandOnATerminal, NoticesThatTheModemHasLeft)
 
 TEST(FlushPort, DiscardsEverythingThatWaits)
 {
-    port = {};
-    port.stale = std::string(1000, 'x');
-    flush_port(fake_device);
-    EXPECT_EQ(port.stale, "");
+    scripted_port port;
+    port.sends(std::string(1000, 'x')).sends("and more");
+    flush_port(port.open());
+    EXPECT_EQ(port.unread(), "");
 }
 
 TEST(FlushPort, DoesNotWait)
 {
-    port = {};
-    flush_port(fake_device);
-    EXPECT_TRUE(port.waits.empty());
+    scripted_port port;
+    flush_port(port.open());
+    EXPECT_TRUE(port.waits().empty());
 }
 
 TEST(FlushPort, LogsItsLastRead)
 {
     log_capture log;
-    port = {};
-    port.stale = "stale";
-    flush_port(fake_device);
+    scripted_port port;
+    port.sends("stale");
+    flush_port(port.open());
     ASSERT_EQ(log.messages().size(), 1U);
     EXPECT_EQ(log.messages()[0].level, CORE_LOG_DBG);
     EXPECT_EQ(log.messages()[0].text, "err -11 bytes 0");

@@ -1,9 +1,9 @@
 #include "core-arrivals.hpp"
 
 #include "core.hpp"
-#include "fake_sleep.hpp"
 #include "log_capture.hpp"
 #include "sysfs_tree.hpp"
+#include "virtual-time.hpp"
 
 #include <gtest/gtest.h>
 
@@ -16,11 +16,6 @@ const core_usb_id_list download_ids{2, download_and_pcie};
 
 class BusEvent : public ::testing::Test {
   protected:
-    BusEvent()
-    {
-        sigint_detected = 0;
-        sleep.reset();
-    }
     void TearDown() override { EXPECT_TRUE(log.messages().empty()); }
 
     // The next event, such as "+ fff0:1001 1-2"; "" for none.
@@ -38,7 +33,7 @@ class BusEvent : public ::testing::Test {
 
     sysfs_tree tree;
     log_capture log;
-    fake_sleep &sleep = fake_sleep::instance();
+    virtual_time &sleep = virtual_time::instance();
     core_known_devices known{};
 };
 
@@ -152,13 +147,8 @@ TEST_F(UsbEvent, WaitsForTheConfigurationThatBringsTheInterfaces)
 TEST_F(UsbEvent, ComesAfterTwoSecondsWithoutTheInterfaces)
 {
     tree.add_usb("1-1", "fff0", "1001", 5, 2);
-    timespec begun{};
-    core_get_time(&begun);
-    EXPECT_EQ(next(), "+ fff0:1001 1-1");
-    timespec ended{};
-    core_get_time(&ended);
-    EXPECT_GE(ended.tv_sec - begun.tv_sec, 1);
-    EXPECT_LE(ended.tv_sec - begun.tv_sec, 10);
+    EXPECT_EQ(duration_of([this] { EXPECT_EQ(next(), "+ fff0:1001 1-1"); }), 2000);
+    EXPECT_EQ(sleep.slept, std::vector<unsigned>(40, 50));
 }
 
 TEST_F(UsbEvent, DoesNotComeOfADeviceThatLeavesBeforeItsInterfacesAreThere)

@@ -1,8 +1,10 @@
 #include "core-device.hpp"
 
 #include "core.hpp"
+#include "libc-hooks.hpp"
 #include "log_capture.hpp"
 #include "temp_dir.hpp"
+#include "virtual-time.hpp"
 
 #include <atomic>
 #include <cerrno>
@@ -19,98 +21,11 @@
 #include <pthread.h>
 #include <string>
 #include <sys/inotify.h>
-#include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
 using strings = std::vector<std::string>;
-using clock_type = std::chrono::steady_clock;
-
-// Stand-ins for the C library's calls. Each does what the real one does unless a test says otherwise; what
-// belongs to the test's own threads passes through.
-static std::atomic<int> inotify_inits{0};
-static bool inotify_init_fails = false;
-static std::string watched_directory;
-static uint32_t watched_mask = 0;
-static uint32_t further_events = 0; // delivered although nobody asked for them
-static bool every_node_is_missing = false;
-static int strdups_until_failure = -1; // negative: never
-static int failing_reads = 0;
-static std::atomic<int> polls{0};
-static std::vector<int> poll_timeouts;
-static int poll_errno = 0;
-static short poll_events = 0;
-static std::function<void(int)> before_poll; // gets the number of the poll, from 1
-
-extern "C" int inotify_init() noexcept
-{
-    ++inotify_inits;
-    if (inotify_init_fails) {
-        errno = EMFILE;
-        return -1;
-    }
-    return inotify_init1(0);
-}
-
-extern "C" int inotify_add_watch(int descriptor, const char *name, uint32_t mask) noexcept
-{
-    watched_directory = name;
-    watched_mask = mask;
-    return static_cast<int>(syscall(SYS_inotify_add_watch, descriptor, name, mask | further_events));
-}
-
-extern "C" int access(const char *name, int type) noexcept
-{
-    if (every_node_is_missing) {
-        errno = ENOENT;
-        return -1;
-    }
-    return faccessat(AT_FDCWD, name, type, 0);
-}
-
-extern "C" char *strdup(const char *text) noexcept
-{
-    if (strdups_until_failure == 0) {
-        errno = ENOMEM;
-        return nullptr;
-    }
-    if (strdups_until_failure > 0)
-        --strdups_until_failure;
-    const size_t size = strlen(text) + 1;
-    auto *const copy = static_cast<char *>(malloc(size));
-    if (copy != nullptr)
-        memcpy(copy, text, size);
-    return copy;
-}
-
-extern "C" int poll(pollfd *watched, nfds_t count, int timeout)
-{
-    poll_timeouts.push_back(timeout);
-    const int number = ++polls;
-    if (before_poll)
-        before_poll(number);
-    if (poll_errno != 0) {
-        errno = poll_errno;
-        return -1;
-    }
-    if (poll_events != 0) {
-        watched->revents = poll_events;
-        return 1;
-    }
-    const timespec limit{timeout / 1000, timeout % 1000 * 1000000L};
-    return ppoll(watched, count, timeout < 0 ? nullptr : &limit, nullptr);
-}
-
-extern "C" ssize_t read(int descriptor, void *buffer, size_t size)
-{
-    if (failing_reads > 0) {
-        --failing_reads;
-        errno = EIO;
-        return -1;
-    }
-    return syscall(SYS_read, descriptor, buffer, size);
-}
 
 static void handle_signal(int signo)
 {
@@ -127,14 +42,50 @@ auto open_descriptors()
 
 class WaitForSerial : public testing::Test {
   protected:
-    ~WaitForSerial() override { before_poll = nullptr; }
+    WaitForSerial()
+    {
+        libc::inotify_init = [this] {
+            ++inotify_inits;
+            return inotify_init();
+        };
+        libc::inotify_add_watch = [this](int descriptor, const char *name, uint32_t mask) {
+            watched_directory = name;
+            watched_mask = mask;
+            return inotify_add_watch(descriptor, name, mask | further_events);
+        };
+        libc::poll = [this](pollfd *watched, nfds_t count, int timeout) {
+            poll_timeouts.push_back(timeout);
+            const int number = ++polls;
+            if (before_poll)
+                before_poll(number);
+            if (poll_errno != 0) {
+                errno = poll_errno;
+                return -1;
+            }
+            if (poll_events == 0)
+                return poll(watched, count, timeout);
+            watched->revents = poll_events;
+            return 1;
+        };
+    }
 
     int wait() const { return core_wait_for_serial(port.c_str()); }
 
     void create(const std::string &name) const { dir.write(name, ""); }
 
+    static void miss_every_node() { libc::access = libc::fails(ENOENT); }
+    // The copy of this number, from 1, cannot be had.
+    static void fail_strdup(int number)
+    {
+        libc::strdup = [number](const char *text) mutable -> char * {
+            if (--number != 0)
+                return strdup(text);
+            errno = ENOMEM;
+            return nullptr;
+        };
+    }
     // Ends the wait with the poll of this number, so that a wait that should go on fails no slower.
-    static void stop_at(int number)
+    void stop_at(int number) const
     {
         if (polls >= number)
             core_signal_handler(SIGINT);
@@ -143,6 +94,16 @@ class WaitForSerial : public testing::Test {
     temp_dir dir;
     std::string port = dir.at("ttyUSB0");
     log_capture log;
+
+    int inotify_inits = 0;
+    std::string watched_directory;
+    uint32_t watched_mask = 0;
+    uint32_t further_events = 0; // delivered although nobody asked for them
+    std::atomic<int> polls{0};
+    std::vector<int> poll_timeouts;
+    int poll_errno = 0;
+    short poll_events = 0;
+    std::function<void(int)> before_poll; // gets the number of the poll, from 1
 };
 
 } // namespace
@@ -200,19 +161,11 @@ TEST_F(WaitForSerial, EndsWhenThePortIsCreated)
     EXPECT_EQ(log.messages()[0].function, "core_wait_for_serial");
 }
 
-TEST_F(WaitForSerial, EndsWithinASecondWhenBlocked)
+TEST_F(WaitForSerial, EndsAtOnceWhenThePortComesWhileItIsBlocked)
 {
-    clock_type::time_point created;
-    std::thread creator([&] {
-        while (polls == 0)
-            std::this_thread::yield();
-        created = clock_type::now();
-        create("ttyUSB0");
-    });
-    EXPECT_EQ(wait(), 0);
-    const auto ended = clock_type::now();
-    creator.join();
-    EXPECT_LT(ended - created, std::chrono::seconds(1));
+    virtual_time::instance().after(700, [this] { create("ttyUSB0"); });
+    EXPECT_EQ(duration_of([this] { EXPECT_EQ(wait(), 0); }), 700);
+    EXPECT_EQ(polls, 1);
 }
 
 TEST_F(WaitForSerial, EndsForALinkOfTheName)
@@ -235,7 +188,7 @@ TEST_F(WaitForSerial, NoticesAPortThatIsAlreadyGoneAgain)
 
 TEST_F(WaitForSerial, FindsThePortAmongOtherEvents)
 {
-    every_node_is_missing = true; // so that only the events tell
+    miss_every_node(); // so that only the events tell
     before_poll = [this](int number) {
         if (number > 1)
             return stop_at(5);
@@ -248,7 +201,7 @@ TEST_F(WaitForSerial, FindsThePortAmongOtherEvents)
 
 TEST_F(WaitForSerial, FindsThePortInALaterBuffer)
 {
-    every_node_is_missing = true;
+    miss_every_node();
     before_poll = [this](int number) {
         if (number > 1)
             return stop_at(50);
@@ -288,7 +241,7 @@ TEST_F(WaitForSerial, IsNotEndedByOtherNames)
 TEST_F(WaitForSerial, IsNotEndedByAnEventThatIsNoCreation)
 {
     further_events = IN_DELETE;
-    every_node_is_missing = true;
+    miss_every_node();
     create("ttyUSB0");
     before_poll = [this](int) {
         unlink(port.c_str());
@@ -308,24 +261,15 @@ TEST_F(WaitForSerial, LooksForSigintOnceASecond)
 TEST_F(WaitForSerial, EndsWithinASecondOfSigint)
 {
     // The flag is set, as by a signal that another thread received, while the wait is blocked.
-    clock_type::time_point set;
-    std::thread interrupter([&] {
-        while (polls == 0)
-            std::this_thread::yield();
-        set = clock_type::now();
-        core_signal_handler(SIGINT);
-    });
-    EXPECT_EQ(wait(), -19);
-    const auto ended = clock_type::now();
-    interrupter.join();
-    EXPECT_LT(ended - set, std::chrono::milliseconds(1900));
+    virtual_time::instance().after(1, [] { core_signal_handler(SIGINT); });
+    EXPECT_EQ(duration_of([this] { EXPECT_EQ(wait(), -19); }), 1000);
     EXPECT_EQ(polls, 1);
 }
 
 TEST_F(WaitForSerial, EndsSilentlyWhenSigintInterruptsIt)
 {
     ASSERT_NE(signal(SIGINT, handle_signal), SIG_ERR);
-    before_poll = [](int) {
+    before_poll = [this](int) {
         core_signal_handler(SIGINT);
         poll_errno = EINTR; // what poll(2) answers when the handler has run
     };
@@ -335,6 +279,7 @@ TEST_F(WaitForSerial, EndsSilentlyWhenSigintInterruptsIt)
 
 TEST_F(WaitForSerial, IsInterruptedByTheSignalItself)
 {
+    const real_time here; // a signal ends a wait that is none of virtual time
     ASSERT_NE(signal(SIGINT, handle_signal), SIG_ERR);
     const pthread_t waiting = pthread_self();
     std::atomic<bool> done{false};
@@ -347,9 +292,9 @@ TEST_F(WaitForSerial, IsInterruptedByTheSignalItself)
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
     });
-    const auto start = clock_type::now();
+    const auto start = std::chrono::steady_clock::now();
     const int result = wait();
-    const auto end = clock_type::now();
+    const auto end = std::chrono::steady_clock::now();
     done = true;
     interrupter.join();
     EXPECT_EQ(result, -19);
@@ -379,27 +324,23 @@ TEST_F(WaitForSerial, ReportsADirectoryThatDoesNotExist)
 
 TEST_F(WaitForSerial, ReportsAMissingInotifyDescriptor)
 {
-    inotify_init_fails = true;
+    libc::inotify_init = libc::fails(EMFILE);
     EXPECT_EQ(wait(), -102);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"inotify_init\n"});
 }
 
 TEST_F(WaitForSerial, ReportsANameThatCannotBeCopiedForItsDirectory)
 {
-    strdups_until_failure = 0;
-    const int result = wait();
-    strdups_until_failure = -1;
-    EXPECT_EQ(result, -12);
+    fail_strdup(1);
+    EXPECT_EQ(wait(), -12);
     EXPECT_EQ(log.texts(CORE_LOG_ERR),
               strings{"could not copy port '" + port + "' for dirname: error 12 Cannot allocate memory"});
 }
 
 TEST_F(WaitForSerial, ReportsANameThatCannotBeCopiedForItsLastPart)
 {
-    strdups_until_failure = 1;
-    const int result = wait();
-    strdups_until_failure = -1;
-    EXPECT_EQ(result, -12);
+    fail_strdup(2);
+    EXPECT_EQ(wait(), -12);
     EXPECT_EQ(log.texts(CORE_LOG_ERR),
               strings{"could not copy port '" + port + "' for basename: error 12 Cannot allocate memory"});
 }
@@ -430,8 +371,8 @@ TEST_F(WaitForSerial, ReportsAnErrorOfTheDescriptor)
 
 TEST_F(WaitForSerial, GoesOnAfterAReadThatFails)
 {
-    failing_reads = 1;
-    every_node_is_missing = true;
+    libc::read = libc::fails_in_call(1, EIO, read);
+    miss_every_node();
     before_poll = [this](int number) {
         if (number == 1)
             create("ttyUSB0");

@@ -1,22 +1,21 @@
 #include "core-device.hpp"
 
+#include "libc-hooks.hpp"
 #include "log_capture.hpp"
 #include "pty.hpp"
 #include "temp_dir.hpp"
+#include "virtual-time.hpp"
 
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <cstring>
 #include <deque>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ostream>
 #include <poll.h>
 #include <string>
 #include <sys/ioctl.h>
-#include <sys/syscall.h>
 #include <sys/time.h>
 #include <termios.h>
 #include <unistd.h>
@@ -25,140 +24,21 @@
 
 using strings = std::vector<std::string>;
 
-// Stand-ins for the C library's calls. Each does what the real one does unless a test says otherwise.
-//
-// Results of the coming writes: a count, or a negated errno; nothing is then written. Empty: real writes.
-static std::deque<ssize_t> write_results;
-static strings written_blocks;
-static std::vector<useconds_t> slept;
-static bool polls_are_noted = false;
-static std::vector<std::pair<short, int>> noted_polls; // events and time-out
-static bool poll_expires = false;
-static int poll_errno = 0;
-static int getattr_calls_until_failure = -1; // 0: the next one fails, negative: none does
-static bool ispeed_stays = false;
-static bool ospeed_stays = false;
-static bool setattr_fails = false;
-static bool ispeed_fails = false;
-static bool ospeed_fails = false;
-// The modem lines, when a test gives them.
-static bool lines_are_given = false;
-static int given_lines = 0;
-static bool setting_lines_fails = false;
-static std::vector<int> set_lines;
-
-template <typename fn> static fn real_function(const char *name)
-{
-    return reinterpret_cast<fn>(dlsym(RTLD_NEXT, name));
-}
-
-extern "C" ssize_t write(int handle, const void *buffer, size_t size)
-{
-    if (write_results.empty())
-        return syscall(SYS_write, handle, buffer, size);
-    written_blocks.emplace_back(static_cast<const char *>(buffer), size);
-    const ssize_t result = write_results.front();
-    write_results.pop_front();
-    if (result >= 0)
-        return result;
-    errno = static_cast<int>(-result);
-    return -1;
-}
-
-extern "C" int usleep(useconds_t time)
-{
-    slept.push_back(time);
-    return 0;
-}
-
-extern "C" int poll(pollfd *watched, nfds_t count, int timeout)
-{
-    if (polls_are_noted) {
-        // The C library's declaration says that poll(2) only writes here; volatile keeps the compiler calm.
-        const volatile pollfd *const asked = watched;
-        const short events = asked->events;
-        noted_polls.emplace_back(events, timeout);
-    }
-    if (poll_errno != 0) {
-        errno = poll_errno;
-        return -1;
-    }
-    if (poll_expires)
-        return 0;
-    const timespec limit{timeout / 1000, timeout % 1000 * 1000000L};
-    return ppoll(watched, count, timeout < 0 ? nullptr : &limit, nullptr);
-}
-
-extern "C" int tcgetattr(int handle, termios *attributes) noexcept
-{
-    if (getattr_calls_until_failure == 0) {
-        errno = EIO;
-        return -1;
-    }
-    if (getattr_calls_until_failure > 0)
-        --getattr_calls_until_failure;
-    return real_function<int (*)(int, termios *)>("tcgetattr")(handle, attributes);
-}
-
-extern "C" speed_t cfgetispeed(const termios *attributes) noexcept
-{
-    return ispeed_stays ? B9600 : real_function<speed_t (*)(const termios *)>("cfgetispeed")(attributes);
-}
-
-extern "C" speed_t cfgetospeed(const termios *attributes) noexcept
-{
-    return ospeed_stays ? B9600 : real_function<speed_t (*)(const termios *)>("cfgetospeed")(attributes);
-}
-
-extern "C" int tcsetattr(int handle, int actions, const termios *attributes) noexcept
-{
-    if (setattr_fails) {
-        errno = EIO;
-        return -1;
-    }
-    return real_function<int (*)(int, int, const termios *)>("tcsetattr")(handle, actions, attributes);
-}
-
-extern "C" int cfsetispeed(termios *attributes, speed_t speed) noexcept
-{
-    if (ispeed_fails) {
-        errno = EINVAL;
-        return -1;
-    }
-    return real_function<int (*)(termios *, speed_t)>("cfsetispeed")(attributes, speed);
-}
-
-extern "C" int cfsetospeed(termios *attributes, speed_t speed) noexcept
-{
-    if (ospeed_fails) {
-        errno = EINVAL;
-        return -1;
-    }
-    return real_function<int (*)(termios *, speed_t)>("cfsetospeed")(attributes, speed);
-}
-
-extern "C" int ioctl(int handle, unsigned long request, ...) noexcept
-{
-    va_list arguments;
-    va_start(arguments, request);
-    void *const argument = va_arg(arguments, void *);
-    va_end(arguments);
-    if (lines_are_given && request == TIOCMGET) {
-        *static_cast<int *>(argument) = given_lines;
-        return 0;
-    }
-    if (lines_are_given && request == TIOCMSET) {
-        if (setting_lines_fails) {
-            errno = EIO;
-            return -1;
-        }
-        set_lines.push_back(*static_cast<const int *>(argument));
-        return 0;
-    }
-    return static_cast<int>(syscall(SYS_ioctl, handle, request, argument));
-}
-
 namespace {
+
+// Gives ports modem lines; those that are set are noted.
+void give_lines(int lines, std::vector<int> *set = nullptr)
+{
+    libc::ioctl = [lines, set](int handle, unsigned long request, void *argument) {
+        if (request != TIOCMGET && request != TIOCMSET)
+            return ioctl(handle, request, argument);
+        if (request == TIOCMGET)
+            *static_cast<int *>(argument) = lines;
+        else
+            set->push_back(*static_cast<const int *>(argument));
+        return 0;
+    };
+}
 
 // A descriptor that is open no more.
 int closed_handle()
@@ -206,16 +86,33 @@ class pipe_ends {
 
 class Device : public testing::Test {
   protected:
-    Device() { EXPECT_EQ(core_device_open(port.path().c_str(), &handle), 0); }
-    ~Device() override
+    Device()
     {
-        write_results.clear();
-        polls_are_noted = poll_expires = false;
-        poll_errno = 0;
-        getattr_calls_until_failure = -1;
-        setattr_fails = false;
-        close(handle);
+        EXPECT_EQ(core_device_open(port.path().c_str(), &handle), 0);
+        libc::write = [this](int to, const void *buffer, size_t size) -> ssize_t {
+            if (write_results.empty())
+                return write(to, buffer, size);
+            written_blocks.emplace_back(static_cast<const char *>(buffer), size);
+            const ssize_t result = write_results.front();
+            write_results.pop_front();
+            if (result >= 0)
+                return result;
+            errno = static_cast<int>(-result);
+            return -1;
+        };
     }
+    ~Device() override { close(handle); }
+
+    // Every wait expires, and is noted with its events and its time-out.
+    void let_polls_expire()
+    {
+        libc::poll = [this](const pollfd *watched, nfds_t, int timeout) {
+            noted_polls.emplace_back(watched->events, timeout);
+            return 0;
+        };
+    }
+    // The sleeps, in milliseconds.
+    static const std::vector<unsigned> &slept() { return virtual_time::instance().slept; }
 
     termios attributes() const
     {
@@ -239,6 +136,13 @@ class Device : public testing::Test {
         return log.messages().empty() ? none : log.messages()[0];
     }
 
+    // Results of the coming writes: a count, or a negated errno; nothing is then written. Empty: real writes.
+    std::deque<ssize_t> write_results;
+    strings written_blocks;
+    std::vector<std::pair<short, int>> noted_polls;
+
+    // What this module does to a descriptor is tried on a real terminal, which has times of its own.
+    real_time here;
     pty port;
     int handle = -1;
     log_capture log;
@@ -254,7 +158,10 @@ class DeviceRead : public Device {};
 class DevicePoll : public Device {};
 class ReadTimeout : public Device {};
 class DeviceWrite : public Device {};
-class RetryingWrite : public Device {};
+class RetryingWrite : public Device {
+  protected:
+    RetryingWrite() { virtual_time::instance().is_real = false; } // its pauses take no time
+};
 class BytesAvailable : public Device {};
 
 } // namespace
@@ -410,7 +317,7 @@ TEST_F(FlowControl, ReportsATerminalThatHungUp)
 
 TEST_F(FlowControl, ReportsSettingsThatAreNotTaken)
 {
-    setattr_fails = true;
+    libc::tcsetattr = libc::fails(EIO);
     EXPECT_EQ(core_set_hw_flow_control(handle, false), -5);
     EXPECT_EQ(only_message().level, CORE_LOG_ERR);
     EXPECT_EQ(only_message().text, "could not set device config: error 5 Input/output error\n");
@@ -464,8 +371,7 @@ class ModemLines : public testing::TestWithParam<line_row> {};
 
 TEST_P(ModemLines, AreReadIntoTheRecord)
 {
-    lines_are_given = true;
-    given_lines = GetParam().lines;
+    give_lines(GetParam().lines);
     core_serial_state state{7, 7, 7, 7};
     EXPECT_EQ(core_get_serial_state(0, &state), 0);
     EXPECT_EQ(state.dsr, GetParam().state.dsr);
@@ -502,8 +408,8 @@ class OwnLines : public testing::TestWithParam<signal_row> {};
 
 TEST_P(OwnLines, AreWrittenBack)
 {
-    lines_are_given = true;
-    given_lines = GetParam().before;
+    std::vector<int> set_lines;
+    give_lines(GetParam().before, &set_lines);
     EXPECT_EQ(core_set_control_signals(0, GetParam().dtr, GetParam().rts), 0);
     EXPECT_EQ(set_lines, std::vector<int>{GetParam().after});
 }
@@ -531,7 +437,10 @@ TEST_F(ControlSignals, SucceedEvenIfTheLinesCannotBeRead)
 
 TEST_F(ControlSignals, SucceedEvenIfTheLinesCannotBeWritten)
 {
-    lines_are_given = setting_lines_fails = true;
+    libc::ioctl = [](int, unsigned long request, const void *) {
+        errno = EIO;
+        return request == TIOCMSET ? -1 : 0;
+    };
     EXPECT_EQ(core_set_control_signals(handle, true, true), 0);
     EXPECT_EQ(only_message().level, CORE_LOG_DBG);
     EXPECT_EQ(only_message().text, "could not set serial setting: error 5 Input/output error\n");
@@ -602,21 +511,21 @@ TEST_F(BaudRate, ReportsAHandleThatIsNoTerminal)
 
 TEST_F(BaudRate, ReportsAnInputSpeedThatIsRefused)
 {
-    ispeed_fails = true;
+    libc::cfsetispeed = libc::fails(EINVAL);
     EXPECT_EQ(core_device_set_baud_rate(handle, 115200), -22);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"cfsetispeed error 22 Invalid argument\n"});
 }
 
 TEST_F(BaudRate, ReportsAnOutputSpeedThatIsRefused)
 {
-    ospeed_fails = true;
+    libc::cfsetospeed = libc::fails(EINVAL);
     EXPECT_EQ(core_device_set_baud_rate(handle, 115200), -22);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"cfsetospeed error 22 Invalid argument\n"});
 }
 
 TEST_F(BaudRate, ReportsSettingsThatAreNotTaken)
 {
-    setattr_fails = true;
+    libc::tcsetattr = libc::fails(EIO);
     EXPECT_EQ(core_device_set_baud_rate(handle, 115200), -5);
     EXPECT_EQ(
         log.texts(CORE_LOG_DBG),
@@ -626,7 +535,7 @@ TEST_F(BaudRate, ReportsSettingsThatAreNotTaken)
 
 TEST_F(BaudRate, ReportsSettingsThatCannotBeReadBack)
 {
-    getattr_calls_until_failure = 1;
+    libc::tcgetattr = libc::fails_in_call(2, EIO, tcgetattr);
     EXPECT_EQ(core_device_set_baud_rate(handle, 115200), -5);
     EXPECT_EQ(log.texts(CORE_LOG_ERR),
               strings{"could not get device configuration: error 5 Input/output error\n"});
@@ -634,7 +543,7 @@ TEST_F(BaudRate, ReportsSettingsThatCannotBeReadBack)
 
 TEST_F(BaudRate, AcceptsAPortThatIgnoresTheInputSpeed)
 {
-    ispeed_stays = true;
+    libc::cfgetispeed = [](const termios *) { return B9600; };
     EXPECT_EQ(core_device_set_baud_rate(handle, 115200), 0);
     EXPECT_EQ(log.texts(CORE_LOG_DBG), (strings{"setting baudrate 115200\n", "baud rate has not changed\n"}));
     EXPECT_TRUE(log.texts(CORE_LOG_ERR).empty());
@@ -642,7 +551,7 @@ TEST_F(BaudRate, AcceptsAPortThatIgnoresTheInputSpeed)
 
 TEST_F(BaudRate, AcceptsAPortThatIgnoresTheOutputSpeed)
 {
-    ospeed_stays = true;
+    libc::cfgetospeed = [](const termios *) { return B9600; };
     EXPECT_EQ(core_device_set_baud_rate(handle, 115200), 0);
     EXPECT_EQ(log.texts(CORE_LOG_DBG), (strings{"setting baudrate 115200\n", "baud rate has not changed\n"}));
     EXPECT_TRUE(log.texts(CORE_LOG_ERR).empty());
@@ -730,7 +639,7 @@ TEST_F(DevicePoll, MayLookWithoutWaiting)
 
 TEST_F(DevicePoll, WatchesForInputForTheGivenTime)
 {
-    polls_are_noted = poll_expires = true;
+    let_polls_expire();
     EXPECT_EQ(core_device_poll(handle, 1234), -110);
     EXPECT_EQ(noted_polls, (std::vector<std::pair<short, int>>{{POLLIN, 1234}}));
 }
@@ -775,7 +684,7 @@ TEST_F(DevicePoll, TakesAHandleThatIsNotOpenAsATimeOut)
 
 TEST_F(DevicePoll, ReportsAFailure)
 {
-    poll_errno = EINVAL;
+    libc::poll = libc::fails(EINVAL);
     EXPECT_EQ(core_device_poll(handle, 1000), -22);
     EXPECT_EQ(only_message().level, CORE_LOG_ERR);
     EXPECT_EQ(only_message().text, "Poll error 22, Invalid argument");
@@ -783,7 +692,7 @@ TEST_F(DevicePoll, ReportsAFailure)
 
 TEST_F(DevicePoll, MapsAFailureWithoutARow)
 {
-    poll_errno = ENOMEM;
+    libc::poll = libc::fails(ENOMEM);
     EXPECT_EQ(core_device_poll(handle, 1000), -102);
     EXPECT_EQ(only_message().text, "Poll error 12, Cannot allocate memory");
 }
@@ -837,7 +746,7 @@ TEST_F(ReadTimeout, ExpiresWithNoBytes)
 
 TEST_F(ReadTimeout, WaitsForInputForTheGivenTime)
 {
-    polls_are_noted = poll_expires = true;
+    let_polls_expire();
     char byte = 'z';
     size_t count = 77;
     EXPECT_EQ(core_device_read_timeout(handle, &byte, 1, 5000, &count), -110);
@@ -863,7 +772,7 @@ TEST_F(DeviceWrite, WritesTheBytes)
 
 TEST_F(DeviceWrite, WaitsFiveSecondsForRoom)
 {
-    polls_are_noted = poll_expires = true;
+    let_polls_expire();
     size_t count = 77;
     EXPECT_EQ(core_device_write(handle, "AT", 2, &count), -110);
     EXPECT_EQ(noted_polls, (std::vector<std::pair<short, int>>{{POLLOUT, 5000}}));
@@ -872,7 +781,7 @@ TEST_F(DeviceWrite, WaitsFiveSecondsForRoom)
 
 TEST_F(DeviceWrite, WritesNothingWithoutRoom)
 {
-    poll_expires = true;
+    let_polls_expire();
     write_results = {2};
     size_t count = 77;
     core_device_write(handle, "AT", 2, &count);
@@ -933,7 +842,10 @@ TEST_F(RetryingWrite, WritesNothingOfNoBytes)
 
 TEST_F(RetryingWrite, WaitsFiveSecondsForRoomOnce)
 {
-    polls_are_noted = true;
+    libc::poll = [this](pollfd *watched, nfds_t count, int timeout) {
+        noted_polls.emplace_back(watched->events, timeout);
+        return poll(watched, count, timeout);
+    };
     write_results = {3, 0, 5};
     EXPECT_EQ(core_device_recoursive_write(handle, "abcdefgh", 8), 0);
     EXPECT_EQ(noted_polls, (std::vector<std::pair<short, int>>{{POLLOUT, 5000}}));
@@ -941,7 +853,7 @@ TEST_F(RetryingWrite, WaitsFiveSecondsForRoomOnce)
 
 TEST_F(RetryingWrite, WritesNothingWithoutRoom)
 {
-    poll_expires = true;
+    let_polls_expire();
     write_results = {8};
     EXPECT_EQ(core_device_recoursive_write(handle, "abcdefgh", 8), -110);
     EXPECT_TRUE(written_blocks.empty());
@@ -960,7 +872,7 @@ TEST_F(RetryingWrite, WritesTheWholeBufferAgainAfterAPart)
     write_results = {3, 8};
     EXPECT_EQ(core_device_recoursive_write(handle, "abcdefgh", 8), 0);
     EXPECT_EQ(written_blocks, (strings{"abcdefgh", "abcdefgh"}));
-    EXPECT_TRUE(slept.empty());
+    EXPECT_TRUE(slept().empty());
 }
 
 TEST_F(RetryingWrite, StopsWhenThePartsAddUp)
@@ -984,7 +896,7 @@ TEST_F(RetryingWrite, PausesTenMillisecondsAfterEachThatTookNothing)
 {
     write_results.assign(20, 0);
     core_device_recoursive_write(handle, "abcdefgh", 8);
-    EXPECT_EQ(slept, std::vector<useconds_t>(10, 10000));
+    EXPECT_EQ(slept(), std::vector<unsigned>(10, 10));
 }
 
 TEST_F(RetryingWrite, SucceedsAtTheTenthTry)
@@ -1033,7 +945,7 @@ TEST_F(RetryingWrite, HasNoRoomInAFullPipe)
 {
     const pipe_ends ends;
     ends.fill();
-    polls_are_noted = poll_expires = true;
+    let_polls_expire();
     EXPECT_EQ(core_device_recoursive_write(ends.in, "a", 1), -110);
     EXPECT_EQ(noted_polls.size(), 1U);
 }

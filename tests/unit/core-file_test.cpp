@@ -1,6 +1,7 @@
 #include "core-file.hpp"
 
 #include "core-owners.hpp"
+#include "libc-hooks.hpp"
 #include "log_capture.hpp"
 #include "temp_dir.hpp"
 
@@ -19,26 +20,6 @@
 #include <vector>
 
 using strings = std::vector<std::string>;
-
-// A copy of a text can be made to fail; else this does what the C library does.
-static bool strdup_fails = false;
-
-extern "C" char *strdup(const char *text) noexcept
-{
-    if (strdup_fails)
-        return nullptr;
-    const size_t size = strlen(text) + 1;
-    auto *const copy = static_cast<char *>(malloc(size));
-    if (copy != nullptr)
-        memcpy(copy, text, size);
-    return copy;
-}
-
-// An allocation that fails shall answer null here too, as it does without a sanitizer.
-extern "C" const char *__asan_default_options() // NOLINT(bugprone-reserved-identifier)
-{
-    return "allocator_may_return_null=1";
-}
 
 namespace {
 
@@ -721,9 +702,8 @@ TEST_F(ListFiles, ReportsAnArrayThatCannotGrow)
 TEST_F(ListFiles, ReportsAPathThatCannotBeCopied)
 {
     dir.write("f", "");
-    strdup_fails = true;
+    libc::strdup = [](const char *) -> char * { return nullptr; };
     EXPECT_EQ(core_directory_list_files(dir.path().c_str(), &list, &count), -12);
-    strdup_fails = false;
     ASSERT_NE(list, nullptr);
     EXPECT_EQ(list[0], nullptr);
     EXPECT_EQ(count, 0U);

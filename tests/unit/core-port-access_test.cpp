@@ -1,9 +1,9 @@
 #include "core-port-access.hpp"
 
 #include "core.hpp"
-#include "fake_sleep.hpp"
 #include "log_capture.hpp"
 #include "sysfs_tree.hpp"
+#include "virtual-time.hpp"
 
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -18,8 +18,6 @@ class PortAccess : public ::testing::Test {
   protected:
     PortAccess()
     {
-        sigint_detected = 0;
-        sleep.reset();
         for (const char *name : {"/dev/ttyUSB0", "/dev/ttyUSB1"})
             strlcpy(device.port_names[device.port_count++], name, sizeof device.port_names[0]);
         for (const char *name : {"ttyUSB0", "ttyUSB1"}) {
@@ -32,7 +30,7 @@ class PortAccess : public ::testing::Test {
 
     sysfs_tree tree;
     log_capture log;
-    fake_sleep &sleep = fake_sleep::instance();
+    virtual_time &sleep = virtual_time::instance();
     core_device_info device{};
     core_reported_ports reported{};
 };
@@ -61,15 +59,8 @@ TEST_F(AwaitPorts, EndsAfterTwoSecondsWithoutAWord)
 {
     tree.remove("dev/ttyUSB0");
     tree.remove("dev/ttyUSB1");
-    timespec begun{};
-    core_get_time(&begun);
-    core_await_port_access(tree.roots(), &device, 1); // its pauses take no time here, its limit does
-    timespec ended{};
-    core_get_time(&ended);
-    const double seconds = static_cast<double>(ended.tv_sec - begun.tv_sec) +
-                           static_cast<double>(ended.tv_nsec - begun.tv_nsec) / 1e9;
-    EXPECT_GE(seconds, 1.9);
-    EXPECT_LE(seconds, 10);
+    EXPECT_EQ(duration_of([this] { core_await_port_access(tree.roots(), &device, 1); }), 2000);
+    EXPECT_EQ(sleep.slept, std::vector<unsigned>(40, 50));
     EXPECT_TRUE(log.messages().empty());
 }
 
@@ -85,11 +76,13 @@ TEST_F(AwaitPorts, GoesOnUntilThePermissionsAreSet)
 {
     // access(2) goes by the real user: root gives its own up for nobody's, and may still change the mode.
     chmod(tree.dev("..").c_str(), 0755);
+    const uid_t user = getuid();
     ASSERT_TRUE(geteuid() != 0 || setresuid(65534, 0, 0) == 0);
     chmod(tree.dev("ttyUSB1").c_str(), 0);
     sleep.when_slept = [this] { chmod(tree.dev("ttyUSB1").c_str(), 0666); };
     core_await_port_access(tree.roots(), &device, 1);
     EXPECT_EQ(sleep.slept, std::vector<unsigned>{50});
+    EXPECT_TRUE(geteuid() != 0 || setresuid(user, 0, 0) == 0);
 }
 
 TEST_F(PortHolder, IsNotReportedWhereThereIsNone)

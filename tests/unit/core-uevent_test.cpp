@@ -1,5 +1,7 @@
 #include "core-uevent.hpp"
 
+#include "libc-hooks.hpp"
+
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -7,22 +9,8 @@
 #include <linux/netlink.h>
 #include <string>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 #include <vector>
-
-// The failure of the next receive call, which a socket pair does not show by itself; 0 for none.
-static int receive_error = 0;
-
-extern "C" ssize_t recvmsg(int handle, msghdr *header, int flags)
-{
-    if (receive_error != 0) {
-        errno = receive_error;
-        receive_error = 0;
-        return -1;
-    }
-    return syscall(SYS_recvmsg, handle, header, flags);
-}
 
 namespace {
 
@@ -168,14 +156,14 @@ TEST_F(UeventSocket, PassesOverAMessageThatIsTooLong)
 
 TEST_F(UeventSocket, TellsOfMessagesThatWereLost)
 {
-    receive_error = ENOBUFS;
+    libc::recvmsg = libc::fails_in_call(1, ENOBUFS, recvmsg); // which a socket pair does not show by itself
     EXPECT_EQ(drain(), core_uevents::some);
     EXPECT_EQ(drain(), core_uevents::none);
 }
 
 TEST_F(UeventSocket, GoesOnAfterASignal)
 {
-    receive_error = EINTR;
+    libc::recvmsg = libc::fails_in_call(1, EINTR, recvmsg); // which a socket pair does not show by itself
     EXPECT_EQ(drain(), core_uevents::none);
     send(device_added);
     EXPECT_EQ(drain(), core_uevents::some);

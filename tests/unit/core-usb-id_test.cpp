@@ -4,6 +4,7 @@
 #include "core.hpp"
 #include "fake_discovery.hpp"
 #include "log_capture.hpp"
+#include "virtual-time.hpp"
 
 #include <cstring>
 #include <gtest/gtest.h>
@@ -13,15 +14,6 @@
 #include <vector>
 
 using strings = std::vector<std::string>;
-
-// Nobody has to wait for the pauses between two tries: they are noted, not slept.
-static std::vector<useconds_t> slept;
-
-extern "C" int usleep(useconds_t time)
-{
-    slept.push_back(time);
-    return 0;
-}
 
 struct id_row {
     const char *name;
@@ -305,8 +297,6 @@ namespace {
 
 class WaitForDevices : public ConnectedDevice {
   protected:
-    WaitForDevices() { slept.clear(); }
-
     static void event(int result, core_usb_id id = download, bool removed = false)
     {
         listen_answer next;
@@ -403,7 +393,7 @@ TEST_F(WaitForDevices, TriesAgainUntilTheAttachedDeviceIsReady)
     answer(0);
     EXPECT_EQ(core_usb_id_wait_for_devices(&list), 0);
     EXPECT_EQ(log.count(CORE_LOG_DBG, "no device found, maybe not ready yet. Retrying after 1000ms...\n"), 2);
-    EXPECT_EQ(slept, (std::vector<useconds_t>{1000000, 1000000}));
+    EXPECT_EQ(virtual_time::instance().slept, (std::vector<unsigned>{1000, 1000}));
 }
 
 TEST_F(WaitForDevices, GivesUpAfterThreeMoreTries)
@@ -417,7 +407,7 @@ TEST_F(WaitForDevices, GivesUpAfterThreeMoreTries)
     EXPECT_EQ(core_usb_id_wait_for_devices(&list), -16);
     EXPECT_EQ(questions().size(), 5U);
     EXPECT_EQ(log.count(CORE_LOG_DBG, "no device found, maybe not ready yet. Retrying after 1000ms...\n"), 3);
-    EXPECT_EQ(slept, (std::vector<useconds_t>{1000000, 1000000, 1000000}));
+    EXPECT_EQ(virtual_time::instance().slept, (std::vector<unsigned>{1000, 1000, 1000}));
 }
 
 TEST_F(WaitForDevices, LogsItsTriesUnderItsName)

@@ -1,7 +1,9 @@
 #include "core.hpp"
 
+#include "libc-hooks.hpp"
 #include "log_capture.hpp"
 #include "temp_dir.hpp"
+#include "virtual-time.hpp"
 
 #include <cerrno>
 #include <chrono>
@@ -9,54 +11,9 @@
 #include <gtest/gtest.h>
 #include <ostream>
 #include <string>
-#include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 #include <vector>
-
-// Stand-ins for the C library's calls: each does what the real one does unless a test says otherwise.
-static int time_of_day_errno = 0;
-static bool time_of_day_is_given = false;
-static timeval given_time_of_day{};
-static int clock_errno = 0;
-static clockid_t asked_clock = -1;
-static bool usleep_is_replaced = false;
-static int usleep_result = 0;
-static std::vector<useconds_t> slept;
-
-extern "C" int gettimeofday(timeval *__restrict time, void *__restrict) noexcept
-{
-    if (time_of_day_errno != 0) {
-        time->tv_sec = 1234;
-        errno = time_of_day_errno;
-        return -1;
-    }
-    if (time_of_day_is_given) {
-        *time = given_time_of_day;
-        return 0;
-    }
-    return static_cast<int>(syscall(SYS_gettimeofday, time, nullptr));
-}
-
-extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept
-{
-    asked_clock = clock;
-    if (clock_errno != 0) {
-        errno = clock_errno;
-        return -1;
-    }
-    return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
-}
-
-extern "C" int usleep(useconds_t time)
-{
-    if (usleep_is_replaced) {
-        slept.push_back(time);
-        return usleep_result;
-    }
-    const timespec duration{static_cast<time_t>(time / 1000000), static_cast<long>(time % 1000000) * 1000};
-    return nanosleep(&duration, nullptr);
-}
 
 struct errno_row {
     const char *name;
@@ -196,29 +153,40 @@ TEST(CoreLogSetNative, GoesBackToStandardOutput)
     EXPECT_EQ(print_function, stdout_print);
 }
 
+// What the call asks the C library to sleep, in microseconds.
+static std::vector<useconds_t> sleeps(const std::function<void()> &call)
+{
+    std::vector<useconds_t> slept;
+    libc::usleep = [&slept](useconds_t time) {
+        slept.push_back(time);
+        return 0;
+    };
+    call();
+    return slept;
+}
+
 TEST(CoreSleep, SleepsAThousandMicrosecondsAMillisecond)
 {
-    usleep_is_replaced = true;
-    EXPECT_EQ(core_sleep(1500), 0);
+    const std::vector<useconds_t> slept = sleeps([] { EXPECT_EQ(core_sleep(1500), 0); });
     EXPECT_EQ(slept, std::vector<useconds_t>{1500000});
 }
 
 TEST(CoreSleep, TakesTheProductIn32Bits)
 {
-    usleep_is_replaced = true;
-    core_sleep(4294968); // 4294968000 is 704 more than 2^32
+    // 4294968000 is 704 more than 2^32
+    const std::vector<useconds_t> slept = sleeps([] { core_sleep(4294968); });
     EXPECT_EQ(slept, std::vector<useconds_t>{704});
 }
 
 TEST(CoreSleep, ReturnsWhatTheSystemReturned)
 {
-    usleep_is_replaced = true;
-    usleep_result = -1;
+    libc::usleep = libc::fails(EINTR);
     EXPECT_EQ(core_sleep(1), -1);
 }
 
 TEST(CoreSleep, SleepsAtLeastTheTime)
 {
+    const real_time here; // the one sleep that is none of virtual time
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(core_sleep(20), 0);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(20));
@@ -226,6 +194,7 @@ TEST(CoreSleep, SleepsAtLeastTheTime)
 
 TEST(CoreSleep, ReturnsAtOnceForZero)
 {
+    const real_time here;
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(core_sleep(0), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
@@ -238,11 +207,16 @@ static int64_t nanoseconds(const timespec &time)
 
 TEST(CoreGetTime, ReadsTheMonotonicClock)
 {
+    const real_time here;
     timespec before{};
     timespec now{};
     timespec after{};
     clock_gettime(CLOCK_MONOTONIC, &before);
-    asked_clock = -1;
+    clockid_t asked_clock = -1;
+    libc::clock_gettime = [&asked_clock](clockid_t clock, timespec *time) {
+        asked_clock = clock;
+        return clock_gettime(clock, time);
+    };
     EXPECT_EQ(core_get_time(&now), 0);
     EXPECT_EQ(asked_clock, CLOCK_MONOTONIC);
     clock_gettime(CLOCK_MONOTONIC, &after);
@@ -254,10 +228,8 @@ TEST(CoreGetTime, FailsSilentlyWithMinusOne)
 {
     log_capture log;
     timespec now{};
-    clock_errno = EINVAL;
-    const int result = core_get_time(&now);
-    clock_errno = 0;
-    EXPECT_EQ(result, -1);
+    libc::clock_gettime = libc::fails(EINVAL);
+    EXPECT_EQ(core_get_time(&now), -1);
     EXPECT_TRUE(log.messages().empty());
 }
 
@@ -274,19 +246,31 @@ TEST(CoreGetTimeOfDay, ReadsTheWallClock)
 
 TEST(CoreGetTimeOfDay, KeepsTheLow32BitsOfTheSeconds)
 {
-    time_of_day_is_given = true;
-    given_time_of_day = {0x1FFFFFFFE, 999999};
+    libc::gettimeofday = [](timeval *time) {
+        *time = {0x1FFFFFFFE, 999999};
+        return 0;
+    };
     core_time_of_day now{1, 1};
     EXPECT_EQ(core_get_time_of_day(&now), 0);
     EXPECT_EQ(now.seconds, 0xFFFFFFFEU);
     EXPECT_EQ(now.microseconds, 999999U);
 }
 
+// It leaves something behind although it fails.
+static void fail_time_of_day(int number)
+{
+    libc::gettimeofday = [number](timeval *time) {
+        time->tv_sec = 1234;
+        errno = number;
+        return -1;
+    };
+}
+
 TEST(CoreGetTimeOfDay, LogsAndMapsAFailure)
 {
     log_capture log;
     core_time_of_day now{1, 1};
-    time_of_day_errno = EPERM;
+    fail_time_of_day(EPERM);
     EXPECT_EQ(core_get_time_of_day(&now), -1);
     ASSERT_EQ(log.messages().size(), 1U);
     EXPECT_EQ(log.messages()[0].level, CORE_LOG_ERR);
@@ -298,7 +282,7 @@ TEST(CoreGetTimeOfDay, LogsAndMapsAFailure)
 TEST(CoreGetTimeOfDay, LeavesZeroesAfterAFailure)
 {
     core_time_of_day now{1, 1};
-    time_of_day_errno = EINVAL;
+    fail_time_of_day(EINVAL);
     EXPECT_EQ(core_get_time_of_day(&now), -22);
     EXPECT_EQ(now.seconds, 0U);
     EXPECT_EQ(now.microseconds, 0U);

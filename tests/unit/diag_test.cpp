@@ -3,48 +3,11 @@
 #include "core.hpp"
 #include "log_capture.hpp"
 #include "pty.hpp"
+#include "scripted-port.hpp"
+#include "virtual-time.hpp"
 
 #include <cerrno>
-#include <deque>
-#include <dlfcn.h>
-#include <filesystem>
 #include <gtest/gtest.h>
-#include <unistd.h>
-
-namespace {
-
-// How many bytes the next writes take; the real write where nothing is scripted.
-struct write_step {
-    ssize_t taken; // -1 for an error
-    int error;
-};
-std::deque<write_step> write_script;
-std::vector<std::string> offered; // what the code under test wanted to write, write by write
-
-void script_writes(std::deque<write_step> script)
-{
-    write_script = std::move(script);
-    offered.clear();
-}
-
-} // namespace
-
-// Takes the place of the C library's, to take only a part or to fail.
-extern "C" ssize_t write(int handle, const void *data, size_t size)
-{
-    static const auto real =
-        reinterpret_cast<ssize_t (*)(int, const void *, size_t)>(dlsym(RTLD_NEXT, "write"));
-    if (write_script.empty())
-        return real(handle, data, size);
-    const write_step step = write_script.front();
-    write_script.pop_front();
-    offered.emplace_back(static_cast<const char *>(data), size);
-    if (step.taken < 0) {
-        errno = step.error;
-        return -1;
-    }
-    return real(handle, data, static_cast<size_t>(step.taken));
-}
 
 static const std::string frame("\x4B\x65\x01\x00\x54\x0F\x7E", 7);
 
@@ -65,36 +28,30 @@ static void add_port(modem *m, const std::string &path, uint32_t type)
     record.port_type = type;
 }
 
-// What came on the port: the bytes that are due, and whatever is too much.
-static std::string received(pty *port, size_t due = 7)
-{
-    const std::string bytes = port->receive(due);
-    return bytes + port->receive_until_quiet();
-}
-
-// How many descriptors of this process are open on `path`.
-static int open_descriptors(const std::string &path)
-{
-    int count = 0;
-    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        std::error_code gone;
-        count += std::filesystem::read_symlink(entry.path(), gone) == path ? 1 : 0;
-    }
-    return count;
-}
-
 TEST(SwitchToDownloadMode, WritesTheSevenBytesOfTheFrame)
 {
+    scripted_port port;
+    port.takes(frame);
+    const modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
+    EXPECT_EQ(switch_QDload_mode(&m), 0);
+    EXPECT_EQ(port.written(), frame);
+}
+
+// The one case on a real terminal: it is written to as it was found, without any setting of the port.
+TEST(SwitchToDownloadMode, ReachesATerminal)
+{
+    const real_time here;
     pty port;
     const modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), 0);
-    EXPECT_EQ(received(&port), frame);
+    EXPECT_EQ(port.receive(7), frame);
 }
 
 TEST(SwitchToDownloadMode, SaysNothingWhenAllIsWell)
 {
     log_capture log;
-    pty port;
+    scripted_port port;
+    port.takes(frame);
     const modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
     static_cast<void>(switch_QDload_mode(&m));
     EXPECT_TRUE(log.messages().empty());
@@ -102,45 +59,47 @@ TEST(SwitchToDownloadMode, SaysNothingWhenAllIsWell)
 
 TEST(SwitchToDownloadMode, ClosesThePortAgain)
 {
-    pty port;
-    const int before = open_descriptors(port.path());
+    scripted_port port;
+    port.takes(frame);
     const modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), 0);
-    EXPECT_EQ(open_descriptors(port.path()), before);
+    EXPECT_EQ(port.open_descriptors(), 0U);
 }
 
 TEST(SwitchToDownloadMode, FindsTheDiagnosticPortBehindOthers)
 {
-    pty at;
-    pty diagnostic;
+    scripted_port at;
+    scripted_port diagnostic;
+    diagnostic.takes(frame);
     modem m = modem_with_port(at.path(), PORT_AT);
     add_port(&m, "/nonexistent/unknown", PORT_UNKNOWN);
     add_port(&m, "/nonexistent/update", PORT_FIRMWARE_UPDATE);
     add_port(&m, diagnostic.path(), PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), 0);
-    EXPECT_EQ(received(&diagnostic), frame);
-    EXPECT_EQ(at.receive_until_quiet(), "");
+    EXPECT_EQ(diagnostic.written(), frame);
+    EXPECT_EQ(at.written(), "");
 }
 
 TEST(SwitchToDownloadMode, TakesTheFirstOfTwoDiagnosticPorts)
 {
-    pty first;
-    pty second;
+    scripted_port first;
+    scripted_port second;
+    first.takes(frame);
     modem m = modem_with_port(first.path(), PORT_DIAGNOSTIC);
     add_port(&m, second.path(), PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), 0);
-    EXPECT_EQ(received(&first), frame);
-    EXPECT_EQ(second.receive_until_quiet(), "");
+    EXPECT_EQ(first.written(), frame);
+    EXPECT_EQ(second.written(), "");
 }
 
 TEST(SwitchToDownloadMode, OpensNothingWithoutADiagnosticPort)
 {
     log_capture log;
-    pty port;
+    scripted_port port;
     const modem m = modem_with_port(port.path(), PORT_AT);
     EXPECT_EQ(switch_QDload_mode(&m), -19);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), std::vector<std::string>{"no diagnostic port found"});
-    EXPECT_EQ(port.receive_until_quiet(), "");
+    EXPECT_EQ(port.written(), "");
 }
 
 TEST(SwitchToDownloadMode, RefusesAModemWithoutPorts)
@@ -153,11 +112,11 @@ TEST(SwitchToDownloadMode, RefusesAModemWithoutPorts)
 
 TEST(SwitchToDownloadMode, IgnoresAPortBehindTheCount)
 {
-    pty port;
+    scripted_port port;
     modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
     m.modem_port_size = 0;
     EXPECT_EQ(switch_QDload_mode(&m), -19);
-    EXPECT_EQ(port.receive_until_quiet(), "");
+    EXPECT_EQ(port.written(), "");
 }
 
 TEST(SwitchToDownloadMode, NamesAPortThatCannotBeOpened)
@@ -181,63 +140,64 @@ TEST(SwitchToDownloadMode, ReportsAFullPort)
 
 TEST(SwitchToDownloadMode, GoesOnAfterAShortWrite)
 {
-    pty port;
-    script_writes({{3, 0}, {1, 0}, {3, 0}});
+    scripted_port port;
+    port.takes_at_most(3).takes_at_most(1).takes_at_most(3).takes(frame);
     const modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), 0);
-    EXPECT_EQ(offered, (std::vector<std::string>{frame, frame.substr(3), frame.substr(4)}));
-    EXPECT_EQ(received(&port), frame);
+    EXPECT_EQ(port.writes(), (std::vector<std::string>{frame, frame.substr(3), frame.substr(4)}));
+    EXPECT_EQ(port.written(), frame);
 }
 
 TEST(SwitchToDownloadMode, WritesByteByByteIntoASlowPort)
 {
-    pty port;
-    script_writes(std::deque<write_step>(7, write_step{1, 0}));
+    scripted_port port;
+    port.largest_write = 1;
+    port.takes(frame);
     const modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), 0);
-    EXPECT_EQ(received(&port), frame);
+    EXPECT_EQ(port.written(), frame);
 }
 
 TEST(SwitchToDownloadMode, EndsWithTheErrorOfAnyWrite)
 {
     log_capture log;
-    pty port;
-    script_writes({{3, 0}, {-1, EIO}});
+    scripted_port port;
+    port.takes_at_most(3).refuses_a_write(EIO).takes(frame.substr(0, 3));
     const modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), -5);
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "error in writing the switch command");
-    EXPECT_EQ(received(&port, 3), frame.substr(0, 3));
+    EXPECT_EQ(port.written(), frame.substr(0, 3));
 }
 
 TEST(SwitchToDownloadMode, DoesNotRepeatTheFrameOnAPortThatIsFull)
 {
     log_capture log;
-    pty port;
-    script_writes({{-1, EAGAIN}});
+    scripted_port port;
+    port.refuses_a_write(EAGAIN);
     const modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), -11);
-    EXPECT_EQ(offered.size(), 1U);
-    EXPECT_EQ(port.receive_until_quiet(), "");
+    EXPECT_EQ(port.writes().size(), 1U);
+    EXPECT_EQ(port.written(), "");
 }
 
 TEST(SwitchToDownloadMode, GivesUpOnAPortThatTakesNothingTenTimes)
 {
     log_capture log;
-    pty port;
-    script_writes(std::deque<write_step>(10, write_step{0, 0}));
+    scripted_port port;
+    for (int i = 0; i < 10; ++i)
+        port.takes_at_most(0);
     const modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), -71);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), std::vector<std::string>{"error in writing the switch command"});
-    EXPECT_EQ(offered.size(), 10U);
+    EXPECT_EQ(port.writes().size(), 10U);
 }
 
 TEST(SwitchToDownloadMode, ClosesThePortAfterAFailedWrite)
 {
     log_capture log;
-    pty port;
-    const int before = open_descriptors(port.path());
-    script_writes({{-1, EIO}});
+    scripted_port port;
+    port.refuses_a_write(EIO);
     const modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), -5);
-    EXPECT_EQ(open_descriptors(port.path()), before);
+    EXPECT_EQ(port.open_descriptors(), 0U);
 }

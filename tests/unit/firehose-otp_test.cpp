@@ -2,14 +2,13 @@
 
 #include "core-device.hpp"
 #include "core.hpp"
-#include "fake_clock.hpp"
 #include "fake_programmer.hpp"
 #include "firehose-otp.hpp"
 #include "log_capture.hpp"
-#include "pty.hpp"
+#include "scripted-port.hpp"
+#include "virtual-time.hpp"
 
 #include <gtest/gtest.h>
-#include <thread>
 
 using texts = std::vector<std::string>;
 
@@ -33,7 +32,6 @@ class Otp : public testing::Test {
     fake_programmer programmer;
     log_capture log;
     firehose_device *device;
-    restored_clock restored;
 };
 
 class SerialOtp : public testing::Test {
@@ -41,7 +39,7 @@ class SerialOtp : public testing::Test {
     SerialOtp() { EXPECT_EQ(core_device_open(port.path().c_str(), &device.serial_handle), 0); }
     ~SerialOtp() override { firehose_close(&device); }
 
-    pty port;
+    scripted_port port;
     firehose_device device{};
     log_capture log;
 };
@@ -177,7 +175,7 @@ TEST_F(Otp, TenEmptyChunksInARowEndTheRead)
 
 TEST_F(Otp, AProgrammerThatTalksForFiveMinutesEndsTheRead)
 {
-    fake_clock::instance().per_read_ms = 300000;
+    virtual_time::instance().per_read_ms = 300000;
     programmer.answers(log_chunk);
     EXPECT_EQ(print_otp_response(device), -71);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), (texts{"the programmer sends everything but an answer",
@@ -201,40 +199,31 @@ TEST_F(Otp, FailedWriteEndsIt)
 
 TEST_F(SerialOtp, HalfASecondOfSilenceEndsTheRead)
 {
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(get_otp(&device), -110);
-    const auto waited = std::chrono::steady_clock::now() - start;
-    EXPECT_GE(waited, std::chrono::milliseconds(500));
-    EXPECT_LT(waited, std::chrono::milliseconds(4000));
-    EXPECT_EQ(port.receive_until_quiet(), otp_request);
+    port.takes(otp_request);
+    EXPECT_EQ(duration_of([this] { EXPECT_EQ(get_otp(&device), -110); }), 500);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"error reading otp values " + timed_out_unsigned});
 }
 
 TEST_F(SerialOtp, HangUpEndsTheRead)
 {
-    port.hang_up();
+    port.hangs_up();
     EXPECT_EQ(print_otp_response(&device), -125);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"error reading otp values " + hung_up_unsigned});
 }
 
 TEST_F(SerialOtp, ValuesOverThePortArePrinted)
 {
-    std::thread modem([&] {
-        EXPECT_EQ(port.receive(86), otp_request);
-        port.send("<log value=\"first\"/>");
-        EXPECT_TRUE(port.wait_drained());
-        port.send("<log value=\"second\"/>");
-        EXPECT_TRUE(port.wait_drained());
-        port.send(ack_chunk);
-    });
+    port.takes(otp_request);
+    port.sends("<log value=\"first\"/>");
+    port.sends("<log value=\"second\"/>");
+    port.sends(ack_chunk);
     EXPECT_EQ(get_otp(&device), 0);
-    modem.join();
     EXPECT_EQ(log.texts(CORE_LOG_INF), (texts{"first", "second"}));
 }
 
 TEST_F(SerialOtp, ValuesThatArriveTogetherWithTheAckAreNotPrinted)
 {
-    port.send("<log value=\"first\"/><log value=\"second\"/>" + ack_chunk);
+    port.sends("<log value=\"first\"/><log value=\"second\"/>" + ack_chunk);
     EXPECT_EQ(print_otp_response(&device), 0);
     EXPECT_EQ(log.texts(CORE_LOG_INF), texts{});
 }

@@ -5,41 +5,20 @@
 #include "core.hpp"
 #include "fake_programmer.hpp"
 #include "image-list.hpp"
-#include "libc_hooks.hpp"
+#include "libc-hooks.hpp"
 #include "log-output.hpp"
 #include "log_capture.hpp"
+#include "memory-limit.hpp"
 #include "pty.hpp"
+#include "scripted-port.hpp"
 #include "temp_dir.hpp"
+#include "virtual-time.hpp"
 
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <memory>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <thread>
-
-#if defined(__SANITIZE_ADDRESS__)
-#define WITH_ADDRESS_SANITIZER
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define WITH_ADDRESS_SANITIZER
-#endif
-#endif
-
-#ifdef WITH_ADDRESS_SANITIZER
-// Memory that is refused, not reported, for the test of the failure.
-extern "C" const char *__asan_default_options() // NOLINT(bugprone-reserved-identifier)
-{
-    return "allocator_may_return_null=1:max_allocation_size_mb=512";
-}
-static void limit_memory() {}
-#else
-static void limit_memory()
-{
-    const rlimit limit{512U << 20U, 512U << 20U};
-    ASSERT_EQ(setrlimit(RLIMIT_AS, &limit), 0);
-}
-#endif
 
 using texts = std::vector<std::string>;
 
@@ -101,7 +80,6 @@ class Image : public testing::Test {
 class Program : public testing::Test {
   protected:
     Program() { device = programmer.open(); }
-    ~Program() override { libc_hooks::reset(); }
 
     // An image whose file holds `data`; 4096-byte sectors.
     image *add_image(const char *command, const std::string &data)
@@ -569,10 +547,9 @@ TEST_F(Program, MissingFileIsReported)
 
 TEST_F(Program, FileOfUnknownSizeIsReported)
 {
-    libc_hooks::file_size_error = EIO;
+    libc::fstat = libc::fails(EIO);
     const std::string file = dir.write("image.bin", "x");
     EXPECT_EQ(send_binary(device, megabyte, 4096, file.c_str()), -5);
-    libc_hooks::file_size_error = 0;
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "unable to get bin file size " + io_error_unsigned);
 }
 
@@ -587,7 +564,7 @@ TEST_F(Program, BufferThatDoesNotFitIntoMemoryIsReported)
 
 TEST_F(Program, UnreadableFileIsReportedWithThePayloadSize)
 {
-    libc_hooks::file_read_error = EIO;
+    libc::fail_file_reads(EIO);
     const std::string file = dir.write("image.bin", content(1000));
     EXPECT_EQ(send_binary(device, megabyte, 4096, file.c_str()), -5);
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(),
@@ -596,7 +573,7 @@ TEST_F(Program, UnreadableFileIsReportedWithThePayloadSize)
 
 TEST_F(Program, FileThatCannotBeSoughtIsReportedWithTheOffset)
 {
-    libc_hooks::file_seek_error = EIO;
+    libc::lseek = libc::fails(EIO);
     const std::string file = dir.write("image.bin", content(1000));
     EXPECT_EQ(send_binary(device, megabyte, 4096, file.c_str()), -102);
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "lseek error at 0");
@@ -684,6 +661,23 @@ TEST_F(Program, LogChunksAfterTheDataAreSkipped)
 TEST(ProgramOverSerial, SendsTheFileThroughAPortThatTakesItInPieces)
 {
     const temp_dir dir;
+    scripted_port port;
+    port.largest_write = 4095;
+    const std::string data = content(100000);
+    const std::string file = dir.write("image.bin", data);
+    firehose_device device{};
+    ASSERT_EQ(core_device_open(port.path().c_str(), &device.serial_handle), 0);
+    port.takes(data + padding(2400)).sends(ack_chunk);
+    EXPECT_EQ(send_binary(&device, megabyte, 4096, file.c_str()), 0);
+    EXPECT_EQ(port.writes().size(), 26U);
+    firehose_close(&device);
+}
+
+// On a real terminal, which takes what it has room for in its own time.
+TEST(ProgramOverSerial, SendsTheFileThroughATerminal)
+{
+    const real_time here;
+    const temp_dir dir;
     pty port;
     const std::string data = content(100000);
     const std::string file = dir.write("image.bin", data);
@@ -702,19 +696,17 @@ TEST(ProgramOverSerial, SendsTheFileThroughAPortThatTakesItInPieces)
 TEST(ProgramOverSerial, ReportsAHangUpInTheMiddle)
 {
     const temp_dir dir;
-    pty port;
-    const std::string file = dir.write("image.bin", content(100000));
+    scripted_port port;
+    port.largest_write = 5000;
+    const std::string data = content(100000);
+    const std::string file = dir.write("image.bin", data);
     firehose_device device{};
     ASSERT_EQ(core_device_open(port.path().c_str(), &device.serial_handle), 0);
     const log_capture log;
-    std::thread modem([&] {
-        EXPECT_EQ(port.receive(5000).size(), 5000U);
-        port.hang_up();
-    });
-    EXPECT_LT(send_binary(&device, megabyte, 4096, file.c_str()), 0);
-    modem.join();
+    port.takes(data.substr(0, 5000)).hangs_up();
+    EXPECT_EQ(send_binary(&device, megabyte, 4096, file.c_str()), -125);
     const std::string last = log.texts(CORE_LOG_ERR).back();
-    EXPECT_EQ(last.substr(last.size() - 15), " sending buffer");
+    EXPECT_EQ(last, "error 4294967171 sending buffer");
     firehose_close(&device);
 }
 
@@ -722,9 +714,9 @@ TEST(ProgramOverSerial, ReportsAHangUpInTheMiddle)
 
 namespace {
 
-class Progress : public Program {
+class ImageProgress : public Program {
   protected:
-    Progress()
+    ImageProgress()
     {
         log_level = CORE_LOG_INF;
         core_log_set_pprint(CORE_LOG_PPRINT_NEWLINE);
@@ -755,14 +747,14 @@ class Progress : public Program {
 
 } // namespace
 
-TEST_F(Progress, IsAPercentageLineWithoutLineFeedPerChunk)
+TEST_F(ImageProgress, IsAPercentageLineWithoutLineFeedPerChunk)
 {
     EXPECT_EQ(send_three_chunks(), 0);
     EXPECT_EQ(lines(),
               (texts{"0.00% completed\r", "40.00% completed\r", "80.00% completed\r", "Sent 2500 bytes\n"}));
 }
 
-TEST_F(Progress, ShowsWholePercentsOnly)
+TEST_F(ImageProgress, ShowsWholePercentsOnly)
 {
     const std::string data = content(3000);
     programmer.takes(data.substr(0, 1000));
@@ -774,7 +766,7 @@ TEST_F(Progress, ShowsWholePercentsOnly)
     EXPECT_EQ(lines()[2], "66.00% completed\r");
 }
 
-TEST_F(Progress, HasNoLineForAnEmptyFile)
+TEST_F(ImageProgress, HasNoLineForAnEmptyFile)
 {
     programmer.answers(ack_chunk);
     EXPECT_EQ(send_file("", 1000, 500), 0);
@@ -793,7 +785,7 @@ TEST_F(Program, ProgressIsADebugLineAtDebugLevel)
     EXPECT_EQ(log.texts(CORE_LOG_INF), texts{"Sent 1500 bytes"});
 }
 
-TEST_F(Progress, IsAnEventPerChunkAndAFinalOneInJson)
+TEST_F(ImageProgress, IsAnEventPerChunkAndAFinalOneInJson)
 {
     std::filesystem::current_path(dir.path());
     dir.write("image.bin", content(1500));
@@ -813,7 +805,7 @@ TEST_F(Progress, IsAnEventPerChunkAndAFinalOneInJson)
                       "\"description\": \"image.bin\"}\n");
 }
 
-TEST_F(Progress, HasNoFinalEventInJsonAfterANak)
+TEST_F(ImageProgress, HasNoFinalEventInJsonAfterANak)
 {
     core_log_set_pprint(CORE_LOG_PPRINT_JSON);
     programmer.takes(content(1000));
@@ -823,7 +815,7 @@ TEST_F(Progress, HasNoFinalEventInJsonAfterANak)
         EXPECT_EQ(line.find("\"percent\": 100"), std::string::npos);
 }
 
-TEST_F(Progress, StaysJsonAfterAnEvent)
+TEST_F(ImageProgress, StaysJsonAfterAnEvent)
 {
     core_log_set_pprint(CORE_LOG_PPRINT_JSON);
     EXPECT_EQ(send_three_chunks(), 0);

@@ -3,7 +3,6 @@
 #include "core.hpp"
 #include "fake_discovery.hpp"
 #include "fake_libusb.hpp"
-#include "fake_sleep.hpp"
 #include "image-list.hpp"
 #include "interrupt.hpp"
 #include "log_capture.hpp"
@@ -11,19 +10,17 @@
 #include "options.hpp"
 #include "package.hpp"
 #include "private_mounts.hpp"
-#include "pty.hpp"
+#include "scripted-port.hpp"
 #include "temp_dir.hpp"
 #include "update.hpp"
+#include "virtual-time.hpp"
 
 #include <algorithm>
-#include <deque>
 #include <gtest/gtest.h>
 #include <libusb.h>
-#include <thread>
 #include <unistd.h>
 
 using texts = std::vector<std::string>;
-using std::chrono::seconds;
 
 namespace {
 
@@ -48,6 +45,8 @@ std::string hello_response()
     return words({2, 48, 2, 1, 0, 0, 0, 0, 0, 0, 0, 0});
 }
 
+const std::string switch_frame("\x4B\x65\x01\x00\x54\x0F\x7E", 7);
+
 core_usb_event arrival()
 {
     core_usb_event event{};
@@ -66,26 +65,14 @@ class HandOff : public ::testing::Test {
   protected:
     void SetUp() override
     {
-        options = {};
-        package = {};
         package.image_count = MAX_IMAGE_NUMBER;
-        keep_running = 1;
-        sigint_detected = 0;
-        discovery.reset();
-        usb.reset();
         usb.init_result = LIBUSB_ERROR_OTHER; // what comes to Firehose ends there, unless a test goes on
-        sleep.reset();
         prepare_port_modem(&modems[0], false, port.path().c_str());
     }
-    void TearDown() override
-    {
-        EXPECT_TRUE(discovery.enumerations.empty()) << "fewer scans than expected";
-        EXPECT_TRUE(discovery.events.empty()) << "fewer waits for an event than expected";
-        usb.verify();
-    }
-
     int run(bool already_in_qdl = false)
     {
+        if (is_switched && !already_in_qdl)
+            port.takes(switch_frame);
         return hand_off(modems, 8, plan_route(options, &modems[0], already_in_qdl));
     }
 
@@ -128,10 +115,11 @@ class HandOff : public ::testing::Test {
 
     fake_discovery &discovery = fake_discovery::instance();
     fake_libusb &usb = fake_libusb::instance();
-    fake_sleep &sleep = fake_sleep::instance();
+    virtual_time &sleep = virtual_time::instance();
     temp_dir dir;
     log_capture log;
-    pty port;
+    scripted_port port;
+    bool is_switched = true; // by the diagnostic frame, where the modem is not in download mode yet
     modem modems[8] = {};
     const core_device_info download = make_device("05c6", "9008", {{"/nonexistent/0", "00"}});
 };
@@ -140,7 +128,7 @@ class HandOff : public ::testing::Test {
 class Switch : public HandOff {};
 class EnterQdl : public HandOff {};
 class DownloadDeviceEvent : public HandOff {};
-class Upload : public HandOff {};
+class ProgrammerUpload : public HandOff {};
 class Writing : public HandOff {};
 class WriteSysfsFile : public HandOff {};
 
@@ -202,6 +190,7 @@ class TriggerEdl : public HandOff {
     int trigger(const char *port_name)
     {
         modems[0].is_pcie = true;
+        is_switched = false;
         strlcpy(modems[0].modem_port[0].port_name, port_name, sizeof modems[0].modem_port[0].port_name);
         return trigger_edl_mode(&modems[0]);
     }
@@ -255,6 +244,7 @@ TEST_F(TriggerEdl, ReportsAModemThatTheKernelDoesNotKnow)
 TEST_F(TriggerEdl, SwitchesAPcieModemInPlaceOfTheDiagnosticFrame)
 {
     modems[0].is_pcie = true;
+    is_switched = false;
     strlcpy(modems[0].modem_port[0].port_name, "/dev/wwan0at0", sizeof modems[0].modem_port[0].port_name);
     options.enter_qdl = true;
     EXPECT_EQ(run(), 0);
@@ -266,6 +256,7 @@ TEST_F(TriggerEdl, SwitchesAPcieModemInPlaceOfTheDiagnosticFrame)
 TEST_F(TriggerEdl, EndsTheRunWhenItFails)
 {
     modems[0].is_pcie = true;
+    is_switched = false;
     strlcpy(modems[0].modem_port[0].port_name, "/dev/wwan1at0", sizeof modems[0].modem_port[0].port_name);
     EXPECT_EQ(run(), -1);
     EXPECT_EQ(driver_texts(CORE_LOG_ERR).back(), "unable to set the modem to firmware update mode");
@@ -274,6 +265,7 @@ TEST_F(TriggerEdl, EndsTheRunWhenItFails)
 TEST_F(TriggerEdl, GoesOnToTheWaitWithoutAnIndex)
 {
     modems[0].is_pcie = true;
+    is_switched = false;
     event_error(-5);
     EXPECT_EQ(run(), -5);
     EXPECT_EQ(driver_texts(CORE_LOG_ERR), (texts{"not able to detect mhi index", no_listener}));
@@ -283,12 +275,13 @@ TEST_F(Switch, SendsTheDiagnosticFrame)
 {
     event_error(-5);
     EXPECT_EQ(run(), -5);
-    EXPECT_EQ(port.receive_until_quiet(), std::string("\x4B\x65\x01\x00\x54\x0F\x7E", 7));
+    EXPECT_EQ(port.written(), switch_frame);
 }
 
 TEST_F(Switch, EndsTheRunWhenItFails)
 {
     modems[0].modem_port[0].port_type = PORT_AT;
+    is_switched = false;
     EXPECT_EQ(run(), -19);
     EXPECT_EQ(driver_texts(CORE_LOG_ERR), texts{"unable to set the modem to firmware update mode"});
     EXPECT_EQ(log.messages().back().function, "start_update_procedure");
@@ -298,19 +291,21 @@ TEST_F(Switch, IsNotSentToAModemInDownloadMode)
 {
     options.enter_qdl = true;
     EXPECT_EQ(run(true), 0);
-    EXPECT_EQ(port.receive_until_quiet(), "");
+    EXPECT_EQ(port.written(), "");
 }
 
 TEST_F(Switch, LeavesAModemAloneAfterAnInterruption)
 {
     keep_running = 0;
+    is_switched = false;
     EXPECT_EQ(run(), -125);
-    EXPECT_EQ(port.receive_until_quiet(), "");
+    EXPECT_EQ(port.written(), "");
 }
 
 TEST_F(Writing, IsNotBegunAfterAnInterruption)
 {
     keep_running = 0;
+    is_switched = false;
     options.pcie = true;
     EXPECT_EQ(run(true), -125);
     EXPECT_FALSE(logged_from("../firehose.c"));
@@ -320,7 +315,7 @@ TEST_F(EnterQdl, StopsAfterTheSwitch)
 {
     options.enter_qdl = true;
     EXPECT_EQ(run(), 0);
-    EXPECT_EQ(port.receive_until_quiet().size(), 7U);
+    EXPECT_EQ(port.written().size(), 7U);
     EXPECT_EQ(log.texts(CORE_LOG_INF), texts{"Entered QDL mode, stopping"});
     EXPECT_TRUE(discovery.listened.empty());
 }
@@ -531,16 +526,9 @@ class DownloadDeviceInSysfs : public HandOff {
     {
         HandOff::SetUp();
         std::string reason;
-        has_dev = private_mounts::empty_sys(&reason) && private_mounts::empty_dev(&reason);
-        if (!has_dev)
+        if (!private_mounts::empty_sys(&reason) || !private_mounts::empty_dev(&reason))
             GTEST_SKIP() << reason;
         event_error(-100);
-    }
-    void TearDown() override
-    {
-        if (has_dev)
-            private_mounts::restore_dev();
-        HandOff::TearDown();
     }
 
     static void attach() { private_mounts::write("/sys/bus/usb/devices/1-2/uevent", uevent); }
@@ -549,7 +537,6 @@ class DownloadDeviceInSysfs : public HandOff {
 
     static constexpr char uevent[] = "DEVTYPE=usb_device\nPRODUCT=5c6/9008/0\n";
     static constexpr char download_port[] = "/dev/ttyUSB0";
-    bool has_dev = false;
 };
 
 } // namespace
@@ -605,6 +592,10 @@ TEST_F(DownloadDeviceInSysfs, MayGetItsPortLater)
         if (sleep.slept.size() == 3)
             give_port();
     };
+    is_switched = false;
+    port.takes(switch_frame)
+        .takes(hello_response())
+        .takes(words({7, 8})); // to a modem that says nothing, a reset
     run();
     EXPECT_FALSE(log.has(CORE_LOG_ERR, "unable to open device path /dev/ttyUSB0"));
     EXPECT_EQ(std::count(sleep.slept.begin(), sleep.slept.end(), 100U), 3);
@@ -629,6 +620,7 @@ TEST_F(DownloadDeviceInSysfs, IsNotScannedFor)
 TEST_F(DownloadDeviceInSysfs, OfAPcieModemLeadsStraightToFirehose)
 {
     modems[0].is_pcie = true;
+    is_switched = false;
     attach();
     EXPECT_EQ(run(), -2); // no such port
     EXPECT_EQ(driver_texts(CORE_LOG_ERR), (texts{"not able to detect mhi index", no_writing}));
@@ -661,22 +653,13 @@ TEST_F(DownloadDeviceInSysfs, GetsTheProgrammerAndTheImages)
         usb.transfers.push_back({.endpoint = 0x01, .data = "", .any_data = true});
         usb.transfers.push_back({.endpoint = 0x81, .data = ack});
     }
-    std::string received;
-    std::thread boot_loader([this, &received] {
-        received += port.receive(7, seconds(5)); // the switch
-        port.send(hello(0));
-        received += port.receive(48, seconds(5));
-        port.send(words({3, 20, 13, 2, 6})); // six bytes from offset 2
-        received += port.receive(6, seconds(5));
-        port.send(words({4, 16, 13, 0}));
-        received += port.receive(8, seconds(5));
-        port.send(words({6, 12, 0}));
-    });
-    const int result = run();
-    boot_loader.join();
-    EXPECT_EQ(result, 0);
-    EXPECT_EQ(received,
-              std::string("\x4B\x65\x01\x00\x54\x0F\x7E", 7) + hello_response() + "OGRAMM" + words({5, 8}));
+    is_switched = false;
+    port.takes(switch_frame);
+    port.sends(hello(0)).takes(hello_response());
+    port.sends(words({3, 20, 13, 2, 6})).takes("OGRAMM"); // six bytes from offset 2
+    port.sends(words({4, 16, 13, 0})).takes(words({5, 8}));
+    port.sends(words({6, 12, 0}));
+    EXPECT_EQ(run(), 0);
     ASSERT_EQ(usb.written.size(), 4U);
     EXPECT_NE(usb.written[0].find("<nop value=\"ping\"/>"), std::string::npos);
     EXPECT_NE(usb.written[1].find("<configure "), std::string::npos);
@@ -685,52 +668,33 @@ TEST_F(DownloadDeviceInSysfs, GetsTheProgrammerAndTheImages)
     EXPECT_TRUE(log.texts(CORE_LOG_ERR).empty());
 }
 
-TEST_F(Upload, IsRepeatedAfterTwoSecondsWhileTheModemRestarts)
+TEST_F(ProgrammerUpload, IsRepeatedAfterTwoSecondsWhileTheModemRestarts)
 {
     prepare_port_modem(&modems[0], true, port.path().c_str());
-    // Each upload begins with a pause for a modem that settles: there it says HELLO, twice to ask for a
-    // restart.
-    std::deque<uint32_t> modes = {2, 2, 0};
-    sleep.when_slept = [this, &modes] {
-        if (sleep.slept.back() != 500 || modes.empty())
-            return;
-        port.send(hello(modes.front()));
-        modes.pop_front();
-    };
-    std::thread boot_loader([this] {
-        for (int i = 0; i < 2; ++i) {
-            EXPECT_EQ(port.receive(8, seconds(5)), words({240, 8}));
-            port.send(words({241, 8}));
-        }
-        EXPECT_EQ(port.receive(48, seconds(5)), hello_response());
-        port.send(words({3})); // too short a packet counts as the end of a good upload
-    });
+    for (int i = 0; i < 2; ++i)
+        port.sends(hello(2)).takes(words({240, 8})).sends(words({241, 8}));
+    port.sends(hello(0)).takes(hello_response());
+    port.sends(words({3})); // too short a packet counts as the end of a good upload
     EXPECT_EQ(run(true), -99);
-    boot_loader.join();
     EXPECT_EQ(log.count(CORE_LOG_INF, "Sending programmer"), 1);
     EXPECT_EQ(driver_texts(CORE_LOG_ERR), texts{no_writing});
     EXPECT_EQ(sleep.slept, (std::vector<unsigned>{500, 2000, 500, 2000, 500}));
 }
 
-TEST_F(Upload, IsNotRepeatedAfterAnInterrupt)
+TEST_F(ProgrammerUpload, IsNotRepeatedAfterAnInterrupt)
 {
     prepare_port_modem(&modems[0], true, port.path().c_str());
-    std::thread boot_loader([this] {
-        port.send(hello(2));
-        EXPECT_EQ(port.receive(8, seconds(5)), words({240, 8}));
-        port.send(words({241, 8}));
-    });
+    port.sends(hello(2)).takes(words({240, 8})).sends(words({241, 8}));
     sleep.when_slept = [this] {
         if (sleep.slept.back() == 2000)
             interrupt_handler(SIGINT);
     };
     EXPECT_EQ(run(true), -125);
-    boot_loader.join();
     EXPECT_EQ(sleep.slept, (std::vector<unsigned>{500, 2000}));
     EXPECT_TRUE(driver_texts(CORE_LOG_ERR).empty());
 }
 
-TEST_F(Upload, EndsTheRunWhenItFails)
+TEST_F(ProgrammerUpload, EndsTheRunWhenItFails)
 {
     give_unopenable_port();
     EXPECT_EQ(run(true), -102);
@@ -738,44 +702,46 @@ TEST_F(Upload, EndsTheRunWhenItFails)
     EXPECT_EQ(usb.calls, texts{});
 }
 
-TEST_F(Upload, IsNotRepeatedAfterAnyOtherFailure)
+TEST_F(ProgrammerUpload, IsNotRepeatedAfterAnyOtherFailure)
 {
     give_unopenable_port();
     run(true);
     EXPECT_TRUE(sleep.slept.empty());
 }
 
-TEST_F(Upload, NeedsAFirmwareUpdatePort)
+TEST_F(ProgrammerUpload, NeedsAFirmwareUpdatePort)
 {
     EXPECT_EQ(run(true), -19); // the record has a diagnostic port only
     EXPECT_EQ(log.texts(CORE_LOG_ERR), (texts{"no sahara port found", no_upload}));
 }
 
-TEST_F(Upload, IsDoneForAPcieModemInDownloadModeWithoutTheOption)
+TEST_F(ProgrammerUpload, IsDoneForAPcieModemInDownloadModeWithoutTheOption)
 {
     give_unopenable_port();
     modems[0].is_pcie = true;
+    is_switched = false;
     EXPECT_EQ(run(true), -102);
     EXPECT_EQ(driver_texts(CORE_LOG_ERR), texts{no_upload});
 }
 
-TEST_F(Upload, IsLeftOutForAModemInDownloadModeWithThePcieOption)
+TEST_F(ProgrammerUpload, IsLeftOutForAModemInDownloadModeWithThePcieOption)
 {
     give_unopenable_port();
     modems[0].is_pcie = true;
+    is_switched = false;
     options.pcie = true;
     EXPECT_EQ(run(true), -2);
     EXPECT_EQ(driver_texts(CORE_LOG_ERR), texts{no_writing});
     EXPECT_FALSE(logged_from("../sahara.c"));
 }
 
-TEST_F(Upload, IsNotLeftOutByThePcieOptionWhenTheModemHasToBeSwitched)
+TEST_F(ProgrammerUpload, IsNotLeftOutByThePcieOptionWhenTheModemHasToBeSwitched)
 {
     options.pcie = true;
     event(arrival());
     scan_finds({download});
     EXPECT_EQ(run(), -102);
-    EXPECT_EQ(port.receive_until_quiet().size(), 7U);
+    EXPECT_EQ(port.written().size(), 7U);
     EXPECT_EQ(driver_texts(CORE_LOG_ERR), texts{no_upload});
 }
 

@@ -2,14 +2,13 @@
 
 #include "core.hpp"
 #include "image-list.hpp"
+#include "libc-hooks.hpp"
 #include "log_capture.hpp"
 #include "temp_dir.hpp"
 
 #include <algorithm>
 #include <cerrno>
 #include <dirent.h>
-#include <dlfcn.h>
-#include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <iterator>
@@ -19,7 +18,7 @@
 
 namespace {
 
-// How the C library's functions below misbehave; they are themselves where nothing is set.
+// How the C library's functions misbehave; they are themselves where nothing is set.
 struct misbehaviour {
     size_t read_limit = SIZE_MAX; // most bytes that one read brings
     int failing_read = 0;         // the number of the read that fails, from 1
@@ -28,52 +27,41 @@ struct misbehaviour {
     int64_t reported_size = -1; // what stat says instead of the truth
     int failing_close = 0;
 };
-misbehaviour system_calls;
 
 bool strikes(int *countdown)
 {
     return *countdown > 0 && --*countdown == 0;
 }
 
-} // namespace
-
-extern "C" ssize_t read(int handle, void *buffer, size_t size)
+void misbehave(misbehaviour wanted)
 {
-    static const auto real = reinterpret_cast<ssize_t (*)(int, void *, size_t)>(dlsym(RTLD_NEXT, "read"));
-    if (strikes(&system_calls.failing_read)) {
-        errno = EIO;
-        return system_calls.end_of_file ? 0 : -1;
-    }
-    return real(handle, buffer, std::min(size, system_calls.read_limit));
-}
-
-extern "C" int fstat(int handle, struct stat *status) noexcept
-{
-    if (strikes(&system_calls.failing_stat)) {
+    libc::read = [wanted](int handle, void *buffer, size_t size) mutable -> ssize_t {
+        if (strikes(&wanted.failing_read)) {
+            errno = EIO;
+            return wanted.end_of_file ? 0 : -1;
+        }
+        return read(handle, buffer, std::min(size, wanted.read_limit));
+    };
+    libc::fstat = [wanted](int handle, struct stat *status) mutable {
+        if (strikes(&wanted.failing_stat)) {
+            errno = EIO;
+            return -1;
+        }
+        const int result = fstat(handle, status);
+        if (wanted.reported_size >= 0)
+            status->st_size = wanted.reported_size;
+        return result;
+    };
+    libc::close = [wanted](int handle) mutable {
+        const int result = close(handle);
+        if (!strikes(&wanted.failing_close))
+            return result;
         errno = EIO;
         return -1;
-    }
-    const int result = fstatat(handle, "", status, AT_EMPTY_PATH);
-    if (system_calls.reported_size >= 0)
-        status->st_size = system_calls.reported_size;
-    return result;
+    };
 }
 
-extern "C" int close(int handle)
-{
-    static const auto real = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "close"));
-    const int result = real(handle);
-    if (!strikes(&system_calls.failing_close))
-        return result;
-    errno = EIO;
-    return -1;
-}
-
-// An allocation too large to be possible is a null pointer here as everywhere.
-extern "C" const char *__asan_default_options() // NOLINT(bugprone-reserved-identifier): looked up by name
-{
-    return "allocator_may_return_null=1";
-}
+} // namespace
 
 namespace {
 
@@ -395,7 +383,7 @@ TEST(ParseContentXml, ReportsAnUnknownSize)
 {
     log_capture log;
     description xml(content);
-    system_calls = {.failing_stat = 1};
+    misbehave({.failing_stat = 1});
     EXPECT_EQ(xml.parse(), -5);
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "unable to get bin file size 4294967291");
 }
@@ -404,10 +392,9 @@ TEST(ParseContentXml, ReportsMissingMemory)
 {
     log_capture log;
     description xml(content);
-    system_calls = {.reported_size = INT64_C(1) << 62};
+    misbehave({.reported_size = INT64_C(1) << 62});
     EXPECT_EQ(xml.parse(), -12);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"out of memory"});
-    system_calls = {};
 }
 
 TEST(ParseContentXml, GivesNoMemoryToMoreThan64Mebibytes)
@@ -430,17 +417,16 @@ TEST(ParseContentXml, ReportsAFailedRead)
 {
     log_capture log;
     description xml("<?xml?>\n<a>\n");
-    system_calls = {.read_limit = 5, .failing_read = 2};
+    misbehave({.read_limit = 5, .failing_read = 2});
     EXPECT_EQ(xml.parse(), -5);
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "error 4294967291 reading 12 bytes (read 0 bytes)");
-    system_calls = {};
 }
 
 TEST(ParseContentXml, ReportsAFileThatHasShrunk)
 {
     log_capture log;
     description xml("<?xml?>\n<a>\n");
-    system_calls = {.failing_read = 1, .end_of_file = true};
+    misbehave({.failing_read = 1, .end_of_file = true});
     EXPECT_EQ(xml.parse(), -22);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"error 4294967274 reading 12 bytes (read 0 bytes)"});
 }
@@ -448,10 +434,9 @@ TEST(ParseContentXml, ReportsAFileThatHasShrunk)
 TEST(ParseContentXml, ReadsAFileThatComesByteByByte)
 {
     description xml(content);
-    system_calls = {.read_limit = 1};
+    misbehave({.read_limit = 1});
     EXPECT_EQ(xml.parse(), 0);
     EXPECT_STREQ(xml.list->programmer_path, "prog.mbn");
-    system_calls = {};
 }
 
 // ---- the image table of a package with a description
@@ -608,10 +593,9 @@ TEST(BuildImages, StopsAtAZeroByte)
 TEST(BuildImages, ReadsAFileThatComesByteByByte)
 {
     package_directory package(frame("<erase/>\n<power/>\n"));
-    system_calls = {.read_limit = 1};
+    misbehave({.read_limit = 1});
     EXPECT_EQ(package.build(), 0);
     EXPECT_EQ(package.commands(), (texts{"<erase/>", "<power/>"}));
-    system_calls = {};
 }
 
 // ---- comments
@@ -795,7 +779,7 @@ TEST(BuildImages, ReportsAnUnknownSizeOfThePartitionFile)
 {
     log_capture log;
     package_directory package(frame(""));
-    system_calls = {.failing_stat = 2};
+    misbehave({.failing_stat = 2});
     EXPECT_EQ(package.build(), -5);
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "unable to get bin file size 4294967291");
     EXPECT_EQ(log.messages().back().function, "build_image_array_from_xml");
@@ -805,7 +789,7 @@ TEST(BuildImages, ReportsAFailedReadOfThePartitionFile)
 {
     log_capture log;
     package_directory package("<?xml?>\n<erase/>\n");
-    system_calls = {.failing_read = 2};
+    misbehave({.failing_read = 2});
     EXPECT_EQ(package.build(), -5);
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "error 4294967291 reading 17 bytes (read 0 bytes)");
     EXPECT_EQ(log.messages().back().function, "build_image_array_from_xml");
@@ -923,7 +907,7 @@ TEST(ValidateImages, ReportsAnUnknownSize)
     log_capture log;
     package_directory package(frame("<program filename=\"boot.img\"/>\n"));
     package.dir.write("boot.img", "0123");
-    system_calls = {.failing_stat = 3};
+    misbehave({.failing_stat = 3});
     EXPECT_EQ(package.build(), -22);
     EXPECT_TRUE(log.has(CORE_LOG_ERR, "unable to get file size err = 4294967291, for image"));
     EXPECT_TRUE(log.has(CORE_LOG_DBG, "\tFilename: boot.img"));
@@ -936,7 +920,7 @@ TEST(ValidateImages, ReportsAFailedClose)
     dir.write("boot.img", "0123");
     const auto images = std::make_unique<image[]>(1);
     strlcpy(images[0].filename, "boot.img", sizeof images[0].filename);
-    system_calls = {.failing_close = 1};
+    misbehave({.failing_close = 1});
     EXPECT_FALSE(validate_image_list(dir.path().c_str(), images.get(), 1));
     EXPECT_TRUE(log.has(CORE_LOG_ERR, "unable to close file err = 4294967291, for image"));
     EXPECT_TRUE(log.has(CORE_LOG_DBG, "\tFilename: boot.img"));
@@ -974,10 +958,9 @@ TEST(ValidateImages, KnowsSizesOfMoreThan32Bits)
     dir.write("huge.img", "");
     const auto images = std::make_unique<image[]>(1);
     strlcpy(images[0].filename, "huge.img", sizeof images[0].filename);
-    system_calls = {.reported_size = INT64_C(6000000000)};
+    misbehave({.reported_size = INT64_C(6000000000)});
     EXPECT_TRUE(validate_image_list(dir.path().c_str(), images.get(), 1));
     EXPECT_EQ(images[0].file_size, 6000000000U);
-    system_calls = {};
 }
 
 namespace {

@@ -1,37 +1,27 @@
 #include "log-sink.hpp"
 
 #include "core-base.hpp"
-#include "fake_clock.hpp"
+#include "libc-hooks.hpp"
 #include "temp_dir.hpp"
+#include "virtual-time.hpp"
 
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdarg>
 #include <fcntl.h>
-#include <functional>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <string>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace {
 
-using std::chrono::milliseconds;
-
-constexpr milliseconds no_wait(400); // less than the second, and more than a busy machine needs
-constexpr milliseconds all_patience(1000);
 constexpr int page = 4096;
-
-// Where a writer fills what poll(2) has just called writable.
-int filled_behind_poll = -1;
-// What poll(2) calls writable in any case: a terminal with room for less than a line feed takes.
-int always_writable = -1;
 
 void fill(int descriptor)
 {
@@ -43,6 +33,23 @@ void fill(int descriptor)
         continue;
     EXPECT_EQ(errno, EAGAIN);
     close(writer);
+}
+
+// Another process fills the pipe whenever poll(2) has said that there is room.
+void fill_behind_poll(int descriptor)
+{
+    libc::poll = [descriptor](pollfd *watched, nfds_t count, int timeout) {
+        const int result = poll(watched, count, timeout);
+        if (result > 0)
+            fill(descriptor);
+        return result;
+    };
+}
+
+// There is room, but for less than a line feed takes on a terminal.
+void always_call_writable()
+{
+    libc::poll = [](pollfd *, nfds_t, int) { return 1; };
 }
 
 // The ends of a pipe of four pages.
@@ -100,36 +107,26 @@ bool print(log_sink *sink, const std::string &text)
     return sink->begin() && add(sink, "%s", text.c_str()) >= 0 && sink->end();
 }
 
-milliseconds time_of(const std::function<void()> &work)
+// Writes that block do so in real time. The result is in milliseconds.
+template <typename Call> int64_t real_duration_of(Call call)
 {
-    const auto begun = std::chrono::steady_clock::now();
-    work();
-    return std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - begun);
+    using std::chrono::steady_clock;
+    const real_time real;
+    const auto begun = steady_clock::now();
+    call();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now() - begun).count();
 }
 
 class LogSink : public testing::Test {
   protected:
     LogSink() { signal(SIGPIPE, SIG_IGN); }
-    ~LogSink() override { filled_behind_poll = always_writable = -1; }
 
     small_pipe out;
     small_pipe err;
     two_sinks sinks{out.writer(), err.writer()};
-    restored_clock clock;
 };
 
 } // namespace
-
-extern "C" int poll(pollfd *watched, nfds_t count, int timeout)
-{
-    const timespec limit{timeout / 1000, long{timeout % 1000} * 1000000};
-    if (watched->fd == always_writable)
-        return 1;
-    const int result = ppoll(watched, count, &limit, nullptr);
-    if (result > 0 && watched->fd == filled_behind_poll)
-        fill(filled_behind_poll);
-    return result;
-}
 
 TEST_F(LogSink, WritesALineAtOnce)
 {
@@ -152,15 +149,13 @@ TEST_F(LogSink, WritesWhatWasAddedAsOne)
 TEST_F(LogSink, WritesNothingForAnEmptyText)
 {
     fill(out.writer());
-    EXPECT_LT(time_of([&] { EXPECT_TRUE(print(&sinks.first, "")); }), no_wait);
+    EXPECT_EQ(duration_of([&] { EXPECT_TRUE(print(&sinks.first, "")); }), 0);
 }
 
 TEST_F(LogSink, DropsALineThatHasNoRoomAfterASecond)
 {
     fill(out.writer());
-    const milliseconds taken = time_of([&] { EXPECT_FALSE(print(&sinks.first, "line\n")); });
-    EXPECT_GE(taken, all_patience - milliseconds(10));
-    EXPECT_LT(taken, all_patience + no_wait);
+    EXPECT_EQ(duration_of([&] { EXPECT_FALSE(print(&sinks.first, "line\n")); }), 1000);
     EXPECT_TRUE(sinks.patience.is_over());
     EXPECT_EQ(out.take().find("line"), std::string::npos);
 }
@@ -170,13 +165,11 @@ TEST_F(LogSink, WaitsNoMoreOnceTheSecondIsOver)
     fill(out.writer());
     fill(err.writer());
     EXPECT_FALSE(print(&sinks.first, "line\n"));
-    const milliseconds taken = time_of([&] {
-        for (int i = 0; i < 100; ++i) {
-            EXPECT_FALSE(print(&sinks.first, "line\n"));
-            EXPECT_FALSE(print(&sinks.second, "error\n"));
-        }
-    });
-    EXPECT_LT(taken, no_wait);
+    EXPECT_EQ(duration_of([&] {
+                  EXPECT_FALSE(print(&sinks.first, "line\n"));
+                  EXPECT_FALSE(print(&sinks.second, "error\n"));
+              }),
+              0);
 }
 
 TEST_F(LogSink, WritesAgainOnceTheReaderIsBack)
@@ -191,12 +184,8 @@ TEST_F(LogSink, WritesAgainOnceTheReaderIsBack)
 TEST_F(LogSink, WaitsForAReaderThatIsLate)
 {
     fill(out.writer());
-    std::thread reader([&] {
-        std::this_thread::sleep_for(milliseconds(200));
-        out.take();
-    });
-    EXPECT_TRUE(print(&sinks.first, "line\n"));
-    reader.join();
+    virtual_time::instance().after(999, [&] { out.take(); });
+    EXPECT_EQ(duration_of([&] { EXPECT_TRUE(print(&sinks.first, "line\n")); }), 999);
     EXPECT_EQ(out.take(), "line\n");
     EXPECT_FALSE(sinks.patience.is_over());
 }
@@ -204,14 +193,10 @@ TEST_F(LogSink, WaitsForAReaderThatIsLate)
 TEST_F(LogSink, AddsUpTheWaitsOfBothStreams)
 {
     fill(out.writer());
-    std::thread reader([&] {
-        std::this_thread::sleep_for(milliseconds(600));
-        out.take();
-    });
+    virtual_time::instance().after(600, [&] { out.take(); });
     EXPECT_TRUE(print(&sinks.first, "line\n"));
-    reader.join();
     fill(err.writer());
-    EXPECT_LT(time_of([&] { EXPECT_FALSE(print(&sinks.second, "error\n")); }), milliseconds(400) + no_wait);
+    EXPECT_EQ(duration_of([&] { EXPECT_FALSE(print(&sinks.second, "error\n")); }), 400);
 }
 
 TEST_F(LogSink, CompletesALineBeforeTheNext)
@@ -246,50 +231,76 @@ TEST_F(LogSink, IsNotHeldUpByTheOtherStreamElsewhere)
 
 TEST_F(LogSink, InterruptsAWriteThatBlocksAfterAll)
 {
-    filled_behind_poll = out.writer();
-    const milliseconds taken = time_of([&] { EXPECT_FALSE(print(&sinks.first, "line\n")); });
-    EXPECT_GE(taken, all_patience - milliseconds(10));
-    EXPECT_LT(taken, all_patience + no_wait);
+    fill_behind_poll(out.writer());
+    const int64_t taken = real_duration_of([&] { EXPECT_FALSE(print(&sinks.first, "line\n")); });
+    EXPECT_GE(taken, 990);
+    EXPECT_LT(taken, 1500);
+}
+
+TEST_F(LogSink, InterruptsAWriteWhereTheSignalIsBlocked)
+{
+    sigset_t signals;
+    sigset_t before;
+    sigset_t behind;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGURG);
+    pthread_sigmask(SIG_BLOCK, &signals, &before);
+    fill_behind_poll(out.writer());
+    EXPECT_LT(real_duration_of([&] { EXPECT_FALSE(print(&sinks.first, "line\n")); }), 1500);
+    pthread_sigmask(SIG_SETMASK, &before, &behind);
+    EXPECT_EQ(sigismember(&behind, SIGURG), 1);
+}
+
+TEST_F(LogSink, LeavesTheSignalToTheProcess)
+{
+    signal(SIGURG, SIG_IGN);
+    EXPECT_TRUE(print(&sinks.first, "line\n"));
+    EXPECT_EQ(signal(SIGURG, SIG_DFL), SIG_IGN);
 }
 
 TEST_F(LogSink, DoesNotBlockWhereAnotherProcessIsQuickerAgainAndAgain)
 {
     fill(out.writer());
     EXPECT_FALSE(print(&sinks.first, "line\n"));
-    filled_behind_poll = out.writer();
-    const milliseconds taken = time_of([&] {
-        for (int i = 0; i < 20; ++i) {
-            out.take();
-            EXPECT_FALSE(print(&sinks.first, "line\n"));
-        }
-    });
-    EXPECT_LT(taken, no_wait);
+    fill_behind_poll(out.writer());
+    EXPECT_LT(real_duration_of([&] {
+                  for (int i = 0; i < 20; ++i) {
+                      out.take();
+                      EXPECT_FALSE(print(&sinks.first, "line\n"));
+                  }
+              }),
+              500);
 }
 
 TEST_F(LogSink, GivesUpWherePollIsAlwaysWrong)
 {
-    for (const int flags : {0, O_NONBLOCK}) {
-        fcntl(out.writer(), F_SETFL, flags);
-        two_sinks wrong(out.writer(), out.writer());
-        fill(out.writer());
-        always_writable = out.writer();
-        const milliseconds taken = time_of([&] {
-            EXPECT_FALSE(print(&wrong.first, "line\n"));
-            EXPECT_FALSE(print(&wrong.first, "line\n"));
-        });
-        EXPECT_GE(taken, all_patience - milliseconds(10));
-        EXPECT_LT(taken, all_patience + no_wait);
-    }
+    fill(out.writer());
+    always_call_writable();
+    const int64_t taken = real_duration_of([&] {
+        EXPECT_FALSE(print(&sinks.first, "line\n"));
+        EXPECT_FALSE(print(&sinks.first, "line\n"));
+    });
+    EXPECT_GE(taken, 990);
+    EXPECT_LT(taken, 1500);
 }
 
-TEST_F(LogSink, SleepsWhereADescriptorDoesNotWait)
+TEST_F(LogSink, SleepsWhereADescriptionThatOthersMadeNonBlockingTakesNothing)
 {
     fcntl(out.writer(), F_SETFL, O_NONBLOCK);
     fill(out.writer());
-    always_writable = out.writer();
-    const clock_t begun = std::clock();
+    always_call_writable();
     EXPECT_FALSE(print(&sinks.first, "line\n"));
-    EXPECT_LT(std::clock() - begun, CLOCKS_PER_SEC / 2);
+    EXPECT_EQ(virtual_time::instance().slept, std::vector<unsigned>(1000, 1));
+}
+
+TEST_F(LogSink, WaitsForTheReaderOfADescriptionThatOthersMadeNonBlocking)
+{
+    fcntl(out.writer(), F_SETFL, O_NONBLOCK);
+    fill(out.writer());
+    always_call_writable();
+    virtual_time::instance().after(200, [&] { out.take(); });
+    EXPECT_EQ(duration_of([&] { EXPECT_TRUE(print(&sinks.first, "line\n")); }), 200);
+    EXPECT_EQ(out.take(), "line\n");
 }
 
 TEST_F(LogSink, LeavesTheDescriptionBlocking)
@@ -299,20 +310,6 @@ TEST_F(LogSink, LeavesTheDescriptionBlocking)
     EXPECT_EQ(fcntl(out.writer(), F_GETFL) & O_NONBLOCK, 0);
 }
 
-TEST_F(LogSink, WaitsOnADescriptionThatOthersMadeNonBlocking)
-{
-    fcntl(out.writer(), F_SETFL, O_NONBLOCK);
-    filled_behind_poll = out.writer();
-    std::thread reader([&] {
-        std::this_thread::sleep_for(milliseconds(200));
-        filled_behind_poll = -1;
-        out.take();
-    });
-    EXPECT_TRUE(print(&sinks.first, "line\n"));
-    reader.join();
-    EXPECT_EQ(out.take(), "line\n");
-}
-
 TEST_F(LogSink, DoesNotBlockOnASocketWithRoomForAPart)
 {
     int ends[2];
@@ -320,11 +317,11 @@ TEST_F(LogSink, DoesNotBlockOnASocketWithRoomForAPart)
     constexpr int smallest = 1;
     setsockopt(ends[1], SOL_SOCKET, SO_SNDBUF, &smallest, sizeof smallest);
     two_sinks socket(ends[1], ends[1]);
-    const milliseconds taken = time_of([&] {
-        for (int i = 0; i < 20; ++i)
-            static_cast<void>(print(&socket.first, std::string(page, 'x')));
-    });
-    EXPECT_LT(taken, all_patience + no_wait);
+    EXPECT_LT(real_duration_of([&] {
+                  for (int i = 0; i < 20; ++i)
+                      static_cast<void>(print(&socket.first, std::string(page, 'x')));
+              }),
+              1500);
     EXPECT_TRUE(socket.patience.is_over());
     close(ends[0]);
     close(ends[1]);
@@ -333,7 +330,7 @@ TEST_F(LogSink, DoesNotBlockOnASocketWithRoomForAPart)
 TEST_F(LogSink, DropsLinesOfAPipeThatWasClosedAtOnce)
 {
     close(std::exchange(out.ends[0], open("/dev/null", O_RDONLY | O_CLOEXEC)));
-    EXPECT_LT(time_of([&] { EXPECT_FALSE(print(&sinks.first, "line\n")); }), no_wait);
+    EXPECT_EQ(duration_of([&] { EXPECT_FALSE(print(&sinks.first, "line\n")); }), 0);
     EXPECT_FALSE(sinks.patience.is_over());
 }
 
@@ -341,7 +338,7 @@ TEST_F(LogSink, DropsLinesOnAFullDiskAtOnce)
 {
     const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
     two_sinks disk(full, full);
-    EXPECT_LT(time_of([&] { EXPECT_FALSE(print(&disk.first, "line\n")); }), no_wait);
+    EXPECT_EQ(duration_of([&] { EXPECT_FALSE(print(&disk.first, "line\n")); }), 0);
     EXPECT_FALSE(disk.patience.is_over());
     close(full);
 }
@@ -351,7 +348,7 @@ TEST_F(LogSink, DropsLinesOfAClosedDescriptorAtOnce)
     const int closed = dup(out.writer());
     close(closed);
     two_sinks none(closed, closed);
-    EXPECT_LT(time_of([&] { EXPECT_FALSE(print(&none.first, "line\n")); }), no_wait);
+    EXPECT_EQ(duration_of([&] { EXPECT_FALSE(print(&none.first, "line\n")); }), 0);
 }
 
 TEST_F(LogSink, CompletesALineOnceAFileMayGrow)
@@ -383,11 +380,7 @@ TEST_F(LogSink, DropsALineThatIsTooLong)
 TEST_F(LogSink, HasNoPatienceWithoutAClock)
 {
     fill(out.writer());
-    fake_clock::instance().broken = true;
-    const milliseconds taken = time_of([&] {
-        EXPECT_FALSE(print(&sinks.first, "line\n"));
-        EXPECT_FALSE(print(&sinks.first, "line\n"));
-    });
-    EXPECT_LT(taken, all_patience + no_wait);
+    virtual_time::instance().is_broken = true;
+    EXPECT_FALSE(print(&sinks.first, "line\n"));
     EXPECT_TRUE(sinks.patience.is_over());
 }

@@ -2,110 +2,30 @@
 
 #include "core-device.hpp"
 #include "core.hpp"
+#include "libc-hooks.hpp"
 #include "log_capture.hpp"
-#include "scripted_modem.hpp"
+#include "scripted-port.hpp"
+#include "virtual-time.hpp"
 
 #include <cerrno>
-#include <cstdarg>
-#include <cstdlib>
-#include <dlfcn.h>
 #include <fcntl.h>
-#include <filesystem>
 #include <gtest/gtest.h>
-#include <poll.h>
+#include <memory>
+#include <sstream>
 #include <sys/ioctl.h>
 #include <termios.h>
-#include <thread>
 #include <unistd.h>
-
-#ifdef __THROW
-#define LIBC_NOEXCEPT __THROW
-#else
-#define LIBC_NOEXCEPT
-#endif
-#ifdef __GLIBC__
-using ioctl_request = unsigned long;
-#else
-using ioctl_request = int;
-#endif
-
-namespace {
-
-// What the code under test asks of the C library, and how that answers. The modems of the tests live in other
-// threads and are left alone.
-struct system_state {
-    int wait = 10000;               // how long a wait for input really lasts, in milliseconds
-    std::vector<int> waits;         // and how long it should have lasted
-    std::vector<useconds_t> pauses; // sleeps, which take no time
-    int failing_tcsetattr = 0;      // the number of the call that fails, from 1
-    bool has_modem_lines = false;   // a pseudo-terminal has none of its own
-    std::vector<int> modem_lines_set;
-};
-system_state machine;
-const std::thread::id test_thread = std::this_thread::get_id();
-
-bool is_under_test()
-{
-    return std::this_thread::get_id() == test_thread;
-}
-
-template <typename Function> Function real(const char *name)
-{
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
-
-} // namespace
-
-extern "C" int poll(pollfd *watched, nfds_t count, int timeout)
-{
-    static const auto real_poll = real<int (*)(pollfd *, nfds_t, int)>("poll");
-    if (!is_under_test() || (watched->events & POLLIN) == 0)
-        return real_poll(watched, count, timeout);
-    machine.waits.push_back(timeout);
-    return real_poll(watched, count, machine.wait);
-}
-
-extern "C" int usleep(useconds_t microseconds)
-{
-    if (is_under_test()) {
-        machine.pauses.push_back(microseconds);
-        return 0;
-    }
-    std::this_thread::sleep_for(std::chrono::microseconds(microseconds));
-    return 0;
-}
-
-extern "C" int tcsetattr(int handle, int when, const termios *attributes) LIBC_NOEXCEPT
-{
-    static const auto real_tcsetattr = real<int (*)(int, int, const termios *)>("tcsetattr");
-    if (machine.failing_tcsetattr > 0 && --machine.failing_tcsetattr == 0) {
-        errno = EIO;
-        return -1;
-    }
-    return real_tcsetattr(handle, when, attributes);
-}
-
-extern "C" int ioctl(int handle, ioctl_request request, ...) LIBC_NOEXCEPT
-{
-    static const auto real_ioctl = real<int (*)(int, ioctl_request, ...)>("ioctl");
-    va_list arguments;
-    va_start(arguments, request);
-    void *const argument = va_arg(arguments, void *);
-    va_end(arguments);
-    if (machine.has_modem_lines && request == TIOCMGET) {
-        *static_cast<int *>(argument) = TIOCM_CTS;
-        return 0;
-    }
-    if (machine.has_modem_lines && request == TIOCMSET) {
-        machine.modem_lines_set.push_back(*static_cast<int *>(argument));
-        return 0;
-    }
-    return real_ioctl(handle, request, argument);
-}
 
 namespace {
 
 using texts = std::vector<std::string>;
+
+// What the modem sends when a command has come: the pieces one after the other, each when the one before has
+// been read. A modem may also leave, or say nothing at all.
+struct modem_answer {
+    std::vector<std::string> pieces;
+    bool hang_up = false;
+};
 
 const modem_answer ok = {{"\r\nOK\r\n"}};
 const modem_answer error = {{"\r\nERROR\r\n"}};
@@ -122,57 +42,68 @@ const modem_answer model = answers("#CGMM: KA100");
 const modem_answer imei = answers("#CGSN: 351234567890123");
 const modem_answer versions = answers("49.01.102-P0F.1\r\nM0F\r\nP0F.2\r\nA0F");
 
+void answer_by(const std::vector<modem_answer> &script, scripted_port *port)
+{
+    for (const modem_answer &answer : script) {
+        port->takes_up_to('\r');
+        for (const std::string &piece : answer.pieces)
+            port->sends(piece);
+        if (answer.hang_up)
+            port->hangs_up();
+    }
+}
+
+texts split(const std::string &written)
+{
+    texts commands;
+    std::istringstream stream(written);
+    for (std::string command; std::getline(stream, command, '\r');)
+        commands.push_back(command);
+    return commands;
+}
+
 // A modem that answers by a script, with the record that describes it.
 class ProbedModem : public testing::Test {
   protected:
-    ProbedModem() { machine = {}; }
     ~ProbedModem() override
     {
         if (device >= 0)
             core_device_close(device);
-        machine = {};
     }
 
-    void plug_in(std::vector<modem_answer> script, uint32_t mode = PROBING_USB)
+    // Answers the commands in the order in which they come; a command behind the script fails the test.
+    void plug_in(const std::vector<modem_answer> &script, uint32_t mode = PROBING_USB)
     {
-        attached = std::make_unique<scripted_modem>(std::move(script));
+        answer_by(script, &port);
         record.probing_mode = mode;
         record.modem_port_size = 1;
         record.modem_port[0].port_type = PORT_AT;
-        strlcpy(record.modem_port[0].port_name, attached->path().c_str(),
-                sizeof record.modem_port[0].port_name);
+        strlcpy(record.modem_port[0].port_name, port.path().c_str(), sizeof record.modem_port[0].port_name);
     }
     // The open device of the modem, for a single query.
     int open_device()
     {
-        EXPECT_EQ(core_device_open(attached->path().c_str(), &device), 0);
+        EXPECT_EQ(core_device_open(port.path().c_str(), &device), 0);
         return device;
     }
-    const texts &commands() { return attached->commands(); }
-    // How many descriptors this process has open on the modem's port, the modem's own not counted.
-    int open_ports() const
-    {
-        int count = -1;
-        for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-            std::error_code gone;
-            count += std::filesystem::read_symlink(entry.path(), gone) == attached->path() ? 1 : 0;
-        }
-        return count;
-    }
 
-    std::unique_ptr<scripted_modem> attached;
+    // The commands that came, without their carriage returns.
+    texts commands() const { return split(port.written()); }
+
+    scripted_port port;
     modem record{};
     int device = -1;
+    const std::vector<unsigned> &pauses = virtual_time::instance().slept;
 };
 
 using EchoOff = ProbedModem;
 using GetModel = ProbedModem;
 using GetImei = ProbedModem;
 using GetVersions = ProbedModem;
-using Handshake = ProbedModem;
+using AtHandshake = ProbedModem;
 using CollectBasicInformation = ProbedModem;
 
-constexpr useconds_t half_a_second = 500000;
+constexpr unsigned half_a_second = 500;
 
 } // namespace
 
@@ -183,7 +114,7 @@ TEST_F(EchoOff, SendsItsCommandOnce)
     plug_in({ok});
     EXPECT_EQ(turn_off_echo(open_device()), 0);
     EXPECT_EQ(commands(), texts{"ATE0"});
-    EXPECT_TRUE(machine.pauses.empty());
+    EXPECT_TRUE(pauses.empty());
 }
 
 TEST_F(EchoOff, TakesItsOwnEcho)
@@ -196,9 +127,9 @@ TEST_F(EchoOff, TakesItsOwnEcho)
 TEST_F(EchoOff, WaitsTwoSecondsForAnAnswer)
 {
     plug_in({ok});
-    static_cast<void>(turn_off_echo(open_device()));
-    ASSERT_FALSE(machine.waits.empty());
-    EXPECT_EQ(machine.waits[0], 2000);
+    turn_off_echo(open_device());
+    ASSERT_FALSE(port.waits().empty());
+    EXPECT_EQ(port.waits()[0], 2000);
 }
 
 TEST_F(EchoOff, IsTriedAgainAfterARefusalAndAPause)
@@ -206,7 +137,7 @@ TEST_F(EchoOff, IsTriedAgainAfterARefusalAndAPause)
     plug_in({error, extended_error, ok});
     EXPECT_EQ(turn_off_echo(open_device()), 0);
     EXPECT_EQ(commands(), (texts{"ATE0", "ATE0", "ATE0"}));
-    EXPECT_EQ(machine.pauses, (std::vector<useconds_t>{half_a_second, half_a_second}));
+    EXPECT_EQ(pauses, (std::vector<unsigned>{half_a_second, half_a_second}));
 }
 
 TEST_F(EchoOff, SucceedsAtTheEleventhTry)
@@ -223,37 +154,34 @@ TEST_F(EchoOff, IsTriedElevenTimes)
     plug_in(std::vector<modem_answer>(11, error));
     EXPECT_EQ(turn_off_echo(open_device()), -71);
     EXPECT_EQ(commands(), texts(11, "ATE0"));
-    EXPECT_EQ(machine.pauses, std::vector<useconds_t>(11, half_a_second));
+    EXPECT_EQ(pauses, std::vector<unsigned>(11, half_a_second));
 }
 
 TEST_F(EchoOff, IsTriedAgainAfterAnAnswerThatStopsShort)
 {
-    machine.wait = 300;
     plug_in({{{"\r\nO"}}, ok});
     const log_capture log;
     EXPECT_EQ(turn_off_echo(open_device()), 0);
     EXPECT_TRUE(log.has(CORE_LOG_ERR, "response without final response"));
-    EXPECT_EQ(machine.pauses, std::vector<useconds_t>{half_a_second});
+    EXPECT_EQ(pauses, std::vector<unsigned>{half_a_second});
 }
 
 TEST_F(EchoOff, AsksAMuteModemSixtyTimesElevenTimesOver)
 {
-    machine.wait = 0;
     plug_in(std::vector<modem_answer>(660, mute));
     EXPECT_EQ(turn_off_echo(open_device()), -71);
-    EXPECT_EQ(machine.waits, std::vector<int>(660, 2000));
+    EXPECT_EQ(port.waits(), std::vector<int>(660, 2000));
     EXPECT_EQ(commands(), texts(660, "ATE0"));
-    EXPECT_EQ(machine.pauses, std::vector<useconds_t>(11, half_a_second));
+    EXPECT_EQ(pauses, std::vector<unsigned>(11, half_a_second));
 }
 
 TEST_F(EchoOff, IsGivenUpAfterAnInterruption)
 {
-    plug_in({error, ok});
+    plug_in({error});
     sigint_detected = 1;
     EXPECT_EQ(turn_off_echo(open_device()), -125);
-    sigint_detected = 0;
     EXPECT_EQ(commands(), texts{"ATE0"});
-    EXPECT_TRUE(machine.pauses.empty());
+    EXPECT_TRUE(pauses.empty());
 }
 
 TEST_F(EchoOff, GoesOnToTryWhenTheModemHasLeft)
@@ -261,7 +189,7 @@ TEST_F(EchoOff, GoesOnToTryWhenTheModemHasLeft)
     const log_capture log;
     plug_in({leaves});
     EXPECT_EQ(turn_off_echo(open_device()), -71);
-    EXPECT_EQ(machine.pauses.size(), 11U);
+    EXPECT_EQ(pauses.size(), 11U);
 }
 
 // ---- model
@@ -277,9 +205,9 @@ TEST_F(GetModel, TakesTheLineBehindThePrefix)
 TEST_F(GetModel, WaitsHalfASecondForAnAnswer)
 {
     plug_in({model});
-    static_cast<void>(get_model(open_device(), &record));
-    ASSERT_FALSE(machine.waits.empty());
-    EXPECT_EQ(machine.waits[0], 500);
+    get_model(open_device(), &record);
+    ASSERT_FALSE(port.waits().empty());
+    EXPECT_EQ(port.waits()[0], 500);
 }
 
 TEST_F(GetModel, TakesALineWithoutPrefix)
@@ -334,11 +262,10 @@ TEST_F(GetModel, FailsWhenBothAreRefused)
 
 TEST_F(GetModel, DoesNotFallBackAfterSilence)
 {
-    machine.wait = 0;
     plug_in({mute, mute, mute});
     EXPECT_EQ(get_model(open_device(), &record), -110);
     EXPECT_EQ(commands(), texts(3, "AT#CGMM"));
-    EXPECT_EQ(machine.waits, (std::vector<int>{500, 500, 500}));
+    EXPECT_EQ(port.waits(), (std::vector<int>{500, 500, 500}));
 }
 
 TEST_F(GetModel, DoesNotFallBackAfterAnAnswerThatIsTooLong)
@@ -347,6 +274,7 @@ TEST_F(GetModel, DoesNotFallBackAfterAnAnswerThatIsTooLong)
     plug_in({{{std::string(1100, 'x')}}});
     EXPECT_EQ(get_model(open_device(), &record), -71);
     EXPECT_EQ(commands(), texts{"AT#CGMM"});
+    EXPECT_EQ(port.unread(), std::string(77, 'x'));
 }
 
 TEST_F(GetModel, FailsWhenTheFallbackGetsNoAnswer)
@@ -391,9 +319,9 @@ TEST_F(GetImei, TakesTheLineBehindThePrefix)
 TEST_F(GetImei, WaitsHalfASecondForAnAnswer)
 {
     plug_in({imei});
-    static_cast<void>(get_imei(open_device(), &record));
-    ASSERT_FALSE(machine.waits.empty());
-    EXPECT_EQ(machine.waits[0], 500);
+    get_imei(open_device(), &record);
+    ASSERT_FALSE(port.waits().empty());
+    EXPECT_EQ(port.waits()[0], 500);
 }
 
 TEST_F(GetImei, TakesALineWithoutPrefix)
@@ -412,11 +340,10 @@ TEST_F(GetImei, FailsWhenItIsRefused)
 
 TEST_F(GetImei, IsAskedThreeTimesOfAMuteModem)
 {
-    machine.wait = 0;
     plug_in({mute, mute, mute});
     EXPECT_EQ(get_imei(open_device(), &record), -110);
     EXPECT_EQ(commands(), texts(3, "AT#CGSN"));
-    EXPECT_EQ(machine.waits, (std::vector<int>{500, 500, 500}));
+    EXPECT_EQ(port.waits(), (std::vector<int>{500, 500, 500}));
 }
 
 TEST_F(GetImei, FailsWithoutAnInformationLine)
@@ -444,9 +371,9 @@ TEST_F(GetVersions, JoinsFourLines)
 TEST_F(GetVersions, WaitsHalfASecondForAnAnswer)
 {
     plug_in({versions});
-    static_cast<void>(get_swpkgv(open_device(), &record));
-    ASSERT_FALSE(machine.waits.empty());
-    EXPECT_EQ(machine.waits[0], 500);
+    get_swpkgv(open_device(), &record);
+    ASSERT_FALSE(port.waits().empty());
+    EXPECT_EQ(port.waits()[0], 500);
 }
 
 TEST_F(GetVersions, LogsThemTogether)
@@ -523,39 +450,38 @@ TEST_F(GetVersions, FailWhenTheyAreRefused)
 
 TEST_F(GetVersions, AreAskedThreeTimesOfAMuteModem)
 {
-    machine.wait = 0;
     plug_in({mute, mute, mute});
     EXPECT_EQ(get_swpkgv(open_device(), &record), -110);
     EXPECT_EQ(commands(), texts(3, "AT#SWPKGV"));
-    EXPECT_EQ(machine.waits, (std::vector<int>{500, 500, 500}));
+    EXPECT_EQ(port.waits(), (std::vector<int>{500, 500, 500}));
 }
 
 // ---- handshake
 
-TEST_F(Handshake, TurnsTheEchoOffAndReadsTheModel)
+TEST_F(AtHandshake, TurnsTheEchoOffAndReadsTheModel)
 {
     plug_in({ok, model});
-    EXPECT_EQ(at_handshake(attached->path().c_str(), &device, &record), 0);
+    EXPECT_EQ(at_handshake(port.path().c_str(), &device, &record), 0);
     EXPECT_STREQ(record.model_name, "KA100");
     EXPECT_EQ(commands(), (texts{"ATE0", "AT#CGMM"}));
 }
 
-TEST_F(Handshake, LeavesTheDeviceOpen)
+TEST_F(AtHandshake, LeavesTheDeviceOpen)
 {
     plug_in({ok, model});
-    EXPECT_EQ(at_handshake(attached->path().c_str(), &device, &record), 0);
+    EXPECT_EQ(at_handshake(port.path().c_str(), &device, &record), 0);
     EXPECT_GE(device, 0);
-    EXPECT_EQ(open_ports(), 1);
+    EXPECT_EQ(port.open_descriptors(), 1U);
 }
 
-TEST_F(Handshake, LogsThePath)
+TEST_F(AtHandshake, LogsThePath)
 {
     log_capture log;
     plug_in({ok, model});
-    static_cast<void>(at_handshake(attached->path().c_str(), &device, &record));
+    at_handshake(port.path().c_str(), &device, &record);
     ASSERT_FALSE(log.messages().empty());
     EXPECT_EQ(log.messages()[0].level, CORE_LOG_DBG);
-    EXPECT_EQ(log.messages()[0].text, "device path: " + attached->path());
+    EXPECT_EQ(log.messages()[0].text, "device path: " + port.path());
     EXPECT_EQ(log.messages()[0].file, "../at_channel.c");
     EXPECT_EQ(log.messages()[0].function, "at_handshake");
 }
@@ -584,72 +510,72 @@ termios settings_of(int device)
 
 } // namespace
 
-TEST_F(Handshake, MakesThePortRawWithoutFlowControl)
+TEST_F(AtHandshake, MakesThePortRawWithoutFlowControl)
 {
     plug_in({ok, model});
-    unsettle(attached->path());
-    EXPECT_EQ(at_handshake(attached->path().c_str(), &device, &record), 0);
+    unsettle(port.path());
+    EXPECT_EQ(at_handshake(port.path().c_str(), &device, &record), 0);
     EXPECT_EQ(settings_of(device).c_iflag & IXON, 0U);
     EXPECT_EQ(settings_of(device).c_cflag & CRTSCTS, 0U);
 }
 
-TEST_F(Handshake, LeavesThePortOfAPcieModemAsItIs)
+TEST_F(AtHandshake, LeavesThePortOfAPcieModemAsItIs)
 {
     plug_in({ok, model});
     record.is_pcie = true;
-    unsettle(attached->path());
-    EXPECT_EQ(at_handshake(attached->path().c_str(), &device, &record), 0);
+    unsettle(port.path());
+    EXPECT_EQ(at_handshake(port.path().c_str(), &device, &record), 0);
     EXPECT_NE(settings_of(device).c_iflag & IXON, 0U);
     EXPECT_NE(settings_of(device).c_cflag & CRTSCTS, 0U);
 }
 
-TEST_F(Handshake, RaisesDtrAndRts)
+TEST_F(AtHandshake, RaisesDtrAndRts)
 {
-    machine.has_modem_lines = true;
+    port.modem_lines = TIOCM_CTS;
     plug_in({ok, model});
-    EXPECT_EQ(at_handshake(attached->path().c_str(), &device, &record), 0);
-    EXPECT_EQ(machine.modem_lines_set, std::vector<int>{TIOCM_CTS | TIOCM_DTR | TIOCM_RTS});
+    EXPECT_EQ(at_handshake(port.path().c_str(), &device, &record), 0);
+    EXPECT_EQ(port.modem_lines_set, std::vector<int>{TIOCM_CTS | TIOCM_DTR | TIOCM_RTS});
 }
 
-TEST_F(Handshake, LeavesTheLinesOfAPcieModem)
+TEST_F(AtHandshake, LeavesTheLinesOfAPcieModem)
 {
-    machine.has_modem_lines = true;
+    port.modem_lines = TIOCM_CTS;
     plug_in({ok, model});
     record.is_pcie = true;
-    EXPECT_EQ(at_handshake(attached->path().c_str(), &device, &record), 0);
-    EXPECT_TRUE(machine.modem_lines_set.empty());
+    EXPECT_EQ(at_handshake(port.path().c_str(), &device, &record), 0);
+    EXPECT_TRUE(port.modem_lines_set.empty());
 }
 
-TEST_F(Handshake, SetsTheSpeedOfAPortOfTheCommandLine)
+TEST_F(AtHandshake, SetsTheSpeedOfAPortOfTheCommandLine)
 {
     plug_in({ok, model}, PROBING_PORT);
-    unsettle(attached->path());
-    EXPECT_EQ(at_handshake(attached->path().c_str(), &device, &record), 0);
+    unsettle(port.path());
+    EXPECT_EQ(at_handshake(port.path().c_str(), &device, &record), 0);
     const termios attributes = settings_of(device);
     EXPECT_EQ(cfgetispeed(&attributes), static_cast<speed_t>(B115200));
     EXPECT_EQ(cfgetospeed(&attributes), static_cast<speed_t>(B115200));
 }
 
-TEST_F(Handshake, LeavesTheSpeedOfAPortOfTheBus)
+TEST_F(AtHandshake, LeavesTheSpeedOfAPortOfTheBus)
 {
     plug_in({ok, model}, PROBING_USB);
-    unsettle(attached->path());
-    EXPECT_EQ(at_handshake(attached->path().c_str(), &device, &record), 0);
+    unsettle(port.path());
+    EXPECT_EQ(at_handshake(port.path().c_str(), &device, &record), 0);
     const termios attributes = settings_of(device);
     EXPECT_EQ(cfgetospeed(&attributes), static_cast<speed_t>(B38400));
 }
 
-TEST_F(Handshake, GoesOnWithoutTheSpeed)
+TEST_F(AtHandshake, GoesOnWithoutTheSpeed)
 {
     log_capture log;
     plug_in({ok, model}, PROBING_PORT);
-    machine.failing_tcsetattr = 2;
-    EXPECT_EQ(at_handshake(attached->path().c_str(), &device, &record), 0);
+    libc::tcsetattr = libc::fails_in_call(2, EIO, tcsetattr);
+    EXPECT_EQ(at_handshake(port.path().c_str(), &device, &record), 0);
     EXPECT_EQ(log.texts(CORE_LOG_WRN), texts{"unable to set baudrate"});
     EXPECT_STREQ(record.model_name, "KA100");
 }
 
-TEST_F(Handshake, ReportsAPortThatCannotBeOpened)
+TEST_F(AtHandshake, ReportsAPortThatCannotBeOpened)
 {
     log_capture log;
     EXPECT_EQ(at_handshake("/nonexistent/port", &device, &record), -2);
@@ -657,48 +583,48 @@ TEST_F(Handshake, ReportsAPortThatCannotBeOpened)
     EXPECT_EQ(log.messages().back().function, "at_handshake");
 }
 
-TEST_F(Handshake, ReportsAPortThatCannotBeConfigured)
+TEST_F(AtHandshake, ReportsAPortThatCannotBeConfigured)
 {
     log_capture log;
     plug_in({});
-    machine.failing_tcsetattr = 1;
-    EXPECT_EQ(at_handshake(attached->path().c_str(), &device, &record), -5);
+    libc::tcsetattr = libc::fails_in_call(1, EIO, tcsetattr);
+    EXPECT_EQ(at_handshake(port.path().c_str(), &device, &record), -5);
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "unable to configure device");
     EXPECT_EQ(log.messages().back().function, "at_handshake");
-    EXPECT_EQ(open_ports(), 0);
+    EXPECT_EQ(port.open_descriptors(), 0U);
 }
 
-TEST_F(Handshake, ReportsAnEchoThatStaysOn)
+TEST_F(AtHandshake, ReportsAnEchoThatStaysOn)
 {
     log_capture log;
     plug_in(std::vector<modem_answer>(11, error));
-    EXPECT_EQ(at_handshake(attached->path().c_str(), &device, &record), -71);
+    EXPECT_EQ(at_handshake(port.path().c_str(), &device, &record), -71);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"unable to turn off echo"});
     EXPECT_EQ(log.messages().back().function, "at_handshake");
 }
 
-TEST_F(Handshake, ClosesThePortAfterAnEchoThatStaysOn)
+TEST_F(AtHandshake, ClosesThePortAfterAnEchoThatStaysOn)
 {
     const log_capture log;
     plug_in(std::vector<modem_answer>(11, error));
-    static_cast<void>(at_handshake(attached->path().c_str(), &device, &record));
-    EXPECT_EQ(open_ports(), 0);
+    at_handshake(port.path().c_str(), &device, &record);
+    EXPECT_EQ(port.open_descriptors(), 0U);
 }
 
-TEST_F(Handshake, ReportsAMissingModel)
+TEST_F(AtHandshake, ReportsAMissingModel)
 {
     log_capture log;
     plug_in({ok, error, error});
-    EXPECT_EQ(at_handshake(attached->path().c_str(), &device, &record), -71);
+    EXPECT_EQ(at_handshake(port.path().c_str(), &device, &record), -71);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"unable to get model name"});
 }
 
-TEST_F(Handshake, ClosesThePortAfterAMissingModel)
+TEST_F(AtHandshake, ClosesThePortAfterAMissingModel)
 {
     const log_capture log;
     plug_in({ok, error, error});
-    static_cast<void>(at_handshake(attached->path().c_str(), &device, &record));
-    EXPECT_EQ(open_ports(), 0);
+    at_handshake(port.path().c_str(), &device, &record);
+    EXPECT_EQ(port.open_descriptors(), 0U);
 }
 
 // ---- one modem
@@ -733,8 +659,8 @@ TEST_F(CollectBasicInformation, AsksAModemOfTheCommandLineForItsModelOnly)
 TEST_F(CollectBasicInformation, ClosesThePort)
 {
     plug_in({ok, model, imei, versions});
-    static_cast<void>(collect_modem_basic_information(&record, false));
-    EXPECT_EQ(open_ports(), 0);
+    collect_modem_basic_information(&record, false);
+    EXPECT_EQ(port.open_descriptors(), 0U);
 }
 
 TEST_F(CollectBasicInformation, ReportsNoErrorWhenAllIsWell)
@@ -831,8 +757,8 @@ TEST_F(CollectBasicInformation, KeepsWhatSucceededBeforeAFailure)
 TEST_F(CollectBasicInformation, ClosesThePortAfterAFailedQuery)
 {
     plug_in({ok, model, error});
-    static_cast<void>(collect_modem_basic_information(&record, false));
-    EXPECT_EQ(open_ports(), 0);
+    collect_modem_basic_information(&record, false);
+    EXPECT_EQ(port.open_descriptors(), 0U);
 }
 
 TEST_F(CollectBasicInformation, StopsWhenTheModemLeaves)
@@ -850,14 +776,11 @@ namespace {
 
 class CollectArray : public testing::Test {
   protected:
-    CollectArray() { machine = {}; }
-    ~CollectArray() override { machine = {}; }
-
     // Puts a modem into the slot, on a port that answers by the script.
-    void plug_in(size_t slot, std::vector<modem_answer> script)
+    void plug_in(size_t slot, const std::vector<modem_answer> &script)
     {
-        attached[slot] = std::make_unique<scripted_modem>(std::move(script));
-        plug_in(slot, attached[slot]->path(), PORT_AT);
+        answer_by(script, &ports[slot]);
+        plug_in(slot, ports[slot].path(), PORT_AT);
     }
     void plug_in(size_t slot, const std::string &path, uint32_t type)
     {
@@ -873,7 +796,7 @@ class CollectArray : public testing::Test {
     }
 
     std::unique_ptr<modem[]> modems = std::make_unique<modem[]>(8);
-    std::unique_ptr<scripted_modem> attached[8];
+    scripted_port ports[8];
     log_capture log;
 };
 
@@ -945,7 +868,7 @@ TEST_F(CollectArray, StopsAtAModemThatFails)
               "unable to properly probe modem at index 2 or no AT ports found");
     EXPECT_EQ(log.messages().back().file, "../at_channel.c");
     EXPECT_EQ(log.messages().back().function, "collect_modem_array_basic_information");
-    EXPECT_TRUE(attached[3]->commands().empty());
+    EXPECT_EQ(ports[3].written(), "");
 }
 
 TEST_F(CollectArray, OpensNothingWhenSkipped)

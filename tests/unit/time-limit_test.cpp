@@ -1,23 +1,30 @@
 #include "time-limit.hpp"
 
-#include "fake_clock.hpp"
+#include "virtual-time.hpp"
 
 #include <gtest/gtest.h>
 
+namespace {
+
+void pass(int64_t ms)
+{
+    virtual_time::instance().pass(ms * 1000);
+}
+
+} // namespace
+
 TEST(TimeLimit, IsNotPassedBeforeItsTime)
 {
-    const restored_clock restored;
     const time_limit limit(60000);
     EXPECT_FALSE(limit.passed());
-    fake_clock::instance().ahead_ms = 59000;
+    pass(59999);
     EXPECT_FALSE(limit.passed());
 }
 
 TEST(TimeLimit, IsPassedFromItsTimeOn)
 {
-    const restored_clock restored;
     const time_limit limit(60000);
-    fake_clock::instance().ahead_ms = 60000;
+    pass(60000);
     EXPECT_TRUE(limit.passed());
     EXPECT_TRUE(limit.passed());
 }
@@ -29,27 +36,24 @@ TEST(TimeLimit, OfNoTimeIsPassedAtOnce)
 
 TEST(TimeLimit, HoldsTheLongestTimeOf32Bits)
 {
-    const restored_clock restored;
     const time_limit limit(4294967295U);
-    fake_clock::instance().ahead_ms = 4294960000;
+    pass(4294967294);
     EXPECT_FALSE(limit.passed());
-    fake_clock::instance().ahead_ms = 4294967295;
+    pass(1);
     EXPECT_TRUE(limit.passed());
 }
 
 TEST(TimeLimit, IsPassedWhenTheClockCannotBeRead)
 {
-    const restored_clock restored;
     const time_limit limit(60000);
-    fake_clock::instance().broken = true;
+    virtual_time::instance().is_broken = true;
     EXPECT_TRUE(limit.passed());
 }
 
 TEST(TimeLimit, IsPassedWhenTheClockCouldNotBeReadAtItsStart)
 {
-    const restored_clock restored;
-    fake_clock::instance().broken = true;
+    virtual_time::instance().is_broken = true;
     const time_limit limit(60000);
-    fake_clock::instance().broken = false;
+    virtual_time::instance().is_broken = false;
     EXPECT_TRUE(limit.passed());
 }

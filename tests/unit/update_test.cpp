@@ -2,7 +2,6 @@
 
 #include "core.hpp"
 #include "fake_discovery.hpp"
-#include "fake_sleep.hpp"
 #include "image-list.hpp"
 #include "interrupt.hpp"
 #include "json.hpp"
@@ -10,13 +9,13 @@
 #include "modem-search.hpp"
 #include "options.hpp"
 #include "package.hpp"
-#include "pty.hpp"
+#include "scripted-port.hpp"
 #include "temp_dir.hpp"
 #include "usb_probe.hpp"
+#include "virtual-time.hpp"
 
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <thread>
 
 using texts = std::vector<std::string>;
 using ports = std::vector<std::pair<std::string, std::string>>;
@@ -26,6 +25,8 @@ namespace {
 const char several_modems[] = "multiple modems not supported, please keep a single modem attached:";
 const char bailing_out[] = "dry-run requested, bailing out";
 const char probing_failed[] = "failure in modem probing, trying fw update anyway";
+
+const std::string switch_frame("\x4B\x65\x01\x00\x54\x0F\x7E", 7);
 
 core_usb_event arrival(uint32_t vid, uint32_t pid)
 {
@@ -44,22 +45,6 @@ core_usb_event removal(uint32_t vid, uint32_t pid)
 
 class Driver : public ::testing::Test {
   protected:
-    void SetUp() override
-    {
-        options = {};
-        package = {};
-        keep_running = 1;
-        sigint_detected = 0;
-        discovery.reset();
-        sleep.reset();
-    }
-    void TearDown() override
-    {
-        fw_package_free();
-        EXPECT_TRUE(discovery.enumerations.empty()) << "fewer scans than expected";
-        EXPECT_TRUE(discovery.events.empty()) << "fewer waits for an event than expected";
-    }
-
     // A package of the given version, without image files, as the firmware directory.
     void give_package(const std::string &version = "49.01.103")
     {
@@ -103,7 +88,7 @@ class Driver : public ::testing::Test {
     }
 
     fake_discovery &discovery = fake_discovery::instance();
-    fake_sleep &sleep = fake_sleep::instance();
+    virtual_time &sleep = virtual_time::instance();
     temp_dir dir;
     log_capture log;
     modem modems[8] = {};
@@ -129,14 +114,16 @@ class PrintModem : public Driver {};
 class ShowModems : public Driver {};
 class Interrupt : public Driver {};
 
-// A modem that answers the probing on a pseudo-terminal.
+// A modem that answers the probing.
 class answering_modem {
   public:
     explicit answering_modem(const std::string &version_lines)
-        : player([this, version_lines] { play(version_lines); })
     {
+        port.takes("ATE0\r").sends("\r\nOK\r\n");
+        port.takes("AT#CGMM\r").sends("\r\n#CGMM: KA100\r\n\r\nOK\r\n");
+        port.takes("AT#CGSN\r").sends("\r\n#CGSN: 356938035643809\r\n\r\nOK\r\n");
+        port.takes("AT#SWPKGV\r").sends(version_lines);
     }
-    ~answering_modem() { player.join(); }
 
     core_device_info device() const
     {
@@ -145,23 +132,7 @@ class answering_modem {
     }
 
   private:
-    void play(const std::string &version_lines)
-    {
-        const std::pair<std::string, std::string> talk[] = {
-            {"ATE0\r", "\r\nOK\r\n"},
-            {"AT#CGMM\r", "\r\n#CGMM: KA100\r\n\r\nOK\r\n"},
-            {"AT#CGSN\r", "\r\n#CGSN: 356938035643809\r\n\r\nOK\r\n"},
-            {"AT#SWPKGV\r", version_lines},
-        };
-        for (const auto &[command, answer] : talk) {
-            if (port.receive(command.size(), std::chrono::seconds(5)) != command)
-                return;
-            port.send(answer);
-        }
-    }
-
-    pty port;
-    std::thread player;
+    scripted_port port;
 };
 
 } // namespace
@@ -759,19 +730,20 @@ TEST_F(UpdateWithPort, IsForcedWithoutProbing)
 TEST_F(UpdateWithPort, SwitchesTheModemOverItsPort)
 {
     discovery.enumerations.push_back({.result = -100, .devices = {}});
-    pty port;
+    scripted_port port;
+    port.takes(switch_frame);
     give_package();
     options.force = true;
     options.enter_qdl = true;
     EXPECT_EQ(update_with_port(modems, 8, false, port.path().c_str()), 0);
-    EXPECT_EQ(port.receive_until_quiet(), std::string("\x4B\x65\x01\x00\x54\x0F\x7E", 7));
+    EXPECT_EQ(port.written(), switch_frame);
     EXPECT_EQ(log.texts(CORE_LOG_INF), texts{"Entered QDL mode, stopping"});
 }
 
 // It would be taken for the modem that comes back from the switch, and get the programmer.
 TEST_F(UpdateWithPort, RefusesAnyModemThatIsInDownloadModeAlready)
 {
-    pty port;
+    scripted_port port;
     give_package();
     options.force = true;
     core_device_info other = make_device("05c6", "9008", {{"/dev/ttyUSB7", "00"}});
@@ -780,13 +752,14 @@ TEST_F(UpdateWithPort, RefusesAnyModemThatIsInDownloadModeAlready)
     EXPECT_EQ(update_with_port(modems, 8, false, port.path().c_str()), -22);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"/sys/devices/1-7 is in download mode already: use "
                                              "--skip-enter-qdl, or keep a single modem attached"});
-    EXPECT_EQ(port.receive_until_quiet(), "");
+    EXPECT_EQ(port.written(), "");
 }
 
 // Its identifier does not tell its mode: it is the modem of the port.
 TEST_F(UpdateWithPort, DoesNotRefuseAPcieModem)
 {
-    pty port;
+    scripted_port port;
+    port.takes(switch_frame);
     give_package();
     options.force = true;
     options.enter_qdl = true;
@@ -797,12 +770,12 @@ TEST_F(UpdateWithPort, DoesNotRefuseAPcieModem)
 
 TEST_F(UpdateWithPort, TakesTheModemAsInDownloadModeWhenTheSwitchIsSkipped)
 {
-    pty port;
+    scripted_port port;
     give_package();
     options.force = true;
     options.enter_qdl = true;
     EXPECT_EQ(update_with_port(modems, 8, true, port.path().c_str()), 0);
-    EXPECT_EQ(port.receive_until_quiet(), "");
+    EXPECT_EQ(port.written(), "");
     EXPECT_FALSE(log.has(CORE_LOG_DBG, "firmware compatibility cannot be checked"));
 }
 
@@ -847,7 +820,8 @@ TEST_F(UpdateProcedure, ChecksTheProgrammerInADryRunToo)
 TEST_F(UpdateProcedure, NeedsNoProgrammerToStopInDownloadMode)
 {
     discovery.enumerations.push_back({.result = -100, .devices = {}});
-    pty port;
+    scripted_port port;
+    port.takes(switch_frame);
     give_package();
     std::filesystem::remove(dir.at("programmer.mbn"));
     options.force = true;

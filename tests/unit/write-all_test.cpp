@@ -1,20 +1,11 @@
 #include "write-all.hpp"
 
-#include "fake_clock.hpp"
+#include "virtual-time.hpp"
 
 #include <deque>
 #include <gtest/gtest.h>
 #include <string>
-#include <unistd.h>
 #include <vector>
-
-// Takes the place of the C library's, so that no test has to wait for a pause.
-static std::vector<useconds_t> pauses;
-extern "C" int usleep(useconds_t microseconds)
-{
-    pauses.push_back(microseconds);
-    return 0;
-}
 
 namespace {
 
@@ -26,7 +17,7 @@ struct step {
 // A sink with a script: each write is answered by the next step; a write too many fails the test.
 class sink {
   public:
-    explicit sink(std::deque<step> script) : steps(std::move(script)) { pauses.clear(); }
+    explicit sink(std::deque<step> script) : steps(std::move(script)) {}
 
     int write(const std::string &data, back_pressure on_full)
     {
@@ -88,7 +79,7 @@ TEST(WriteAll, EndsWithTheFirstError)
     sink port({{0, 2}, {-5, 0}});
     EXPECT_EQ(port.write("hello", back_pressure::retry), -5);
     EXPECT_EQ(port.offered, (texts{"hello", "llo"}));
-    EXPECT_TRUE(pauses.empty());
+    EXPECT_TRUE(virtual_time::instance().slept.empty());
 }
 
 TEST(WriteAll, EndsWithATimeOut)
@@ -107,14 +98,14 @@ TEST(WriteAll, FailsAtOnceOnAFullPortWhereThatIsAsked)
 {
     sink port({{-11, 0}});
     EXPECT_EQ(port.write("hello", back_pressure::fail), -11);
-    EXPECT_TRUE(pauses.empty());
+    EXPECT_TRUE(virtual_time::instance().slept.empty());
 }
 
 TEST(WriteAll, PausesOneSecondAfterEveryTryAgain)
 {
     sink port({{-11, 0}, {-11, 0}, {0, 5}});
     EXPECT_EQ(port.write("hello", back_pressure::retry), 0);
-    EXPECT_EQ(pauses, (std::vector<useconds_t>{1000000, 1000000}));
+    EXPECT_EQ(virtual_time::instance().slept, (std::vector<unsigned>{1000, 1000}));
 }
 
 TEST(WriteAll, OffersTheSameBytesAgainAfterATryAgain)
@@ -189,8 +180,7 @@ TEST(WriteAll, CountsEmptyWritesAnewAfterAByte)
 
 TEST(WriteAll, GivesUpAPortThatCreepsForFiveMinutes)
 {
-    const restored_clock restored;
-    fake_clock::instance().per_read_ms = 100000;
+    virtual_time::instance().per_read_ms = 100000;
     sink port({{0, 1}, {0, 1}, {0, 1}});
     EXPECT_EQ(port.write("hello", back_pressure::fail), -71);
     EXPECT_EQ(port.taken, "hel");
@@ -198,8 +188,7 @@ TEST(WriteAll, GivesUpAPortThatCreepsForFiveMinutes)
 
 TEST(WriteAll, IsDoneWithTheLastByteHoweverLongItTook)
 {
-    const restored_clock restored;
-    fake_clock::instance().per_read_ms = 300000;
+    virtual_time::instance().per_read_ms = 300000;
     sink port({{0, 5}});
     EXPECT_EQ(port.write("hello", back_pressure::fail), 0);
 }

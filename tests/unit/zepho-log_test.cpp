@@ -1,22 +1,20 @@
 #include "zepho-log.hpp"
 
+#include "libc-hooks.hpp"
 #include "log-output.hpp"
 #include "log_capture.hpp"
+#include "memory-limit.hpp"
 #include "temp_dir.hpp"
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ostream>
 #include <regex>
 #include <string>
-#include <sys/resource.h>
-#include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
 #include <vector>
@@ -26,22 +24,13 @@ using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStderr;
 using testing::internal::GetCapturedStdout;
 
-// Stand-ins for the C library's calls: each does what the real one does unless a test says otherwise.
-static bool clock_is_given = false;
-static timespec given_time{1234, 123456};
-static bool clock_fails = false;
-
-extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept
+// The monotonic clock shows 1234.000123456 s.
+static void give_time()
 {
-    if (clock_fails) {
-        errno = EINVAL;
-        return -1;
-    }
-    if (clock_is_given) {
-        *time = given_time;
+    libc::clock_gettime = [](clockid_t, timespec *time) {
+        *time = {1234, 123456};
         return 0;
-    }
-    return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
+    };
 }
 
 struct buffering_call {
@@ -51,43 +40,22 @@ struct buffering_call {
     size_t size;
     int errno_before;
 };
-static std::vector<buffering_call> buffering_calls;
-static FILE *failing_stream = nullptr;
 
-extern "C" int setvbuf(FILE *__restrict stream, char *__restrict buffer, int mode, size_t size) noexcept
+// Notes the calls of setvbuf(3); the one for `failing_stream` fails.
+static void note_buffering(std::vector<buffering_call> *calls, FILE *failing_stream = nullptr)
 {
-    buffering_calls.push_back({stream, buffer != nullptr, mode, size, errno});
-    if (stream == failing_stream) {
-        errno = EBADF;
-        return -1;
-    }
-    using setvbuf_fn = int (*)(FILE *, char *, int, size_t);
-    static const auto real = reinterpret_cast<setvbuf_fn>(dlsym(RTLD_NEXT, "setvbuf"));
-    const int result = real(stream, buffer, mode, size);
-    errno = EBADF; // a leftover that the next call must not see
-    return result;
+    libc::setvbuf = [calls, failing_stream](FILE *stream, char *buffer, int mode, size_t size) {
+        calls->push_back({stream, buffer != nullptr, mode, size, errno});
+        const int result = stream == failing_stream ? -1 : setvbuf(stream, buffer, mode, size);
+        errno = EBADF; // of this failure, or a leftover that the next call must not see
+        return result;
+    };
 }
 
-static std::vector<printed_line> system_log;
-
-extern "C" void vsyslog(int priority, const char *format, va_list arguments)
+// Notes what reaches the system log.
+static void note_system_log(std::vector<printed_line> *lines)
 {
-    char text[2048];
-    vsnprintf(text, sizeof text, format, arguments);
-    system_log.push_back({priority, text});
-}
-
-// What a build with checked buffer sizes calls in its place.
-extern "C" void __vsyslog_chk(int priority, int, const char *format, // NOLINT(bugprone-reserved-identifier)
-                              va_list arguments)
-{
-    vsyslog(priority, format, arguments);
-}
-
-// An allocation that fails shall answer null here too, as it does without a sanitizer.
-extern "C" const char *__asan_default_options() // NOLINT(bugprone-reserved-identifier)
-{
-    return "allocator_may_return_null=1";
+    libc::vsyslog = [lines](int priority, const char *text) { lines->push_back({priority, text}); };
 }
 
 static void log_line(int level, const char *text)
@@ -153,10 +121,9 @@ class Levels : public testing::TestWithParam<level_row> {};
 TEST_P(Levels, AreNamedInThePrefix)
 {
     const print_capture lines;
-    clock_is_given = true;
+    give_time();
     core_log_set_level(CORE_LOG_VRB);
     log_line(GetParam().level, "text");
-    clock_is_given = false;
     EXPECT_EQ(texts(lines),
               strings{std::string("1234.000123456 ") + GetParam().name + " ../main.c:729:check_args() text"});
 }
@@ -352,8 +319,7 @@ TEST(CoreLog, CutsALongerMessageAt1024Bytes)
 
 class Prefix : public testing::Test {
   protected:
-    Prefix() { clock_is_given = true; }
-    ~Prefix() override { clock_is_given = clock_fails = false; }
+    Prefix() { give_time(); }
 
     print_capture lines;
 };
@@ -428,7 +394,7 @@ TEST_F(Prefix, HasAZeroTimeAndALineBeforeItWhenTheClockFails)
 {
     core_log_set_level(7);
     core_log_set_pprint(0);
-    clock_fails = true;
+    libc::clock_gettime = libc::fails(EINVAL);
     log_line(CORE_LOG_DBG, "text");
     ASSERT_EQ(lines.lines().size(), 2U);
     EXPECT_EQ(lines.lines()[0].level, 3);
@@ -448,7 +414,7 @@ TEST_F(Prefix, IsCutAt256Bytes)
 
 TEST_F(Prefix, ReadsTheMonotonicClock)
 {
-    clock_is_given = false;
+    libc::clock_gettime.reset();
     timespec before{};
     timespec after{};
     clock_gettime(CLOCK_MONOTONIC, &before);
@@ -508,10 +474,9 @@ TEST_F(NewlinePrinter, MakesALineFeedOfAnEmptyMessage)
 
 TEST_F(NewlinePrinter, MakesPrefixAndLineFeedOfAnEmptyMessage)
 {
-    clock_is_given = true;
+    give_time();
     core_log_set_level(7);
     log_line(CORE_LOG_INF, "");
-    clock_is_given = false;
     EXPECT_EQ(texts(lines), strings{"1234.000123456 INF ../main.c:729:check_args() \n"});
 }
 
@@ -573,7 +538,8 @@ TEST(JsonMode, MakesObjectsOfMessages)
 
 TEST(JsonMode, SetsStandardOutputThenStandardErrorUnbuffered)
 {
-    buffering_calls.clear();
+    std::vector<buffering_call> buffering_calls;
+    note_buffering(&buffering_calls);
     core_log_set_pprint(2);
     ASSERT_EQ(buffering_calls.size(), 2U);
     EXPECT_EQ(buffering_calls[0].stream, stdout);
@@ -587,7 +553,8 @@ TEST(JsonMode, SetsStandardOutputThenStandardErrorUnbuffered)
 
 TEST(JsonMode, ClearsErrnoBeforeEachBufferingChange)
 {
-    buffering_calls.clear();
+    std::vector<buffering_call> buffering_calls;
+    note_buffering(&buffering_calls);
     errno = EBADF;
     core_log_set_pprint(2);
     ASSERT_EQ(buffering_calls.size(), 2U);
@@ -597,7 +564,8 @@ TEST(JsonMode, ClearsErrnoBeforeEachBufferingChange)
 
 TEST(JsonMode, LeavesBufferingAloneForTheTextPrinters)
 {
-    buffering_calls.clear();
+    std::vector<buffering_call> buffering_calls;
+    note_buffering(&buffering_calls);
     core_log_set_pprint(0);
     core_log_set_pprint(1);
     EXPECT_TRUE(buffering_calls.empty());
@@ -606,7 +574,8 @@ TEST(JsonMode, LeavesBufferingAloneForTheTextPrinters)
 TEST(JsonMode, WarnsOfAStandardOutputThatStaysBuffered)
 {
     const log_capture log;
-    failing_stream = stdout;
+    std::vector<buffering_call> calls;
+    note_buffering(&calls, stdout);
     core_log_set_pprint(2);
     ASSERT_EQ(log.messages().size(), 1U);
     EXPECT_EQ(log.messages()[0].level, CORE_LOG_WRN);
@@ -617,7 +586,8 @@ TEST(JsonMode, WarnsOfAStandardOutputThatStaysBuffered)
 TEST(JsonMode, WarnsOfAStandardErrorThatStaysBuffered)
 {
     const log_capture log;
-    failing_stream = stderr;
+    std::vector<buffering_call> calls;
+    note_buffering(&calls, stderr);
     core_log_set_pprint(2);
     EXPECT_EQ(log.texts(CORE_LOG_WRN), strings{"could not disable buffering on stderr: error 9\n"});
 }
@@ -625,7 +595,8 @@ TEST(JsonMode, WarnsOfAStandardErrorThatStaysBuffered)
 TEST(JsonMode, IsEnteredEvenIfAStreamStaysBuffered)
 {
     const print_capture lines;
-    failing_stream = stdout;
+    std::vector<buffering_call> calls;
+    note_buffering(&calls, stdout);
     core_log_set_pprint(2);
     EXPECT_TRUE(core_log_is_json());
 }
@@ -852,24 +823,12 @@ TEST(StdoutPrint, ReturnsAnErrorForALineThatNobodyReads)
     EXPECT_EQ(out.read_all(), "#");
 }
 
-class DroppedLines : public testing::Test {
-  protected:
-    ~DroppedLines() override
-    {
-        core_log_set_level(level_);
-        pretty_print_function = pprint_;
-    }
-    static void check_match(const std::string &text, const char *pattern)
-    {
-        EXPECT_TRUE(std::regex_match(text, std::regex(pattern))) << text;
-    }
+static void check_match(const std::string &text, const char *pattern)
+{
+    EXPECT_TRUE(std::regex_match(text, std::regex(pattern))) << text;
+}
 
-  private:
-    int level_ = log_level;
-    core_log_pprint_fn pprint_ = pretty_print_function;
-};
-
-TEST_F(DroppedLines, AreToldInFrontOfTheNextOne)
+TEST(DroppedLines, AreToldInFrontOfTheNextOne)
 {
     core_log_set_pprint(0);
     const unread_stream out(STDOUT_FILENO);
@@ -882,7 +841,7 @@ TEST_F(DroppedLines, AreToldInFrontOfTheNextOne)
     EXPECT_EQ(out.read_all(), "next\n");
 }
 
-TEST_F(DroppedLines, AreToldOnTheirStream)
+TEST(DroppedLines, AreToldOnTheirStream)
 {
     core_log_set_pprint(0);
     const unread_stream err(STDERR_FILENO);
@@ -895,7 +854,7 @@ TEST_F(DroppedLines, AreToldOnTheirStream)
     EXPECT_EQ(err.read_all(), "lines dropped here, as the output took none: 1\nerror\n");
 }
 
-TEST_F(DroppedLines, AreCountedOnUntilTheyAreTold)
+TEST(DroppedLines, AreCountedOnUntilTheyAreTold)
 {
     core_log_set_pprint(0);
     const unread_stream out(STDOUT_FILENO);
@@ -909,7 +868,7 @@ TEST_F(DroppedLines, AreCountedOnUntilTheyAreTold)
     EXPECT_EQ(out.read_all(), "lines dropped here, as the output took none: 2\ntwo\n");
 }
 
-TEST_F(DroppedLines, AreAWarningAtTheThresholdDebug)
+TEST(DroppedLines, AreAWarningAtTheThresholdDebug)
 {
     core_log_set_pprint(0);
     core_log_set_level(7);
@@ -921,7 +880,7 @@ TEST_F(DroppedLines, AreAWarningAtTheThresholdDebug)
                                 "lines dropped here, as the output took none: 1\ntext\n");
 }
 
-TEST_F(DroppedLines, AreALineOfTheirOwnInFrontOfProgress)
+TEST(DroppedLines, AreALineOfTheirOwnInFrontOfProgress)
 {
     const unread_stream out(STDOUT_FILENO);
     core_log_progress("firehose", "send_binary", 1, 0, 2, "boot.img");
@@ -930,15 +889,14 @@ TEST_F(DroppedLines, AreALineOfTheirOwnInFrontOfProgress)
     EXPECT_EQ(out.read_all(), "lines dropped here, as the output took none: 1\n50.00% completed\r");
 }
 
-TEST_F(DroppedLines, AreAnObjectInJsonMode)
+TEST(DroppedLines, AreAnObjectInJsonMode)
 {
     core_log_set_pprint(2);
     const unread_stream err(STDERR_FILENO);
     log_line(CORE_LOG_ERR, "lost");
     EXPECT_EQ(err.read_all(), "#");
-    clock_is_given = true;
+    give_time();
     log_line(CORE_LOG_ERR, "error");
-    clock_is_given = false;
     check_match(err.read_all(),
                 "\\{\"timestamp\": \"1234\\.000123456\", \"type\": \"LOG\", \"severity\":\"WRN\", "
                 "\"file\": \"zepho-log.c\", \"function\": \"stdout_print\", \"line\": [0-9]+, "
@@ -963,6 +921,8 @@ TEST(FilePrint, ReturnsTheNumberOfBytes)
 
 TEST(SystemLog, TakesLevelAndText)
 {
+    std::vector<printed_line> system_log;
+    note_system_log(&system_log);
     core_log_set_print(syslog_print);
     log_line(CORE_LOG_WRN, "warning");
     ASSERT_EQ(system_log.size(), 1U);
@@ -972,6 +932,8 @@ TEST(SystemLog, TakesLevelAndText)
 
 TEST(SystemLog, TakesTheLinesFromTheTerminal)
 {
+    std::vector<printed_line> system_log;
+    note_system_log(&system_log);
     CaptureStdout();
     CaptureStderr();
     core_log_set_print(syslog_print);
@@ -983,12 +945,13 @@ TEST(SystemLog, TakesTheLinesFromTheTerminal)
 
 TEST(SystemLog, TakesPrefixAndLineEndOfThePrettyPrinter)
 {
-    clock_is_given = true;
+    std::vector<printed_line> system_log;
+    note_system_log(&system_log);
+    give_time();
     core_log_set_level(7);
     core_log_set_pprint(0);
     core_log_set_print(syslog_print);
     log_line(CORE_LOG_DBG, "text");
-    clock_is_given = false;
     ASSERT_EQ(system_log.size(), 1U);
     EXPECT_EQ(system_log[0].text, "1234.000123456 DBG ../main.c:729:check_args() text\n");
 }
@@ -1112,12 +1075,8 @@ TEST(BufferDump, PrintsAByteALineForALineLengthOfZero)
 TEST(BufferDump, ReportsALineThatCannotBeAllocated)
 {
     const log_capture log;
-    rlimit limit{};
-    getrlimit(RLIMIT_AS, &limit);
-    const rlimit none_more{4096, limit.rlim_max};
-    setrlimit(RLIMIT_AS, &none_more);
+    limit_memory();
     core_print_buffer("a", 1, UINT32_MAX); // 12 GiB
-    setrlimit(RLIMIT_AS, &limit);
     ASSERT_EQ(log.messages().size(), 2U);
     EXPECT_EQ(log.messages()[1].level, CORE_LOG_ERR);
     EXPECT_EQ(log.messages()[1].text, "String allocation error\n");
@@ -1222,9 +1181,8 @@ TEST(Progress, IsAnEventInJsonMode)
 {
     const print_capture lines;
     core_log_set_pprint(2);
-    clock_is_given = true;
+    give_time();
     report(3, 4);
-    clock_is_given = false;
     EXPECT_EQ(texts(lines),
               strings{"{\"timestamp\": \"1234.000123456\", \"type\": \"PROGRESS\", \"current\": 3, "
                       "\"max\": 4, \"percent\": 75, \"description\": \"boot.img\"}\n"});
@@ -1234,9 +1192,8 @@ TEST(Progress, EndsWithAnEventInJsonMode)
 {
     const print_capture lines;
     core_log_set_pprint(2);
-    clock_is_given = true;
+    give_time();
     core_log_progress_complete("firehose", "send_binary", 1, 10, "boot.img");
-    clock_is_given = false;
     EXPECT_EQ(texts(lines),
               strings{"{\"timestamp\": \"1234.000123456\", \"type\": \"PROGRESS\", \"current\": 10, "
                       "\"max\": 10, \"percent\": 100, \"description\": \"boot.img\"}\n"});
