@@ -36,8 +36,10 @@ typedef int (*core_log_print_fn)(int level, const char *format, ...)
 using core_log_pprint_fn = int (*)(int level, const char *file, const char *function, int line,
                                    char *message);
 
-// The text printers. newline_print ends every message in a line feed; plain_print, the one at the start,
-// leaves it as it is.
+// The text printers. newline_print ends every message in a line feed; plain_print, the one at the start, adds
+// nothing. Control characters but tab and line feed, and bytes that are no UTF-8, appear as \xNN: modems and
+// packages choose many texts. A carriage return at either end of a format of core_log is the program's own
+// and stays.
 int newline_print(int level, const char *file, const char *function, int line, char *message);
 int plain_print(int level, const char *file, const char *function, int line, char *message);
 

@@ -448,15 +448,15 @@ TEST_F(NewlinePrinter, AddsNothingAfterALineFeed)
     EXPECT_EQ(texts(lines), strings{"text\n"});
 }
 
-TEST_F(NewlinePrinter, AddsNothingAfterACarriageReturn)
+TEST_F(NewlinePrinter, AddsNothingAfterACarriageReturnOfTheFormat)
 {
-    log_line(CORE_LOG_INF, "text\r");
-    EXPECT_EQ(texts(lines), strings{"text\r"});
+    core_log(CORE_LOG_INF, nullptr, nullptr, 0, "%d%%\r", 50);
+    EXPECT_EQ(texts(lines), strings{"50%\r"});
 }
 
 TEST_F(NewlinePrinter, LooksAtTheLastCharacterOnly)
 {
-    log_line(CORE_LOG_INF, "\rfirst\nsecond");
+    core_log(CORE_LOG_INF, nullptr, nullptr, 0, "\rfirst\nsecond");
     EXPECT_EQ(texts(lines), strings{"\rfirst\nsecond\n"});
 }
 
@@ -516,6 +516,93 @@ TEST(PlainPrinter, IsChosenByAnyOtherMode)
         log_line(CORE_LOG_INF, "text");
     }
     EXPECT_EQ(texts(lines), (strings{"text", "text", "text"}));
+}
+
+// What others choose reaches no terminal raw, through whichever text printer.
+class TextPrinters : public testing::TestWithParam<int> {
+  protected:
+    TextPrinters() { core_log_set_pprint(GetParam()); }
+
+    // The text of a message, without the line feed that the newline printer adds.
+    std::string printed() const
+    {
+        std::string text = lines_.lines().empty() ? "" : lines_.lines().back().text;
+        if (GetParam() == 0 && text.ends_with('\n'))
+            text.pop_back();
+        return text;
+    }
+
+  private:
+    print_capture lines_;
+};
+
+TEST_P(TextPrinters, ShowEachByteAsItIsOrAsItsNumber)
+{
+    for (int byte = 1; byte < 256; ++byte) {
+        const std::string raw(1, static_cast<char>(byte));
+        char number[8];
+        snprintf(number, sizeof number, "\\x%02X", static_cast<unsigned>(byte));
+        const bool is_shown = byte == 9 || byte == 10 || (byte >= 32 && byte <= 126);
+        log_line(CORE_LOG_INF, ("a" + raw + "z").c_str());
+        EXPECT_EQ(printed(), "a" + (is_shown ? raw : number) + "z");
+    }
+}
+
+TEST_P(TextPrinters, ShowAMessageOfControlCharactersInFull)
+{
+    log_line(CORE_LOG_INF, std::string(1024, '\x1B').c_str());
+    std::string all;
+    for (int i = 0; i < 1024; ++i)
+        all += "\\x1B";
+    EXPECT_EQ(printed(), all);
+}
+
+TEST_P(TextPrinters, ShowTheBytesOfACharacterThatWasCut)
+{
+    log_line(CORE_LOG_INF, (std::string(1022, 'x') + "\xE2\x82\xAC").c_str());
+    EXPECT_EQ(printed(), std::string(1022, 'x') + "\\xE2\\x82");
+}
+
+TEST_P(TextPrinters, TellTheReturnsOfTheFormatFromOthers)
+{
+    core_log(CORE_LOG_INF, nullptr, nullptr, 0, "\r%s", "\rbanner\r");
+    EXPECT_EQ(printed(), "\r\\x0Dbanner\\x0D");
+    core_log(CORE_LOG_INF, nullptr, nullptr, 0, "%s\r", "\rpercent\r");
+    EXPECT_EQ(printed(), "\\x0Dpercent\\x0D\r");
+    core_log(CORE_LOG_INF, nullptr, nullptr, 0, "\r%s\r", "");
+    EXPECT_EQ(printed(), "\r\r");
+    core_log(CORE_LOG_INF, nullptr, nullptr, 0, "%s", "\r");
+    EXPECT_EQ(printed(), "\\x0D");
+    core_log(CORE_LOG_INF, nullptr, nullptr, 0, "\r");
+    EXPECT_EQ(printed(), "\r");
+}
+
+TEST_P(TextPrinters, TakeNoReturnForTheFormatsThatWasCutOff)
+{
+    core_log(CORE_LOG_INF, nullptr, nullptr, 0, "%s\r", (std::string(1023, 'x') + "\r").c_str());
+    EXPECT_EQ(printed(), std::string(1023, 'x') + "\\x0D");
+}
+
+TEST_P(TextPrinters, ShowTheReturnInFrontOfTheVersionBanner)
+{
+    core_print_ombra_version();
+    EXPECT_TRUE(printed().starts_with("\rOmbra version"));
+}
+
+TEST_P(TextPrinters, ShowNothingRawWhenTheyAreCalledDirectly)
+{
+    char message[] = "\rtext\x1B";
+    pretty_print_function(CORE_LOG_INF, nullptr, nullptr, 0, message);
+    EXPECT_EQ(printed(), "\\x0Dtext\\x1B");
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, TextPrinters, testing::Values(0, 1),
+                         [](const auto &mode) { return std::string(mode.param == 0 ? "newline" : "plain"); });
+
+TEST_F(NewlinePrinter, EndsALineBehindAReturnOfOthers)
+{
+    log_line(CORE_LOG_INF, "text\r");
+    EXPECT_EQ(texts(lines), strings{"text\\x0D\n"});
 }
 
 TEST(JsonMode, IsReported)
