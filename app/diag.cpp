@@ -1,8 +1,8 @@
 #include "diag.hpp"
 
 #include "core-device.hpp"
-#include "core-owners.hpp"
 #include "core.hpp"
+#include "port.hpp"
 #include "write-all.hpp"
 #include "zepho-log.hpp"
 
@@ -28,11 +28,13 @@ int switch_QDload_mode(const modem *m)
         log_err("no diagnostic port found");
         return CORE_ENODEV;
     }
-    owned_device device;
-    if (core_device_open(port->port_name, device.receive()) != CORE_OK) {
+    owned_port device;
+    if (const int err = open_port(port->port_name, device.receive()); err != CORE_OK) {
         log_err("unable to open device path %s", port->port_name);
-        return CORE_EGENERIC;
+        return port_error(err);
     }
+    if (const int err = refuse_port_holders(device.get(), port->port_name); err != CORE_OK)
+        return err;
     const auto write_some = [&device](const void *data, size_t size, size_t *written) {
         return core_device_write(device.get(), data, size, written);
     };

@@ -6,5 +6,6 @@
 
 #include "modem.hpp"
 
-// 0; CORE_ENODEV without a diagnostic port; CORE_EGENERIC when it cannot be opened; or the write's error.
+// 0; CORE_ENODEV without a diagnostic port; CORE_EGENERIC when it cannot be opened; CORE_EINVAL or CORE_EBUSY
+// when it is none, or another program has it; or the write's error.
 [[nodiscard]] int switch_QDload_mode(const modem *m);

@@ -3,6 +3,8 @@
 #include "core-device.hpp"
 #include "core.hpp"
 #include "modem-table.hpp"
+#include "port.hpp"
+#include "run-lock.hpp"
 #include "write-all.hpp"
 #include "xml.hpp"
 #include "zepho-log.hpp"
@@ -29,6 +31,8 @@ int open_endpoint(core_endpoint *endpoint)
     memset(&info, 0, sizeof info);
     snprintf(info.vid, sizeof info.vid, "%x", QDL_DEVICE.vid);
     snprintf(info.pid, sizeof info.pid, "%x", QDL_DEVICE.pid);
+    if (const int err = hold_usb_devices(QDL_DEVICE); err != CORE_OK)
+        return err;
     const int err = core_usb_endpoint_open(&info, endpoint);
     if (err != CORE_OK)
         core_usb_endpoint_close(endpoint); // a kernel driver that did not let go leaves it open
@@ -38,7 +42,7 @@ int open_endpoint(core_endpoint *endpoint)
 int open_serial(const modem *m, int32_t *handle)
 {
     const modem_port_record *const port = find_port(m, PORT_FIRMWARE_UPDATE);
-    return core_device_open(port != nullptr ? port->port_name : "", handle);
+    return open_port(port != nullptr ? port->port_name : "", handle);
 }
 
 // One chunk of what waits already; an empty one where nothing does.
@@ -80,7 +84,7 @@ int firehose_open(const modem *m, firehose_device *device)
 void firehose_close(firehose_device *device)
 {
     if (device->serial_handle != 0)
-        core_device_close(device->serial_handle);
+        close_port(device->serial_handle);
     else
         core_usb_endpoint_close(&device->endpoint);
 }

@@ -18,7 +18,9 @@ struct firehose_device {
     core_endpoint endpoint;
 };
 
-// Opens the download device 05C6:9008, or the modem's download port when it is a PCIe modem.
+// Opens the download device 05C6:9008, or the modem's download port when it is a PCIe modem. 0; CORE_EINVAL
+// or CORE_EBUSY (logged) when the port is none, or another run has it or the device; or the error of the
+// opening.
 [[nodiscard]] int firehose_open(const modem *m, firehose_device *device);
 void firehose_close(firehose_device *device);
 // Writes all `len` bytes. 0, CORE_EAGAIN after five back-pressures, or the error of the write.

@@ -12,6 +12,7 @@
 #include "modem-table.hpp"
 #include "options.hpp"
 #include "package.hpp"
+#include "run-lock.hpp"
 #include "sahara.hpp"
 #include "timeouts.hpp"
 #include "zepho-log.hpp"
@@ -183,6 +184,8 @@ int hand_off(modem *modems, uint8_t max_modems, route way)
     modem *const m = &modems[0];
     if (keep_running == 0)
         return CORE_ECANCELED; // the modem has not been touched yet
+    if (const int err = hold_modem(m); err != CORE_OK)
+        return err;
     if (way.switches) {
         const int err = m->is_pcie ? trigger_edl_mode(m) : switch_QDload_mode(m);
         if (err != CORE_OK) {

@@ -6,6 +6,7 @@
 #include "modem.hpp"
 #include "options.hpp"
 #include "package.hpp"
+#include "run-lock.hpp"
 #include "update.hpp"
 #include "zepho-log.hpp"
 
@@ -60,6 +61,7 @@ int main(int argc, char **argv)
     signal(SIGINT, interrupt_handler);
     const int result = run(argc, argv);
     fw_package_free();
+    release_modems();
     core_deinit();
     if (options.otp && result == CORE_OK)
         log_inf("\nOTP values read successfully");

@@ -2,8 +2,8 @@
 
 #include "at_channel.hpp"
 #include "core-device.hpp"
-#include "core-owners.hpp"
 #include "core.hpp"
+#include "port.hpp"
 #include "timeouts.hpp"
 #include "zepho-log.hpp"
 
@@ -126,8 +126,8 @@ int get_swpkgv(int device, modem *m)
 int at_handshake(const char *path, int *device, modem *m)
 {
     log_dbg("device path: %s", path);
-    owned_device port;
-    if (const int err = core_device_open(path, port.receive()); err != CORE_OK) {
+    owned_port port;
+    if (const int err = open_port(path, port.receive()); err != CORE_OK) {
         log_err("unable to open device path %s", path);
         return err;
     }
@@ -154,7 +154,7 @@ int collect_modem_basic_information(modem *m, bool skip)
         log_err("no AT port");
         return CORE_ENODEV;
     }
-    owned_device device;
+    owned_port device;
     if (const int err = at_handshake(port->port_name, device.receive(), m); err != CORE_OK) {
         log_err("fail to get AT command answer on port %s", port->port_name);
         return err;

@@ -5,6 +5,7 @@
 #include "core.hpp"
 #include "log-output.hpp"
 #include "package-check.hpp"
+#include "port.hpp"
 #include "sahara-packet.hpp"
 #include "time-limit.hpp"
 #include "timeouts.hpp"
@@ -412,7 +413,7 @@ int hello_handshake(int port, uint32_t platform)
 
 int send_programmer(int port, const image_list *package, uint64_t *missing)
 {
-    *missing = 0;
+
     log_inf("Sending programmer");
     upload u{};
     u.port = port;
@@ -421,10 +422,11 @@ int send_programmer(int port, const image_list *package, uint64_t *missing)
     owned_file file;
     if (const int err = open_programmer(package, &file, &u); err != CORE_OK)
         return err;
-    if (const ending end = serve_requests(&u)) {
+    const ending end = serve_requests(&u);
+    if (missing != nullptr)
         *missing = u.missing;
+    if (end)
         return *end;
-    }
     if (const int err = finish_upload(port, package->platform); err != CORE_OK)
         return err;
     core_log_progress_complete(log_source, __func__, __LINE__, static_cast<int64_t>(u.file_size), u.path);
@@ -441,10 +443,10 @@ int sahara_send_programmer(const modem *m, const image_list *package)
         log_err("no sahara port found");
         return CORE_ENODEV;
     }
-    owned_device port;
-    if (core_device_open(record->port_name, port.receive()) != CORE_OK) {
+    owned_port port;
+    if (const int err = open_port(record->port_name, port.receive()); err != CORE_OK) {
         log_err("unable to open device path %s", record->port_name);
-        return CORE_EGENERIC;
+        return port_error(err);
     }
     if (const int err = core_device_set_raw_mode(port.get()); err != CORE_OK) {
         log_err("Unable to configure device");

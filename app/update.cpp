@@ -13,6 +13,7 @@
 #include "package-check.hpp"
 #include "package.hpp"
 #include "route.hpp"
+#include "run-lock.hpp"
 #include "zepho-log.hpp"
 
 namespace {
@@ -33,6 +34,8 @@ int update_attached_modem(modem *modems, uint8_t max_modems)
     log_as(in_update_after_listening, CORE_LOG_DBG, "found supported modem");
     if (is_in_download_mode(&modems[0]))
         return start_update_procedure(modems, max_modems, true);
+    if (const int err = hold_modem(&modems[0]); err != CORE_OK)
+        return err;
     if (collect_modem_array_basic_information(modems, max_modems, false) != CORE_OK)
         log_as(in_update_after_listening, CORE_LOG_ERR, "failure in modem probing, trying fw update anyway");
     show_modems(modems, max_modems);
@@ -54,6 +57,10 @@ int end_interrupted_listening()
 int update_with_port(modem *modems, uint8_t max_modems, bool skip_enter_qdl, const char *port)
 {
     prepare_port_modem(&modems[0], skip_enter_qdl, port);
+    if (!options.dry_run) { // which speaks to nobody
+        if (const int err = hold_modem(&modems[0]); err != CORE_OK)
+            return err;
+    }
     if (!skip_enter_qdl) {
         if (const int err = refuse_download_devices(); err != CORE_OK)
             return err;
@@ -77,6 +84,8 @@ int update_with_scan(modem *modems, uint8_t max_modems, bool json)
     log_dbg("found supported modem");
     if (is_in_download_mode(&modems[0]))
         return start_update_procedure(modems, max_modems, true);
+    if (const int lock_err = hold_modem(&modems[0]); lock_err != CORE_OK)
+        return lock_err;
     const int probe_err = collect_modem_array_basic_information(modems, max_modems, false);
     if (probe_err != CORE_OK && probe_err != CORE_ENODEV)
         log_dbg("failure in modem probing, trying fw update anyway");

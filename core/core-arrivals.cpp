@@ -4,7 +4,10 @@
 #include "time-limit.hpp"
 #include "timeouts.hpp"
 
+#include <algorithm>
 #include <cstdio>
+#include <span>
+#include <string_view>
 
 namespace {
 
@@ -24,20 +27,18 @@ bool is_wanted(const core_usb_id *id, const void *context)
     return wanted->match(&info, wanted->list);
 }
 
-core_sysfs_device *find_known(core_known_devices *known, const char *path)
+core_sysfs_device *find_known(core_known_devices *known, std::string_view path)
 {
-    for (size_t i = 0; i < known->count; ++i) {
-        if (strcmp(known->devices[i].path, path) == 0)
-            return &known->devices[i];
-    }
-    return nullptr;
+    const std::span devices(known->devices, known->count);
+    const auto found = std::ranges::find(devices, path, &core_sysfs_device::path);
+    return found != devices.end() ? &*found : nullptr;
 }
 
 void forget(core_known_devices *known, size_t index)
 {
+    core_sysfs_device *const gone = &known->devices[index];
+    std::move(gone + 1, known->devices + known->count, gone);
     --known->count;
-    memmove(&known->devices[index], &known->devices[index + 1],
-            (known->count - index) * sizeof known->devices[0]);
 }
 
 void describe(const core_sysfs_device &device, bool removed, core_usb_event *event)
@@ -89,11 +90,11 @@ bool find_arrival(const char *sys, core_known_devices *known, const wanted_devic
 {
     static core_sysfs_device present[max_present];
     const size_t count = core_sysfs_find_devices(sys, is_wanted, &wanted, present, max_present);
-    for (size_t i = 0; i < count; ++i) {
-        if (!is_arrival(present[i], known) || !await_interfaces(present[i]))
+    for (const core_sysfs_device &device : std::span(present, count)) {
+        if (!is_arrival(device, known) || !await_interfaces(device))
             continue;
-        core_know_device(known, present[i]);
-        describe(present[i], false, event);
+        core_know_device(known, device);
+        describe(device, false, event);
         return true;
     }
     return false;

@@ -20,5 +20,5 @@ void core_know_device(core_known_devices *known, const core_sysfs_device &device
 // Looks for one difference that `match` accepts for `list` and describes it in `event`; removals come before
 // arrivals. A USB device arrives when all its interfaces are there, which is waited for, at most 2 s; a PCIe
 // modem when it has a port. False when there is no difference.
-bool core_find_bus_event(const char *sys, core_known_devices *known, core_usb_id_matcher match,
-                         const core_usb_id_list *list, core_usb_event *event);
+[[nodiscard]] bool core_find_bus_event(const char *sys, core_known_devices *known, core_usb_id_matcher match,
+                                       const core_usb_id_list *list, core_usb_event *event);

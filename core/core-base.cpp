@@ -1,6 +1,7 @@
 #include "core-base.hpp"
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <unistd.h>
@@ -69,6 +70,15 @@ size_t strlcat(char *dest, const char *src, size_t size)
     return used + strlcpy(dest + used, src, size - used);
 }
 #endif
+
+bool core_compose(std::span<char> out, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vsnprintf(out.data(), out.size(), format, arguments);
+    va_end(arguments);
+    return length >= 0 && static_cast<size_t>(length) < out.size();
+}
 
 bool core_is_zero(const void *record, size_t size)
 {

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <optional>
+#include <span>
 #include <string_view>
 
 // Core error codes. Every operation of this library returns 0 for success or one of these. The numbers are
@@ -49,14 +50,14 @@ extern volatile std::sig_atomic_t sigint_detected;
 
 // Translates an errno value of this platform into a core error code; CORE_EGENERIC for any errno without a
 // row of its own (ENOMEM and 0 included). Goes by name, so a time-out is -110 on every processor.
-int map_errno_to_core_err(int err);
+[[nodiscard]] int map_errno_to_core_err(int err);
 
 // To be called from the application's signal handler. For SIGINT sets sigint_detected; returns 0. Any other
 // signal number: returns 2 and changes nothing. Async-signal-safe.
 int core_signal_handler(int signo);
 
-// Sleeps `ms` milliseconds (the product with 1000 is taken in 32 bits) and returns what usleep returned;
-// a signal ends the sleep early.
+// Sleeps `ms` milliseconds (the product with 1000 is taken in 32 bits) and returns what usleep returned; a
+// signal ends the sleep early.
 int core_sleep(unsigned ms);
 
 // Reads the monotonic clock into `out`. 0, or -1 on failure; logs nothing.
@@ -80,6 +81,12 @@ inline std::string_view text_before(std::string_view text, std::string_view mark
 {
     return {text.data(), std::min(text.find_first_of(marks), text.size())};
 }
+// What stands behind the last slash of a path; the whole of it where there is none.
+[[nodiscard]] inline std::string_view core_last_component(std::string_view path)
+{
+    path.remove_prefix(path.rfind('/') + 1); // 0 where there is none
+    return path;
+}
 
 // strlcpy(3) and strlcat(3), where the C library has none: bounded copy and append into a buffer of `size`
 // bytes, always terminated when `size` is not 0; the result is the length that was tried for.
@@ -88,10 +95,14 @@ extern "C" size_t strlcpy(char *dest, const char *src, size_t size);
 extern "C" size_t strlcat(char *dest, const char *src, size_t size);
 #endif
 
+// printf(3) into a buffer, which is always terminated; false when the text had to be cut.
+[[nodiscard]] bool core_compose(std::span<char> out, const char *format, ...)
+    __attribute__((format(printf, 2, 3)));
+
 // True when every byte of the record is zero: how the tables of this system mark a free slot.
-bool core_is_zero(const void *record, size_t size);
+[[nodiscard]] bool core_is_zero(const void *record, size_t size);
 
 // The library's interface: the updater itself does not call this.
 
 // Case-insensitive substring search (strcasestr(3)): the first match inside `haystack`, or null.
-const char *core_strcasestr(const char *haystack, const char *needle);
+[[nodiscard]] const char *core_strcasestr(const char *haystack, const char *needle);

@@ -12,8 +12,8 @@
 #include <cstddef>
 #include <cstdint>
 
-// Opens `path` for reading and writing, non-blocking; `*handle` receives the descriptor, -1 on failure.
-// 0 or the mapped errno. No terminal settings are touched.
+// Opens `path` for reading and writing, non-blocking; `*handle` receives the descriptor, -1 on failure. 0 or
+// the mapped errno. No terminal settings are touched.
 int core_device_open(const char *path, int *handle);
 // Closes the descriptor. 0 or the mapped errno.
 int core_device_close(int handle);
@@ -23,7 +23,7 @@ using owned_device = owned_handle<core_device_close>;
 // handle that is no terminal, or the mapped errno.
 int core_set_hw_flow_control(int handle, bool enable);
 // Raw, without hardware flow control.
-int core_device_set_raw_mode(int handle);
+[[nodiscard]] int core_device_set_raw_mode(int handle);
 
 // Sets or clears DTR and RTS. Always 0.
 int core_set_control_signals(int handle, bool dtr, bool rts);
@@ -33,18 +33,20 @@ int core_device_set_baud_rate(int handle, unsigned rate);
 
 // One read(2) of at most `len` bytes; `*nread` receives the count. 0; CORE_EAGAIN, silently, when nothing is
 // there; or the mapped errno.
-int core_device_read(int handle, void *buf, size_t len, size_t *nread);
+[[nodiscard]] int core_device_read(int handle, void *buf, size_t len, size_t *nread);
 // One poll(2) for `events`. 0 when one of them is there, CORE_ETIMEDOUT, CORE_ECANCELED after a hang-up,
 // CORE_EGENERIC for a device error, CORE_EINTR (silently) or the mapped errno.
-int _core_device_poll(int handle, int64_t timeout_ms, short events); // NOLINT(bugprone-reserved-identifier)
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+[[nodiscard]] int _core_device_poll(int handle, int64_t timeout_ms, short events);
 // The same for input.
-int core_device_poll(int handle, int64_t timeout_ms);
+[[nodiscard]] int core_device_poll(int handle, int64_t timeout_ms);
 // Waits for input, then reads once; the results of core_device_poll and core_device_read.
-int core_device_read_timeout(int handle, void *buf, size_t len, unsigned timeout_ms, size_t *nread);
+[[nodiscard]] int core_device_read_timeout(int handle, void *buf, size_t len, unsigned timeout_ms,
+                                           size_t *nread);
 // Waits for room, then one write(2); `*written` may be less than `len`. 0 or the error of poll or write.
 int core_device_write(int handle, const void *buf, size_t len, size_t *written);
 // Bytes waiting to be read. 0 or the mapped errno.
-int core_device_get_bytes_available(int handle, int *count);
+[[nodiscard]] int core_device_get_bytes_available(int handle, int *count);
 
 // The library's interface: the updater itself calls none of these.
 
@@ -57,18 +59,18 @@ struct core_serial_state {
 };
 
 // Reads the modem lines. CORE_EINVAL for a null `state`, else 0: lines that cannot be read leave it zeroed.
-int core_get_serial_state(int handle, core_serial_state *state);
+[[nodiscard]] int core_get_serial_state(int handle, core_serial_state *state);
 // Writes the whole buffer again from its start until `len` bytes in all were taken. 0; CORE_EIO after ten
 // writes in a row that took nothing, 10 ms apart; or the error of poll or write.
 int core_device_recoursive_write(int handle, const void *buf, size_t len);
 // Discards what waits in both directions (tcflush(3)). 0 or CORE_EIO.
-int core_device_flush(int handle);
+[[nodiscard]] int core_device_flush(int handle);
 // Resolves `path` into `out`, which holds PATH_MAX bytes (realpath(3)). 0, CORE_EINVAL for a null or empty
 // path or a null `out`, or the mapped errno.
-int core_get_real_path(const char *path, char *out);
+[[nodiscard]] int core_get_real_path(const char *path, char *out);
 // Waits until the device node `port` exists. 0; CORE_ENODEV when SIGINT ended the wait (seen within a
 // second); CORE_EINVAL for a null name; CORE_ENOMEM; CORE_EGENERIC when its directory cannot be watched.
-int core_wait_for_serial(const char *port);
+[[nodiscard]] int core_wait_for_serial(const char *port);
 
 // True when the record's identifier texts equal `vid` and `pid` in their first five characters; case counts.
 // All three must be non-null (assertion).

@@ -6,21 +6,18 @@
 
 #include <algorithm>
 #include <poll.h>
+#include <span>
 
 namespace {
 
 constexpr size_t max_found = 32;
 
-struct identifiers {
-    const core_usb_id *ids;
-    size_t count;
-};
+using identifiers = std::span<const core_usb_id>;
 
 bool is_one_of(const core_usb_id *id, const void *context)
 {
-    const auto *const wanted = static_cast<const identifiers *>(context);
-    return std::any_of(wanted->ids, wanted->ids + wanted->count,
-                       [id](const core_usb_id &other) { return core_usb_id_equals(id, &other); });
+    return std::ranges::any_of(*static_cast<const identifiers *>(context),
+                               [id](const core_usb_id &wanted) { return core_usb_id_equals(id, &wanted); });
 }
 
 // Returns when a message that concerns modems is there, and after `pause_ms` in any case. A broken socket is
@@ -38,7 +35,7 @@ void await_message(owned_socket *socket, int pause_ms)
         case core_uevents::some:
             return;
         case core_uevents::broken:
-            socket->close();
+            static_cast<void>(socket->close()); // of no use any more, however it goes
             return;
         }
     }
@@ -63,10 +60,10 @@ int core_discovery_enumerate(core_discovery *discovery, const core_usb_id *ids, 
     const size_t room = std::min(*size, max_found);
     const size_t present = core_sysfs_find_devices(roots.sys, is_one_of, &wanted, found, room);
     *size = 0;
-    for (size_t i = 0; i < present; ++i) {
-        if (!core_sysfs_describe(roots.sys, &found[i], &devices[*size]))
+    for (const core_sysfs_device &device : std::span(found, present)) {
+        if (!core_sysfs_describe(roots.sys, &device, &devices[*size]))
             continue;
-        core_know_device(discovery->known, found[i]);
+        core_know_device(discovery->known, device);
         ++*size;
     }
     if (*size == 0)

@@ -22,10 +22,10 @@ constexpr int CORE_LISTEN_FOREVER = -1;
 
 // Fills `devices` with the connected devices of the `count` identifiers. `*size` is the array's capacity on
 // the way in and the number of devices found on the way out. 0, CORE_ENODEV, CORE_ENOTSUPPORTED or an error.
-int core_device_enumerate(const core_usb_id *identifiers, size_t count, core_device_info *devices,
-                          size_t *size);
+[[nodiscard]] int core_device_enumerate(const core_usb_id *identifiers, size_t count,
+                                        core_device_info *devices, size_t *size);
 
 // Blocks until a device that `match` accepts for `list` arrives or leaves and describes it in `event`.
 // `timeout_ms` in milliseconds, or CORE_LISTEN_FOREVER. 0, CORE_ETIMEDOUT, CORE_ENOTSUPPORTED or an error.
-int core_device_usb_id_event_listener(core_usb_id_matcher match, const core_usb_id_list *list,
-                                      core_usb_event *event, int timeout_ms);
+[[nodiscard]] int core_device_usb_id_event_listener(core_usb_id_matcher match, const core_usb_id_list *list,
+                                                    core_usb_event *event, int timeout_ms);

@@ -38,15 +38,15 @@ int endpoint_close(core_endpoint *ep);
 // One bulk transfer of `len` bytes (at most INT_MAX) in the given direction; `*transferred` receives the
 // count. 0, also when a transfer failed otherwise than by its time-out; CORE_ETIMEDOUT; CORE_EINVAL for a
 // closed record or a length out of range; or libusb's code for a failed claim.
-int endpoint_transfer(core_endpoint *ep, bool out, void *buf, size_t len, int *transferred);
+[[nodiscard]] int endpoint_transfer(core_endpoint *ep, bool out, void *buf, size_t len, int *transferred);
 // Writes the device's system name ("1-2.3", "usb2" for a root hub) and returns its length, 0 on failure.
-int get_sys_name(char *buf, size_t size, libusb_device *dev);
+[[nodiscard]] int get_sys_name(char *buf, size_t size, libusb_device *dev);
 
 // What the application calls.
-int core_usb_endpoint_open(const core_device_info *info, core_endpoint *ep);
+[[nodiscard]] int core_usb_endpoint_open(const core_device_info *info, core_endpoint *ep);
 int core_usb_endpoint_close(core_endpoint *ep);
-int core_usb_endpoint_write(core_endpoint *ep, const void *buf, size_t len, int *transferred);
-int core_usb_endpoint_read(core_endpoint *ep, void *buf, size_t len, int *transferred);
+[[nodiscard]] int core_usb_endpoint_write(core_endpoint *ep, const void *buf, size_t len, int *transferred);
+[[nodiscard]] int core_usb_endpoint_read(core_endpoint *ep, void *buf, size_t len, int *transferred);
 // Takes what waits already, at most `len` bytes, or comes within `timeout_ms` (not 0): one read, in silence.
 // `*transferred` may be 0. 0, CORE_EINVAL for a closed record, CORE_EGENERIC, or libusb's code for a failed
 // claim.
@@ -57,5 +57,5 @@ int core_usb_endpoint_read(core_endpoint *ep, void *buf, size_t len, int *transf
 
 // As endpoint_open, by identifier, for one interface; CORE_ENODEV also for an interface that the device does
 // not have.
-int interface_open(const core_device_info *info, core_endpoint *ep, uint8_t interface);
-int core_usb_interface_open(const core_device_info *info, core_endpoint *ep, int interface);
+[[nodiscard]] int interface_open(const core_device_info *info, core_endpoint *ep, uint8_t interface);
+[[nodiscard]] int core_usb_interface_open(const core_device_info *info, core_endpoint *ep, int interface);

@@ -205,9 +205,8 @@ int core_delete_directory(const char *path) // NOLINT(misc-no-recursion): as dee
         if (is_dot_entry(entry->d_name))
             continue;
         char child[path_size];
-        const int length = snprintf(child, sizeof child, "%s/%s", path, entry->d_name);
         // A name that was cut is another entry's, and may be this directory's own.
-        if (length < 0 || static_cast<size_t>(length) >= sizeof child || delete_entry(child) != CORE_OK)
+        if (!core_compose(child, "%s/%s", path, entry->d_name) || delete_entry(child) != CORE_OK)
             return CORE_EIO;
     }
     return rmdir(path) == 0 ? CORE_OK : CORE_EIO;

@@ -26,17 +26,17 @@ template <int (*Close)(int)> class owned_handle {
     explicit owned_handle(int handle) : handle_(handle) {}
     owned_handle(const owned_handle &) = delete;
     owned_handle &operator=(const owned_handle &) = delete;
-    ~owned_handle() { close(); }
+    ~owned_handle() { static_cast<void>(close()); }
 
-    int get() const { return handle_; }
+    [[nodiscard]] int get() const { return handle_; }
     // Where an open call stores its descriptor.
     int *receive()
     {
-        close();
+        static_cast<void>(close()); // nothing depends on the one before
         return &handle_;
     }
     // Gives the descriptor up to the caller.
-    int release()
+    [[nodiscard]] int release()
     {
         const int handle = handle_;
         handle_ = -1;
@@ -50,7 +50,7 @@ template <int (*Close)(int)> class owned_handle {
 };
 
 // printf(3) into memory of its own; null when there is none.
-inline owned_text __attribute__((format(printf, 1, 2))) format_text(const char *format, ...)
+[[nodiscard]] inline owned_text __attribute__((format(printf, 1, 2))) format_text(const char *format, ...)
 {
     char *text = nullptr;
     va_list arguments;

@@ -6,6 +6,9 @@
 #include <cctype>
 #include <climits>
 #include <fcntl.h>
+#include <optional>
+#include <span>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,34 +23,31 @@ constexpr uint32_t max_number = 0xFFFFF;
 
 using path_text = char[text_size];
 
-// printf(3) into a text of the records; false when it does not fit.
-template <typename... Parts> bool compose(path_text &out, const char *format, Parts... parts)
-{
-    const int length = snprintf(out, sizeof out, format, parts...);
-    return length >= 0 && static_cast<size_t>(length) < sizeof out;
-}
-
 // The entries of a folder that `select` takes, numbers in their names by value; none when there is no such
 // folder.
 class listing {
   public:
     using selector = int (*)(const dirent *);
-    listing(const char *folder, selector select) : count(scandir(folder, &entries, select, versionsort)) {}
+    listing(const char *folder, selector select)
+    {
+        const int count = scandir(folder, &entries_, select, versionsort);
+        count_ = count > 0 ? static_cast<size_t>(count) : 0;
+    }
     listing(const listing &) = delete;
     listing &operator=(const listing &) = delete;
     ~listing()
     {
-        for (int i = 0; i < count; ++i)
-            free(entries[i]);
-        if (count >= 0)
-            free(entries);
+        for (dirent *const entry : *this)
+            free(entry);
+        free(entries_);
     }
-    int size() const { return count; }
-    const char *operator[](int index) const { return entries[index]->d_name; }
+    size_t size() const { return count_; }
+    dirent **begin() const { return entries_; }
+    dirent **end() const { return entries_ + count_; }
 
   private:
-    dirent **entries = nullptr;
-    int count;
+    dirent **entries_ = nullptr;
+    size_t count_ = 0;
 };
 
 bool resolve(const char *path, path_text &out)
@@ -57,73 +57,75 @@ bool resolve(const char *path, path_text &out)
 }
 
 // Reads an attribute without its line end.
-bool read_text(const char *folder, const char *attribute, char *out, size_t size)
+bool read_text(const char *folder, const char *attribute, std::span<char> out)
 {
     path_text path;
-    if (!compose(path, "%s/%s", folder, attribute))
+    if (!core_compose(path, "%s/%s", folder, attribute))
         return false;
     const owned_file file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (file.get() < 0)
         return false;
-    const ssize_t length = read(file.get(), out, size);
-    if (length < 0 || static_cast<size_t>(length) == size)
+    const ssize_t length = read(file.get(), out.data(), out.size());
+    if (length < 0 || static_cast<size_t>(length) == out.size())
         return false;
-    out[length] = '\0';
-    out[strcspn(out, "\n")] = '\0';
+    out[static_cast<size_t>(length)] = '\0';
+    out[strcspn(out.data(), "\n")] = '\0';
     return true;
 }
 
 // A number may have blanks before it and "0x" where it is hexadecimal, and nothing behind it.
-bool parse_number(const char *text, int base, uint32_t max, uint32_t *out)
+std::optional<uint32_t> parse_number(const char *text, int base, uint32_t max)
 {
-    if (strchr(text, '-') != nullptr)
-        return false;
     char *end = nullptr;
     const unsigned long value = strtoul(text, &end, base);
-    if (end == text || *end != '\0' || value > max)
-        return false;
-    *out = static_cast<uint32_t>(value);
-    return true;
+    if (end == text || *end != '\0' || value > max || strchr(text, '-') != nullptr)
+        return {};
+    return static_cast<uint32_t>(value);
 }
 
-bool read_number(const char *folder, const char *attribute, int base, uint32_t max, uint32_t *out)
+std::optional<uint32_t> read_number(const char *folder, const char *attribute, int base, uint32_t max)
 {
     char text[number_size];
-    return read_text(folder, attribute, text, sizeof text) && parse_number(text, base, max, out);
+    return read_text(folder, attribute, text) ? parse_number(text, base, max) : std::nullopt;
 }
 
+// An identifier with a part that is missing is an empty one.
 bool read_id(const char *folder, const char *vendor, const char *product, core_usb_id *id)
 {
-    return read_number(folder, vendor, 16, max_id, &id->vid) &&
-           read_number(folder, product, 16, max_id, &id->pid) && !core_usb_id_is_empty(id);
+    id->vid = read_number(folder, vendor, 16, max_id).value_or(0);
+    id->pid = read_number(folder, product, 16, max_id).value_or(0);
+    return !core_usb_id_is_empty(id);
+}
+
+bool fits_record(std::string_view name)
+{
+    return name.size() < CORE_SYSFS_NAME_SIZE;
 }
 
 // True for `prefix` and digits, and nothing else.
-bool is_numbered(const char *name, const char *prefix)
+bool is_numbered(std::string_view name, std::string_view prefix)
 {
-    const size_t length = strlen(prefix);
-    if (strncmp(name, prefix, length) != 0 || strlen(name) >= CORE_SYSFS_NAME_SIZE)
-        return false;
-    const char *const digits = name + length;
-    return *digits != '\0' && digits[strspn(digits, "0123456789")] == '\0';
+    return fits_record(name) && name.size() > prefix.size() && name.starts_with(prefix) &&
+           name.find_first_not_of("0123456789", prefix.size()) == name.npos;
 }
 
-bool begins_with_digit(const char *name)
+bool begins_with_digit(std::string_view name)
 {
-    return isdigit(static_cast<unsigned char>(name[0])) != 0;
+    return isdigit(static_cast<unsigned char>(name.front())) != 0;
 }
 
 // Names such as 1-2.3; an interface's is 1-2.3:1.0, a root hub's usb1.
 int is_usb_device(const dirent *entry)
 {
-    const char *const name = entry->d_name;
-    return begins_with_digit(name) && strchr(name, ':') == nullptr && strlen(name) < CORE_SYSFS_NAME_SIZE;
+    const std::string_view name = entry->d_name;
+    return begins_with_digit(name) && name.find(':') == name.npos && fits_record(name);
 }
 
 // A device's folder may also hold links to what it depends on, such as supplier:pci:0000:00:0d.2.
 int is_usb_interface(const dirent *entry)
 {
-    return begins_with_digit(entry->d_name) && strchr(entry->d_name, ':') != nullptr;
+    const std::string_view name = entry->d_name;
+    return begins_with_digit(name) && name.find(':') != name.npos;
 }
 
 // A controller; its channels are mhi0_IPCR and the like.
@@ -135,8 +137,8 @@ int is_mhi_controller(const dirent *entry)
 // A port such as wwan0at0; wwan0 is the device that has the ports.
 int is_wwan_port(const dirent *entry)
 {
-    const char *const name = entry->d_name;
-    return strncmp(name, "wwan", 4) == 0 && !is_numbered(name, "wwan") && strlen(name) < CORE_SYSFS_NAME_SIZE;
+    const std::string_view name = entry->d_name;
+    return name.starts_with("wwan") && !is_numbered(name, "wwan") && fits_record(name);
 }
 
 int is_usb_serial_port(const dirent *entry)
@@ -149,24 +151,22 @@ int is_acm_port(const dirent *entry)
     return is_numbered(entry->d_name, "ttyACM");
 }
 
-bool is_below(const char *path, const char *folder)
+bool is_below(std::string_view path, std::string_view folder)
 {
-    const size_t length = strlen(folder);
-    return strncmp(path, folder, length) == 0 && path[length] == '/';
+    return path.size() > folder.size() && path.starts_with(folder) && path[folder.size()] == '/';
 }
 
 // Calls `take` (a port's name and real path) for each wwan port below a device's or an interface's folder.
 template <typename Take> void for_each_wwan_port(const char *sys, const char *folder, Take take)
 {
     path_text ports;
-    if (!compose(ports, "%s/class/wwan", sys))
+    if (!core_compose(ports, "%s/class/wwan", sys))
         return;
-    const listing names(ports, is_wwan_port);
-    for (int i = 0; i < names.size(); ++i) {
+    for (const dirent *const port : listing(ports, is_wwan_port)) {
         path_text link;
         path_text path;
-        if (compose(link, "%s/%s", ports, names[i]) && resolve(link, path) && is_below(path, folder))
-            take(names[i], path);
+        if (core_compose(link, "%s/%s", ports, port->d_name) && resolve(link, path) && is_below(path, folder))
+            take(port->d_name, path);
     }
 }
 
@@ -189,7 +189,7 @@ void look_at_pcie_ports(const char *sys, const char *pci_folder, core_sysfs_devi
         struct stat status {};
         if (!parent_of(path, folder) || stat(folder, &status) != 0)
             return;
-        if (strstr(name, "firehose") != nullptr)
+        if (std::string_view(name).find("firehose") != std::string_view::npos)
             device->has_firehose_port = true;
         device->incarnation = static_cast<uint64_t>(status.st_ino) << 1;
     });
@@ -200,11 +200,9 @@ bool read_usb_device(core_sysfs_device *device)
 {
     if (!read_id(device->path, "idVendor", "idProduct", &device->id))
         return false;
-    uint32_t bus = 0;
-    uint32_t number = 0;
-    read_number(device->path, "busnum", 10, max_number, &bus);
-    read_number(device->path, "devnum", 10, max_number, &number);
-    device->incarnation = static_cast<uint64_t>(bus) << 32 | number;
+    const uint64_t bus = read_number(device->path, "busnum", 10, max_number).value_or(0);
+    const uint64_t number = read_number(device->path, "devnum", 10, max_number).value_or(0);
+    device->incarnation = bus << 32 | number;
     return true;
 }
 
@@ -217,11 +215,34 @@ bool read_pcie_modem(const char *sys, core_sysfs_device *device)
     return true;
 }
 
+struct bus_row {
+    const char *folder;
+    listing::selector select;
+    bool is_pcie;
+};
+
+constexpr bus_row buses[] = {
+    {"bus/usb/devices", is_usb_device, false},
+    {"bus/mhi/devices", is_mhi_controller, true},
+};
+
+// A link that leads to another name is no device's: the name is what libusb's devices are found by.
+bool read_device(const char *sys, const bus_row &bus, const char *name, core_sysfs_device *device)
+{
+    *device = {};
+    device->is_pcie = bus.is_pcie;
+    path_text link;
+    if (!core_compose(link, "%s/%s/%s", sys, bus.folder, name) || !resolve(link, device->path) ||
+        core_last_component(device->path) != name)
+        return false;
+    return bus.is_pcie ? read_pcie_modem(sys, device) : read_usb_device(device);
+}
+
 // Puts a port where it belongs in the order of interface and name; what does not fit falls off the end.
 void insert_port(core_device_info *info, const char *interface, const char *name)
 {
     path_text node;
-    if (!compose(node, "/dev/%s", name))
+    if (!core_compose(node, "/dev/%s", name))
         return;
     uint32_t place = 0;
     while (place < info->port_count) {
@@ -245,22 +266,21 @@ void insert_port(core_device_info *info, const char *interface, const char *name
 // A serial converter's port is a device of the interface, and its tty is the port's.
 void insert_usb_serial_ports(const char *interface_folder, const char *interface, core_device_info *info)
 {
-    const listing ports(interface_folder, is_usb_serial_port);
-    for (int i = 0; i < ports.size(); ++i) {
+    for (const dirent *const port : listing(interface_folder, is_usb_serial_port)) {
         path_text tty;
-        if (compose(tty, "%s/%s/tty/%s", interface_folder, ports[i], ports[i]) && access(tty, F_OK) == 0)
-            insert_port(info, interface, ports[i]);
+        if (core_compose(tty, "%s/%s/tty/%s", interface_folder, port->d_name, port->d_name) &&
+            access(tty, F_OK) == 0)
+            insert_port(info, interface, port->d_name);
     }
 }
 
 void insert_acm_ports(const char *interface_folder, const char *interface, core_device_info *info)
 {
     path_text folder;
-    if (!compose(folder, "%s/tty", interface_folder))
+    if (!core_compose(folder, "%s/tty", interface_folder))
         return;
-    const listing ports(folder, is_acm_port);
-    for (int i = 0; i < ports.size(); ++i)
-        insert_port(info, interface, ports[i]);
+    for (const dirent *const port : listing(folder, is_acm_port))
+        insert_port(info, interface, port->d_name);
 }
 
 void insert_wwan_ports(const char *sys, const char *folder, const char *interface, core_device_info *info)
@@ -272,15 +292,15 @@ void insert_wwan_ports(const char *sys, const char *folder, const char *interfac
 
 void insert_usb_ports(const char *sys, const core_sysfs_device *device, core_device_info *info)
 {
-    const listing interfaces(device->path, is_usb_interface);
-    for (int i = 0; i < interfaces.size(); ++i) {
+    for (const dirent *const entry : listing(device->path, is_usb_interface)) {
         path_text folder;
-        uint32_t number = 0;
-        if (!compose(folder, "%s/%s", device->path, interfaces[i]) ||
-            !read_number(folder, "bInterfaceNumber", 16, max_interface, &number))
+        if (!core_compose(folder, "%s/%s", device->path, entry->d_name))
+            continue;
+        const auto number = read_number(folder, "bInterfaceNumber", 16, max_interface);
+        if (!number.has_value())
             continue;
         char interface[12];
-        snprintf(interface, sizeof interface, "%02u", number);
+        snprintf(interface, sizeof interface, "%02u", *number);
         insert_usb_serial_ports(folder, interface, info);
         insert_acm_ports(folder, interface, info);
         insert_wwan_ports(sys, folder, interface, info);
@@ -289,41 +309,17 @@ void insert_usb_ports(const char *sys, const core_sysfs_device *device, core_dev
 
 } // namespace
 
-const char *core_last_component(const char *path)
-{
-    const char *const slash = strrchr(path, '/');
-    return slash != nullptr ? slash + 1 : path;
-}
-
 size_t core_sysfs_find_devices(const char *sys, core_sysfs_filter wanted, const void *context,
                                core_sysfs_device *devices, size_t room)
 {
-    const struct {
-        const char *folder;
-        listing::selector select;
-        bool is_pcie;
-    } buses[] = {
-        {"bus/usb/devices", is_usb_device, false},
-        {"bus/mhi/devices", is_mhi_controller, true},
-    };
     size_t count = 0;
-    for (const auto &bus : buses) {
+    for (const bus_row &bus : buses) {
         path_text folder;
-        if (!compose(folder, "%s/%s", sys, bus.folder))
+        if (!core_compose(folder, "%s/%s", sys, bus.folder))
             continue;
-        const listing names(folder, bus.select);
-        for (int i = 0; i < names.size() && count < room; ++i) {
-            path_text link;
-            core_sysfs_device *const device = &devices[count];
-            *device = {};
-            device->is_pcie = bus.is_pcie;
-            // A link that leads to another name is no device's: the name is what libusb's devices are found
-            // by.
-            if (!compose(link, "%s/%s", folder, names[i]) || !resolve(link, device->path) ||
-                strcmp(core_last_component(device->path), names[i]) != 0)
-                continue;
-            if ((bus.is_pcie ? read_pcie_modem(sys, device) : read_usb_device(device)) &&
-                wanted(&device->id, context))
+        for (const dirent *const entry : listing(folder, bus.select)) {
+            if (count < room && read_device(sys, bus, entry->d_name, &devices[count]) &&
+                wanted(&devices[count].id, context))
                 ++count;
         }
     }
@@ -343,15 +339,12 @@ bool core_sysfs_is_attached(const core_sysfs_device *device)
 bool core_sysfs_is_complete(const core_sysfs_device *device)
 {
     char text[number_size];
-    if (device->is_pcie || !read_text(device->path, "bNumInterfaces", text, sizeof text))
+    if (device->is_pcie || !read_text(device->path, "bNumInterfaces", text))
         return true;
     if (text[0] == '\0')
         return false; // the device is announced before its configuration is chosen
-    uint32_t interfaces = 0;
-    if (!parse_number(text, 10, max_count, &interfaces))
-        return true;
-    const listing folders(device->path, is_usb_interface);
-    return folders.size() >= static_cast<int>(interfaces);
+    const auto interfaces = parse_number(text, 10, max_count);
+    return !interfaces.has_value() || listing(device->path, is_usb_interface).size() >= *interfaces;
 }
 
 bool core_sysfs_describe(const char *sys, const core_sysfs_device *device, core_device_info *info)
@@ -367,7 +360,7 @@ bool core_sysfs_describe(const char *sys, const core_sysfs_device *device, core_
         if (device->incarnation != 0 && parent_of(device->path, pci_folder))
             insert_wwan_ports(sys, pci_folder, "", info);
     } else {
-        if (!read_text(device->path, "serial", info->serial, sizeof info->serial))
+        if (!read_text(device->path, "serial", info->serial))
             info->serial[0] = '\0';
         insert_usb_ports(sys, device, info);
     }

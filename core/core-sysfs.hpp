@@ -22,9 +22,6 @@ struct core_roots {
 // Room for the name of a device or a port, such as 1-2.3, mhi0 or ttyUSB0.
 constexpr size_t CORE_SYSFS_NAME_SIZE = 64;
 
-// What stands behind the last slash of a path; the whole of it where there is none.
-const char *core_last_component(const char *path);
-
 struct core_sysfs_device {
     core_usb_id id; // of the PCI device where `is_pcie` is set
     bool is_pcie;
@@ -40,16 +37,17 @@ using core_sysfs_filter = bool (*)(const core_usb_id *id, const void *context);
 
 // Fills `devices` (room for `room`) with the wanted devices: USB devices in the order of their bus and port
 // numbers, then PCIe modems in the order of their MHI controllers. Returns how many.
-size_t core_sysfs_find_devices(const char *sys, core_sysfs_filter wanted, const void *context,
-                               core_sysfs_device *devices, size_t room);
+[[nodiscard]] size_t core_sysfs_find_devices(const char *sys, core_sysfs_filter wanted, const void *context,
+                                             core_sysfs_device *devices, size_t room);
 // True while that very device is attached: a USB device of the same incarnation, or the PCIe modem's
 // controller.
-bool core_sysfs_is_attached(const core_sysfs_device *device);
+[[nodiscard]] bool core_sysfs_is_attached(const core_sysfs_device *device);
 // True when the kernel shows every interface that the active configuration has, false while none is active;
 // always true for PCIe, and for a device that does not tell how many it has.
-bool core_sysfs_is_complete(const core_sysfs_device *device);
+[[nodiscard]] bool core_sysfs_is_complete(const core_sysfs_device *device);
 
 // Describes the device and its ports: at most CORE_DEVICE_MAX_PORTS, in the order of interface number and
 // name. A port is "/dev/" and its name; its interface is "" for PCIe. No ports for a PCIe modem that had none
 // when it was found. False when the device has gone.
-bool core_sysfs_describe(const char *sys, const core_sysfs_device *device, core_device_info *info);
+[[nodiscard]] bool core_sysfs_describe(const char *sys, const core_sysfs_device *device,
+                                       core_device_info *info);

@@ -1,8 +1,8 @@
 #include "core-uevent.hpp"
 
 #include <cerrno>
-#include <cstring>
 #include <linux/netlink.h>
+#include <span>
 #include <string_view>
 #include <sys/socket.h>
 
@@ -11,14 +11,15 @@ namespace {
 constexpr uint32_t kernel_group = 1; // group 2 carries udev's own messages
 constexpr int max_messages = 256;
 constexpr size_t message_size = 8192; // the kernel's own limit is 2048
+constexpr std::string_view subsystem_key = "SUBSYSTEM=";
 
 enum class reading { message, foreign, nothing, overflow, broken };
 
 // One message, without waiting. Only the kernel has the port id 0; any process may send with its own.
-reading receive(int socket, char *buffer, size_t size, size_t *length)
+reading receive(int socket, std::span<char> buffer, size_t *length)
 {
     sockaddr_nl sender{};
-    iovec part{buffer, size};
+    iovec part{buffer.data(), buffer.size()};
     msghdr header{};
     header.msg_name = &sender;
     header.msg_namelen = sizeof sender;
@@ -58,18 +59,20 @@ int core_uevent_subscribe()
 // "add@/devices/...", then "KEY=value", each with a terminator.
 bool core_uevent_concerns_modems(const char *message, size_t size)
 {
-    if (size == 0 || message[size - 1] != '\0' || strchr(message, '@') == nullptr)
+    if (size == 0 || message[size - 1] != '\0')
         return false;
-    static constexpr std::string_view key = "SUBSYSTEM=";
+    const std::string_view header = message;
+    if (header.find('@') == header.npos)
+        return false;
     std::string_view subsystem;
-    for (size_t start = strlen(message) + 1; start < size;) {
+    for (size_t start = header.size() + 1; start < size;) {
         std::string_view line = message + start;
         start += line.size() + 1;
-        if (!line.starts_with(key))
+        if (!line.starts_with(subsystem_key))
             continue;
         if (subsystem.data() != nullptr)
             return false; // the kernel says it once
-        line.remove_prefix(key.size());
+        line.remove_prefix(subsystem_key.size());
         subsystem = line;
     }
     return is_wanted_subsystem(subsystem);
@@ -81,7 +84,7 @@ core_uevents core_uevent_drain(int socket)
     core_uevents result = core_uevents::none;
     for (int i = 0; i < max_messages; ++i) {
         size_t length = 0;
-        switch (receive(socket, buffer, sizeof buffer, &length)) {
+        switch (receive(socket, buffer, &length)) {
         case reading::message:
             if (core_uevent_concerns_modems(buffer, length))
                 result = core_uevents::some;

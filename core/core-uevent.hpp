@@ -16,9 +16,9 @@ enum class core_uevents {
 
 // Subscribes to the kernel's messages. A descriptor that the caller owns, or -1 where the system does not let
 // it.
-int core_uevent_subscribe();
+[[nodiscard]] int core_uevent_subscribe();
 // Takes what is there, without waiting, and at most 256 messages. Messages that are not the kernel's, and
 // those that are none, are passed over; an overflow counts as some.
-core_uevents core_uevent_drain(int socket);
+[[nodiscard]] core_uevents core_uevent_drain(int socket);
 // True for a well-formed message of the subsystems that modems live in: usb, mhi and wwan.
-bool core_uevent_concerns_modems(const char *message, size_t size);
+[[nodiscard]] bool core_uevent_concerns_modems(const char *message, size_t size);

@@ -35,7 +35,7 @@ struct core_device_info {
 // Parses two hexadecimal texts ("05c6", "0x9008"). True when both parse; `out->vid` may be set when the
 // product id then fails. Null texts give false without a message.
 bool core_usb_id_from_str(core_usb_id *out, const char *vid, const char *pid);
-bool core_usb_id_is_empty(const core_usb_id *id);
-bool core_usb_id_equals(const core_usb_id *a, const core_usb_id *b);
+[[nodiscard]] bool core_usb_id_is_empty(const core_usb_id *id);
+[[nodiscard]] bool core_usb_id_equals(const core_usb_id *a, const core_usb_id *b);
 // True when the device's identifier is in the list; texts that do not parse are logged and match nothing.
-bool core_usb_id_find_match(const core_device_info *info, const core_usb_id_list *list);
+[[nodiscard]] bool core_usb_id_find_match(const core_device_info *info, const core_usb_id_list *list);

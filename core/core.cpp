@@ -82,7 +82,7 @@ void core_deinit()
 int core_log_set_native(bool native)
 {
     is_log_native_enabled = native;
-    core_log_set_print(native ? syslog_print : stdout_print);
+    static_cast<void>(core_log_set_print(native ? syslog_print : stdout_print)); // neither can be refused
     return 0;
 }
 

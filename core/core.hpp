@@ -35,4 +35,4 @@ struct core_time_of_day {
 };
 
 // Reads the wall clock into `out`. 0, or the mapped errno with `out` zeroed.
-int core_get_time_of_day(core_time_of_day *out);
+[[nodiscard]] int core_get_time_of_day(core_time_of_day *out);

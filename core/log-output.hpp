@@ -16,11 +16,11 @@ enum core_log_pprint_mode : int {
 void core_log_set_pprint(int mode);
 
 // True while log messages become JSON objects.
-bool core_log_is_json();
+[[nodiscard]] bool core_log_is_json();
 
-// Reports that `current` of `max` bytes of `description` are done, before the next block is sent.
-// Text output: a percentage line that overwrites itself, below the debug threshold only (the callers log
-// their own line at debug level). JSON: one PROGRESS event. Neither current nor max may be negative.
+// Reports that `current` of `max` bytes of `description` are done, before the next block is sent. Text
+// output: a percentage line that overwrites itself, below the debug threshold only (the callers log their own
+// line at debug level). JSON: one PROGRESS event. Neither current nor max may be negative.
 void core_log_progress(const char *file, const char *function, int line, int64_t current, int64_t max,
                        const char *description);
 // Reports that all `max` bytes are acknowledged: one PROGRESS event with current = max; JSON only.

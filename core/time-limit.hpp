@@ -9,7 +9,7 @@ class time_limit {
     // `ms` milliseconds of the monotonic clock.
     explicit time_limit(unsigned ms);
     // True once the time is over; also when the clock cannot be read, so that a wait ends in any case.
-    bool passed() const;
+    [[nodiscard]] bool passed() const;
 
   private:
     int64_t end_ms_; // -1: the clock could not be read

@@ -31,15 +31,15 @@ struct option_descriptor {
 };
 
 // Parses the arguments after argv[0]. 0; CORE_EAGAIN (-11) when "-h" or "--help" was met; CORE_EINVAL for
-// every parse error (logged). Values stored before a failure stay stored. More than MAX_CLI_ARGS arguments
-// or a null table are assertion failures.
+// every parse error (logged). Values stored before a failure stay stored. More than MAX_CLI_ARGS arguments or
+// a null table are assertion failures.
 int get_opts(int argc, char **argv, const option_descriptor *flags);
 // Converts `text` and stores it in the option's destination. 0 or CORE_EINVAL.
-int get_value(const option_descriptor *flag, const char *text);
+[[nodiscard]] int get_value(const option_descriptor *flag, const char *text);
 // True when the first character is "-". A null text is an assertion failure.
 bool is_flag(const char *string);
 // True for "-x" (x not a dash) and for three or more characters that begin with "--".
-bool is_valid_flag_syntax(const char *string);
+[[nodiscard]] bool is_valid_flag_syntax(const char *string);
 
 // The library's interface: the updater itself does not call this.
 
@@ -49,5 +49,5 @@ using help_line = char[HELP_LINE_SIZE];
 
 // Fills at most `max_lines` lines with `header` (may be null) and a line for each of the first `count` rows.
 // Returns the number of lines written.
-uint8_t compose_help_message(const char *header, const option_descriptor *flags, uint8_t count,
-                             help_line *lines, uint8_t max_lines);
+[[nodiscard]] uint8_t compose_help_message(const char *header, const option_descriptor *flags, uint8_t count,
+                                           help_line *lines, uint8_t max_lines);

@@ -1,8 +1,8 @@
 // The JSON event stream: LOG, PROGRESS and custom objects, one per line (RFC 8259).
 //
 // core_log_json is a pretty printer of the log core; json_compose turns a table of typed entries into the
-// body of an object. Texts are escaped; bytes that are not UTF-8 become U+FFFD; whatever has to be cut is
-// cut before it is quoted, so that every line parses.
+// body of an object. Texts are escaped; bytes that are not UTF-8 become U+FFFD; whatever has to be cut is cut
+// before it is quoted, so that every line parses.
 #pragma once
 
 #include <cstddef>

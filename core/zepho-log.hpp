@@ -86,7 +86,7 @@ int file_print(int level, const char *format, ...) CORE_PRINTF(2, 3);
 int syslog_print(int level, const char *format, ...) CORE_PRINTF(2, 3);
 
 // The upper-case three-letter name of a level, "???" for a number that is none.
-const char *core_log_level_name(int level);
+[[nodiscard]] const char *core_log_level_name(int level);
 
 // Hexadecimal dump of `length` bytes, `bytes_per_line` (not 0) a line, as anonymous messages of `level`.
 void core_print_buffer_to_level(const void *buffer, uint32_t length, uint32_t bytes_per_line, int level);
@@ -100,7 +100,7 @@ void log_strip_newline(char *text);
 // The library's interface: the updater itself calls none of these.
 
 // The threshold in force.
-int core_log_get_level();
+[[nodiscard]] int core_log_get_level();
 // False drops the messages whose source file name contains "core-".
 void core_log_enable_core_messages(bool enabled);
 // Opens a log file and installs file_print. 0, or the mapped errno of fopen(3).

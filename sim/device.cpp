@@ -74,6 +74,15 @@ void device::receive(view bytes, unsigned channel)
         log_.received("after_end", bytes.size());
 }
 
+void device::end_transfer()
+{
+    if (ended())
+        return;
+    out_.speak_on(0);
+    engine_->end_transfer();
+    follow();
+}
+
 void device::settled()
 {
     if (ended())
@@ -92,8 +101,6 @@ void device::follow()
         return complete_stage();
     case progress::reset:
         return wanted_.stay ? enter(stage::normal, 0) : end(ending::complete, "reset by the host");
-    case progress::host_error:
-        return end(ending::host_error, "host error", std::string(stage_name()) + ": " + engine_->trouble());
     case progress::system_error:
         return end(ending::system_error, "system error", engine_->trouble());
     }

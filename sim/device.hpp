@@ -22,7 +22,7 @@
 namespace sim {
 
 // How the conversation ended; the numbers are exit statuses of the program.
-enum class ending { complete = 0, system_error = 1, timed_out = 3, host_error = 4 };
+enum class ending { complete = 0, system_error = 1, timed_out = 3 };
 
 class device {
   public:
@@ -33,6 +33,8 @@ class device {
     [[nodiscard]] bool start();
 
     void receive(view bytes, unsigned channel = 0);
+    // All that came so far was a transfer of its own.
+    void end_transfer();
     // Bytes that came but are not taken any more: they only go into the record.
     void leave(view bytes) { log_.record(bytes); }
     // How many bytes may be given to receive() next; 0: stop reading the line.
@@ -50,7 +52,7 @@ class device {
     bool ended() const { return stage_ == stage::ended; }
     // Only when ended.
     ending how() const { return how_; }
-    const std::string &trouble() const { return trouble_; } // one line for the two errors
+    const std::string &trouble() const { return trouble_; } // one line for a system error
     stage where() const { return stage_; }
     const char *stage_name() const;
 

@@ -19,7 +19,6 @@ enum class progress {
     busy,         // in the middle of the stage
     done,         // the stage is complete
     reset,        // the host reset the device before the stage was complete
-    host_error,   // the host sent what no device can accept
     system_error, // a file could not be written
 };
 
@@ -48,11 +47,13 @@ class engine {
     // moment.
     virtual bool wants_quiet() const { return false; }
     virtual void settled() {}
+    // What came so far was a whole transfer. A line that knows none never says so.
+    virtual void end_transfer() {}
     // How many bytes the engine takes at most before it stalls or hangs up; 0: it has stopped reading.
     virtual uint64_t input_limit() const { return UINT64_MAX; }
 
     progress state() const { return state_; }
-    const std::string &trouble() const { return trouble_; }   // for the two errors
+    const std::string &trouble() const { return trouble_; }   // for a system error
     uint32_t next_delay_ms() const { return next_delay_ms_; } // for the stage that follows
 
   protected:
@@ -68,11 +69,6 @@ class engine {
     }
 
     void finish(progress how) { state_ = how; }
-    void blame_host(std::string what)
-    {
-        trouble_ = std::move(what);
-        state_ = progress::host_error;
-    }
     [[nodiscard]] bool stored(bool good)
     {
         if (!good) {

@@ -10,7 +10,7 @@ namespace {
 
 constexpr size_t longest_command = 512;
 constexpr size_t longest_frame = 64;
-constexpr uint8_t subsystem_dispatch = 0x4B;
+constexpr std::array<uint8_t, 2> frame_start = {0x4B, 0x65};
 constexpr uint8_t closing_flag = 0x7E;
 
 // Subsystem 101, command 1, with its frame check sequence (RFC 1662).
@@ -29,43 +29,56 @@ size_t normal_engine::receive(view bytes, unsigned channel)
 {
     line &from = lines_[channel];
     size_t used = 0;
-    while (used < bytes.size() && state() == progress::busy) {
-        const uint8_t byte = bytes[used++];
-        from.input.empty() ? take_first(from, byte) : take(from, byte);
-    }
+    noise_ = 0;
+    while (used < bytes.size() && state() == progress::busy)
+        take(from, bytes[used++]);
+    if (noise_ > 0)
+        bench_.log.received("noise", noise_);
     return used;
 }
 
 void normal_engine::take_first(line &from, uint8_t byte)
 {
-    if (byte == '\r' || byte == '\n' || byte == ' ')
-        return;
-    if (byte != 'A' && byte != 'a' && byte != subsystem_dispatch)
-        return blame_host("neither an AT command nor a DIAG frame");
-    from.input.push_back(byte);
+    if (byte == 'A' || byte == 'a' || byte == frame_start[0])
+        from.input.push_back(byte);
+    else if (byte != '\r' && byte != '\n' && byte != ' ')
+        noise_++;
 }
 
 void normal_engine::take(line &from, uint8_t byte)
 {
-    const bool frame = from.input.front() == subsystem_dispatch;
+    if (from.input.empty())
+        return take_first(from, byte);
+    if (from.input.front() == frame_start[0])
+        return take_frame_byte(from, byte);
+    if (byte == '\r')
+        return answer_command(from, std::string(as_text(std::exchange(from.input, {}))));
     from.input.push_back(byte);
-    if (frame && byte == closing_flag)
-        return take_frame(std::exchange(from.input, {}));
-    if (!frame && byte == '\r') {
-        const std::string command(as_text(from.input).substr(0, from.input.size() - 1));
-        from.input.clear();
-        return answer_command(from, command);
+    if (from.input.size() > longest_command)
+        noise_ += std::exchange(from.input, {}).size();
+}
+
+void normal_engine::take_frame_byte(line &from, uint8_t byte)
+{
+    if (from.input.size() == 1 && byte != frame_start[1]) {
+        noise_ += std::exchange(from.input, {}).size();
+        return take_first(from, byte);
     }
-    if (from.input.size() > (frame ? longest_frame : longest_command))
-        blame_host(frame ? "DIAG frame without an end" : "AT command without an end");
+    from.input.push_back(byte);
+    if (byte == closing_flag)
+        return take_frame(std::exchange(from.input, {}));
+    if (from.input.size() > longest_frame)
+        noise_ += std::exchange(from.input, {}).size();
 }
 
 void normal_engine::answer_command(line &from, const std::string &command)
 {
-    bench_.log.received("at", command.size() + 1, json_members().text("command", command));
     const std::string word = at_command_word(command);
-    if (!word.starts_with("AT"))
-        return blame_host("neither an AT command nor a DIAG frame");
+    if (!word.starts_with("AT")) {
+        noise_ += command.size();
+        return;
+    }
+    bench_.log.received("at", command.size() + 1, json_members().text("command", command));
     const std::string echo = from.echo ? command + "\r" : "";
     const std::string text = find_at_answer(bench_.wanted.at_answers, command).value_or(refusal);
     if (word == "ATE0" || word == "ATE1")
@@ -84,9 +97,9 @@ void normal_engine::answer(const std::string &word, const std::string &echo, con
     const uint32_t delay = bench_.wanted.at_delay_ms;
     if (delay != 0 && !echo.empty())
         bench_.out.post({"at.ECHO", "echo", to_octets(echo), {}, json_members().text("text", echo)});
-    const std::string begin = delay == 0 ? echo : "";
-    bench_.out.post({"at." + word, "at", to_octets(begin + text), to_octets(begin + refusal),
-                     json_members().text("text", begin + text), delay, to_octets("\r\nNO CARRIER\r\n")});
+    const std::string before = delay == 0 ? echo : "";
+    bench_.out.post({"at." + word, "at", to_octets(before + text), to_octets(before + refusal),
+                     json_members().text("text", before + text), delay, to_octets("\r\nNO CARRIER\r\n")});
 }
 
 // Unsolicited result codes, each a message of its own.
@@ -100,9 +113,8 @@ void normal_engine::take_frame(const octets &frame)
 {
     const bool known = frame == download_frame;
     bench_.log.received(known ? "download_mode" : "diag", frame.size());
-    if (!known)
-        return blame_host("DIAG frame that is not the download mode switch");
-    switch_to_download();
+    if (known)
+        switch_to_download();
 }
 
 // The switch has no answer: its faults change what becomes of the device.

@@ -284,7 +284,8 @@ const char *const faults_help = R"(
 A fault strikes when the device is about to take STEP for the N-th time
 (@N, default the first time; @all: every time).
 
-  STEP      at.WORD (at.ATE0, at.AT#CGMM, ...), diag,
+  STEP      at.WORD (at.ATE0, at.AT#CGMM, ...), at.CODE (a result code that
+            nobody asked for), at.ECHO (with --at-delay), diag,
             sahara.hello sahara.read sahara.end sahara.refusal sahara.done
             sahara.qdl,
             firehose.log firehose.nop firehose.configure firehose.program
@@ -309,7 +310,7 @@ A fault strikes when the device is about to take STEP for the N-th time
             hangup      the port is closed; with --usb the device is unplugged
             halt        with --usb: the endpoint answers STALL instead
             nak         a refusal instead: ERROR, NAK, an error status
-                        (not sahara.hello, .read, .qdl, firehose.log)
+                        (not sahara.hello, .read, .refusal, .qdl, firehose.log)
   host steps: lost (never heard of), garbled (refused as nonsense).
   diag takes silence, skip, late:MS and hangup: the modem does not switch, or
   later. While data arrive, after BYTES bytes of the stage in all:
@@ -319,8 +320,7 @@ A fault strikes when the device is about to take STEP for the N-th time
             sahara.data-in=lost[:COUNT]@BYTES  and the same for firehose
 
 Exit status: 0 the conversation came to its end, or a signal or a planned
-hang-up ended it; 1 system error; 2 usage; 3 time-out; 4 the host broke the
-protocol.
+hang-up ended it; 1 system error; 2 usage; 3 time-out.
 )";
 
 constexpr size_t help_column = 28;

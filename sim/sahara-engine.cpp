@@ -170,6 +170,15 @@ size_t sahara_engine::receive(view bytes, unsigned)
     return used;
 }
 
+void sahara_engine::end_transfer()
+{
+    if (packet_.empty())
+        return;
+    bench_.log.received("bad_packet", packet_.size());
+    refuse(bad_packet_size, "a transfer of " + std::to_string(packet_.size()) + " bytes that is no packet");
+    packet_.clear();
+}
+
 size_t sahara_engine::take_data(view bytes)
 {
     const read_request &block = reads_[next_read_ - 1];

@@ -6,7 +6,8 @@
 //   DONE -> DONE response, stage done
 //   RESET_STATE_MACHINE -> begin again; RESET -> the device leaves
 //   HELLO in mode 2: command 240 -> 241, begin again in mode 0
-//   anything else -> END_IMAGE_TX with a status that is not 0; the same again until one of the two resets
+//   anything else, also a transfer that is no whole packet -> END_IMAGE_TX with a status that is not 0; the
+//   same again until one of the two resets
 //
 // A RESET or RESET_STATE_MACHINE that arrives alone in the middle of a block or of a packet is obeyed: a host
 // that gave up has nothing else to say.
@@ -26,6 +27,7 @@ class sahara_engine : public engine {
 
     void begin(uint32_t delay_ms) override;
     size_t receive(view bytes, unsigned channel) override;
+    void end_transfer() override;
     uint64_t input_limit() const override;
 
   private:

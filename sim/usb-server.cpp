@@ -355,6 +355,8 @@ bool server::take_out(const usbip_command &command)
         modem_.receive(data.first(part), channel);
         data = data.subspan(part);
     }
+    if (data.empty())
+        modem_.end_transfer();
     if (data.empty() && modem_.input_limit() != 0)
         return complete(it, 0, command.length);
     pending_.push_back(it);

@@ -6,6 +6,7 @@
 #include "firehose.hpp"
 #include "fuzz.hpp"
 #include "fuzz_peer.hpp"
+#include "package-check.hpp"
 
 #include <algorithm>
 

@@ -1,9 +1,11 @@
 """The virtual machine's side of the lab: simulated modems on the kernel's USB bus, and what a run did to them."""
 import glob
 import os
+import select
 import subprocess
 import sys
 import time
+import tty
 from pathlib import Path
 
 import harness
@@ -53,12 +55,17 @@ def high_speed_bus():
     raise AssertionError('no high-speed bus')
 
 
+# A port that was just opened echoes what comes in until it is raw. A modem that waits that long never hears itself, so
+# that every transfer of a run can be told in advance.
+UNHURRIED = ('--usb-first', '100')
+
+
 class UsbModem(harness.Sim):
     """A simulated modem on the bus, inside a with statement. It leaves the bus with the statement."""
 
     def __init__(self, folder, *options, begin='normal', port=0, ports=None, limit=150):
         Path(folder).mkdir(parents=True, exist_ok=True)
-        super().__init__(folder, '--usb', '--usb-port', str(port), *options, begin=begin, limit=limit)
+        super().__init__(folder, '--usb', '--usb-port', str(port), *UNHURRIED, *options, begin=begin, limit=limit)
         bus = high_speed_bus()
         self.name = f'{bus.name[3:]}-{port + 1}'
         self.place = bus / self.name
@@ -121,6 +128,36 @@ class UsbModem(harness.Sim):
 
     def interfaces_used(self, stage):
         return {e['endpoint'] for e in self.events() if e['kind'] == 'transfer' and e['stage'] == stage}
+
+
+class RawPort:
+    """A serial port, raw, open inside a with statement."""
+
+    def __init__(self, node):
+        self.node = node
+        self.fd = -1
+
+    def __enter__(self):
+        self.fd = os.open(self.node, os.O_RDWR | os.O_NOCTTY)
+        tty.setraw(self.fd)
+        return self
+
+    def __exit__(self, *_):
+        os.close(self.fd)
+
+    def say(self, data):
+        while data:
+            data = data[os.write(self.fd, data):]
+
+    def is_silent(self, seconds=0.5):
+        return select.select([self.fd], [], [], seconds)[0] == []
+
+    def hear_until(self, end):
+        text = b''
+        while not text.endswith(end):
+            assert not self.is_silent(5), text
+            text += os.read(self.fd, 1024)
+        return text
 
 
 # A run takes the first download device of libusb's list, which begins with the last port.

@@ -3,6 +3,7 @@
 Two runs that do nothing but wait go on beside the others: their modems are plugged into earlier ports, so that the others
 find their own first.
 """
+import os
 import signal
 import time
 from concurrent.futures import ThreadPoolExecutor
@@ -85,7 +86,33 @@ def test_platform_0_and_a_hello_of_mode_2(tmp_path):
         lab.assert_updated(outcome, modem)
         assert modem.kinds('sahara')[:2] == ['transfer', 'enter_download']
         assert [e['mode'] for e in modem.events() if e['kind'] == 'hello'] == [2, 0]
-        assert 'log' not in modem.kinds(direction='tx')  # no target reset is reported, and none was waited for
+        assert modem.kinds('firehose', 'tx')[-1] == 'ack'  # no target reset is reported, and none was waited for
+        lab.compare(package, modem)
+
+
+def test_a_hello_that_waits_in_the_endpoint(tmp_path):
+    """It comes in with the opening of the port, which may echo it then: the modem refuses that and is asked again."""
+    package = lab.small_package(tmp_path / 'package')
+    with lab.download_modem(tmp_path, *lab.PROGRAMMER_SIZE, '--usb-first', '0') as modem:
+        outcome = lab.update(package)
+        lab.assert_updated(outcome, modem)
+        assert modem.kinds('sahara', 'tx')[0] == 'hello'
+        lab.compare(package, modem)
+
+
+def test_a_hello_that_somebody_else_has_echoed(tmp_path):
+    """Who opens the port and leaves it as the kernel made it echoes the HELLO, and every refusal after it."""
+    package = lab.small_package(tmp_path / 'package')
+    with lab.download_modem(tmp_path, *lab.PROGRAMMER_SIZE, '--usb-first', '0') as modem:
+        port = os.open(lab.DOWNLOAD_PORT, os.O_RDWR | os.O_NOCTTY)
+        try:
+            lab.wait_for(lambda: 'refused' in modem.kinds('sahara', 'event'), 10, 'the echo')
+        finally:
+            os.close(port)
+        outcome = lab.update(package)
+        assert outcome.status == 0, outcome.err + modem.story()
+        assert modem.wait() == 0
+        assert 'reset_state_machine' in modem.kinds('sahara')
         lab.compare(package, modem)
 
 
@@ -206,6 +233,26 @@ def test_a_killed_run_then_others_without_and_with_a_power_cycle(tmp_path):
         outcome = lab.update(package)
         lab.assert_updated(outcome, modem)
         lab.compare(package, modem)
+
+
+def test_a_programmer_in_the_middle_of_an_image_outlives_its_host(tmp_path):
+    """What comes is data until the announced sectors are full, whoever sends it; then it answers again."""
+    request = lab.framed(lab.image_line('one', lab.SECTOR, 3)).encode()
+    ping = lab.NOP.encode()
+    with lab.UsbModem(tmp_path, begin='firehose', port=lab.LAST_PORT) as modem:
+        with lab.RawPort(lab.DOWNLOAD_PORT) as host:
+            host.say(request)
+            host.hear_until(b' rawmode="true" /></data>')
+            host.say(b'a' * 5000)
+            lab.wait_for(lambda: sum(modem.transfers('firehose')) == len(request) + 5000, 10, 'the data')
+        with lab.RawPort(lab.DOWNLOAD_PORT) as host:
+            host.say(ping)
+            assert host.is_silent()
+            host.say(b'b' * (12288 - 5000 - len(ping)))
+            host.hear_until(b'<response value="ACK" rawmode="false" /></data>')
+            host.say(ping)
+            host.hear_until(b'<response value="ACK" /></data>')
+        assert (modem.flash / '000-program.bin').read_bytes() == b'a' * 5000 + ping + b'b' * (7288 - len(ping))
 
 
 def test_a_programmer_that_never_acknowledges(waiting):

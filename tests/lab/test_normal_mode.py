@@ -56,6 +56,17 @@ def test_enter_qdl_leaves_the_modem_in_download_mode(tmp_path, sample):
         assert modem.transfers('sahara') == []
 
 
+def test_two_readers_do_not_mix(tmp_path):
+    with lab.UsbModem(tmp_path) as modem:
+        with lab.RawPort(modem.tty(1)) as first, lab.RawPort(modem.tty(2)) as second:
+            first.say(b'AT#CG')
+            lab.wait_for(lambda: modem.transfers('normal') == [5], 5, 'the first half of a command')
+            second.say(b'AT\r')
+            assert second.hear_until(b'OK\r\n') == b'AT\r\r\nOK\r\n'
+            first.say(b'MM\r')
+            assert first.hear_until(b'OK\r\n') == b'AT#CGMM\r\r\n#CGMM: KX910C1-WW\r\n\r\nOK\r\n'
+
+
 def test_no_download_device_within_20_seconds_and_at_probing_meanwhile(tmp_path, sample):
     with lab.UsbModem(tmp_path / 'mute', '--fault', 'diag=silence') as mute, \
          lab.UsbModem(tmp_path / 'other', port=1) as other:

@@ -11,6 +11,7 @@
 #include "core.hpp"
 #include "firehose-session.hpp"
 #include "image-list.hpp"
+#include "package-check.hpp"
 #include "zepho-log.hpp"
 
 #include <chrono>
@@ -23,11 +24,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-static constexpr uint32_t sector = 4096;
-static constexpr uint32_t payload = FIREHOSE_PAYLOAD_SIZE;
-static constexpr unsigned transfer_timeout_ms = 30000;
+namespace {
 
-[[noreturn]] static void fail(const char *what)
+constexpr uint32_t sector = 4096;
+constexpr uint32_t payload = FIREHOSE_PAYLOAD_SIZE;
+constexpr unsigned transfer_timeout_ms = 30000;
+
+[[noreturn]] void fail(const char *what)
 {
     fprintf(stderr, "usb-bench: %s\n", what);
     exit(1);
@@ -38,19 +41,19 @@ struct measured {
     double processor_ms; // of this process, in the kernel too
 };
 
-static double milliseconds(const timeval &time)
+double milliseconds(const timeval &time)
 {
     return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_usec) / 1e3;
 }
 
-static double processor_ms()
+double processor_ms()
 {
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
     return milliseconds(usage.ru_utime) + milliseconds(usage.ru_stime);
 }
 
-template <typename Work> static measured measure(uint64_t size, Work work)
+template <typename Work> measured measure(uint64_t size, Work work)
 {
     const double processor = processor_ms();
     const auto start = std::chrono::steady_clock::now();
@@ -59,7 +62,7 @@ template <typename Work> static measured measure(uint64_t size, Work work)
     return {static_cast<double>(size) / (1 << 20) / taken.count(), processor_ms() - processor};
 }
 
-static std::unique_ptr<unsigned char[]> read_file(const char *path, uint64_t size)
+std::unique_ptr<unsigned char[]> read_file(const char *path, uint64_t size)
 {
     auto bytes = std::make_unique<unsigned char[]>(size);
     FILE *const file = fopen(path, "rb");
@@ -70,7 +73,7 @@ static std::unique_ptr<unsigned char[]> read_file(const char *path, uint64_t siz
 }
 
 // `file` of -1: the bytes are in memory already; otherwise each chunk is read from the file first.
-static void bare_loop(const core_endpoint &ep, unsigned char *bytes, uint64_t size, int file)
+void bare_loop(const core_endpoint &ep, unsigned char *bytes, uint64_t size, int file)
 {
     const auto move = [&ep](unsigned char address, unsigned char *data, int length) {
         int moved = 0;
@@ -93,6 +96,8 @@ static void bare_loop(const core_endpoint &ep, unsigned char *bytes, uint64_t si
     unsigned char answer[1024] = {};
     move(ep.in_endpoint, answer, sizeof answer);
 }
+
+} // namespace
 
 int main(int argc, char **argv)
 {

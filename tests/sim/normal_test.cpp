@@ -182,21 +182,46 @@ TEST(At, UnsolicitedResultCodeInOneReadWithTheAnswer)
     EXPECT_EQ(it.say("AT\r"), texts{"\r\nRING\r\nAT\r\r\nOK\r\n"});
 }
 
-TEST(At, OtherBytesAreTheHostsFault)
+struct noise_row {
+    const char *what;
+    std::string sent;
+    const char *noted;
+};
+
+// Shown as the test's name.
+void PrintTo(const noise_row &row, std::ostream *out)
 {
-    talk it({});
-    it.say("xyz\r");
-    ASSERT_TRUE(it.modem.ended());
-    EXPECT_EQ(it.modem.how(), ending::host_error);
-    EXPECT_EQ(it.modem.trouble(), "normal: neither an AT command nor a DIAG frame");
+    *out << row.what;
 }
 
-TEST(At, CommandWithoutEndIsTheHostsFault)
+class AtNoise : public testing::TestWithParam<noise_row> {};
+
+TEST_P(AtNoise, IsNotHeard)
 {
     talk it({});
-    it.say("AT" + std::string(600, 'x'));
-    ASSERT_TRUE(it.modem.ended());
-    EXPECT_EQ(it.modem.trouble(), "normal: AT command without an end");
+    EXPECT_EQ(it.say(GetParam().sent), texts{});
+    EXPECT_TRUE(it.logged(GetParam().noted));
+    EXPECT_EQ(it.say("AT\r"), texts{"AT\r\r\nOK\r\n"});
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, AtNoise,
+    testing::Values(
+        noise_row{"letters", "xyz\r", "\"kind\":\"noise\",\"length\":3}"},
+        noise_row{"a line that begins like a command", "ABC\r", "\"kind\":\"noise\",\"length\":3}"},
+        noise_row{"a frame of another kind", {"\x7E\0\x78\xF0\x7E", 5}, "\"kind\":\"noise\",\"length\":5}"},
+        noise_row{"the beginning of another frame", "K\r", "\"kind\":\"noise\",\"length\":1}"},
+        noise_row{"a command without an end", "AT" + std::string(511, ' '),
+                  "\"kind\":\"noise\",\"length\":513}"},
+        noise_row{"a frame without an end", "Ke" + std::string(63, '.'), "\"kind\":\"noise\",\"length\":65}"},
+        noise_row{"a frame with a wrong check sequence",
+                  {"\x4B\x65\x01\0\x55\x0F\x7E", 7},
+                  "\"kind\":\"diag\",\"length\":7}"}));
+
+TEST(At, CommandBehindNoiseIsHeard)
+{
+    talk it({});
+    EXPECT_EQ(it.say("\x7EKAT\r"), texts{"AT\r\r\nOK\r\n"});
 }
 
 TEST(AtAnswerOption, Escapes)
@@ -245,14 +270,6 @@ TEST(Diag, UntilDiagEndsWithoutHello)
     EXPECT_EQ(it.say(diag_frame), units{});
     ASSERT_TRUE(it.modem.ended());
     EXPECT_EQ(it.modem.how(), ending::complete);
-}
-
-TEST(Diag, WrongCheckSequenceIsTheHostsFault)
-{
-    talk it({});
-    it.say(octets{0x4B, 0x65, 0x01, 0x00, 0x55, 0x0F, 0x7E});
-    ASSERT_TRUE(it.modem.ended());
-    EXPECT_EQ(it.modem.how(), ending::host_error);
 }
 
 TEST(Diag, LateSwitchDelaysTheHello)

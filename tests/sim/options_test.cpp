@@ -27,6 +27,7 @@ TEST(Options, Defaults)
     EXPECT_EQ(got.device.request_bits, 32U);
     EXPECT_EQ(got.device.platform, 1U);
     EXPECT_FALSE(got.device.payload);
+    EXPECT_FALSE(got.device.plain_answers);
     EXPECT_FALSE(got.device.done_status);
     EXPECT_EQ(got.limits.timeout_ms, 0U);
     EXPECT_FALSE(got.help);
@@ -41,6 +42,8 @@ TEST(Options, EveryOptionReachesItsSetting)
                      "sahara",
                      "--stay",
                      "--flash=/x",
+                     "--flash-from",
+                     "/y",
                      "--discard",
                      "--transcript",
                      "/t",
@@ -60,6 +63,14 @@ TEST(Options, EveryOptionReachesItsSetting)
                      "2",
                      "--at",
                      "AT=\\r",
+                     "--at-delay",
+                     "250",
+                     "--at-before",
+                     "\\r\\nRING",
+                     "--at-after",
+                     "a",
+                     "--at-after",
+                     "b",
                      "--no-hello",
                      "--hello-mode",
                      "2",
@@ -81,6 +92,7 @@ TEST(Options, EveryOptionReachesItsSetting)
                      "5",
                      "--done-status",
                      "6",
+                     "--plain-answers",
                      "--payload",
                      "16384",
                      "--log-start",
@@ -103,6 +115,7 @@ TEST(Options, EveryOptionReachesItsSetting)
     EXPECT_EQ(got.device.until, stage::sahara);
     EXPECT_TRUE(got.device.stay);
     EXPECT_EQ(got.device.flash, "/x");
+    EXPECT_EQ(got.device.flash_from, "/y");
     EXPECT_TRUE(got.device.discard);
     EXPECT_EQ(got.transcript, "/t");
     EXPECT_EQ(got.link, "/l");
@@ -114,6 +127,10 @@ TEST(Options, EveryOptionReachesItsSetting)
     EXPECT_EQ(got.device.platform, 2U);
     ASSERT_EQ(got.device.at_answers.size(), 1U);
     EXPECT_EQ(got.device.at_answers[0].second, "\r");
+    EXPECT_EQ(got.device.at_delay_ms, 250U);
+    EXPECT_EQ(got.device.at_before, std::vector<std::string>{"\r\nRING"});
+    EXPECT_EQ(got.device.at_after, (std::vector<std::string>{"a", "b"}));
+    EXPECT_TRUE(got.device.plain_answers);
     EXPECT_TRUE(got.device.no_hello);
     EXPECT_EQ(got.device.hello_mode, 2U);
     EXPECT_EQ(got.device.hello_version, 3U);
@@ -177,6 +194,14 @@ INSTANTIATE_TEST_SUITE_P(
         bad_row{{"--timeout", "1."}, "--timeout 1.: bad value"},
         bad_row{{"--timeout", "1.2345"}, "--timeout 1.2345: bad value"},
         bad_row{{"--discard"}, "--discard without --flash"},
+        bad_row{{"--flash-from", "/x"}, "--flash-from without --flash"},
+        bad_row{{"--at-before", ""}, "--at-before : a text expected, with the escapes \\r \\n \\\\ \\xHH"},
+        bad_row{{"--at-after", "\\q"},
+                "--at-after \\q: a text expected, with the escapes \\r \\n \\\\ \\xHH"},
+        bad_row{{"--fault", "firehose.nop=nul:1"},
+                "--fault firehose.nop=nul:1: this fault kind takes no value"},
+        bad_row{{"--fault", "sahara.refusal=nak"},
+                "--fault sahara.refusal=nak: this fault kind is not possible at this step"},
         bad_row{{"--start", "firehose", "--until", "sahara"}, "--start lies behind --until"},
         bad_row{{"--programmer-size", "5000000000", "--read-size", "65536"},
                 "sizes of 4 GiB and more need --request-bits 64"},

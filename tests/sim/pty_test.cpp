@@ -262,14 +262,5 @@ TEST(Pty, StopEndsTheService)
     EXPECT_EQ(it.stop().how, ending::complete);
 }
 
-TEST(Pty, HostErrorIsReported)
-{
-    line it(settings{}, {0, 0, 1000, 50});
-    it.say("rubbish");
-    const served result = it.ended();
-    EXPECT_EQ(result.how, ending::host_error);
-    EXPECT_EQ(result.trouble, "normal: neither an AT command nor a DIAG frame");
-}
-
 } // namespace
 } // namespace sim

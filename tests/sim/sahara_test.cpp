@@ -317,6 +317,33 @@ TEST(Sahara, ResetInTheMiddleOfAPacketIsObeyed)
     EXPECT_EQ(it.say(state_reset), (units{hello}));
 }
 
+TEST(Sahara, TransferThatIsNoWholePacketIsRefused)
+{
+    talk it(small());
+    it.heard();
+    it.say(octets{'^'});
+    it.modem.end_transfer();
+    EXPECT_EQ(it.heard(), (units{refusal(5)}));
+    it.say(octets(hello_response.begin(), hello_response.begin() + 20));
+    it.modem.end_transfer();
+    EXPECT_EQ(it.heard(), (units{refusal(5)}));
+    it.say(state_reset);
+    it.modem.end_transfer();
+    EXPECT_EQ(it.say(hello_response), (units{read_32(0, 4)}));
+}
+
+TEST(Sahara, BlockMayComeInManyTransfers)
+{
+    talk it(small());
+    it.heard();
+    it.say(hello_response);
+    for (const char c : {'a', 'b', 'c'}) {
+        EXPECT_EQ(it.say(octets{static_cast<uint8_t>(c)}), units{});
+        it.modem.end_transfer();
+    }
+    EXPECT_EQ(it.say(to_octets("d")), (units{read_32(4, 4)}));
+}
+
 TEST(Sahara, AfterAFailedImageOnlyAResetHelps)
 {
     settings wanted = small();

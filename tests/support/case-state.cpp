@@ -8,6 +8,7 @@
 #include "options.hpp"
 #include "package.hpp"
 #include "restored-state.hpp"
+#include "run-lock.hpp"
 #include "zepho-json.hpp"
 #include "zepho-log.hpp"
 
@@ -71,6 +72,7 @@ const restored_state program([] {
     keep_running = 1;
     options = {};
     fw_package_free();
+    release_modems();
     std::destroy_at(&package); // in place: it is too large for the stack
     std::construct_at(&package);
 });

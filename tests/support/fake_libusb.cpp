@@ -1,6 +1,7 @@
 #include "fake_libusb.hpp"
 
 #include "restored-state.hpp"
+#include "timeouts.hpp"
 
 #include <algorithm>
 #include <cstdarg>
@@ -264,6 +265,11 @@ int libusb_claim_interface(libusb_device_handle *, int number)
 
 int libusb_release_interface(libusb_device_handle *, int number)
 {
+    if (fake().looking) {
+        fake().looking = false;
+        --fake().open_claims;
+        return 0;
+    }
     fake().calls.push_back(format("release %d", number));
     --fake().open_claims;
     return 0;
@@ -274,6 +280,15 @@ int libusb_bulk_transfer(libusb_device_handle *, unsigned char endpoint, unsigne
 {
     fake_libusb &f = fake();
     const bool in = (endpoint & 0x80) != 0;
+    if (in && timeout == timeouts::stray_answer) {
+        ++f.looks;
+        if (f.transfers.empty() || !f.transfers.front().waits) {
+            f.looking = true;
+            f.calls.pop_back(); // the claim
+            *transferred = 0;
+            return LIBUSB_ERROR_TIMEOUT;
+        }
+    }
     f.calls.push_back(format("%s %02x %d", in ? "in" : "out", endpoint, length));
     f.timeouts.push_back(timeout);
     EXPECT_EQ(f.open_claims, 1) << "a transfer without a claimed interface";

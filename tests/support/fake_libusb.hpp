@@ -41,6 +41,7 @@ struct fake_transfer {
     int result = 0;
     int moved = -1;
     bool any_data = false;
+    bool waits = false; // IN: there already when the code under test looks for what still waits
 };
 
 class fake_libusb {
@@ -60,6 +61,11 @@ class fake_libusb {
     int claim_result = 0;
     int device_list_result = 0;       // negative: libusb_get_device_list fails with it
     bool no_device_of_handle = false; // libusb_get_device answers null
+
+    // How often the code under test has looked for what still waits. That it found nothing is recorded
+    // nowhere else.
+    int looks = 0;
+    bool looking = false; // between such a look and its release
 
     // What happened, in order: "init", "option 3", "open 05c6:9008", "detach 0", "claim 0", "out 01 512",
     // "in 81 1024", "release 0", "close", "exit" ...

@@ -125,7 +125,12 @@ int __wrap_close(int handle)
 int REAL_FSTAT(int handle, struct stat *status);
 int WRAP_FSTAT(int handle, struct stat *status)
 {
-    return libc::fstat ? libc::fstat(handle, status) : REAL_FSTAT(handle, status);
+    if (libc::fstat)
+        return libc::fstat(handle, status);
+    const int result = REAL_FSTAT(handle, status);
+    if (result == 0 && port_of(handle) != nullptr)
+        scripted_port::disguise(status);
+    return result;
 }
 
 int __real_gettimeofday(timeval *now, void *zone);

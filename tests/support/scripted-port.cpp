@@ -12,6 +12,7 @@
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 namespace {
@@ -75,6 +76,7 @@ scripted_port::~scripted_port()
     if (opened_ >= 0)
         close(opened_);
     EXPECT_EQ(open_descriptors(), 0U) << "left open";
+    EXPECT_FALSE(is_exclusive) << "left exclusive";
     const auto index = std::find(ports.begin(), ports.end(), this) - ports.begin();
     ports.erase(ports.begin() + index);
     identities.erase(identities.begin() + index);
@@ -335,12 +337,23 @@ ssize_t scripted_port::write(int handle, const void *data, size_t size)
     return static_cast<ssize_t>(count);
 }
 
+void scripted_port::disguise(struct stat *status)
+{
+    constexpr unsigned pseudo_terminals = 136; // the major of /dev/pts
+    status->st_mode = S_IFCHR | (status->st_mode & 07777U);
+    status->st_rdev = makedev(pseudo_terminals, 0);
+}
+
 int scripted_port::control(unsigned long request, void *argument)
 {
     auto *const number = static_cast<int *>(argument);
     switch (request) {
     case FIONREAD:
         *number = is_at(step::sends) ? static_cast<int>(arrived_.front().bytes.size()) : 0;
+        return 0;
+    case TIOCEXCL:
+    case TIOCNXCL:
+        is_exclusive = request == TIOCEXCL;
         return 0;
     case TIOCMGET:
         if (modem_lines < 0)

@@ -13,6 +13,7 @@
 #include <functional>
 #include <poll.h>
 #include <string>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <termios.h>
 #include <vector>
@@ -75,6 +76,7 @@ class scripted_port {
     size_t open_descriptors() const;
 
     termios settings{};
+    bool is_exclusive = false; // TIOCEXCL
     int modem_lines = -1; // TIOCM_*; negative for a port that has none
     std::vector<int> modem_lines_set;
 
@@ -82,6 +84,8 @@ class scripted_port {
 
     // Null for a descriptor that is none of a scripted port.
     static scripted_port *of(int handle);
+    // Tells a terminal in the place of the file.
+    static void disguise(struct stat *status);
     int wait(pollfd *watched, int timeout_ms);
     ssize_t read(int handle, void *data, size_t size);
     ssize_t write(int handle, const void *data, size_t size);

@@ -132,7 +132,9 @@ TEST(SwitchToDownloadMode, NamesAPortThatCannotBeOpened)
 TEST(SwitchToDownloadMode, ReportsAFullPort)
 {
     log_capture log;
-    const modem m = modem_with_port("/dev/full", PORT_DIAGNOSTIC);
+    scripted_port port;
+    port.refuses_a_write(ENOSPC);
+    const modem m = modem_with_port(port.path(), PORT_DIAGNOSTIC);
     EXPECT_EQ(switch_QDload_mode(&m), -28);
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "error in writing the switch command");
     EXPECT_EQ(log.messages().back().function, "switch_QDload_mode");

@@ -7,6 +7,7 @@
 #include "image-list.hpp"
 #include "libc-hooks.hpp"
 #include "log_capture.hpp"
+#include "package-check.hpp"
 #include "scripted-port.hpp"
 #include "temp_dir.hpp"
 #include "virtual-time.hpp"

@@ -127,7 +127,7 @@ TEST_F(EchoOff, TakesItsOwnEcho)
 TEST_F(EchoOff, WaitsTwoSecondsForAnAnswer)
 {
     plug_in({ok});
-    turn_off_echo(open_device());
+    static_cast<void>(turn_off_echo(open_device()));
     ASSERT_FALSE(port.waits().empty());
     EXPECT_EQ(port.waits()[0], 2000);
 }
@@ -205,7 +205,7 @@ TEST_F(GetModel, TakesTheLineBehindThePrefix)
 TEST_F(GetModel, WaitsHalfASecondForAnAnswer)
 {
     plug_in({model});
-    get_model(open_device(), &record);
+    static_cast<void>(get_model(open_device(), &record));
     ASSERT_FALSE(port.waits().empty());
     EXPECT_EQ(port.waits()[0], 500);
 }
@@ -319,7 +319,7 @@ TEST_F(GetImei, TakesTheLineBehindThePrefix)
 TEST_F(GetImei, WaitsHalfASecondForAnAnswer)
 {
     plug_in({imei});
-    get_imei(open_device(), &record);
+    static_cast<void>(get_imei(open_device(), &record));
     ASSERT_FALSE(port.waits().empty());
     EXPECT_EQ(port.waits()[0], 500);
 }
@@ -371,7 +371,7 @@ TEST_F(GetVersions, JoinsFourLines)
 TEST_F(GetVersions, WaitsHalfASecondForAnAnswer)
 {
     plug_in({versions});
-    get_swpkgv(open_device(), &record);
+    static_cast<void>(get_swpkgv(open_device(), &record));
     ASSERT_FALSE(port.waits().empty());
     EXPECT_EQ(port.waits()[0], 500);
 }
@@ -478,7 +478,7 @@ TEST_F(AtHandshake, LogsThePath)
 {
     log_capture log;
     plug_in({ok, model});
-    at_handshake(port.path().c_str(), &device, &record);
+    static_cast<void>(at_handshake(port.path().c_str(), &device, &record));
     ASSERT_FALSE(log.messages().empty());
     EXPECT_EQ(log.messages()[0].level, CORE_LOG_DBG);
     EXPECT_EQ(log.messages()[0].text, "device path: " + port.path());
@@ -607,7 +607,7 @@ TEST_F(AtHandshake, ClosesThePortAfterAnEchoThatStaysOn)
 {
     const log_capture log;
     plug_in(std::vector<modem_answer>(11, error));
-    at_handshake(port.path().c_str(), &device, &record);
+    static_cast<void>(at_handshake(port.path().c_str(), &device, &record));
     EXPECT_EQ(port.open_descriptors(), 0U);
 }
 
@@ -623,7 +623,7 @@ TEST_F(AtHandshake, ClosesThePortAfterAMissingModel)
 {
     const log_capture log;
     plug_in({ok, error, error});
-    at_handshake(port.path().c_str(), &device, &record);
+    static_cast<void>(at_handshake(port.path().c_str(), &device, &record));
     EXPECT_EQ(port.open_descriptors(), 0U);
 }
 
@@ -659,7 +659,7 @@ TEST_F(CollectBasicInformation, AsksAModemOfTheCommandLineForItsModelOnly)
 TEST_F(CollectBasicInformation, ClosesThePort)
 {
     plug_in({ok, model, imei, versions});
-    collect_modem_basic_information(&record, false);
+    static_cast<void>(collect_modem_basic_information(&record, false));
     EXPECT_EQ(port.open_descriptors(), 0U);
 }
 
@@ -757,7 +757,7 @@ TEST_F(CollectBasicInformation, KeepsWhatSucceededBeforeAFailure)
 TEST_F(CollectBasicInformation, ClosesThePortAfterAFailedQuery)
 {
     plug_in({ok, model, error});
-    collect_modem_basic_information(&record, false);
+    static_cast<void>(collect_modem_basic_information(&record, false));
     EXPECT_EQ(port.open_descriptors(), 0U);
 }
 

@@ -6,10 +6,14 @@
 #include "package.hpp"
 #include "temp_dir.hpp"
 
+#include <chrono>
+#include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <memory>
 #include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
 
 using texts = std::vector<std::string>;
 
@@ -33,6 +37,11 @@ class PackageCheck : public testing::Test {
         dir.write("prog.mbn", "programmer");
         dir.write("boot.img", "0123");
         write_lines(std::string(erase) + program);
+        give_paths();
+    }
+
+    void give_paths()
+    {
         list->image_count = MAX_IMAGE_NUMBER;
         strlcpy(list->content_xml_path, dir.at("contents.xml").c_str(), sizeof list->content_xml_path);
     }
@@ -53,7 +62,7 @@ class PackageCheck : public testing::Test {
         EXPECT_NE(get_new_pkgver(list.get()), nullptr);
         EXPECT_EQ(build_image_array_from_xml(list.get()), 0);
         log.clear();
-        return check_package(list.get(), otp, uploads_programmer);
+        return check_package(list.get(), !otp, uploads_programmer);
     }
     int check_lines(const std::string &lines)
     {
@@ -73,7 +82,15 @@ class PackageTexts : public PackageCheck {};
 class PackageNames : public PackageCheck {};
 class PackageCommands : public PackageCheck {};
 class PackageProgrammer : public PackageCheck {};
-class ImageFile : public PackageCheck {};
+class PackageSectors : public PackageCheck {};
+class ImageFile : public PackageCheck {
+  protected:
+    int open_image()
+    {
+        owned_file file;
+        return open_same_file(list->images[1].filename, list->images[1].identity, file.receive());
+    }
+};
 
 } // namespace
 
@@ -129,7 +146,7 @@ TEST_F(PackageTexts, AreCheckedAsTheyWereRead)
     std::filesystem::remove(dir.at("information.contents"));
     std::filesystem::remove(rawprogram);
     ASSERT_EQ(mkfifo(rawprogram.c_str(), 0644), 0);
-    EXPECT_EQ(check_package(list.get(), false, true), 0);
+    EXPECT_EQ(check_package(list.get(), true, true), 0);
     EXPECT_TRUE(log.messages().empty());
 }
 
@@ -233,44 +250,131 @@ TEST_F(PackageCommands, InTheFirstLineAreNone)
     EXPECT_EQ(errors(), texts{"no command in " + rawprogram});
 }
 
-struct shared_line {
+struct bad_line {
     const char *name;
-    const char *lines;
-    const char *reported; // the line
+    const char *lines; // the first one is line 4, behind an erase command
+    const char *why;
+    int number;
+    const char *shown;
 };
 
 // Shown behind the test's name.
-void PrintTo(const shared_line &line, std::ostream *out)
+void PrintTo(const bad_line &line, std::ostream *out)
 {
     *out << line.lines;
 }
 
-class PackageSharedLine : public PackageCheck, public testing::WithParamInterface<shared_line> {};
+class PackageLines : public PackageCheck, public testing::WithParamInterface<bad_line> {};
 
-TEST_P(PackageSharedLine, IsRefused)
+TEST_P(PackageLines, AreRefused)
 {
     EXPECT_EQ(check_lines(erase + std::string(GetParam().lines) + "\n"), -22);
-    EXPECT_EQ(errors(),
-              texts{"command without a line of its own in " + rawprogram + ": " + GetParam().reported});
+    EXPECT_EQ(errors(), texts{std::string(GetParam().why) + " in " + rawprogram + ", line " +
+                              std::to_string(GetParam().number) + ": " + GetParam().shown});
 }
 
+constexpr char shared[] = "command without a line of its own";
+constexpr char lost[] = "command that is not read";
+constexpr char no_element[] = "line that is no element";
+constexpr char no_file_name[] = "file name cannot be read";
+constexpr char no_blank[] = "command without a blank behind its name";
+constexpr char twice[] = "attribute given twice";
+
 INSTANTIATE_TEST_SUITE_P(
-    Table, PackageSharedLine,
-    testing::Values(shared_line{"TwoCommands", "<erase/><erase/>", "<erase/><erase/>"},
-                    shared_line{"TwoKinds", "<program/> <erase/>", "<program/> <erase/>"},
-                    shared_line{"GoesOn", "<program\nfilename=\"boot.img\"/>", "<program"},
-                    shared_line{"GoesOnBehindAnother", "<power/> <program\n/>", "<power/> <program"},
-                    shared_line{"TheFrame", "<data><erase/>", "<data><erase/>"},
-                    shared_line{"TheEndOfTheFrame", "<program/></data>", "<program/></data>"},
-                    shared_line{"BehindAComment", "<!--\n-->\n<erase", "<erase"}),
-    [](const testing::TestParamInfo<shared_line> &line) { return std::string(line.param.name); });
+    Shared, PackageLines,
+    testing::Values(bad_line{"TwoCommands", "<erase/><erase/>", shared, 4, "<erase/><erase/>"},
+                    bad_line{"TwoKinds", "<program/> <erase/>", shared, 4, "<program/> <erase/>"},
+                    bad_line{"OtherKinds", "<power/><patch/>", shared, 4, "<power/><patch/>"},
+                    bad_line{"GoesOn", "<program\nfilename=\"boot.img\"/>", shared, 4, "<program"},
+                    bad_line{"GoesOnBehindAnother", "<power/> <program\n/>", shared, 4, "<power/> <program"},
+                    bad_line{"OtherKindGoesOn", "<power\n/>", shared, 4, "<power"},
+                    bad_line{"EndGoesOn", "<power></power\n>", shared, 4, "<power></power"},
+                    bad_line{"TheEndOfTheFrame", "<power/></data>\n<data>", shared, 4, "<power/></data>"},
+                    bad_line{"CommentBehind", "<power/> <!-- a -->", shared, 4, "<power/> <!-- a -->"},
+                    bad_line{"CommentInFront", "<!-- a --> <power/>", shared, 4, "<!-- a --> <power/>"},
+                    bad_line{"BeginOfAComment", "<power/> <!--\n-->", shared, 4, "<power/> <!--"},
+                    bad_line{"EndOfAComment", "<!--\n--> <power/>", shared, 5, "--> <power/>"},
+                    bad_line{"TextInFront", "filename=\"boot.img\" <power/>", shared, 4,
+                             "filename=\"boot.img\" <power/>"},
+                    bad_line{"TextBehind", " \t<power/> .\t\r", shared, 4, "<power/> ."},
+                    bad_line{"FormFeed", "<power/>\f", shared, 4, "<power/>\f"},
+                    bad_line{"LongLine",
+                             "<power value=\"1234567890123456789012345678901234567890123456789\"/><power/>",
+                             shared, 4, "<power value=\"1234567890123456789012345678901234567890123456"}),
+    [](const testing::TestParamInfo<bad_line> &line) { return std::string(line.param.name); });
+
+INSTANTIATE_TEST_SUITE_P(
+    Misread, PackageLines,
+    testing::Values(
+        bad_line{"CommentMarkInAValue", "<power value=\"-->\"/>", lost, 4, "<power value=\"-->\"/>"},
+        bad_line{"EntryOfTheDescription", "<file_name/>", lost, 4, "<file_name/>"},
+        bad_line{"BehindTwoComments", "<!--\n--> <!-- a -->\n<power/>", lost, 6, "<power/>"},
+        bad_line{"BehindTwoCommentsWithAnotherBehind",
+                 "<!--\n--> <!-- a -->\n<power/>\n<!-- a -->\n-- \n<erase/>", lost, 6, "<power/>"},
+        bad_line{"InTheSecondComment", "<!-- a --> <!--\n<power/>\n-->", no_element, 5, "<power/>"},
+        bad_line{"InTheSecondCommentWithTheSameBehind", "<!-- a --> <!--\n<power/>\n-->\n<power/>",
+                 no_element, 5, "<power/>"},
+        bad_line{"TextInTheSecondComment", "<!-- a --> <!--\r\n <b> \r\n-->", no_element, 5, "<b>"}),
+    [](const testing::TestParamInfo<bad_line> &line) { return std::string(line.param.name); });
+
+INSTANTIATE_TEST_SUITE_P(
+    Malformed, PackageLines,
+    testing::Values(
+        bad_line{"CommentWithoutAnEnd", "<!--\n<erase/>", "comment without an end", 4, "<!--"},
+        bad_line{"NoQuotes", "<program filename=boot.img />", "element that cannot be read", 4,
+                 "<program filename=boot.img />"},
+        bad_line{"BehindAComment", "<!--\n-->\n<erase", "element that cannot be read", 6, "<erase"},
+        bad_line{"NotEmpty", "<power>\n<erase/>\n</power>", "element that is not empty", 4, "<power>"},
+        bad_line{"SecondFrame", "</data>\n<data>", "element outside of <data>", 5, "<data>"},
+        bad_line{"Instruction", "<?power?>", "markup that is no element", 4, "<?power?>"}),
+    [](const testing::TestParamInfo<bad_line> &line) { return std::string(line.param.name); });
+
+INSTANTIATE_TEST_SUITE_P(
+    Names, PackageLines,
+    testing::Values(
+        bad_line{"SingleQuotes", "<program filename='boot.img'/>", no_file_name, 4,
+                 "<program filename='boot.img'/>"},
+        bad_line{"BlankInFront", "<program filename =\"boot.img\"/>", no_file_name, 4,
+                 "<program filename =\"boot.img\"/>"},
+        bad_line{"BlankBehind", "<program filename= \"boot.img\"/>", no_file_name, 4,
+                 "<program filename= \"boot.img\"/>"},
+        bad_line{"NameInAValue", "<program label=\"filename\" filename=\"boot.img\"/>", no_file_name, 4,
+                 "<program label=\"filename\" filename=\"boot.img\"/>"},
+        bad_line{"NameInAName", "<program sparse_filename=\"\" filename=\"boot.img\"/>", no_file_name, 4,
+                 "<program sparse_filename=\"\" filename=\"boot.img\"/>"},
+        bad_line{"NameInANameAlone", "<program sparse_filename=\"boot.img\"/>", no_file_name, 4,
+                 "<program sparse_filename=\"boot.img\"/>"},
+        bad_line{"NameInAnotherValue", "<program label='filename=\"boot.img\"'/>", no_file_name, 4,
+                 "<program label='filename=\"boot.img\"'/>"},
+        bad_line{"OtherFile", "<program a_filename=\"boot.img\" filename=\"other\"/>", no_file_name, 4,
+                 "<program a_filename=\"boot.img\" filename=\"other\"/>"},
+        bad_line{"NameInANameOfAnotherKind", "<patch a_filename=\"boot.img\"/>", no_file_name, 4,
+                 "<patch a_filename=\"boot.img\"/>"},
+        bad_line{"Capitals", "<program FILENAME=\"boot.img\"/>", no_file_name, 4,
+                 "<program FILENAME=\"boot.img\"/>"},
+        bad_line{"CapitalsWithoutAName", "<program FileName=\"\"/>", no_file_name, 4,
+                 "<program FileName=\"\"/>"},
+        bad_line{"Hyphen", "<program file-name=\"boot.img\"/>", no_file_name, 4,
+                 "<program file-name=\"boot.img\"/>"},
+        bad_line{"Digit", "<program filename2=\"\" />", no_file_name, 4, "<program filename2=\"\" />"},
+        bad_line{"FileNameTwice", "<program filename=\"\" filename=\"boot.img\"/>", twice, 4,
+                 "<program filename=\"\" filename=\"boot.img\"/>"},
+        bad_line{"OtherAttributeTwice", "<patch a=\"\" b=\"\" b='1'/>", twice, 4,
+                 "<patch a=\"\" b=\"\" b='1'/>"},
+        bad_line{"Tab", "<program\tfilename=\"boot.img\"/>", no_blank, 4,
+                 "<program\tfilename=\"boot.img\"/>"},
+        bad_line{"CarriageReturn", "<program\rlabel=\"a\"/>", no_blank, 4, "<program\rlabel=\"a\"/>"},
+        bad_line{"NoAttributes", "<program/>", no_blank, 4, "<program/>"},
+        bad_line{"NoAttributesAndAnEnd", "<program></program>", no_blank, 4, "<program></program>"},
+        bad_line{"TabInAnEraseCommand", "<erase\tlabel=\"a\"/>", no_blank, 4, "<erase\tlabel=\"a\"/>"}),
+    [](const testing::TestParamInfo<bad_line> &line) { return std::string(line.param.name); });
 
 TEST_F(PackageCommands, MayNotStandInTheFirstLine)
 {
-    dir.write("rawprogram_nand.xml", std::string("\n<?xml?><data><erase/>\n") + program);
+    dir.write("rawprogram_nand.xml", std::string("\n<?xml?><data><erase/>\n") + program + "</data>\n");
     EXPECT_EQ(check(), -22);
-    EXPECT_EQ(errors(),
-              texts{"command without a line of its own in " + rawprogram + ": <?xml?><data><erase/>"});
+    EXPECT_EQ(errors(), texts{"command without a line of its own in " + rawprogram +
+                              ", line 2: <?xml?><data><erase/>"});
 }
 
 TEST_F(PackageCommands, MayStandAnyhowInAComment)
@@ -282,16 +386,34 @@ TEST_F(PackageCommands, MayStandAnyhowInAComment)
     EXPECT_EQ(errors(), texts{});
 }
 
-TEST_F(PackageCommands, OfOtherKindsMayShareALine)
+TEST_F(PackageCommands, MayStandInOddPlacesAsLongAsNoneIsLost)
 {
-    EXPECT_EQ(check_lines(std::string("<power/><patch/>\n") + program), 0);
+    for (const char *text :
+         {"<!-- a --><data>\n<erase/>\n</data>", "<data>\n\n  <erase/>\t \r\n\n</data>\r\n",
+          "<?xml?>\n<data> <!--\n<power>\n--> \n\t<erase/>\n<!----></data>",
+          "<data>\na\n<erase></erase>\n<!-- a -->\nfilename=\"b\"\n</data>c"}) {
+        memset(list->images, 0, sizeof list->images);
+        dir.write("rawprogram_nand.xml", text);
+        EXPECT_EQ(check(), 0) << text;
+    }
     EXPECT_EQ(errors(), texts{});
 }
 
-TEST_F(PackageCommands, BehindACommentWithoutAnEndAreRefused)
+TEST_F(PackageCommands, AreThoseOfTheImages)
 {
-    EXPECT_EQ(check_lines(std::string(program) + "<!--\n" + erase), -22);
-    EXPECT_EQ(errors(), texts{"comment without an end in " + rawprogram});
+    EXPECT_NE(get_new_pkgver(list.get()), nullptr);
+    EXPECT_EQ(build_image_array_from_xml(list.get()), 0);
+    log.clear();
+    list->images[1].command[1] = 'x';
+    EXPECT_EQ(check_package(list.get(), false, true), -22);
+    EXPECT_EQ(errors(), texts{std::string(lost) + " in " + rawprogram +
+                              ", line 4: <program SECTOR_SIZE_IN_BYTES=\"4096\" filename=\"boot.img\" num"});
+}
+
+TEST_F(PackageCommands, AreNotNeededInAFileWithoutAFrameToReadOtpValues)
+{
+    dir.write("rawprogram_nand.xml", "");
+    EXPECT_EQ(check(true), 0);
 }
 
 TEST_F(PackageCommands, AreNotNeededToReadOtpValues)
@@ -335,21 +457,9 @@ TEST_F(PackageCommands, ThatBeginBehindTheCutAreRefused)
 TEST_F(PackageCommands, WithoutANameOfAFileMaySkipIt)
 {
     for (const char *line : {"<program filename=\"\"/>", "<program label=\"a\"/>", "<program filename=''/>",
-                             "<program filename = \"\" />", "<program label=\"filename\"/>"}) {
+                             "<program filename = \"\" />", "<program label=\"filename\"/>", "<program />",
+                             "<program filename=\"\"></program>", "<program FILE=\"a\" NAME=\"b\"/>"}) {
         EXPECT_EQ(check_lines(line + std::string("\n")), 0) << line;
-        memset(list->images, 0, sizeof list->images);
-    }
-}
-
-TEST_F(PackageCommands, WhoseNameOfAFileCannotBeReadAreRefused)
-{
-    for (const char *line :
-         {"<program filename='boot.img'/>", "<program filename =\"boot.img\"/>",
-          "<program filename= \"boot.img\"/>", "<program filename=boot.img />",
-          "<program filename=\"boot.img />", "<program label=\"filename\" filename=\"boot.img\"/>",
-          "<program sparse_filename=\"\" filename=\"boot.img\"/>"}) {
-        EXPECT_EQ(check_lines(line + std::string("\n")), -22) << line;
-        EXPECT_EQ(errors(), texts{"file name cannot be read in " + rawprogram + ": " + line});
         memset(list->images, 0, sizeof list->images);
     }
 }
@@ -431,29 +541,105 @@ TEST_F(PackageProgrammer, IsNeededToReadOtpValuesToo)
     EXPECT_EQ(check(true, true), -2);
 }
 
+// ---- sectors
+
+TEST_F(PackageSectors, OfWholePayloadsNeedNoSize)
+{
+    write_lines("<program filename=\"boot.img\"/>\n");
+    std::filesystem::resize_file(dir.at("boot.img"), 2097152);
+    EXPECT_EQ(check(), 0);
+}
+
+TEST_F(PackageSectors, WithoutASizeAreRefusedForAPartialPayload)
+{
+    for (const char *attribute : {"", "SECTOR_SIZE_IN_BYTES=\"0\" ", "SECTOR_SIZE_IN_BYTES=\"4096x\" "}) {
+        write_lines(std::string("<program ") + attribute + "filename=\"boot.img\"/>\n");
+        EXPECT_EQ(check(), -22) << attribute;
+        EXPECT_EQ(errors(),
+                  texts{"sector size 0 does not fit payload size 1048576 for " + dir.at("boot.img")});
+        list = std::make_unique<image_list>();
+        give_paths();
+    }
+}
+
+TEST_F(PackageSectors, MayBeAsLargeAsAPayloadAndNoLarger)
+{
+    write_lines("<program SECTOR_SIZE_IN_BYTES=\"1048576\" filename=\"boot.img\"/>\n");
+    EXPECT_EQ(check(), 0);
+    list = std::make_unique<image_list>();
+    give_paths();
+    write_lines("<program SECTOR_SIZE_IN_BYTES=\"1048577\" filename=\"boot.img\"/>\n");
+    EXPECT_EQ(check(), -22);
+    EXPECT_EQ(errors(),
+              texts{"sector size 1048577 does not fit payload size 1048576 for " + dir.at("boot.img")});
+}
+
+TEST_F(PackageSectors, MustHaveANumberWithAnEnd)
+{
+    const std::string line =
+        "<program SECTOR_SIZE_IN_BYTES=\"4096\" filename=\"boot.img\" num_partition_sectors=\"1/>";
+    EXPECT_EQ(check_lines(line + "\n"), -22);
+    EXPECT_EQ(errors(),
+              texts{"number of sectors without an end in " + rawprogram + ": " + line.substr(0, 60)});
+}
+
+TEST_F(PackageSectors, OfLinesThatAreNotSentMayBeWrong)
+{
+    write_lines("<program filename=\"boot.img\"/>\n");
+    EXPECT_EQ(check(true), 0);
+}
+
 // ---- the file of an image
 
-TEST_F(ImageFile, ThatIsUnchangedMayBeSent)
+TEST_F(ImageFile, ThatIsUnchangedIsOpened)
 {
     EXPECT_EQ(check(), 0);
-    EXPECT_EQ(check_image_file(&list->images[1]), 0);
+    owned_file file;
+    EXPECT_EQ(open_same_file(list->images[1].filename, list->images[1].identity, file.receive()), 0);
+    char content[8] = {};
+    EXPECT_EQ(read(file.get(), content, sizeof content), 4);
+    EXPECT_STREQ(content, "0123");
+    EXPECT_EQ(write(file.get(), "x", 1), -1) << "open for reading only";
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(ImageFile, ThatHasGrownMayNotBeSent)
+TEST_F(ImageFile, ThatHasGrownIsRefused)
 {
     EXPECT_EQ(check(), 0);
     dir.write("boot.img", "01234");
-    EXPECT_EQ(check_image_file(&list->images[1]), -22);
+    EXPECT_EQ(open_image(), -22);
     EXPECT_EQ(errors(), texts{"file of 4 bytes has changed to 5: " + dir.at("boot.img")});
-    EXPECT_EQ(log.messages().back().function, "check_image_file");
+    EXPECT_EQ(log.messages().back().function, "check_same_file");
 }
 
-TEST_F(ImageFile, ThatIsGoneMayNotBeSent)
+TEST_F(ImageFile, ThatIsGoneIsRefused)
 {
     EXPECT_EQ(check(), 0);
     std::filesystem::remove(dir.at("boot.img"));
-    EXPECT_EQ(check_image_file(&list->images[1]), -2);
+    EXPECT_EQ(open_image(), -2);
     EXPECT_EQ(errors(), texts{"file is not there: " + dir.at("boot.img")});
-    EXPECT_EQ(log.messages().back().function, "check_image_file");
+    EXPECT_EQ(log.messages().back().function, "open_same_file");
+}
+
+TEST_F(ImageFile, OfTheSameSizeIsKnownByItsInode)
+{
+    EXPECT_EQ(check(), 0);
+    dir.write("other", "0123");
+    std::filesystem::rename(dir.at("other"), dir.at("boot.img"));
+    EXPECT_EQ(open_image(), -22);
+    EXPECT_EQ(errors(), texts{"file has changed: " + dir.at("boot.img")});
+}
+
+// Whoever writes a file anew may set its time of modification back, but not that of its change.
+TEST_F(ImageFile, OfTheSameSizeIsKnownByItsTimes)
+{
+    EXPECT_EQ(check(), 0);
+    struct stat before {};
+    ASSERT_EQ(stat(dir.at("boot.img").c_str(), &before), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // longer than the kernel's clock ticks
+    dir.write("boot.img", "4567");
+    const timespec times[] = {before.st_atim, before.st_mtim};
+    ASSERT_EQ(utimensat(AT_FDCWD, dir.at("boot.img").c_str(), times, 0), 0);
+    EXPECT_EQ(open_image(), -22);
+    EXPECT_EQ(errors(), texts{"file has changed: " + dir.at("boot.img")});
 }
