@@ -58,6 +58,8 @@ INSTANTIATE_TEST_SUITE_P(
                     shipped_wait{"write_in_all", timeouts::write_in_all, 300000},
                     shipped_wait{"upload_in_all", timeouts::upload_in_all, 600000},
                     shipped_wait{"flush_in_all", timeouts::flush_in_all, 30000},
+                    shipped_wait{"output_in_all", timeouts::output_in_all, 1000},
+                    shipped_wait{"output_write", timeouts::output_write, 1},
                     shipped_wait{"arrived_device_pause", timeouts::arrived_device_pause, 1000},
                     shipped_wait{"arrived_device_retries", timeouts::arrived_device_retries, 3},
                     shipped_wait{"node_watch", timeouts::node_watch, 1000},
