@@ -3,6 +3,7 @@
 #include "core-file.hpp"
 #include "core-owners.hpp"
 #include "core.hpp"
+#include "package-elements.hpp"
 #include "zepho-log.hpp"
 
 #include <cerrno>
@@ -15,6 +16,7 @@ constexpr char in_check_package[] = "check_package";
 constexpr uint64_t max_sectors = INT32_MAX; // a command announces them as a signed number
 
 constexpr std::string_view blanks = " \t\r";
+constexpr char not_read[] = "command that is not read";
 
 int check_texts(const image_list *package)
 {
@@ -27,89 +29,173 @@ int check_texts(const image_list *package)
     return CORE_OK;
 }
 
-// How many commands that change the flash begin in the line.
-int count_flash_commands(std::string_view line)
-{
-    int count = 0;
-    for (const std::string_view element : {"<program", "<erase"}) {
-        for (size_t found = line.find(element); found != line.npos; found = line.find(element, found + 1))
-            ++count;
-    }
-    return count;
-}
+// Where the lines begin that the commands were read from.
+struct command_lines {
+    const char *begins[MAX_IMAGE_NUMBER];
+    uint32_t count;
+};
 
-// True when the line ends inside an element.
-bool goes_on(std::string_view line)
-{
-    const size_t open = line.rfind('<');
-    return open != line.npos && line.find('>', open) == line.npos;
-}
-
-bool is_comment(line_type type)
-{
-    return type == LINE_COMMENT || type == LINE_COMMENT_START || type == LINE_COMMENT_END;
-}
-
-// Each line is one command: what goes on in the next line, or shares its line with another, would be skipped
-// or sent without its data, and what does not fit its record would be sent in part.
-int check_line(const char *line, line_type type, const char *path)
+// What does not fit its record would be sent in part; all but blanks at the end is kept.
+int find_commands(const package_text &text, command_lines *commands)
 {
     constexpr size_t longest = sizeof image::command - 1;
-    if (count_flash_commands(line) > (type == LINE_COMMAND && !goes_on(line) ? 1 : 0)) {
-        log_as(in_check_package, CORE_LOG_ERR, "command without a line of its own in %s: %.60s", path, line);
-        return CORE_EINVAL;
-    }
-    // All but blanks is kept of the command.
-    if (type == LINE_COMMAND && std::string_view(line).find_last_not_of(blanks) + 1 > longest) {
-        log_as(in_check_package, CORE_LOG_ERR, "command of more than %zu characters in %s: %.60s...", longest,
-               path, line);
-        return CORE_EINVAL;
-    }
-    return CORE_OK;
-}
-
-int check_lines(const package_text &text)
-{
+    commands->count = 0;
     partition_cursor lines(text);
     while (const char *const line = lines.next()) {
-        if (lines.in_comment() || is_comment(lines.type()))
+        if (lines.type() != LINE_COMMAND || lines.in_comment() || commands->count == MAX_IMAGE_NUMBER)
             continue;
-        if (const int err = check_line(line, lines.type(), text.path()); err != CORE_OK)
-            return err;
-    }
-    if (lines.in_comment()) {
-        log_as(in_check_package, CORE_LOG_ERR, "comment without an end in %s", text.path());
-        return CORE_EINVAL;
+        if (std::string_view(line).find_last_not_of(blanks) + 1 > longest) {
+            log_as(in_check_package, CORE_LOG_ERR, "command of more than %zu characters in %s: %.60s...",
+                   longest, text.path(), line);
+            return CORE_EINVAL;
+        }
+        commands->begins[commands->count++] = line;
     }
     return CORE_OK;
 }
 
-// The text from its first character on that is no blank.
-std::string_view without_leading_blanks(std::string_view text)
+bool is_letter(char c)
 {
-    text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
-    return text;
+    const char small = static_cast<char>(c | 0x20);
+    return small >= 'a' && small <= 'z';
 }
 
-// True when the line has an attribute of just this name, however it is written, with a value that is not
-// empty.
-bool names_a_file(std::string_view line)
+std::string_view without_blanks_around(std::string_view text)
 {
-    static constexpr std::string_view name = "filename";
-    for (size_t found = line.find(name); found != line.npos; found = line.find(name, found + 1)) {
-        if (found == 0 || !text_contains(blanks, {&line[found - 1], 1}))
-            continue; // the end of another name
-        std::string_view rest = line;
-        rest.remove_prefix(found + name.size());
-        rest = without_leading_blanks(rest);
-        if (!rest.starts_with('='))
+    text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
+    return {text.data(), text.find_last_not_of(blanks) + 1};
+}
+
+// True for every way to write it: also FILENAME, file_name.
+bool spells_file_name(std::string_view name)
+{
+    std::string_view rest = "filename";
+    for (const char c : name) {
+        if (!is_letter(c))
             continue;
+        if (!rest.starts_with(static_cast<char>(c | 0x20)))
+            return false;
         rest.remove_prefix(1);
-        rest = without_leading_blanks(rest);
-        if (!rest.starts_with("\"\"") && !rest.starts_with("''"))
-            return true;
+    }
+    return rest.empty();
+}
+
+// True when the file that was read for the element is the one that it names. An element that is no program
+// command may name one in a way that is not read: no data is meant to follow it.
+bool has_its_file(const package_element &element, std::string_view file_read)
+{
+    const bool is_program = element.name == "program";
+    std::string_view file;
+    attribute_cursor attributes = element.attributes();
+    while (const std::optional<element_attribute> attribute = attributes.next()) {
+        if (attribute->name == "filename")
+            file = attribute->value;
+        else if (is_program && spells_file_name(attribute->name))
+            return false;
+    }
+    return file == file_read || (file_read.empty() && !is_program);
+}
+
+bool gives_an_attribute_twice(const package_element &element)
+{
+    attribute_cursor attributes = element.attributes();
+    while (const std::optional<element_attribute> attribute = attributes.next()) {
+        attribute_cursor others = attributes;
+        while (const std::optional<element_attribute> other = others.next()) {
+            if (other->name == attribute->name)
+                return true;
+        }
     }
     return false;
+}
+
+// When they are sent, commands of these kinds are known by the blank behind their name. An erase command
+// without attributes needs none, for it has no file either.
+bool is_known_when_sent(const package_element &element)
+{
+    std::string_view rest = element.text;
+    rest.remove_prefix(1 + element.name.size());
+    if (element.name == "program")
+        return rest.starts_with(' ');
+    return element.name != "erase" || rest.starts_with(' ') || !element.attributes().next();
+}
+
+// Why the image is not what the element says, null where it is.
+const char *find_misreading(const package_element &element, std::string_view line, const image &img,
+                            size_t directory_length)
+{
+    if (img.command != std::string_view(line.data(), std::min(line.size(), sizeof img.command - 1)))
+        return not_read;
+    if (gives_an_attribute_twice(element))
+        return "attribute given twice";
+    if (!is_known_when_sent(element))
+        return "command without a blank behind its name";
+    std::string_view file = img.filename;
+    file.remove_prefix(std::min(directory_length + 1, file.size()));
+    return has_its_file(element, file) ? nullptr : "file name cannot be read";
+}
+
+int refuse_line(const package_text &text, const char *why, size_t line_number, std::string_view line)
+{
+    constexpr size_t longest_shown = 60;
+    const std::string_view shown = without_blanks_around(line);
+    log_as(in_check_package, CORE_LOG_ERR, "%s in %s, line %zu: %.*s", why, text.path(), line_number,
+           static_cast<int>(std::min(shown.size(), longest_shown)), shown.data());
+    return CORE_EINVAL;
+}
+
+// Lines that were read as commands and are no element are sent as they stand: a closing tag, a text with
+// brackets. One that begins like an element and is none was taken out by a comment.
+ending check_mere_line(const package_text &text, const char *line)
+{
+    const std::string_view shown = without_blanks_around(text_before(line, "\n"));
+    if (shown.size() < 2 || shown[0] != '<' || !is_letter(shown[1]))
+        return go_on;
+    const auto number = std::count<const char *>(text.bytes(), line, '\n') + 1;
+    return refuse_line(text, "line that is no element", static_cast<size_t>(number), shown);
+}
+
+// Passes over the commands whose lines begin before `end`.
+ending pass_mere_lines(const package_text &text, const command_lines &commands, const char *end,
+                       uint32_t *index)
+{
+    for (; *index < commands.count && commands.begins[*index] < end; ++*index) {
+        if (const ending refused = check_mere_line(text, commands.begins[*index]))
+            return refused;
+    }
+    return go_on;
+}
+
+// Every element is a command as it was read, and every command is an element: what was not read would be
+// missing in the modem while the run reports success.
+int check_elements(const image_list *package, const command_lines &commands, size_t directory_length)
+{
+    const package_text &text = package->partition;
+    element_cursor elements({text.bytes(), text.size()});
+    uint32_t index = 0;
+    while (const std::optional<package_element> element = elements.next()) {
+        const std::string_view line = elements.line();
+        if (without_blanks_around(line) != element->text)
+            return refuse_line(text, "command without a line of its own", elements.line_number(), line);
+        if (const ending refused = pass_mere_lines(text, commands, line.data(), &index))
+            return *refused;
+        const bool was_read = index < commands.count && commands.begins[index] == line.data();
+        const char *const why =
+            was_read ? find_misreading(*element, line, package->images[index], directory_length) : not_read;
+        if (why != nullptr)
+            return refuse_line(text, why, elements.line_number(), line);
+        ++index;
+    }
+    if (elements.problem() != nullptr)
+        return refuse_line(text, elements.problem(), elements.line_number(), elements.line());
+    return pass_mere_lines(text, commands, text.bytes() + text.size(), &index).value_or(CORE_OK);
+}
+
+int check_partition(const image_list *package, size_t directory_length)
+{
+    command_lines commands;
+    const int err = find_commands(package->partition, &commands);
+    return err == CORE_OK ? check_elements(package, commands, directory_length) : err;
 }
 
 // What the command of an image with data says of its sectors.
@@ -133,10 +219,6 @@ int check_sectors_of(const image *img, const char *path)
 
 int check_command(const image *img, const char *path)
 {
-    if (img->filename[0] == '\0' && text_contains(img->command, "<program ") && names_a_file(img->command)) {
-        log_as(in_check_package, CORE_LOG_ERR, "file name cannot be read in %s: %s", path, img->command);
-        return CORE_EINVAL;
-    }
     const bool has_data = img->filename[0] != '\0' && !text_contains(img->command, "<erase ");
     return has_data ? check_sectors_of(img, path) : CORE_OK;
 }
@@ -195,9 +277,14 @@ int check_programmer(image_list *package)
 
 int check_lines_and_commands(const image_list *package)
 {
+    const owned_text directory = directory_of_package(package);
+    if (directory == nullptr) {
+        log_as(in_check_package, CORE_LOG_ERR, "out of memory");
+        return CORE_ENOMEM;
+    }
     if (const int err = check_not_empty(package); err != CORE_OK)
         return err;
-    if (const int err = check_lines(package->partition); err != CORE_OK)
+    if (const int err = check_partition(package, strlen(directory.get())); err != CORE_OK)
         return err;
     return check_commands(package);
 }
@@ -226,14 +313,16 @@ int check_sectors(const image *img, uint32_t max_payload)
 
 int open_same_file(const char *path, const core_file_identity &identity, int *handle)
 {
+    *handle = -1;
+    owned_file file;
     if (const int err =
-            core_file_exists(path) != CORE_OK ? CORE_ENOENT : core_file_open_to_read(path, handle);
+            core_file_exists(path) != CORE_OK ? CORE_ENOENT : core_file_open_to_read(path, file.receive());
         err != CORE_OK)
         return tell_of_opening(err, path, __func__);
-    const int err = check_same_file(*handle, path, identity);
-    if (err != CORE_OK)
-        static_cast<void>(core_file_close(*handle)); // it was only looked at
-    return err;
+    if (const int err = check_same_file(file.get(), path, identity); err != CORE_OK)
+        return err;
+    *handle = file.release();
+    return CORE_OK;
 }
 
 int check_same_file(int handle, const char *path, const core_file_identity &identity)

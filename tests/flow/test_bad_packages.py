@@ -14,7 +14,7 @@ import fake_tree
 import packages
 from firehose_texts import ACK, CONFIGURE, NAK, NOP, RESET, TARGET_RESET
 from harness import (COMPLETED, FAILED, FIREHOSE_FAILED, KESTREL, NO_USB, NO_USB_STATUS, VERSION, Session, Sim, finish,
-                     flash, run, start, stop)
+                     flash, json_lines, run, start, stop)
 from packages import ERASE, ONE_IMAGE_IN_FLASH, PROGRAMMER, RAWPROGRAM, content, program
 from scripted_modem import ScriptedModem
 
@@ -229,19 +229,175 @@ def test_rawprogram_file_without_a_command_is_refused(text, folder):
     check_refused(folder, package, 234, f'no command in {package}/{RAWPROGRAM}\n' + FAILED)
 
 
-@pytest.mark.parametrize('lines', ['<program filename="one.bin"\nlabel="one"/>', program('one.bin') + ERASE,
-                                   '<data>' + ERASE], ids=['several lines', 'shared', 'frame'])
-def test_command_without_a_line_of_its_own_is_refused(lines, folder):
-    """It would be skipped, or sent without its data."""
-    package = packages.write(folder / 'package', [ERASE, lines], {'one.bin': b'1'})
-    line = lines.split('\n', maxsplit=1)[0]
-    check_refused(folder, package, 234,
-                  f'command without a line of its own in {package}/{RAWPROGRAM}: {line[:60]}\n' + FAILED)
+# --- commands that the image list has not, or has otherwise than they are written
+
+PROGRAM = '<program filename="one.bin"/>'
+ALONE = 'command without a line of its own'
+NOT_READ = 'command that is not read'
+NO_ELEMENT = 'line that is no element'
+FILE_NAME = 'file name cannot be read'
+NO_BLANK = 'command without a blank behind its name'
+TWICE = 'attribute given twice'
+UNREADABLE = 'element that cannot be read'
+FILLED = 'element that is not empty'
+OUTSIDE = 'element outside of <data>'
+MARKUP = 'markup that is no element'
+NO_BEGIN = 'end of an element that has not begun'
+NO_BRACKET = 'bracket that closes nothing'
+
+# Lines behind an erase line, which is the third line of the file; what is found; in which line, and what it holds.
+LINES = {
+    'comment behind': (f'{PROGRAM} <!-- boot -->', ALONE, 4, f'{PROGRAM} <!-- boot -->'),
+    'comment in front': (f'<!-- boot --> {PROGRAM}', ALONE, 4, f'<!-- boot --> {PROGRAM}'),
+    'behind the end of a comment': (f'<!--\nboot\n--> {PROGRAM}', ALONE, 6, f'--> {PROGRAM}'),
+    'before the begin of a comment': (f'{PROGRAM} <!--\nboot -->', ALONE, 4, f'{PROGRAM} <!--'),
+    'between comments': (f'<!-- a\n--> {PROGRAM} <!--\n-->', ALONE, 5, f'--> {PROGRAM} <!--'),
+    'shared by others': ('<power/><patch/>', ALONE, 4, '<power/><patch/>'),
+    'shared': (program('one.bin') + ERASE, ALONE, 4, program('one.bin')[:60]),
+    'frame': ('</data><data>\n' + PROGRAM, OUTSIDE, 4, '</data><data>'),
+    'end of the frame': (f'{PROGRAM}</data>\n<data>', ALONE, 4, f'{PROGRAM}</data>'),
+    'several lines': ('<program filename="one.bin"\n  label="one"/>', ALONE, 4, '<program filename="one.bin"'),
+    'several lines of others': ('<power\n  value="reset"/>', ALONE, 4, '<power'),
+    'end in the next line': ('<power value="reset">\n</power>', ALONE, 4, '<power value="reset">'),
+    'text in front': (f'sparse {PROGRAM}', ALONE, 4, f'sparse {PROGRAM}'),
+    'text behind': (f'\t{PROGRAM};\r', ALONE, 4, f'{PROGRAM};'),
+    'comment mark in a value': ('<program label="-->" filename="one.bin"/>', NOT_READ, 4,
+                                '<program label="-->" filename="one.bin"/>'),
+    'behind the end of a comment, and one more': (f'<!--\n--> <!-- a -->\n{PROGRAM}', NOT_READ, 6, PROGRAM),
+    'comment in a comment': (f'<!--\n<!-- a -->\n{PROGRAM}\n-->', NOT_READ, 6, PROGRAM),
+    'description': ('<partition_file filename="one.bin"/>', NOT_READ, 4, '<partition_file filename="one.bin"/>'),
+    'comment behind a comment': (f'<!-- a --> <!--\n{PROGRAM}\n-->', NO_ELEMENT, 5, PROGRAM),
+    'comment of a mark and a half': (f'<!-->\n{PROGRAM}\n-->', NO_ELEMENT, 5, PROGRAM),
+    'the wrong one of two': (f'<!-- a --> <!--\n<power/>\n-->\n{PROGRAM}', NO_ELEMENT, 5, '<power/>'),
+    'capitals': ('<program FILENAME="one.bin"/>', FILE_NAME, 4, '<program FILENAME="one.bin"/>'),
+    'some capitals': ('<program fileName="one.bin"/>', FILE_NAME, 4, '<program fileName="one.bin"/>'),
+    'underscore': ('<program file_name="one.bin"/>', FILE_NAME, 4, '<program file_name="one.bin"/>'),
+    'capitals beside': ('<program FILENAME="" filename="one.bin"/>', FILE_NAME, 4,
+                        '<program FILENAME="" filename="one.bin"/>'),
+    'single quotes': ("<program filename='one.bin'/>", FILE_NAME, 4, "<program filename='one.bin'/>"),
+    'blank before the sign': ('<program filename ="one.bin"/>', FILE_NAME, 4, '<program filename ="one.bin"/>'),
+    'name in a value': ('<program label="filename" filename="one.bin"/>', FILE_NAME, 4,
+                        '<program label="filename" filename="one.bin"/>'),
+    'name in a name': ('<program sparse_filename="one.bin" filename=""/>', FILE_NAME, 4,
+                       '<program sparse_filename="one.bin" filename=""/>'),
+    'name in a name of others': ('<patch sparse_filename="one.bin"/>', FILE_NAME, 4,
+                                 '<patch sparse_filename="one.bin"/>'),
+    'file name twice': ('<program filename="" filename="one.bin"/>', TWICE, 4,
+                        '<program filename="" filename="one.bin"/>'),
+    'attribute twice': ('<erase start_sector="0" label="a" start_sector="1"/>', TWICE, 4,
+                        '<erase start_sector="0" label="a" start_sector="1"/>'),
+    'tab': ('<program\tfilename="one.bin"/>', NO_BLANK, 4, '<program\tfilename="one.bin"/>'),
+    'tab, no file': ('<program\tlabel="one"/>', NO_BLANK, 4, '<program\tlabel="one"/>'),
+    'nothing': ('<program/>', NO_BLANK, 4, '<program/>'),
+    'tab in an erase command': ('<erase\tfilename="one.bin"/>', NO_BLANK, 4, '<erase\tfilename="one.bin"/>'),
+    'no quotes': ('<program filename=one.bin />', UNREADABLE, 4, '<program filename=one.bin />'),
+    'no end of a value': ('<program filename="one.bin />', UNREADABLE, 4, '<program filename="one.bin />'),
+    'no end': ('<program filename="one.bin">', FILLED, 4, '<program filename="one.bin">'),
+    'elements in elements': ('<set>\n' + PROGRAM + '\n</set>', FILLED, 4, '<set>'),
+    'end of nothing': ('</program>', NO_BEGIN, 4, '</program>'),
+    'end with a blank': ('</data >', NO_BEGIN, 4, '</data >'),
+    'frame in the frame': ('<data>\n' + PROGRAM + '\n</data>', FILLED, 4, '<data>'),
+    'second frame': ('</data>\n\n<data>\n' + PROGRAM, OUTSIDE, 6, '<data>'),
+    'second declaration': ('<?xml version="1.0"?>', MARKUP, 4, '<?xml version="1.0"?>'),
+    'instruction': ('<?flash now?>', MARKUP, 4, '<?flash now?>'),
+    'character data': (f'<![CDATA[ {PROGRAM} ]]>', MARKUP, 4, f'<![CDATA[ {PROGRAM} ]]>'),
+    'text with brackets': ('1 < 2 > 0', MARKUP, 4, '1 < 2 > 0'),
+    'no begin': ('program filename="one.bin"/>', NO_BRACKET, 4, 'program filename="one.bin"/>'),
+    'end of a comment': ('-->', NO_BRACKET, 4, '-->'),
+    'empty lines before': (f'\n\r\n\n{PROGRAM} <!-- -->', ALONE, 7, f'{PROGRAM} <!-- -->'),
+    'comment without an end': (f'{PROGRAM}\n  <!-- boot\n{PROGRAM}', 'comment without an end', 5, '<!-- boot'),
+}
 
 
-def test_comment_without_an_end_is_refused(folder):
-    package = packages.write(folder / 'package', [ERASE, '<!--', program('one.bin')], {'one.bin': b'1'})
-    check_refused(folder, package, 234, f'comment without an end in {package}/{RAWPROGRAM}\n' + FAILED)
+def refused_line(package, what, number, found):
+    return f'{what} in {package}/{RAWPROGRAM}, line {number}: {found}\n' + FAILED
+
+
+def with_lines(folder, lines):
+    return packages.write(folder / 'package', [ERASE, lines], {'one.bin': b'1'})
+
+
+# What reading them complains of besides.
+COMPLAINTS = {
+    'single quotes': "unable to find '\"', instead found '\n",
+    'blank before the sign': "unable to find '=', instead found  \n",
+    'name in a value': "unable to find '=', instead found \"\n",
+    'no quotes': "unable to find '\"', instead found o\n",
+    'no end of a value': "unable to find final '\"'\n",
+}
+
+
+@pytest.mark.parametrize('arguments', [(), ('--dry-run',)], ids=['run', 'dry run'])
+@pytest.mark.parametrize('case', LINES)
+def test_command_that_would_be_lost_or_misread_is_refused(case, arguments, folder):
+    lines, *reported = LINES[case]
+    package = with_lines(folder, lines)
+    err = COMPLAINTS.get(case, '') + refused_line(package, *reported)
+    check_refused(folder, package, 234, err, *arguments)
+
+
+@pytest.mark.parametrize('case', ['comment behind', 'capitals', 'several lines of others'])
+def test_command_that_would_be_lost_is_refused_before_the_programmer_hears_of_it(case, folder):
+    package = with_lines(folder, LINES[case][0])
+    done = flash(folder, package, sim_leaves=False)
+    assert (done.outcome.status, done.outcome.out) == (234, VERSION)
+    assert done.outcome.err == refused_line(package, *LINES[case][1:])
+    assert done.received() == []
+
+
+FRAMES = {
+    'declaration with the frame': (f'<?xml version="1.0"?><data>{PROGRAM}\n{ERASE}\n</data>\n', ALONE, 1,
+                                   f'<?xml version="1.0"?><data>{PROGRAM}'[:60]),
+    'frame with a command': (f'<?xml version="1.0"?>\n<data><power/>\n{ERASE}\n</data>\n', ALONE, 2, '<data><power/>'),
+    'no frame': (f'<?xml version="1.0"?>\n{PROGRAM}\n{PROGRAM}\n', OUTSIDE, 2, PROGRAM),
+    'a command as the frame': (f'<?xml version="1.0"?>\n{PROGRAM}\n', OUTSIDE, 2, PROGRAM),
+    'other frame': (f'<?xml version="1.0"?>\n<patches>\n{PROGRAM}\n</patches>\n', OUTSIDE, 2, '<patches>'),
+    'frame with attributes': (f'<?xml version="1.0"?>\n<data v="1">\n{PROGRAM}\n</data>\n', OUTSIDE, 2,
+                              '<data v="1">'),
+    'no end': (f'<?xml version="1.0"?>\n<data>\n{PROGRAM}\n', '<data> without an end', 2, '<data>'),
+    'document type': (f'<?xml version="1.0"?>\n<!DOCTYPE data>\n<data>\n{PROGRAM}\n</data>\n', MARKUP, 2,
+                      '<!DOCTYPE data>'),
+    'behind the frame': (f'<?xml version="1.0"?>\n<data>\n{PROGRAM}\n</data>\n<power/>\n', OUTSIDE, 5, '<power/>'),
+    'comment from the first line on': (f'<?xml version="1.0"?> <!--\n{PROGRAM}\n-->\n<data>\n</data>\n', NO_ELEMENT,
+                                       2, PROGRAM),
+    'empty first line': (f'\n<?xml version="1.0"?>\n<data>\n{PROGRAM} <!-- -->\n{ERASE}\n</data>\n', ALONE, 4,
+                         f'{PROGRAM} <!-- -->'),
+}
+
+
+@pytest.mark.parametrize('case', FRAMES)
+def test_file_without_its_frame_is_refused(case, folder):
+    package = packages.one_image(folder / 'package')
+    text, *reported = FRAMES[case]
+    (package / RAWPROGRAM).write_text(text)
+    check_refused(folder, package, 234, refused_line(package, *reported))
+
+
+# Odd, and yet nothing is lost: what the modem receives.
+KEPT = {
+    'comments': (f'<!-- {PROGRAM} -->\n<!--\n{PROGRAM}\n-->\n<!-- -- <!-- --->', []),
+    'comment with brackets': ('<!--\n<flash>\n-->', []),
+    'comment as a part of a comment': (f'<!-- a\n--> <!-- b\n{PROGRAM}\n-->', []),
+    'text': ('filename="one.bin"', []),
+    'no file': ('<program label="one" filename=""/>', []),
+    'no attribute': ('<program />', []),
+    'empty name in single quotes': ("<program filename=''/>", []),
+    'entity': ('<power value="a&amp;b"/>', ['<power value="a&amp;b"/>']),
+    'bracket in a value': ('<power value="a>b"/>', ['<power value="a>b"/>']),
+    'end tag': ('<power value="a"></power>', ['<power value="a"></power>']),
+    'other elements': ('<nop value="a" value2=\'b\'/>', ['<nop value="a" value2=\'b\'/>']),
+    'blanks around': ('\t <power value="a"/> \t\r', ['\t <power value="a"/> \t\r']),
+}
+
+
+@pytest.mark.parametrize('case', KEPT)
+def test_what_loses_nothing_is_kept_as_it_is(case, folder):
+    lines, commands = KEPT[case]
+    outcome = run(with_lines(folder, lines), '--port', '/nowhere', '--force', '--dry-run', '--debug', '--json')
+    dumped = [line['msg'][len('\tCommand: '):] for line in json_lines(outcome.out.split('\n', 1)[1])
+              if line['type'] == 'LOG' and line['msg'].startswith('\tCommand: ')]
+    assert outcome.status == 0
+    assert [line for line in dumped if '<program ' not in line] == [ERASE, *commands]
 
 
 def test_otp_values_are_read_without_any_command(folder):
@@ -475,18 +631,6 @@ def test_name_that_fills_the_line_is_refused(length, complaint, folder):
     err = (complaint + f'command of more than 1023 characters in {package}/{RAWPROGRAM}: <program filename="'
            + 'x' * 41 + '...\n' + FAILED)
     check_refused(folder, package, 234, err if complaint else IMAGE_MISSING)
-
-
-@pytest.mark.parametrize('line, complaint', [
-    ("<program filename='one.bin'/>", "unable to find '\"', instead found '\n"),
-    ('<program filename ="one.bin"/>', "unable to find '=', instead found  \n"),
-    ('<program filename="one.bin />', "unable to find final '\"'\n"),
-    ('<program label="filename" filename="one.bin"/>', "unable to find '=', instead found \"\n"),
-])
-def test_program_line_whose_file_name_cannot_be_read_is_refused(line, complaint, folder):
-    package = packages.one_image(folder / 'package', line)
-    check_refused(folder, package, 234,
-                  f'{complaint}file name cannot be read in {package}/{RAWPROGRAM}: {line}\n' + FAILED)
 
 
 # --- sizes

@@ -35,8 +35,8 @@ def quoted_directory(folder):
 def undecodable_name(folder):
     package = packages.write(folder / 'package', [packages.ERASE])
     (package / packages.RAWPROGRAM).write_bytes(
-        b'<?xml?>\n<program SECTOR_SIZE_IN_BYTES="4096" num_partition_sectors="1" label="l\xe4bel" filename="' +
-        UNDECODABLE + b'" />\n')
+        b'<?xml?>\n<data>\n<program SECTOR_SIZE_IN_BYTES="4096" num_partition_sectors="1" label="l\xe4bel" filename="' +
+        UNDECODABLE + b'" />\n</data>\n')
     (package / os.fsdecode(UNDECODABLE)).write_bytes(b'image')
     return flash(folder, package, '--json', '--debug')
 

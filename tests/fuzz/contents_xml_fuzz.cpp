@@ -35,6 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         fuzz_check(list.programmer_path[0] != '\0' && list.partition_file_path[0] != '\0');
         fuzz_check(contains(text, "<device_programmer") && contains(text, "<partition_file"));
     }
+    list.description = {};
     memset(list.programmer_path, 0, path_size);
     memset(list.partition_file_path, 0, path_size);
     fuzz_check(core_is_zero(&list, sizeof list)); // nothing else was written

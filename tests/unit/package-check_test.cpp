@@ -2,6 +2,7 @@
 
 #include "core.hpp"
 #include "image-list.hpp"
+#include "libc-hooks.hpp"
 #include "log_capture.hpp"
 #include "package.hpp"
 #include "temp_dir.hpp"
@@ -69,6 +70,17 @@ class PackageCheck : public testing::Test {
         write_lines(lines);
         return check();
     }
+    // Reads the package, which fails or is what the case is about.
+    int build()
+    {
+        log.clear();
+        return build_image_array_from_xml(list.get());
+    }
+    int build_lines(const std::string &lines)
+    {
+        write_lines(lines);
+        return build();
+    }
     texts errors() const { return log.texts(CORE_LOG_ERR); }
 
     temp_dir dir;
@@ -79,7 +91,33 @@ class PackageCheck : public testing::Test {
 
 // The names in a package, the lines in its rawprogram file, and the programmer.
 class PackageTexts : public PackageCheck {};
-class PackageNames : public PackageCheck {};
+class PackageNames : public PackageCheck {
+  protected:
+    // A second folder beside the package, with a package of its own.
+    class neighbour : public temp_dir {
+      public:
+        neighbour()
+        {
+            write("contents.xml", content);
+            write("information.contents", "PKG VER : 49.01.102\n");
+            write("rawprogram_nand.xml", std::string("<?xml?>\n") + erase);
+            write("prog.mbn", "programmer");
+            write("boot.img", "0123");
+        }
+        // What a file of it is called from within the package.
+        std::string name(const std::string &file) const
+        {
+            return "../" + std::filesystem::path(path()).filename().string() + "/" + file;
+        }
+    };
+
+    void link(const std::string &target, const std::string &name) const
+    {
+        std::filesystem::create_symlink(target, dir.at(name));
+    }
+
+    neighbour outside;
+};
 class PackageCommands : public PackageCheck {};
 class PackageProgrammer : public PackageCheck {};
 class PackageSectors : public PackageCheck {};
@@ -163,44 +201,146 @@ TEST_F(PackageTexts, OfAProgrammerAloneAreBesideIt)
 
 TEST_F(PackageNames, OfImagesStayInThePackage)
 {
-    dir.write("images/boot.img", "0123");
-    EXPECT_EQ(check_lines("<program filename=\"images/../boot.img\"/>\n"), -22);
-    EXPECT_EQ(errors(), texts{"file name leads out of the package: " + dir.path() + "/images/../boot.img"});
+    const std::string name = outside.name("boot.img");
+    EXPECT_EQ(build_lines("<program filename=\"" + name + "\"/>\n"), -22);
+    EXPECT_EQ(errors(),
+              (texts{"file name leads out of the package: " + dir.at(name),
+                     "unable to open file err = 4294967274, for image", "image list validation failure"}));
+    EXPECT_EQ(list->images[0].file_size, 0U);
 }
 
 TEST_F(PackageNames, OfErasedImagesStayInThePackage)
 {
-    dir.write("images/x", "");
-    EXPECT_EQ(check_lines("<erase filename=\"images/../boot.img\"/>\n"), -22);
+    const std::string name = outside.name("boot.img");
+    EXPECT_EQ(build_lines("<erase filename=\"" + name + "\"/>\n"), -22);
+    EXPECT_EQ(errors()[0], "file name leads out of the package: " + dir.at(name));
 }
 
-TEST_F(PackageNames, MayNotEndInTwoDots)
+TEST_F(PackageNames, OfImagesMayLeadUpwardsWithinThePackage)
+{
+    dir.write("images/x", "");
+    EXPECT_EQ(check_lines("<program filename=\"images/../boot.img\" SECTOR_SIZE_IN_BYTES=\"1\"/>\n"), 0);
+    EXPECT_EQ(list->images[0].filename, dir.at("images/../boot.img"));
+    EXPECT_EQ(list->images[0].file_size, 4U);
+}
+
+TEST_F(PackageNames, OfImagesMayBeLinksWithinThePackage)
+{
+    link("boot.img", "relative.img");
+    link(dir.at("boot.img"), "absolute.img");
+    EXPECT_EQ(check_lines("<program filename=\"relative.img\" SECTOR_SIZE_IN_BYTES=\"1\"/>\n"
+                          "<program filename=\"absolute.img\" SECTOR_SIZE_IN_BYTES=\"1\"/>\n"),
+              0);
+    EXPECT_EQ(list->images[0].file_size, 4U);
+    EXPECT_EQ(list->images[1].file_size, 4U);
+}
+
+TEST_F(PackageNames, OfImagesMayBeNoLinksOutOfThePackage)
+{
+    link(outside.path() + "/boot.img", "link.img");
+    EXPECT_EQ(build_lines("<program filename=\"link.img\"/>\n"), -22);
+    EXPECT_EQ(errors()[0], "file name leads out of the package: " + dir.at("link.img"));
+}
+
+TEST_F(PackageNames, OfImagesMayNotBeginLikeThePackage)
+{
+    const temp_dir around;
+    around.write("pkg2/boot.img", "0123");
+    around.write("pkg/contents.xml", content);
+    around.write("pkg/rawprogram_nand.xml", "<?xml?>\n<program filename=\"../pkg2/boot.img\"/>\n");
+    strlcpy(list->content_xml_path, around.at("pkg/contents.xml").c_str(), sizeof list->content_xml_path);
+    log.clear();
+    EXPECT_EQ(build_image_array_from_xml(list.get()), -22);
+    EXPECT_EQ(errors()[0], "file name leads out of the package: " + around.at("pkg/../pkg2/boot.img"));
+}
+
+TEST_F(PackageNames, OfTheProgrammerMayNotEndInTwoDots)
 {
     write_names("..", "rawprogram_nand.xml");
-    EXPECT_EQ(check(false, false), -22);
-    EXPECT_EQ(errors(), texts{"file name leads out of the package: " + dir.path() + "/.."});
+    EXPECT_EQ(check(), -22);
+    EXPECT_EQ(errors(), texts{"'" + dir.at("..") + "' is not a regular file"});
 }
 
 TEST_F(PackageNames, OfTheProgrammerStayInThePackage)
 {
-    write_names("../prog.mbn", "rawprogram_nand.xml");
+    const std::string name = outside.name("prog.mbn");
+    write_names(name, "rawprogram_nand.xml");
     EXPECT_EQ(check(), -22);
-    EXPECT_EQ(errors(), texts{"file name leads out of the package: " + dir.path() + "/../prog.mbn"});
+    EXPECT_EQ(errors(), texts{"file name leads out of the package: " + dir.at(name)});
+    EXPECT_TRUE(list->programmer == core_file_identity{});
 }
 
-TEST_F(PackageNames, OfTheProgrammerStayInThePackageAlsoWhenItIsNotUploaded)
+TEST_F(PackageNames, OfTheProgrammerMayLeadNowhere)
 {
-    write_names("../prog.mbn", "rawprogram_nand.xml");
-    EXPECT_EQ(check(false, false), -22);
+    write_names("../prog.mbn/absent", "rawprogram_nand.xml");
+    EXPECT_EQ(check(), -2);
+    EXPECT_EQ(errors(), texts{"file is not there: " + dir.at("../prog.mbn/absent")});
+}
+
+// No run asks for it then.
+TEST_F(PackageNames, OfTheProgrammerMayLeadAnywhereWhereItIsNotUploaded)
+{
+    write_names(outside.name("prog.mbn"), "rawprogram_nand.xml");
+    EXPECT_EQ(check(false, false), 0);
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(PackageNames, OfTheProgrammerMayBeALinkWithinThePackage)
+{
+    link("prog.mbn", "link.mbn");
+    write_names("link.mbn", "rawprogram_nand.xml");
+    EXPECT_EQ(check(), 0);
+    EXPECT_EQ(list->programmer.size, 10);
+}
+
+TEST_F(PackageNames, OfTheProgrammerMayBeNoLinkOutOfThePackage)
+{
+    link(outside.path() + "/prog.mbn", "link.mbn");
+    write_names("link.mbn", "rawprogram_nand.xml");
+    EXPECT_EQ(check(), -22);
+    EXPECT_EQ(errors(), texts{"file name leads out of the package: " + dir.at("link.mbn")});
 }
 
 TEST_F(PackageNames, OfTheRawprogramFileStayInThePackage)
 {
+    const std::string name = outside.name("rawprogram_nand.xml");
+    write_names("prog.mbn", name);
+    EXPECT_EQ(build(), -22);
+    EXPECT_EQ(errors(), (texts{"file name leads out of the package: " + dir.at(name),
+                               "unable to open partition file " + dir.at(name) + ", err = 4294967274"}));
+    EXPECT_TRUE(is_empty_image(&list->images[0]));
+}
+
+TEST_F(PackageNames, OfTheRawprogramFileMayLeadUpwardsWithinThePackage)
+{
     dir.write("lists/x", "");
     write_names("prog.mbn", "lists//../rawprogram_nand.xml");
-    EXPECT_EQ(check(), -22);
-    EXPECT_EQ(errors(),
-              texts{"file name leads out of the package: " + dir.path() + "/lists//../rawprogram_nand.xml"});
+    EXPECT_EQ(check(), 0);
+}
+
+TEST_F(PackageNames, OfTheRawprogramFileMayBeNoLinkOutOfThePackage)
+{
+    link(outside.path() + "/rawprogram_nand.xml", "link.xml");
+    write_names("prog.mbn", "link.xml");
+    EXPECT_EQ(build(), -22);
+    EXPECT_EQ(errors()[0], "file name leads out of the package: " + dir.at("link.xml"));
+}
+
+TEST_F(PackageNames, OfTheDescriptionMayBeNoLinkOutOfThePackage)
+{
+    std::filesystem::remove(dir.at("contents.xml"));
+    link(outside.path() + "/contents.xml", "contents.xml");
+    EXPECT_EQ(build(), -22);
+    EXPECT_EQ(errors()[0], "file name leads out of the package: " + dir.at("contents.xml"));
+}
+
+TEST_F(PackageNames, OfTheInformationFileMayBeNoLinkOutOfThePackage)
+{
+    std::filesystem::remove(dir.at("information.contents"));
+    link(outside.path() + "/information.contents", "information.contents");
+    EXPECT_EQ(get_new_pkgver(list.get()), nullptr);
+    EXPECT_EQ(errors(), (texts{"file name leads out of the package: " + dir.at("information.contents"),
+                               "get_new_pkgver: cannot open the file " + dir.at("information.contents")}));
 }
 
 TEST_F(PackageNames, MayHoldTwoDotsInAComponent)
@@ -211,13 +351,13 @@ TEST_F(PackageNames, MayHoldTwoDotsInAComponent)
 
 TEST_F(PackageNames, MayHoldASingleDot)
 {
-    EXPECT_EQ(check_lines("<program filename=\"./boot.img\"/>\n"), 0);
+    EXPECT_EQ(check_lines("<program filename=\"./boot.img\" SECTOR_SIZE_IN_BYTES=\"1\"/>\n"), 0);
 }
 
 TEST_F(PackageNames, ThatAreAbsoluteStandBelowThePackage)
 {
     dir.write("abs/boot.img", "0123");
-    EXPECT_EQ(check_lines("<program filename=\"/abs/boot.img\"/>\n"), 0);
+    EXPECT_EQ(check_lines("<program filename=\"/abs/boot.img\" SECTOR_SIZE_IN_BYTES=\"1\"/>\n"), 0);
     EXPECT_EQ(list->images[0].filename, dir.path() + "//abs/boot.img");
 }
 
@@ -250,44 +390,131 @@ TEST_F(PackageCommands, InTheFirstLineAreNone)
     EXPECT_EQ(errors(), texts{"no command in " + rawprogram});
 }
 
-struct shared_line {
+struct bad_line {
     const char *name;
-    const char *lines;
-    const char *reported; // the line
+    const char *lines; // the first one is line 4, behind an erase command
+    const char *why;
+    int number;
+    const char *shown;
 };
 
 // Shown behind the test's name.
-void PrintTo(const shared_line &line, std::ostream *out)
+void PrintTo(const bad_line &line, std::ostream *out)
 {
     *out << line.lines;
 }
 
-class PackageSharedLine : public PackageCheck, public testing::WithParamInterface<shared_line> {};
+class PackageLines : public PackageCheck, public testing::WithParamInterface<bad_line> {};
 
-TEST_P(PackageSharedLine, IsRefused)
+TEST_P(PackageLines, AreRefused)
 {
     EXPECT_EQ(check_lines(erase + std::string(GetParam().lines) + "\n"), -22);
-    EXPECT_EQ(errors(),
-              texts{"command without a line of its own in " + rawprogram + ": " + GetParam().reported});
+    EXPECT_EQ(errors(), texts{std::string(GetParam().why) + " in " + rawprogram + ", line " +
+                              std::to_string(GetParam().number) + ": " + GetParam().shown});
 }
 
+constexpr char shared[] = "command without a line of its own";
+constexpr char lost[] = "command that is not read";
+constexpr char no_element[] = "line that is no element";
+constexpr char no_file_name[] = "file name cannot be read";
+constexpr char no_blank[] = "command without a blank behind its name";
+constexpr char twice[] = "attribute given twice";
+
 INSTANTIATE_TEST_SUITE_P(
-    Table, PackageSharedLine,
-    testing::Values(shared_line{"TwoCommands", "<erase/><erase/>", "<erase/><erase/>"},
-                    shared_line{"TwoKinds", "<program/> <erase/>", "<program/> <erase/>"},
-                    shared_line{"GoesOn", "<program\nfilename=\"boot.img\"/>", "<program"},
-                    shared_line{"GoesOnBehindAnother", "<power/> <program\n/>", "<power/> <program"},
-                    shared_line{"TheFrame", "<data><erase/>", "<data><erase/>"},
-                    shared_line{"TheEndOfTheFrame", "<program/></data>", "<program/></data>"},
-                    shared_line{"BehindAComment", "<!--\n-->\n<erase", "<erase"}),
-    [](const testing::TestParamInfo<shared_line> &line) { return std::string(line.param.name); });
+    Shared, PackageLines,
+    testing::Values(bad_line{"TwoCommands", "<erase/><erase/>", shared, 4, "<erase/><erase/>"},
+                    bad_line{"TwoKinds", "<program/> <erase/>", shared, 4, "<program/> <erase/>"},
+                    bad_line{"OtherKinds", "<power/><patch/>", shared, 4, "<power/><patch/>"},
+                    bad_line{"GoesOn", "<program\nfilename=\"boot.img\"/>", shared, 4, "<program"},
+                    bad_line{"GoesOnBehindAnother", "<power/> <program\n/>", shared, 4, "<power/> <program"},
+                    bad_line{"OtherKindGoesOn", "<power\n/>", shared, 4, "<power"},
+                    bad_line{"EndGoesOn", "<power></power\n>", shared, 4, "<power></power"},
+                    bad_line{"TheEndOfTheFrame", "<power/></data>\n<data>", shared, 4, "<power/></data>"},
+                    bad_line{"CommentBehind", "<power/> <!-- a -->", shared, 4, "<power/> <!-- a -->"},
+                    bad_line{"CommentInFront", "<!-- a --> <power/>", shared, 4, "<!-- a --> <power/>"},
+                    bad_line{"BeginOfAComment", "<power/> <!--\n-->", shared, 4, "<power/> <!--"},
+                    bad_line{"EndOfAComment", "<!--\n--> <power/>", shared, 5, "--> <power/>"},
+                    bad_line{"TextInFront", "filename=\"boot.img\" <power/>", shared, 4,
+                             "filename=\"boot.img\" <power/>"},
+                    bad_line{"TextBehind", " \t<power/> .\t\r", shared, 4, "<power/> ."},
+                    bad_line{"FormFeed", "<power/>\f", shared, 4, "<power/>\f"},
+                    bad_line{"LongLine",
+                             "<power value=\"1234567890123456789012345678901234567890123456789\"/><power/>",
+                             shared, 4, "<power value=\"1234567890123456789012345678901234567890123456"}),
+    [](const testing::TestParamInfo<bad_line> &line) { return std::string(line.param.name); });
+
+INSTANTIATE_TEST_SUITE_P(
+    Misread, PackageLines,
+    testing::Values(
+        bad_line{"CommentMarkInAValue", "<power value=\"-->\"/>", lost, 4, "<power value=\"-->\"/>"},
+        bad_line{"EntryOfTheDescription", "<file_name/>", lost, 4, "<file_name/>"},
+        bad_line{"BehindTwoComments", "<!--\n--> <!-- a -->\n<power/>", lost, 6, "<power/>"},
+        bad_line{"BehindTwoCommentsWithAnotherBehind",
+                 "<!--\n--> <!-- a -->\n<power/>\n<!-- a -->\n-- \n<erase/>", lost, 6, "<power/>"},
+        bad_line{"InTheSecondComment", "<!-- a --> <!--\n<power/>\n-->", no_element, 5, "<power/>"},
+        bad_line{"InTheSecondCommentWithTheSameBehind", "<!-- a --> <!--\n<power/>\n-->\n<power/>",
+                 no_element, 5, "<power/>"},
+        bad_line{"TextInTheSecondComment", "<!-- a --> <!--\r\n <b> \r\n-->", no_element, 5, "<b>"}),
+    [](const testing::TestParamInfo<bad_line> &line) { return std::string(line.param.name); });
+
+INSTANTIATE_TEST_SUITE_P(
+    Malformed, PackageLines,
+    testing::Values(
+        bad_line{"CommentWithoutAnEnd", "<!--\n<erase/>", "comment without an end", 4, "<!--"},
+        bad_line{"NoQuotes", "<program filename=boot.img />", "element that cannot be read", 4,
+                 "<program filename=boot.img />"},
+        bad_line{"BehindAComment", "<!--\n-->\n<erase", "element that cannot be read", 6, "<erase"},
+        bad_line{"NotEmpty", "<power>\n<erase/>\n</power>", "element that is not empty", 4, "<power>"},
+        bad_line{"SecondFrame", "</data>\n<data>", "element outside of <data>", 5, "<data>"},
+        bad_line{"Instruction", "<?power?>", "markup that is no element", 4, "<?power?>"}),
+    [](const testing::TestParamInfo<bad_line> &line) { return std::string(line.param.name); });
+
+INSTANTIATE_TEST_SUITE_P(
+    Names, PackageLines,
+    testing::Values(
+        bad_line{"SingleQuotes", "<program filename='boot.img'/>", no_file_name, 4,
+                 "<program filename='boot.img'/>"},
+        bad_line{"BlankInFront", "<program filename =\"boot.img\"/>", no_file_name, 4,
+                 "<program filename =\"boot.img\"/>"},
+        bad_line{"BlankBehind", "<program filename= \"boot.img\"/>", no_file_name, 4,
+                 "<program filename= \"boot.img\"/>"},
+        bad_line{"NameInAValue", "<program label=\"filename\" filename=\"boot.img\"/>", no_file_name, 4,
+                 "<program label=\"filename\" filename=\"boot.img\"/>"},
+        bad_line{"NameInAName", "<program sparse_filename=\"\" filename=\"boot.img\"/>", no_file_name, 4,
+                 "<program sparse_filename=\"\" filename=\"boot.img\"/>"},
+        bad_line{"NameInANameAlone", "<program sparse_filename=\"boot.img\"/>", no_file_name, 4,
+                 "<program sparse_filename=\"boot.img\"/>"},
+        bad_line{"NameInAnotherValue", "<program label='filename=\"boot.img\"'/>", no_file_name, 4,
+                 "<program label='filename=\"boot.img\"'/>"},
+        bad_line{"OtherFile", "<program a_filename=\"boot.img\" filename=\"other\"/>", no_file_name, 4,
+                 "<program a_filename=\"boot.img\" filename=\"other\"/>"},
+        bad_line{"NameInANameOfAnotherKind", "<patch a_filename=\"boot.img\"/>", no_file_name, 4,
+                 "<patch a_filename=\"boot.img\"/>"},
+        bad_line{"Capitals", "<program FILENAME=\"boot.img\"/>", no_file_name, 4,
+                 "<program FILENAME=\"boot.img\"/>"},
+        bad_line{"CapitalsWithoutAName", "<program FileName=\"\"/>", no_file_name, 4,
+                 "<program FileName=\"\"/>"},
+        bad_line{"Hyphen", "<program file-name=\"boot.img\"/>", no_file_name, 4,
+                 "<program file-name=\"boot.img\"/>"},
+        bad_line{"Digit", "<program filename2=\"\" />", no_file_name, 4, "<program filename2=\"\" />"},
+        bad_line{"FileNameTwice", "<program filename=\"\" filename=\"boot.img\"/>", twice, 4,
+                 "<program filename=\"\" filename=\"boot.img\"/>"},
+        bad_line{"OtherAttributeTwice", "<patch a=\"\" b=\"\" b='1'/>", twice, 4,
+                 "<patch a=\"\" b=\"\" b='1'/>"},
+        bad_line{"Tab", "<program\tfilename=\"boot.img\"/>", no_blank, 4,
+                 "<program\tfilename=\"boot.img\"/>"},
+        bad_line{"CarriageReturn", "<program\rlabel=\"a\"/>", no_blank, 4, "<program\rlabel=\"a\"/>"},
+        bad_line{"NoAttributes", "<program/>", no_blank, 4, "<program/>"},
+        bad_line{"NoAttributesAndAnEnd", "<program></program>", no_blank, 4, "<program></program>"},
+        bad_line{"TabInAnEraseCommand", "<erase\tlabel=\"a\"/>", no_blank, 4, "<erase\tlabel=\"a\"/>"}),
+    [](const testing::TestParamInfo<bad_line> &line) { return std::string(line.param.name); });
 
 TEST_F(PackageCommands, MayNotStandInTheFirstLine)
 {
-    dir.write("rawprogram_nand.xml", std::string("\n<?xml?><data><erase/>\n") + program);
+    dir.write("rawprogram_nand.xml", std::string("\n<?xml?><data><erase/>\n") + program + "</data>\n");
     EXPECT_EQ(check(), -22);
-    EXPECT_EQ(errors(),
-              texts{"command without a line of its own in " + rawprogram + ": <?xml?><data><erase/>"});
+    EXPECT_EQ(errors(), texts{"command without a line of its own in " + rawprogram +
+                              ", line 2: <?xml?><data><erase/>"});
 }
 
 TEST_F(PackageCommands, MayStandAnyhowInAComment)
@@ -299,16 +526,34 @@ TEST_F(PackageCommands, MayStandAnyhowInAComment)
     EXPECT_EQ(errors(), texts{});
 }
 
-TEST_F(PackageCommands, OfOtherKindsMayShareALine)
+TEST_F(PackageCommands, MayStandInOddPlacesAsLongAsNoneIsLost)
 {
-    EXPECT_EQ(check_lines(std::string("<power/><patch/>\n") + program), 0);
+    for (const char *text :
+         {"<!-- a --><data>\n<erase/>\n</data>", "<data>\n\n  <erase/>\t \r\n\n</data>\r\n",
+          "<?xml?>\n<data> <!--\n<power>\n--> \n\t<erase/>\n<!----></data>",
+          "<data>\na\n<erase></erase>\n<!-- a -->\nfilename=\"b\"\n</data>c"}) {
+        memset(list->images, 0, sizeof list->images);
+        dir.write("rawprogram_nand.xml", text);
+        EXPECT_EQ(check(), 0) << text;
+    }
     EXPECT_EQ(errors(), texts{});
 }
 
-TEST_F(PackageCommands, BehindACommentWithoutAnEndAreRefused)
+TEST_F(PackageCommands, AreThoseOfTheImages)
 {
-    EXPECT_EQ(check_lines(std::string(program) + "<!--\n" + erase), -22);
-    EXPECT_EQ(errors(), texts{"comment without an end in " + rawprogram});
+    EXPECT_NE(get_new_pkgver(list.get()), nullptr);
+    EXPECT_EQ(build_image_array_from_xml(list.get()), 0);
+    log.clear();
+    list->images[1].command[1] = 'x';
+    EXPECT_EQ(check_package(list.get(), false, true), -22);
+    EXPECT_EQ(errors(), texts{std::string(lost) + " in " + rawprogram +
+                              ", line 4: <program SECTOR_SIZE_IN_BYTES=\"4096\" filename=\"boot.img\" num"});
+}
+
+TEST_F(PackageCommands, AreNotNeededInAFileWithoutAFrameToReadOtpValues)
+{
+    dir.write("rawprogram_nand.xml", "");
+    EXPECT_EQ(check(true), 0);
 }
 
 TEST_F(PackageCommands, AreNotNeededToReadOtpValues)
@@ -352,21 +597,9 @@ TEST_F(PackageCommands, ThatBeginBehindTheCutAreRefused)
 TEST_F(PackageCommands, WithoutANameOfAFileMaySkipIt)
 {
     for (const char *line : {"<program filename=\"\"/>", "<program label=\"a\"/>", "<program filename=''/>",
-                             "<program filename = \"\" />", "<program label=\"filename\"/>"}) {
+                             "<program filename = \"\" />", "<program label=\"filename\"/>", "<program />",
+                             "<program filename=\"\"></program>", "<program FILE=\"a\" NAME=\"b\"/>"}) {
         EXPECT_EQ(check_lines(line + std::string("\n")), 0) << line;
-        memset(list->images, 0, sizeof list->images);
-    }
-}
-
-TEST_F(PackageCommands, WhoseNameOfAFileCannotBeReadAreRefused)
-{
-    for (const char *line :
-         {"<program filename='boot.img'/>", "<program filename =\"boot.img\"/>",
-          "<program filename= \"boot.img\"/>", "<program filename=boot.img />",
-          "<program filename=\"boot.img />", "<program label=\"filename\" filename=\"boot.img\"/>",
-          "<program sparse_filename=\"\" filename=\"boot.img\"/>"}) {
-        EXPECT_EQ(check_lines(line + std::string("\n")), -22) << line;
-        EXPECT_EQ(errors(), texts{"file name cannot be read in " + rawprogram + ": " + line});
         memset(list->images, 0, sizeof list->images);
     }
 }
@@ -434,6 +667,31 @@ TEST_F(PackageProgrammer, MustBeAFile)
     std::filesystem::create_directory(dir.at("prog.mbn"));
     EXPECT_EQ(check(), -22);
     EXPECT_EQ(errors(), texts{"'" + dir.at("prog.mbn") + "' is not a regular file"});
+}
+
+TEST_F(PackageProgrammer, ThatCannotBeLookedAtIsRefused)
+{
+    EXPECT_EQ(build(), 0);
+    libc::fstat = libc::fails(EIO);
+    EXPECT_EQ(check_package(list.get(), true, true), -5);
+    EXPECT_EQ(errors(), texts{"error 5 Input/output error opening file '" + dir.at("prog.mbn") + "'\n"});
+    EXPECT_EQ(log.messages().back().function, "check_package");
+}
+
+TEST_F(PackageProgrammer, IsKnownByItsFile)
+{
+    EXPECT_EQ(check(), 0);
+    struct stat status {};
+    ASSERT_EQ(stat(dir.at("prog.mbn").c_str(), &status), 0);
+    EXPECT_EQ(list->programmer.inode, status.st_ino);
+    EXPECT_EQ(list->programmer.size, 10);
+    EXPECT_EQ(list->programmer.modified_ns, status.st_mtim.tv_nsec);
+}
+
+TEST_F(PackageProgrammer, IsNotKnownWhereItIsNotUploaded)
+{
+    EXPECT_EQ(check(false, false), 0);
+    EXPECT_TRUE(list->programmer == core_file_identity{});
 }
 
 TEST_F(PackageProgrammer, MayBeMissingWhereItIsNotUploaded)
@@ -517,6 +775,29 @@ TEST_F(ImageFile, ThatHasGrownIsRefused)
     EXPECT_EQ(open_image(), -22);
     EXPECT_EQ(errors(), texts{"file of 4 bytes has changed to 5: " + dir.at("boot.img")});
     EXPECT_EQ(log.messages().back().function, "check_same_file");
+    EXPECT_EQ(log.messages().size(), 1U); // and no descriptor was closed twice
+}
+
+TEST_F(ImageFile, ThatIsRefusedLeavesNoDescriptor)
+{
+    EXPECT_EQ(check(), 0);
+    dir.write("boot.img", "01234");
+    int handle = 4711;
+    EXPECT_EQ(open_same_file(list->images[1].filename, list->images[1].identity, &handle), -22);
+    EXPECT_EQ(handle, -1);
+    std::filesystem::remove(dir.at("boot.img"));
+    handle = 4711;
+    EXPECT_EQ(open_same_file(list->images[1].filename, list->images[1].identity, &handle), -2);
+    EXPECT_EQ(handle, -1);
+}
+
+TEST_F(ImageFile, ThatCannotBeLookedAtIsRefused)
+{
+    EXPECT_EQ(check(), 0);
+    libc::fstat = libc::fails(EIO);
+    EXPECT_EQ(open_image(), -5);
+    EXPECT_EQ(errors(), texts{"error 5 Input/output error opening file '" + dir.at("boot.img") + "'\n"});
+    EXPECT_EQ(log.messages().back().function, "open_same_file");
 }
 
 TEST_F(ImageFile, ThatIsGoneIsRefused)
