@@ -70,6 +70,7 @@ const restored_state log_core([] {
 const restored_state program([] {
     sigint_detected = 0;
     keep_running = 1;
+    interruptions = 0;
     options = {};
     fw_package_free();
     release_modems();

@@ -8,6 +8,7 @@
 #include "image-list.hpp"
 #include "libc-hooks.hpp"
 #include "log_capture.hpp"
+#include "open-descriptors.hpp"
 #include "package-check.hpp"
 #include "scripted-port.hpp"
 #include "temp_dir.hpp"
@@ -100,11 +101,6 @@ class PcieUpdate : public testing::Test {
     {
         fake_libusb::instance().verify();
         EXPECT_TRUE(fake_libusb::instance().calls.empty());
-    }
-    static size_t open_descriptors()
-    {
-        const std::filesystem::directory_iterator entries("/proc/self/fd");
-        return static_cast<size_t>(std::distance(begin(entries), end(entries)));
     }
 
     scripted_port port;

@@ -545,7 +545,7 @@ TEST_F(PackageCommands, AreThoseOfTheImages)
     EXPECT_EQ(build_image_array_from_xml(list.get()), 0);
     log.clear();
     list->images[1].command[1] = 'x';
-    EXPECT_EQ(check_package(list.get(), false, true), -22);
+    EXPECT_EQ(check_package(list.get(), true, true), -22);
     EXPECT_EQ(errors(), texts{std::string(lost) + " in " + rawprogram +
                               ", line 4: <program SECTOR_SIZE_IN_BYTES=\"4096\" filename=\"boot.img\" num"});
 }
@@ -742,7 +742,7 @@ TEST_F(PackageSectors, MayBeAsLargeAsAPayloadAndNoLarger)
 TEST_F(PackageSectors, MustHaveANumberWithAnEnd)
 {
     const std::string line =
-        "<program SECTOR_SIZE_IN_BYTES=\"4096\" filename=\"boot.img\" num_partition_sectors=\"1/>";
+        "<program SECTOR_SIZE_IN_BYTES=\"4096\" filename=\"boot.img\" num_partition_sectors=\"\"/>";
     EXPECT_EQ(check_lines(line + "\n"), -22);
     EXPECT_EQ(errors(),
               texts{"number of sectors without an end in " + rawprogram + ": " + line.substr(0, 60)});
