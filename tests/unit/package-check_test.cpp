@@ -761,9 +761,9 @@ TEST_F(ImageFile, ThatIsUnchangedIsOpened)
     EXPECT_EQ(check(), 0);
     owned_file file;
     EXPECT_EQ(open_same_file(list->images[1].filename, list->images[1].identity, file.receive()), 0);
-    char content[8] = {};
-    EXPECT_EQ(read(file.get(), content, sizeof content), 4);
-    EXPECT_STREQ(content, "0123");
+    char bytes[8] = {};
+    EXPECT_EQ(read(file.get(), bytes, sizeof bytes), 4);
+    EXPECT_STREQ(bytes, "0123");
     EXPECT_EQ(write(file.get(), "x", 1), -1) << "open for reading only";
     EXPECT_TRUE(log.messages().empty());
 }
