@@ -451,6 +451,8 @@ INSTANTIATE_TEST_SUITE_P(
         bad_line{"BehindTwoComments", "<!--\n--> <!-- a -->\n<power/>", lost, 6, "<power/>"},
         bad_line{"BehindTwoCommentsWithAnotherBehind",
                  "<!--\n--> <!-- a -->\n<power/>\n<!-- a -->\n-- \n<erase/>", lost, 6, "<power/>"},
+        bad_line{"BehindTwoCommentsWithTheSameBehind", "<!--\n--> <!-- a -->\n<power/>\n<!--\n-->\n<power/>",
+                 lost, 6, "<power/>"},
         bad_line{"InTheSecondComment", "<!-- a --> <!--\n<power/>\n-->", no_element, 5, "<power/>"},
         bad_line{"InTheSecondCommentWithTheSameBehind", "<!-- a --> <!--\n<power/>\n-->\n<power/>",
                  no_element, 5, "<power/>"},
