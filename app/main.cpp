@@ -58,7 +58,7 @@ int main(int argc, char **argv)
         log_err("core_init() failure");
         return 1;
     }
-    signal(SIGINT, interrupt_handler);
+    install_interrupt_handler();
     const int result = run(argc, argv);
     fw_package_free();
     release_modems();

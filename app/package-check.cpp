@@ -313,14 +313,16 @@ int check_sectors(const image *img, uint32_t max_payload)
 
 int open_same_file(const char *path, const core_file_identity &identity, int *handle)
 {
+    *handle = -1;
+    owned_file file;
     if (const int err =
-            core_file_exists(path) != CORE_OK ? CORE_ENOENT : core_file_open_to_read(path, handle);
+            core_file_exists(path) != CORE_OK ? CORE_ENOENT : core_file_open_to_read(path, file.receive());
         err != CORE_OK)
         return tell_of_opening(err, path, __func__);
-    const int err = check_same_file(*handle, path, identity);
-    if (err != CORE_OK)
-        static_cast<void>(core_file_close(*handle)); // it was only looked at
-    return err;
+    if (const int err = check_same_file(file.get(), path, identity); err != CORE_OK)
+        return err;
+    *handle = file.release();
+    return CORE_OK;
 }
 
 int check_same_file(int handle, const char *path, const core_file_identity &identity)

@@ -27,15 +27,15 @@ HOUSE = {
     'sim/wire.hpp': '',
 }
 STAIRS = ('app/  the updater: 4 rooms, 3 of 4 arrows drawn\n\n'
-          '   top──●──●\n'
-          '     left──│──●\n'
-          '       right  │\n'
-          '         bottom\n\n')
+          '   top─●─●\n'
+          '    left─│─●\n'
+          '     right │\n'
+          '      bottom\n\n')
 STAIRS_WITHOUT_AN_ARROW = ('app/  the updater: 4 rooms, 3 of 3 arrows drawn\n\n'
-                           '   top──●──●──●\n'
-                           '     left  │  │\n'
-                           '       right  │\n'
-                           '         bottom\n\n')
+                           '   top─●─●─●\n'
+                           '    left │ │\n'
+                           '     right │\n'
+                           '      bottom\n\n')
 
 
 def draw(picture, house=SOURCE):
@@ -76,7 +76,7 @@ def test_text_fits_a_terminal(picture):
 def test_stairs_leave_out_what_a_longer_way_implies(house):
     drawn = draw('rooms.txt', house)
     assert STAIRS in drawn
-    assert 'core/  the platform: 2 rooms, 1 of 1 arrows drawn\n\nhigh──●\n    low\n\n' in drawn
+    assert 'core/  the platform: 2 rooms, 1 of 1 arrows drawn\n\nhigh─●\n   low\n\n' in drawn
     assert 'libusb-1.0, for high alone\n' in drawn
     assert '\n    engine\n    wire\n' in drawn
 

@@ -869,16 +869,25 @@ TEST_F(UpdateProcedure, RefusesADryRunOnAnIncompatibleModem)
     EXPECT_FALSE(log.has(CORE_LOG_ERR, bailing_out));
 }
 
-TEST_F(UpdateProcedure, RefusesAVersionThatEndsInACarriageReturn)
+TEST_F(UpdateProcedure, TakesAVersionOfALineThatEndsInACarriageReturn)
 {
     give_package("49.01.103\r");
+    options.dry_run = true;
+    strlcpy(modems[0].versions, "49.01.102-P0F", sizeof modems[0].versions);
+    EXPECT_EQ(start_update_procedure(modems, 8, false), 0);
+    EXPECT_STREQ(package.new_pkgver, "49.01.103");
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{bailing_out});
+}
+
+TEST_F(UpdateProcedure, RefusesAVersionThatEndsInAnotherCharacter)
+{
+    give_package("49.01.103;");
     options.force = true;
     strlcpy(modems[0].versions, "49.01.102-P0F", sizeof modems[0].versions);
     EXPECT_EQ(start_update_procedure(modems, 8, false), -22);
-    EXPECT_EQ(
-        log.texts(CORE_LOG_ERR),
-        (texts{"invalid length of version: 49.01.103\r", "unsupported platform: 49.01.103\r; reason: -22",
-               "invalid length of version: 49.01.103\r", "wrong package version"}));
+    EXPECT_EQ(log.texts(CORE_LOG_ERR),
+              (texts{"invalid length of version: 49.01.103;", "unsupported platform: 49.01.103;; reason: -22",
+                     "invalid length of version: 49.01.103;", "wrong package version"}));
 }
 
 TEST_F(UpdateProcedure, ForcesADowngrade)
