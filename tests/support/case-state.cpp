@@ -51,8 +51,8 @@ struct registered_state {
 
 std::vector<registered_state> &registered()
 {
-    static std::vector<registered_state> all;
-    return all;
+    static auto *const all = new std::vector<registered_state>;
+    return *all;
 }
 
 // ---- of the code under test
