@@ -2,6 +2,7 @@
 
 #include "core-file.hpp"
 #include "core.hpp"
+#include "interrupt.hpp"
 #include "log-output.hpp"
 #include "package-check.hpp"
 #include "xml.hpp"
@@ -76,6 +77,8 @@ uint32_t padded_size(const transmission &t, uint32_t count)
 // Sends one chunk.
 ending send_chunk(transmission *t)
 {
+    if (must_end_at_once())
+        return CORE_ECANCELED;
     const auto chunk = static_cast<uint32_t>(std::min<uint64_t>(t->size - t->offset, t->max_payload));
     show_progress(*t, chunk);
     if (const int err = core_file_seek(t->file, static_cast<int64_t>(t->offset)); err != CORE_OK) {
@@ -174,6 +177,8 @@ int send_commands(const image_list *package, firehose_device *device, uint32_t m
         const image *const img = &package->images[i];
         if (is_empty_image(img))
             continue;
+        if (keep_running == 0)
+            return CORE_ECANCELED; // the image before is complete
         const int err = send_command_with_binary(device, img, max_payload);
         if (text_contains(img->command, "value=\"reset\""))
             *reset_sent = true;
@@ -201,6 +206,7 @@ int send_command_with_binary(firehose_device *device, const image *img, uint32_t
         if (const int err = open_same_file(img->filename, img->identity, file.receive()); err != CORE_OK)
             return err;
     }
+    const uninterrupted_step step;
     const raw_mode awaited = has_data ? raw_mode::on : raw_mode::off;
     if (const int err = send_command(device, img, is_erase, awaited); err != CORE_OK) {
         log_err("error for command");

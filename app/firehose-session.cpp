@@ -4,6 +4,7 @@
 #include "firehose-otp.hpp"
 #include "firehose-program.hpp"
 #include "firehose.hpp"
+#include "interrupt.hpp"
 #include "package-check.hpp"
 #include "zepho-log.hpp"
 
@@ -27,6 +28,8 @@ int run_session(firehose_device *device, const image_list *package, bool otp, bo
         log_as(in_firehose_update, CORE_LOG_ERR, "error in config");
         return err;
     }
+    if (keep_running == 0)
+        return CORE_ECANCELED; // an upload was finished first
     err = otp ? get_otp(device) : send_commands(package, device, payload, reset_sent);
     if (err == CORE_OK && !otp && !*reset_sent)
         err = drain_answers(device); // a refusal of the last image, behind an answer too many

@@ -2,6 +2,7 @@
 
 #include "core-device.hpp"
 #include "core.hpp"
+#include "interrupt.hpp"
 #include "modem-table.hpp"
 #include "port.hpp"
 #include "run-lock.hpp"
@@ -94,7 +95,10 @@ int firehose_read(firehose_device *device, unsigned timeout_ms, firehose_chunk *
     constexpr size_t room = sizeof chunk->text - 1;
     memset(chunk, 0, sizeof *chunk);
     if (device->serial_handle != 0)
-        return core_device_read_timeout(device->serial_handle, chunk->text, room, timeout_ms, &chunk->size);
+        return outlast_interrupt([=] {
+            return core_device_read_timeout(device->serial_handle, chunk->text, room, timeout_ms,
+                                            &chunk->size);
+        });
     int transferred = 0;
     const int err = core_usb_endpoint_read(&device->endpoint, chunk->text, room, &transferred);
     chunk->size = transferred > 0 ? static_cast<size_t>(transferred) : 0;
@@ -175,7 +179,7 @@ int read_ack_nack(firehose_device *device, raw_mode awaited)
     for (;;) {
         firehose_chunk chunk;
         if (firehose_read(device, timeouts::ack, &chunk) != CORE_OK || chunk.size == 0)
-            return CORE_EGENERIC;
+            return must_end_at_once() ? CORE_ECANCELED : CORE_EGENERIC;
         log_dbg("%s", chunk.text);
         if (firehose_has_ack_of(&chunk, awaited))
             return CORE_OK;

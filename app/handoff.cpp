@@ -128,6 +128,40 @@ int write_images(const modem *m)
     return err;
 }
 
+// What follows the switch.
+int complete_update(modem *modems, uint8_t max_modems, route way)
+{
+    if (way.switches) {
+        if (const int err = wait_for_download_device(modems, max_modems); err != CORE_OK)
+            return err;
+        way = plan_route(options, &modems[0], false); // the record is that of the device that came
+    }
+    if (way.uploads) {
+        if (const int err = upload_programmer(&modems[0]); err != CORE_OK)
+            return err;
+    }
+    return write_images(&modems[0]);
+}
+
+// An interrupted run leaves the modem in download mode, or on its way there.
+void tell_how_to_complete()
+{
+    const struct {
+        const char *flag;
+        const char *path;
+    } sources[] = {{"", options.firmware_directory}, {"--meta ", options.meta}, {"--flat ", options.flat}};
+    for (const auto &source : sources) {
+        if (source.path == nullptr || source.path[0] == '\0')
+            continue;
+        log_as(in_start_update_procedure, CORE_LOG_INF,
+               "interrupted; this completes the modem: kestrel %s%s --port %s --skip-enter-qdl%s --force",
+               source.flag, source.path,
+               options.port[0] != '\0' && options.skip_enter_qdl ? options.port : download_port,
+               options.pcie ? " --pcie" : "");
+        return;
+    }
+}
+
 } // namespace
 
 int write_sysfs_file(const char *path, const char *text, size_t length)
@@ -186,6 +220,7 @@ int hand_off(modem *modems, uint8_t max_modems, route way)
         return CORE_ECANCELED; // the modem has not been touched yet
     if (const int err = hold_modem(m); err != CORE_OK)
         return err;
+    begin_handling_modem();
     if (way.switches) {
         const int err = m->is_pcie ? trigger_edl_mode(m) : switch_QDload_mode(m);
         if (err != CORE_OK) {
@@ -198,14 +233,8 @@ int hand_off(modem *modems, uint8_t max_modems, route way)
         log_as(in_start_update_procedure, CORE_LOG_INF, "Entered QDL mode, stopping");
         return CORE_OK;
     }
-    if (way.switches) {
-        if (const int err = wait_for_download_device(modems, max_modems); err != CORE_OK)
-            return err;
-        way = plan_route(options, m, false); // the record is that of the device that came
-    }
-    if (way.uploads) {
-        if (const int err = upload_programmer(m); err != CORE_OK)
-            return err;
-    }
-    return write_images(m);
+    const int err = complete_update(modems, max_modems, way);
+    if (err != CORE_OK && keep_running == 0)
+        tell_how_to_complete();
+    return err;
 }

@@ -11,7 +11,6 @@
 #include "zepho-log.hpp"
 
 #include <csignal>
-#include <cstdio>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -49,10 +48,9 @@ int run(int argc, char **argv)
 int main(int argc, char **argv)
 {
     reserve_standard_descriptors();
-    // Progress lines end in a carriage return, which no line buffer shows.
-    setvbuf(stdout, nullptr, _IONBF, 0);
-    // Whoever stops reading the log must not stop a modem half written.
+    // Whoever stops reading the log, or limits its size, must not stop a modem half written.
     signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);
     core_log_set_native(false);
     core_log_set_pprint(CORE_LOG_PPRINT_NEWLINE);
     log_inf("version %s.%s.%s-%s\n", "1", "6", "1", "0");
@@ -60,7 +58,7 @@ int main(int argc, char **argv)
         log_err("core_init() failure");
         return 1;
     }
-    signal(SIGINT, interrupt_handler);
+    install_interrupt_handler();
     const int result = run(argc, argv);
     fw_package_free();
     release_modems();

@@ -54,6 +54,12 @@ int find_commands(const package_text &text, command_lines *commands)
     return CORE_OK;
 }
 
+bool is_letter(char c)
+{
+    const char small = static_cast<char>(c | 0x20);
+    return small >= 'a' && small <= 'z';
+}
+
 std::string_view without_blanks_around(std::string_view text)
 {
     text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
@@ -65,10 +71,9 @@ bool spells_file_name(std::string_view name)
 {
     std::string_view rest = "filename";
     for (const char c : name) {
-        const char small = static_cast<char>(c | 0x20);
-        if (small < 'a' || small > 'z')
+        if (!is_letter(c))
             continue;
-        if (!rest.starts_with(small))
+        if (!rest.starts_with(static_cast<char>(c | 0x20)))
             return false;
         rest.remove_prefix(1);
     }
@@ -139,12 +144,12 @@ int refuse_line(const package_text &text, const char *why, size_t line_number, s
     return CORE_EINVAL;
 }
 
-// Lines that were read as commands and are no element are sent as they stand. One that erases or programs and
-// is none was taken out by a comment, or by whatever else is not understood.
+// Lines that were read as commands and are no element are sent as they stand: a closing tag, a text with
+// brackets. One that begins like an element and is none was taken out by a comment.
 ending check_mere_line(const package_text &text, const char *line)
 {
-    const std::string_view shown = text_before(line, "\n");
-    if (!text_contains(shown, "<program") && !text_contains(shown, "<erase"))
+    const std::string_view shown = without_blanks_around(text_before(line, "\n"));
+    if (shown.size() < 2 || shown[0] != '<' || !is_letter(shown[1]))
         return go_on;
     const auto number = std::count<const char *>(text.bytes(), line, '\n') + 1;
     return refuse_line(text, "line that is no element", static_cast<size_t>(number), shown);
@@ -308,14 +313,16 @@ int check_sectors(const image *img, uint32_t max_payload)
 
 int open_same_file(const char *path, const core_file_identity &identity, int *handle)
 {
+    *handle = -1;
+    owned_file file;
     if (const int err =
-            core_file_exists(path) != CORE_OK ? CORE_ENOENT : core_file_open_to_read(path, handle);
+            core_file_exists(path) != CORE_OK ? CORE_ENOENT : core_file_open_to_read(path, file.receive());
         err != CORE_OK)
         return tell_of_opening(err, path, __func__);
-    const int err = check_same_file(*handle, path, identity);
-    if (err != CORE_OK)
-        static_cast<void>(core_file_close(*handle)); // it was only looked at
-    return err;
+    if (const int err = check_same_file(file.get(), path, identity); err != CORE_OK)
+        return err;
+    *handle = file.release();
+    return CORE_OK;
 }
 
 int check_same_file(int handle, const char *path, const core_file_identity &identity)

@@ -31,8 +31,8 @@ constexpr uint32_t FIREHOSE_PAYLOAD_SIZE = 1048576;
 [[nodiscard]] int check_sectors(const image *img, uint32_t max_payload);
 
 // Opens a file of the package once more: 0 and the descriptor, which is the caller's, when it is still what
-// was validated; CORE_EINVAL when it is not; CORE_ENOENT when it is gone; or the error of the file. All are
-// logged.
+// was validated; else -1 in its place and CORE_EINVAL when it is not, CORE_ENOENT when it is gone, or the
+// error of the file. All are logged.
 [[nodiscard]] int open_same_file(const char *path, const core_file_identity &identity, int *handle);
 // The same of an open file, which stays open.
 [[nodiscard]] int check_same_file(int handle, const char *path, const core_file_identity &identity);

@@ -3,6 +3,7 @@
 #include "core-device.hpp"
 #include "core-file.hpp"
 #include "core.hpp"
+#include "interrupt.hpp"
 #include "log-output.hpp"
 #include "package-check.hpp"
 #include "port.hpp"
@@ -42,11 +43,17 @@ int send_header(int port, command_id command)
     return send_bytes(port, sent.bytes.data(), HEADER_SIZE);
 }
 
+// An upload outlives an interruption.
+int read_bytes(int port, void *data, size_t size, unsigned timeout_ms, size_t *count)
+{
+    return outlast_interrupt([=] { return core_device_read_timeout(port, data, size, timeout_ms, count); });
+}
+
 // A packet that is cut short must not be completed by what was left of the one before.
 int read_packet(int port, packet *received, size_t size, unsigned timeout_ms, size_t *count)
 {
     *received = {};
-    return core_device_read_timeout(port, received->bytes.data(), size, timeout_ms, count);
+    return read_bytes(port, received->bytes.data(), size, timeout_ms, count);
 }
 
 // One upload: the open port and file, and the latest packet of the boot loader.
@@ -129,6 +136,8 @@ ending send_block(upload &u, uint64_t offset, uint64_t length)
 // Serves the request in hand and reads the next packet: another request, or the end of the image.
 ending serve_request(upload *u)
 {
+    if (must_end_at_once())
+        return CORE_ECANCELED;
     const bool is_64bit = u->request_size == READ_DATA_64BIT_SIZE;
     const uint64_t offset = u->request.get(is_64bit ? READ_OFFSET_64BIT : READ_OFFSET);
     const uint64_t length = u->request.get(is_64bit ? READ_LENGTH_64BIT : READ_LENGTH);
@@ -239,8 +248,8 @@ int answer_hello(int port, packet *hello)
 {
     constexpr size_t remainder = HELLO_SIZE - HEADER_SIZE;
     size_t count = 0;
-    const int err = core_device_read_timeout(port, hello->bytes.data() + HEADER_SIZE, remainder,
-                                             timeouts::hello_remainder, &count);
+    const int err =
+        read_bytes(port, hello->bytes.data() + HEADER_SIZE, remainder, timeouts::hello_remainder, &count);
     if (err != CORE_OK) {
         log_as(in_hello_handshake, CORE_LOG_ERR, "error reading the HELLO packet remainder %d", err);
         return CORE_EPROTO;
@@ -414,6 +423,7 @@ int hello_handshake(int port, uint32_t platform)
 int send_programmer(int port, const image_list *package, uint64_t *missing)
 {
 
+    const uninterrupted_step step;
     log_inf("Sending programmer");
     upload u{};
     u.port = port;

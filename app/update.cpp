@@ -36,7 +36,10 @@ int update_attached_modem(modem *modems, uint8_t max_modems)
         return start_update_procedure(modems, max_modems, true);
     if (const int err = hold_modem(&modems[0]); err != CORE_OK)
         return err;
-    if (collect_modem_array_basic_information(modems, max_modems, false) != CORE_OK)
+    const int probe_err = collect_modem_array_basic_information(modems, max_modems, false);
+    if (keep_running == 0)
+        return CORE_ECANCELED;
+    if (probe_err != CORE_OK)
         log_as(in_update_after_listening, CORE_LOG_ERR, "failure in modem probing, trying fw update anyway");
     show_modems(modems, max_modems);
     const int err = start_update_procedure(modems, max_modems, false);
@@ -87,6 +90,8 @@ int update_with_scan(modem *modems, uint8_t max_modems, bool json)
     if (const int lock_err = hold_modem(&modems[0]); lock_err != CORE_OK)
         return lock_err;
     const int probe_err = collect_modem_array_basic_information(modems, max_modems, false);
+    if (keep_running == 0)
+        return CORE_ECANCELED;
     if (probe_err != CORE_OK && probe_err != CORE_ENODEV)
         log_dbg("failure in modem probing, trying fw update anyway");
     if (json)

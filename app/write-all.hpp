@@ -2,6 +2,7 @@
 #pragma once
 
 #include "core.hpp"
+#include "interrupt.hpp"
 #include "time-limit.hpp"
 #include "timeouts.hpp"
 
@@ -10,7 +11,8 @@ enum class back_pressure { fail, retry };
 
 // Calls write_some(data, size, &written), which returns a core error code, from the first unwritten byte
 // until all `size` bytes are out. 0; the first error; CORE_EAGAIN after the fifth -11 where those are
-// retried; CORE_EPROTO when ten writes in a row succeed without taking a byte, or when bytes are left after
+// retried; CORE_ECANCELED after a second interruption;
+// CORE_EPROTO when ten writes in a row succeed without taking a byte, or when bytes are left after
 // five minutes, so that a port that takes nothing or next to nothing cannot hold the program for ever.
 template <typename WriteSome>
 [[nodiscard]] int write_all(const void *data, size_t size, back_pressure on_full, WriteSome write_some)
@@ -23,7 +25,7 @@ template <typename WriteSome>
     size_t done = 0;
     while (done < size) {
         size_t written = 0;
-        const int err = write_some(bytes + done, size - done, &written);
+        const int err = outlast_interrupt([&] { return write_some(bytes + done, size - done, &written); });
         if (err == CORE_EAGAIN && on_full == back_pressure::retry) {
             core_sleep(timeouts::write_retry_pause);
             if (++retries == timeouts::write_retries)

@@ -59,10 +59,17 @@ int refuse_unopened(const char *path)
     return map_errno_to_core_err(err);
 }
 
-bool is_regular(int handle)
+// A file that cannot be looked at is not taken for one of another kind: its errno stays for the caller to
+// log.
+int check_regular(int handle, const char *path)
 {
     struct stat status {};
-    return fstat(handle, &status) == 0 && S_ISREG(status.st_mode);
+    if (fstat(handle, &status) != 0)
+        return map_errno_to_core_err(errno);
+    if (S_ISREG(status.st_mode))
+        return CORE_OK;
+    log_as(in_core_file_open, CORE_LOG_ERR, "'%s' is not a regular file", path);
+    return refuse(CORE_EINVAL);
 }
 
 // True when the file lies in the folder or below it.
@@ -84,10 +91,8 @@ int open_checked(const char *folder, const char *path, int *handle)
     const owned_handle<close> found(open_as_path(path, 0)); // whose end leaves errno alone
     if (found.get() < 0)
         return refuse_unopened(path);
-    if (!is_regular(found.get())) {
-        log_as(in_core_file_open, CORE_LOG_ERR, "'%s' is not a regular file", path);
-        return refuse(CORE_EINVAL);
-    }
+    if (const int err = check_regular(found.get(), path); err != CORE_OK)
+        return err;
     if (folder != nullptr && !lies_beneath(found.get(), folder)) {
         log_as(in_core_file_open, CORE_LOG_ERR, "file name leads out of the package: %s", path);
         return refuse(CORE_EINVAL);

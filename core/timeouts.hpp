@@ -62,6 +62,11 @@ constexpr unsigned write_in_all = ms(300000);
 constexpr unsigned upload_in_all = ms(600000);
 constexpr unsigned flush_in_all = ms(30000);
 
+// The log: how long whoever reads it may make the run wait in all, and a write that was to take at once what
+// it got.
+constexpr unsigned output_in_all = ms(1000);
+constexpr unsigned output_write = 1;
+
 // Devices on the bus
 constexpr unsigned arrived_device_pause = ms(1000);
 constexpr int arrived_device_retries = 3;

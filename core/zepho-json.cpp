@@ -2,6 +2,7 @@
 
 #include "core-base.hpp"
 #include "core-owners.hpp"
+#include "log-text.hpp"
 #include "zepho-log.hpp"
 
 #include <algorithm>
@@ -50,34 +51,6 @@ time_stamp wall_clock()
     return {static_cast<unsigned long long>(now.tv_sec), static_cast<long>(now.tv_nsec)};
 }
 
-// Length in bytes of the well-formed UTF-8 sequence that the text, which is not empty, begins with (RFC
-// 3629); 0 when there is none.
-size_t utf8_sequence_length(std::string_view text)
-{
-    struct row {
-        unsigned char first_low, first_high, second_low, second_high;
-        uint8_t length;
-    };
-    static constexpr row rows[] = {
-        {0xC2, 0xDF, 0x80, 0xBF, 2}, {0xE0, 0xE0, 0xA0, 0xBF, 3}, {0xE1, 0xEC, 0x80, 0xBF, 3},
-        {0xED, 0xED, 0x80, 0x9F, 3}, {0xEE, 0xEF, 0x80, 0xBF, 3}, {0xF0, 0xF0, 0x90, 0xBF, 4},
-        {0xF1, 0xF3, 0x80, 0xBF, 4}, {0xF4, 0xF4, 0x80, 0x8F, 4},
-    };
-    const auto byte = [text](size_t i) { return static_cast<unsigned char>(text[i]); };
-    if (byte(0) < 0x80)
-        return 1;
-    const auto *const r = std::ranges::find_if(rows, [first = byte(0)](const row &each) {
-        return first >= each.first_low && first <= each.first_high;
-    });
-    if (r == std::end(rows) || text.size() < r->length || byte(1) < r->second_low || byte(1) > r->second_high)
-        return 0;
-    for (size_t i = 2; i < r->length; ++i) {
-        if (byte(i) < 0x80 || byte(i) > 0xBF)
-            return 0;
-    }
-    return r->length;
-}
-
 // The escaped form of a character of `length` bytes, 0 for a byte that is none; where it is made up, in
 // `room`.
 std::string_view escape(const char *character, size_t length, char (&room)[8])
@@ -91,14 +64,15 @@ std::string_view escape(const char *character, size_t length, char (&room)[8])
         {'\n', "\\n"}, {'\r', "\\r"},  {'\t', "\\t"},
     };
     static constexpr std::string_view replacement = "\xEF\xBF\xBD"; // U+FFFD
-    const char c = *character;
-    if (length != 1)
-        return length == 0 ? replacement : std::string_view(character, length);
-    if (const auto *const r = std::ranges::find(rows, c, &row::character); r != std::end(rows))
+    if (length == 0)
+        return replacement;
+    if (const auto *const r = std::ranges::find(rows, *character, &row::character); r != std::end(rows))
         return r->escaped;
-    if (c >= 0x20 && c != 0x7F)
-        return {character, 1};
-    return {room, static_cast<size_t>(snprintf(room, sizeof room, "\\u%04X", static_cast<unsigned>(c)))};
+    if (!is_control_character({character, length}))
+        return {character, length};
+    // The last byte of those that take two, U+0080 to U+009F, is the number too.
+    const unsigned number = static_cast<unsigned char>(character[length - 1]);
+    return {room, static_cast<size_t>(snprintf(room, sizeof room, "\\u%04X", number))};
 }
 
 // The product wraps around in 64 bits, and the quotient in the 8 bits of a percentage.

@@ -2,19 +2,84 @@
 
 #include "core-base.hpp"
 #include "core-owners.hpp"
+#include "log-sink.hpp"
+#include "log-text.hpp"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <string_view>
 #include <syslog.h>
+#include <unistd.h>
+#include <utility>
 
 namespace {
 
 constexpr char log_source[] = "zepho-log.c";
 
 FILE *output_stream = nullptr; // the log file, null when none is open
+
+struct standard_stream {
+    log_sink sink;
+    unsigned long dropped; // lines, since it was told last
+};
+
+log_patience patience;
+log_line lines[2];
+extern standard_stream standard_streams[2];
+constinit standard_stream standard_streams[] = {
+    {{STDOUT_FILENO, lines[0], patience, standard_streams[1].sink}, 0},
+    {{STDERR_FILENO, lines[1], patience, standard_streams[0].sink}, 0},
+};
+log_sink *open_sink = nullptr; // a line of it is being composed
+
+int add_to_line(int, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    const int result = open_sink->add(format, arguments);
+    va_end(arguments);
+    return result;
+}
+
+// In the form of the log, so that whoever reads it finds the line that it can read.
+void add_dropped(standard_stream &stream)
+{
+    open_sink = &stream.sink;
+    const core_log_print_fn in_force = std::exchange(print_function, add_to_line);
+    log_as("stdout_print", CORE_LOG_WRN, "lines dropped here, as the output took none: %lu\n",
+           stream.dropped);
+    print_function = in_force;
+}
+
+// Which ends of the message under way are carriage returns of its format: those of the banner and of
+// progress. All other control characters are somebody else's.
+struct own_returns {
+    bool first;
+    bool last;
+};
+own_returns own = {};
+
+// A message as the text printers show it.
+struct shown_message {
+    explicit shown_message(const char *message)
+    {
+        const std::string_view whole(message, strnlen(message, CORE_LOG_MESSAGE_SIZE));
+        const size_t first = own.first && whole.starts_with('\r') ? 1 : 0;
+        const size_t last = own.last && whole.size() > first && whole.ends_with('\r') ? 1 : 0;
+        const std::string_view foreign = whole.substr(first, whole.size() - first - last);
+        char *end = std::ranges::copy(whole.substr(0, first), text).out;
+        end += log_text_escape(foreign, end);
+        *std::ranges::copy(whole.substr(whole.size() - last), end).out = '\0';
+        ends_line = last == 1 || foreign.ends_with('\n');
+    }
+
+    char text[CORE_LOG_MESSAGE_SIZE * LOG_TEXT_GROWTH + 1];
+    bool ends_line;
+};
 
 // The prefix of a text line, empty at the default threshold and for anonymous messages.
 void build_prefix(char (&prefix)[CORE_LOG_PREFIX_SIZE + 1], int level, const char *file, const char *function,
@@ -50,18 +115,15 @@ int newline_print(int level, const char *file, const char *function, int line, c
 {
     char prefix[CORE_LOG_PREFIX_SIZE + 1] = {};
     build_prefix(prefix, level, file, function, line);
-    const size_t length = strnlen(message, CORE_LOG_MESSAGE_SIZE);
-    const char last = length > 0 ? message[length - 1] : '\0';
-    if (last == '\n' || last == '\r')
-        return print_function(level, "%s%s", prefix, message);
-    return print_function(level, "%s%s\n", prefix, message);
+    const shown_message shown(message);
+    return print_function(level, "%s%s%s", prefix, shown.text, shown.ends_line ? "" : "\n");
 }
 
 int plain_print(int level, const char *file, const char *function, int line, char *message)
 {
     char prefix[CORE_LOG_PREFIX_SIZE + 1] = {};
     build_prefix(prefix, level, file, function, line);
-    return print_function(level, "%s%s", prefix, message);
+    return print_function(level, "%s%s", prefix, shown_message(message).text);
 }
 
 int core_log(int level, const char *file, const char *function, int line, const char *format, ...)
@@ -73,9 +135,15 @@ int core_log(int level, const char *file, const char *function, int line, const 
     char message[CORE_LOG_MESSAGE_SIZE + 1] = {};
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(message, sizeof message, format, arguments);
+    const int length = vsnprintf(message, sizeof message, format, arguments);
     va_end(arguments);
-    return pretty_print_function(level, file, function, line, message);
+    const bool is_whole = length >= 0 && static_cast<size_t>(length) < sizeof message;
+    const std::string_view shape = format;
+    const own_returns outer =
+        std::exchange(own, {shape.starts_with('\r'), is_whole && shape.ends_with('\r')});
+    const int result = pretty_print_function(level, file, function, line, message);
+    own = outer;
+    return result;
 }
 
 void core_log_set_level(int level)
@@ -111,11 +179,19 @@ void core_log_deinit()
 
 int stdout_print(int level, const char *format, ...)
 {
-    va_list arguments;
-    va_start(arguments, format);
-    const int result = vfprintf(level <= CORE_LOG_ERR ? stderr : stdout, format, arguments);
-    va_end(arguments);
-    return result;
+    standard_stream &stream = standard_streams[level <= CORE_LOG_ERR ? 1 : 0];
+    int result = -1;
+    if (stream.sink.begin()) {
+        if (stream.dropped > 0)
+            add_dropped(stream);
+        va_list arguments;
+        va_start(arguments, format);
+        result = stream.sink.add(format, arguments);
+        va_end(arguments);
+    }
+    const bool taken = result >= 0 && stream.sink.end();
+    stream.dropped = taken ? 0 : stream.dropped + 1;
+    return taken ? result : -1;
 }
 
 int file_print(int, const char *format, ...)

@@ -3,8 +3,8 @@
 //
 // Two text printers are here, the JSON event stream is another pretty printer (log-output.hpp chooses);
 // standard output/standard error, a log file and the system log are print functions. State is process-wide,
-// for one thread; nothing here waits or stops the program. Only the buffer dump and an unregistered JSON
-// buffer allocate.
+// for one thread; nothing here stops the program, and a reader who does not read makes it wait for a second
+// in all. Only the buffer dump and an unregistered JSON buffer allocate.
 #pragma once
 
 #include <cstddef>
@@ -36,8 +36,10 @@ typedef int (*core_log_print_fn)(int level, const char *format, ...)
 using core_log_pprint_fn = int (*)(int level, const char *file, const char *function, int line,
                                    char *message);
 
-// The text printers. newline_print ends every message in a line feed; plain_print, the one at the start,
-// leaves it as it is.
+// The text printers. newline_print ends every message in a line feed; plain_print, the one at the start, adds
+// nothing. Control characters but tab and line feed, and bytes that are no UTF-8, appear as \xNN: modems and
+// packages choose many texts. A carriage return at either end of a format of core_log is the program's own
+// and stays.
 int newline_print(int level, const char *file, const char *function, int line, char *message);
 int plain_print(int level, const char *file, const char *function, int line, char *message);
 
@@ -76,7 +78,9 @@ void core_log_close_output();
 // The last call of a program: closes the log file, if one is open.
 void core_log_deinit();
 
-// The print functions. stdout_print: levels 0..3 to standard error, the rest to standard output.
+// The print functions. stdout_print: levels 0..3 to standard error, the rest to standard output, by write(2)
+// at once; -1 for a line that was dropped because the stream took none of it (log-sink.hpp). How many were is
+// told on that stream, in front of the next line that it takes.
 int stdout_print(int level, const char *format, ...) CORE_PRINTF(2, 3);
 int file_print(int level, const char *format, ...) CORE_PRINTF(2, 3);
 int syslog_print(int level, const char *format, ...) CORE_PRINTF(2, 3);

@@ -1,6 +1,7 @@
 """A machine that the unmodified updater takes for its own: a mount namespace in which /sys is a plain folder and
 /dev holds little more than the simulated modem's port, as /dev/ttyUSB0 or under other names. The folders can be
-changed from outside while the updater runs."""
+changed from outside while the updater runs. The locks of places on the bus, whose names are those of a network, are
+the machine's own as well."""
 import os
 import shutil
 import subprocess
@@ -24,7 +25,7 @@ mount --bind "$tree/sys" /sys
 mount --rbind "$tree/dev" /dev
 exec "$@"
 '''
-UNSHARE = ['unshare', '--mount', '--propagation', 'private']
+UNSHARE = ['unshare', '--mount', '--net', '--propagation', 'private']
 
 
 def why_not():
@@ -41,6 +42,7 @@ class FakeTree:
     def __init__(self, folder, devices=True, mhi=True):
         self.root = Path(folder) / 'tree'
         self.devices = self.root / 'sys/bus/usb/devices'
+        self.ttys = self.root / 'sys/class/tty'
         self.trigger = self.root / 'sys/bus/mhi/devices/mhi0/trigger_edl'
         (self.root / 'dev').mkdir(parents=True)
         (self.root / 'sys').mkdir()
@@ -72,11 +74,18 @@ class FakeTree:
 
     def add_port(self, name, interface, port):
         folder = self.root / f'sys/devices/pci0000:00/usb1/{name}/{name}:1.{int(interface, 16)}'
-        (folder / port / 'tty' / port).mkdir(parents=True)
+        tty = folder / port / 'tty' / port
+        tty.mkdir(parents=True)
+        (tty / 'device').symlink_to(f'../../../{port}')
         (folder / 'bInterfaceNumber').write_text(f'{interface}\n')
+        self.ttys.mkdir(parents=True, exist_ok=True)
+        (self.ttys / port).symlink_to(os.path.relpath(tty, self.ttys))
 
     def detach_usb(self, name):
         (self.devices / name).unlink()
+        for tty in self.ttys.iterdir():
+            if f'/{name}/' in os.readlink(tty):
+                tty.unlink()
         shutil.rmtree(self.root / 'sys/devices/pci0000:00/usb1' / name)
 
     def attach_pcie(self, *ports):
@@ -109,3 +118,8 @@ class FakeTree:
         nodes = port if isinstance(port, dict) else {'ttyUSB0': port}
         return [*UNSHARE, 'sh', '-e', '-c', ENTER, 'sh', self.root,
                 ' '.join(f'{node}={target}' for node, target in nodes.items())]
+
+
+def enter_that_of(process):
+    """The command that executes another one inside the tree of an updater that runs in one."""
+    return ['nsenter', '--target', str(process.pid), '--mount', '--net']

@@ -56,14 +56,13 @@ class Watched(threading.local):
 WATCHED = Watched()
 
 
-def start(*command, env=None):
+def start(*command, env=None, stdout=subprocess.PIPE, stderr=subprocess.PIPE):
     parts = [os.fspath(part) for part in command]
     for program in filter(None, (KESTREL, KESTREL_DISCOVERING)):
         if program in parts:
             at = parts.index(program)
             parts[at:at] = WATCHED.by
-    return subprocess.Popen(DIE_WITH_US + parts, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                            stderr=subprocess.PIPE, env=env)
+    return subprocess.Popen(DIE_WITH_US + parts, stdin=subprocess.DEVNULL, stdout=stdout, stderr=stderr, env=env)
 
 
 def stop(process):

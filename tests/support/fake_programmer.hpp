@@ -12,6 +12,9 @@
 
 inline const std::string ack_chunk =
     "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<data>\n<response value=\"ACK\" rawmode=\"false\" /></data>";
+// To a request behind which raw data is to follow.
+inline const std::string raw_ack_chunk =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<data>\n<response value=\"ACK\" rawmode=\"true\" /></data>";
 inline const std::string nak_chunk =
     "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<data>\n<response value=\"NAK\" rawmode=\"false\" /></data>";
 inline const std::string log_chunk =
@@ -61,6 +64,11 @@ class fake_programmer {
     void takes_zero_length_packet() { takes(""); }
     // The next IN transfer brings this chunk.
     void answers(const std::string &chunk) { usb.transfers.push_back({0x81, chunk}); }
+    // This chunk is there already when the program looks for what still waits.
+    void left_over(const std::string &chunk, int result = 0)
+    {
+        usb.transfers.push_back({0x81, chunk, result, -1, false, true});
+    }
     void answers_nothing(int result = 0) { usb.transfers.push_back({0x81, "", result}); }
 
     // Opens the connection for a test of one step of the session.

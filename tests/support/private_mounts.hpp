@@ -1,5 +1,7 @@
 // A /sys and a /dev of the test's own, for code that goes to fixed paths: the process moves into a private
-// mount namespace, where an empty file system hides the machine's. Tests skip where that is not permitted.
+// mount namespace, where an empty file system hides the machine's. What is in there has the same names in
+// every such process: locks of names, which are those of a network, do not meet either. Tests skip where that
+// is not permitted.
 #pragma once
 
 #include "restored-state.hpp"
@@ -33,9 +35,9 @@ inline bool enter(std::string *reason)
         return true;
     const uid_t user = geteuid();
     const gid_t group = getegid();
-    if (unshare(CLONE_NEWNS) != 0) {
-        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
-            *reason = std::string("no private mount namespace: ") + strerror(errno);
+    if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) {
+        if (unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWNET) != 0) {
+            *reason = std::string("no private namespaces: ") + strerror(errno);
             return false;
         }
         write_text("/proc/self/setgroups", "deny");

@@ -77,7 +77,7 @@ class scripted_port {
 
     termios settings{};
     bool is_exclusive = false; // TIOCEXCL
-    int modem_lines = -1; // TIOCM_*; negative for a port that has none
+    int modem_lines = -1;      // TIOCM_*; negative for a port that has none
     std::vector<int> modem_lines_set;
 
     // ---- what the C library's functions do on such a descriptor (libc-hooks.cpp)

@@ -654,7 +654,7 @@ TEST(SendCommandOnATerminal, GetsItsAnswer)
 
 TEST(SendCommandOnATerminal, GetsAnAnswerInPieces)
 {
-    terminal at({{{"AT+G", "MM\r", "\r\nKA1", "00\r", "\n\r\nO", "K", "\r\n"}}});
+    terminal at({{{"AT+G", "MM\r", "\r\nKA1", "00\r", "\n\r\nO", "K\r\n"}}});
     EXPECT_EQ(at.send(), 0);
     EXPECT_STREQ(at.response.text, "AT+GMM\r\r\nKA100\r\n");
 }

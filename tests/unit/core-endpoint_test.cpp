@@ -87,6 +87,16 @@ class InterfaceOpen : public Endpoint {};
 class EndpointClose : public Endpoint {};
 class EndpointTransfer : public Endpoint {};
 
+class EndpointTake : public Endpoint {
+  protected:
+    int take(unsigned timeout_ms = 25)
+    {
+        return core_usb_endpoint_take(&ep, answer, sizeof answer, timeout_ms, &moved);
+    }
+
+    char answer[16] = {};
+};
+
 class SystemName : public Endpoint {
   protected:
     // The name of a device on `bus` behind `ports`, in a buffer of `size` bytes.
@@ -796,4 +806,73 @@ TEST(RealPath, MapsAnErrorWithoutACodeOfItsOwn)
     ASSERT_EQ(symlink("loop", dir.at("loop").c_str()), 0);
     char out[PATH_MAX];
     EXPECT_EQ(core_get_real_path(dir.at("loop").c_str(), out), -102); // ELOOP
+}
+
+// --- core_usb_endpoint_take
+
+TEST_F(EndpointTake, TakesWhatThereIs)
+{
+    open(bulk_device());
+    fake.transfers = {{0x81, "pong"}};
+    EXPECT_EQ(take(), 0);
+    EXPECT_EQ(moved, 4);
+    EXPECT_STREQ(answer, "pong");
+    EXPECT_EQ(fake.calls, (texts{"claim 0", "in 81 16", "release 0"}));
+    EXPECT_EQ(fake.timeouts, std::vector<unsigned>{25});
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(EndpointTake, FindsNothingInSilence)
+{
+    open(bulk_device());
+    fake.transfers = {{.endpoint = 0x81, .data = "", .result = LIBUSB_ERROR_TIMEOUT}};
+    EXPECT_EQ(take(), 0);
+    EXPECT_EQ(moved, 0);
+    EXPECT_EQ(fake.calls.back(), "release 0");
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(EndpointTake, KeepsWhatMovedBeforeTheTimeOut)
+{
+    open(bulk_device());
+    fake.transfers = {{.endpoint = 0x81, .data = "po", .result = LIBUSB_ERROR_TIMEOUT}};
+    EXPECT_EQ(take(), 0);
+    EXPECT_EQ(moved, 2);
+    EXPECT_STREQ(answer, "po");
+}
+
+TEST_F(EndpointTake, FailsInSilenceWithAnyOtherError)
+{
+    open(bulk_device());
+    fake.transfers = {{.endpoint = 0x81, .data = "", .result = LIBUSB_ERROR_NO_DEVICE}};
+    EXPECT_EQ(take(), -102);
+    EXPECT_EQ(moved, 0);
+    EXPECT_EQ(fake.calls.back(), "release 0");
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(EndpointTake, PassesOnThatTheInterfaceIsNotClaimed)
+{
+    open(bulk_device());
+    fake.claim_result = LIBUSB_ERROR_BUSY;
+    EXPECT_EQ(take(), -6);
+    EXPECT_EQ(moved, 0);
+    EXPECT_EQ(fake.calls, texts{"claim 0"});
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(EndpointTake, NeedsAnOpenDevice)
+{
+    ep = {};
+    EXPECT_EQ(take(), -22);
+    EXPECT_EQ(moved, 0);
+    EXPECT_TRUE(fake.calls.empty());
+}
+
+TEST_F(EndpointTake, RefusesMoreThanATransferMoves)
+{
+    open(bulk_device());
+    EXPECT_EQ(core_usb_endpoint_take(&ep, answer, 2147483648, 25, &moved), -22);
+    EXPECT_EQ(moved, 0);
+    EXPECT_TRUE(fake.calls.empty());
 }

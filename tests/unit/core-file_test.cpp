@@ -4,6 +4,7 @@
 #include "libc-hooks.hpp"
 #include "log_capture.hpp"
 #include "temp_dir.hpp"
+#include "unprivileged.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -12,7 +13,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -23,42 +23,11 @@ using strings = std::vector<std::string>;
 
 namespace {
 
-// Gives up the super-user's rights for as long as it lives: nothing is forbidden to him.
-class unprivileged {
-  public:
-    unprivileged() : was_root(geteuid() == 0)
-    {
-        if (was_root) {
-            EXPECT_EQ(setresuid(nobody, nobody, 0), 0);
-        }
-    }
-    unprivileged(const unprivileged &) = delete;
-    unprivileged &operator=(const unprivileged &) = delete;
-    ~unprivileged()
-    {
-        if (was_root) {
-            EXPECT_EQ(setresuid(0, 0, 0), 0);
-            prctl(PR_SET_DUMPABLE, 1); // lost with the rights; the leak check needs it
-        }
-    }
-
-    static constexpr uid_t nobody = 65534;
-
-  private:
-    bool was_root;
-};
-
 class Files : public testing::Test {
   protected:
     Files() { umask(0); }
 
-    // Makes the unprivileged user the owner of what the test made.
-    static void give_away(const std::string &path)
-    {
-        if (geteuid() == 0) {
-            EXPECT_EQ(chown(path.c_str(), unprivileged::nobody, static_cast<gid_t>(-1)), 0);
-        }
-    }
+    static void give_away(const std::string &path) { unprivileged::give_away(path); }
 
     std::string make_directory(const std::string &name) const
     {

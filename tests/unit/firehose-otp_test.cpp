@@ -197,10 +197,40 @@ TEST_F(Otp, FailedWriteEndsIt)
     EXPECT_EQ(log.messages().back().function, "get_otp");
 }
 
+TEST_F(Otp, LooksOnceForWhatStillWaits)
+{
+    programmer.takes(otp_request);
+    programmer.answers(ack_chunk);
+    EXPECT_EQ(get_otp(device), 0);
+    EXPECT_EQ(programmer.usb.looks, 1);
+}
+
+TEST_F(Otp, RefusalThatWaitsEndsItUnasked)
+{
+    programmer.left_over(nak_chunk);
+    EXPECT_EQ(get_otp(device), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{nak_chunk});
+    EXPECT_TRUE(programmer.usb.written.empty());
+}
+
+TEST_F(Otp, AnswerTooManyIsNotTheEndOfTheValues)
+{
+    programmer.left_over(ack_chunk);
+    programmer.takes(otp_request);
+    programmer.answers("<log value=\"first\"/>");
+    programmer.answers(ack_chunk);
+    EXPECT_EQ(get_otp(device), 0);
+    EXPECT_EQ(log.texts(CORE_LOG_WRN), texts{"an answer too many: " + ack_chunk});
+    EXPECT_EQ(log.texts(CORE_LOG_INF), texts{"first"});
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{});
+}
+
+// Behind 10 ms in which nothing waits for the program.
 TEST_F(SerialOtp, HalfASecondOfSilenceEndsTheRead)
 {
     port.takes(otp_request);
-    EXPECT_EQ(duration_of([this] { EXPECT_EQ(get_otp(&device), -110); }), 500);
+    EXPECT_EQ(duration_of([this] { EXPECT_EQ(get_otp(&device), -110); }), 510);
+    EXPECT_EQ(port.waits(), (std::vector<int>{10, 500}));
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"error reading otp values " + timed_out_unsigned});
 }
 

@@ -4,20 +4,26 @@
 #include "core-file.hpp"
 #include "core.hpp"
 #include "fake_programmer.hpp"
+#include "file-identity.hpp"
 #include "image-list.hpp"
 #include "libc-hooks.hpp"
 #include "log-output.hpp"
 #include "log_capture.hpp"
 #include "memory-limit.hpp"
+#include "open-descriptors.hpp"
 #include "pty.hpp"
 #include "scripted-port.hpp"
 #include "temp_dir.hpp"
 #include "virtual-time.hpp"
 
+#include <chrono>
+#include <fcntl.h>
 #include <filesystem>
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <thread>
 
 using texts = std::vector<std::string>;
@@ -87,6 +93,7 @@ class Program : public testing::Test {
         image *const img = add_command(command);
         strlcpy(img->filename, dir.write("image.bin", data).c_str(), sizeof img->filename);
         img->file_size = data.size();
+        img->identity = identity_of(path());
         img->sector_size_in_bytes = 4096;
         return img;
     }
@@ -108,11 +115,6 @@ class Program : public testing::Test {
         return send_binary(device, payload, sector, path.c_str());
     }
     std::string path() const { return dir.at("image.bin"); }
-    static size_t open_descriptors()
-    {
-        const std::filesystem::directory_iterator entries("/proc/self/fd");
-        return static_cast<size_t>(std::distance(begin(entries), end(entries)));
-    }
 
     temp_dir dir;
     fake_programmer programmer;
@@ -522,6 +524,15 @@ TEST_F(Program, FlagIsClearedAfterSuccess)
 
 TEST_F(Program, FlagIsClearedAfterAFailure)
 {
+    programmer.takes(content(1024));
+    programmer.takes_zero_length_packet(); // the flag was set
+    programmer.answers(nak_chunk);
+    EXPECT_EQ(send_file(content(1024), 1024, 512), -102);
+    EXPECT_FALSE(device->endpoint.send_zero_length_packet);
+}
+
+TEST_F(Program, FlagIsNotSetForAFileThatCannotBeOpened)
+{
     EXPECT_EQ(send_binary(device, 1000, 500, dir.at("missing/file").c_str()), -2);
     EXPECT_FALSE(device->endpoint.send_zero_length_packet);
 }
@@ -545,9 +556,17 @@ TEST_F(Program, MissingFileIsReported)
     EXPECT_EQ(log.messages().back().function, "send_binary");
 }
 
-TEST_F(Program, FileOfUnknownSizeIsReported)
+TEST_F(Program, FileThatCannotBeLookedAtIsReported)
 {
     libc::fstat = libc::fails(EIO);
+    const std::string file = dir.write("image.bin", "x");
+    EXPECT_EQ(send_binary(device, megabyte, 4096, file.c_str()), -5);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"unable to open bin file " + io_error_unsigned});
+}
+
+TEST_F(Program, FileOfUnknownSizeIsReported)
+{
+    libc::fstat = libc::fails_in_call(2, EIO, fstat); // the first one asks what it is
     const std::string file = dir.write("image.bin", "x");
     EXPECT_EQ(send_binary(device, megabyte, 4096, file.c_str()), -5);
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "unable to get bin file size " + io_error_unsigned);
@@ -579,25 +598,40 @@ TEST_F(Program, FileThatCannotBeSoughtIsReportedWithTheOffset)
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "lseek error at 0");
 }
 
-// Gives the file another size once this message is logged.
-static std::string file_to_change;
-static std::string change_at;
-static uintmax_t change_to;
-static core_log_pprint_fn recorder;
-static int change_file(int level, const char *file, const char *function, int line, char *message)
+namespace {
+
+// Does something once this message is logged.
+std::function<void()> deed;
+std::string done_at;
+core_log_pprint_fn recorder;
+int do_and_record(int level, const char *file, const char *function, int line, char *message)
 {
-    if (message == change_at)
-        std::filesystem::resize_file(file_to_change, change_to);
+    if (message == done_at)
+        deed();
     return recorder(level, file, function, line, message);
 }
-static void change_once_logged(const std::string &file, const std::string &message, uintmax_t size)
+void do_once_logged(const std::string &message, std::function<void()> what)
 {
-    file_to_change = file;
-    change_at = message;
-    change_to = size;
+    deed = std::move(what);
+    done_at = message;
     recorder = pretty_print_function;
-    pretty_print_function = change_file;
+    pretty_print_function = do_and_record;
 }
+
+// Gives the file another size then.
+void change_once_logged(const std::string &file, const std::string &message, uintmax_t size)
+{
+    do_once_logged(message, [file, size] { std::filesystem::resize_file(file, size); });
+}
+
+// The same size and the same inode, and another time of modification.
+void touch(const std::string &file)
+{
+    const timespec times[] = {{1000000000, 0}, {1000000000, 0}};
+    EXPECT_EQ(utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+}
+
+} // namespace
 
 TEST_F(Program, FileThatShrinksEndsItWellWithoutDataOrAck)
 {
@@ -828,7 +862,7 @@ TEST_F(Program, ProgramLineIsFollowedByItsData)
 {
     strlcpy(add_image(program_line, content(1000))->label, "boot", 1024);
     programmer.takes(frame_begin + program_line_1_sector + frame_end);
-    programmer.answers(ack_chunk);
+    programmer.answers(raw_ack_chunk);
     programmer.takes(content(1000) + padding(3096));
     programmer.takes_zero_length_packet();
     programmer.answers(ack_chunk);
@@ -846,7 +880,7 @@ TEST_F(Program, ImageWithoutALabelIsNotAnnounced)
 {
     add_image(program_line, content(1000));
     programmer.takes(frame_begin + program_line_1_sector + frame_end);
-    programmer.answers(ack_chunk);
+    programmer.answers(raw_ack_chunk);
     programmer.takes(content(1000) + padding(3096));
     programmer.takes_zero_length_packet();
     programmer.answers(ack_chunk);
@@ -895,7 +929,7 @@ TEST_F(Program, ElementWhoseNameOnlyBeginsLikeEraseIsNone)
 {
     add_image("<eraser/>", content(1000))->sector_size_in_bytes = 500;
     programmer.takes(frame_begin + "<eraser/>" + frame_end);
-    programmer.answers(ack_chunk);
+    programmer.answers(raw_ack_chunk);
     programmer.takes(content(1000));
     programmer.answers(ack_chunk);
     EXPECT_EQ(send(1000), 0);
@@ -978,7 +1012,7 @@ TEST_F(Program, RefusedDataNamesTheFile)
 {
     add_image(program_line, content(1000));
     programmer.takes(frame_begin + program_line_1_sector + frame_end);
-    programmer.answers(ack_chunk);
+    programmer.answers(raw_ack_chunk);
     programmer.takes(content(1000) + padding(3096));
     programmer.takes_zero_length_packet();
     programmer.answers(nak_chunk);
@@ -1003,6 +1037,24 @@ TEST_F(Program, FileThatHasShrunkSendsNotEvenTheCommand)
     std::filesystem::resize_file(path(), 999);
     EXPECT_EQ(send(), -22);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"file of 1000 bytes has changed to 999: " + path()});
+    EXPECT_TRUE(programmer.usb.written.empty());
+}
+
+TEST_F(Program, FileOfTheSameSizeThatHasChangedSendsNotEvenTheCommand)
+{
+    add_image(program_line, content(1000));
+    touch(path());
+    EXPECT_EQ(send(), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"file has changed: " + path()});
+    EXPECT_EQ(log.messages().front().function, "check_same_file");
+    EXPECT_TRUE(programmer.usb.written.empty());
+}
+
+TEST_F(Program, FileThatWasNeverValidatedSendsNotEvenTheCommand)
+{
+    add_image(program_line, content(1000))->identity = {};
+    EXPECT_EQ(send(), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"file of 0 bytes has changed to 1000: " + path()});
     EXPECT_TRUE(programmer.usb.written.empty());
 }
 
@@ -1054,10 +1106,58 @@ TEST_F(Program, FileThatShrinksBehindItsCommandSendsNoData)
     add_image(program_line, content(1000));
     change_once_logged(path(), "sending request: " + frame_begin + program_line_1_sector + frame_end, 300);
     programmer.takes(frame_begin + program_line_1_sector + frame_end);
-    programmer.answers(ack_chunk);
+    programmer.answers(raw_ack_chunk);
     EXPECT_EQ(send(), -22);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"file of 1000 bytes has changed to 300: " + path()});
     EXPECT_EQ(log.texts(CORE_LOG_INF), texts{});
+}
+
+TEST_F(Program, FileOfTheSameSizeThatChangesBehindItsCommandSendsNoData)
+{
+    add_image(program_line, content(1000));
+    do_once_logged("sending request: " + frame_begin + program_line_1_sector + frame_end,
+                   [this] { touch(path()); });
+    programmer.takes(frame_begin + program_line_1_sector + frame_end);
+    programmer.answers(raw_ack_chunk);
+    EXPECT_EQ(send(), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"file has changed: " + path()});
+    EXPECT_EQ(programmer.usb.looks, 1); // not for what waits before the data
+}
+
+// The file is opened once, before its command: what takes its name behind it is not sent.
+TEST_F(Program, FileThatIsReplacedBehindItsCommandSendsNoData)
+{
+    add_image(program_line, content(1000));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // longer than the kernel's clock ticks
+    do_once_logged("sending request: " + frame_begin + program_line_1_sector + frame_end,
+                   [this] { std::filesystem::rename(dir.write("other", std::string(1000, 'x')), path()); });
+    programmer.takes(frame_begin + program_line_1_sector + frame_end);
+    programmer.answers(raw_ack_chunk);
+    EXPECT_EQ(send(), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"file has changed: " + path()});
+}
+
+TEST_F(Program, FileOfTheSameSizeThatChangesWhileItIsSentFails)
+{
+    add_image(program_line, content(1000));
+    do_once_logged("Sending 1000 bytes at offset 0", [this] { touch(path()); });
+    programmer.takes(frame_begin + program_line_1_sector + frame_end);
+    programmer.answers(raw_ack_chunk);
+    programmer.takes(content(1000) + padding(3096));
+    programmer.takes_zero_length_packet();
+    programmer.answers(ack_chunk);
+    EXPECT_EQ(send(), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"file has changed: " + path()});
+}
+
+TEST_F(Program, DescriptorOfAnImageIsClosed)
+{
+    add_image(program_line, content(1000));
+    const size_t before = open_descriptors();
+    programmer.takes(frame_begin + program_line_1_sector + frame_end);
+    programmer.answers(nak_chunk);
+    EXPECT_EQ(send(), -102);
+    EXPECT_EQ(open_descriptors(), before);
 }
 
 TEST_F(Program, FileThatGrowsWhileItIsSentFails)
@@ -1065,7 +1165,7 @@ TEST_F(Program, FileThatGrowsWhileItIsSentFails)
     add_image(program_line, content(1000));
     change_once_logged(path(), "Sending 1000 bytes at offset 0", 1001);
     programmer.takes(frame_begin + program_line_1_sector + frame_end);
-    programmer.answers(ack_chunk);
+    programmer.answers(raw_ack_chunk);
     programmer.takes(content(1000) + padding(3096));
     programmer.takes_zero_length_packet();
     programmer.answers(ack_chunk);
@@ -1080,10 +1180,118 @@ TEST_F(Program, ShortReadEndsTheWalk)
     add_command("<erase id=\"2\"/>");
     change_once_logged(path(), "Sending 1000 bytes at offset 0", 300);
     programmer.takes(frame_begin + "<program label=\"a\"/>" + frame_end);
-    programmer.answers(ack_chunk);
+    programmer.answers(raw_ack_chunk);
     EXPECT_EQ(send(), -22);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), (texts{"error 0 reading 1048576 bytes (read 300 bytes)",
                                               "file of 1000 bytes has changed to 300: " + path()}));
+}
+
+// A file that gives less than its record says, and has not changed.
+TEST_F(Program, ShortReadOfAnUnchangedFileTellsWhatWasSent)
+{
+    add_image("<program label=\"a\"/>", content(1500))->sector_size_in_bytes = 500;
+    add_command("<erase id=\"2\"/>");
+    libc::read = [reads = 0](int handle, void *data, size_t size) mutable {
+        return read(handle, data, ++reads == 2 ? 300 : size);
+    };
+    programmer.takes(frame_begin + "<program label=\"a\"/>" + frame_end);
+    programmer.answers(raw_ack_chunk);
+    programmer.takes(content(1000));
+    EXPECT_EQ(send(1000), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), (texts{"error 0 reading 1000 bytes (read 300 bytes)",
+                                              "1000 of 1500 bytes were sent of " + path()}));
+    EXPECT_TRUE(log.has(CORE_LOG_DBG, "Label: <none>"));
+}
+
+TEST_F(Program, ShortReadOfTheFirstPayloadTellsThatNothingWasSent)
+{
+    add_image(program_line, content(1000));
+    libc::read = [](int handle, void *data, size_t) { return read(handle, data, 999); };
+    programmer.takes(frame_begin + program_line_1_sector + frame_end);
+    programmer.answers(raw_ack_chunk);
+    EXPECT_EQ(send(), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), (texts{"error 0 reading 1048576 bytes (read 999 bytes)",
+                                              "0 of 1000 bytes were sent of " + path()}));
+}
+
+// --- what still waits, and what an ACK says of itself
+
+TEST_F(Program, NothingIsLookedForBeforeTheDataOfAnEmptyFile)
+{
+    add_image("<program label=\"a\"/>", "");
+    programmer.takes(frame_begin + "<program label=\"a\"/>" + frame_end);
+    programmer.answers(raw_ack_chunk);
+    programmer.answers(ack_chunk); // waits already
+    EXPECT_EQ(send(), 0);
+    EXPECT_EQ(programmer.usb.looks, 1);
+    EXPECT_EQ(log.texts(CORE_LOG_INF), texts{"Sent 0 bytes"});
+}
+
+TEST_F(Program, RefusalThatWaitsBeforeTheDataIsNotFollowedByThem)
+{
+    add_image(program_line, content(1000));
+    programmer.takes(frame_begin + program_line_1_sector + frame_end);
+    programmer.answers(raw_ack_chunk);
+    programmer.left_over(nak_chunk);
+    EXPECT_EQ(send(), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{nak_chunk});
+    EXPECT_EQ(log.texts(CORE_LOG_INF), texts{});
+    EXPECT_EQ(programmer.usb.looks, 2);
+}
+
+TEST_F(Program, AckWithoutRawModeDoesNotBeginTheData)
+{
+    add_image(program_line, content(1000));
+    programmer.takes(frame_begin + program_line_1_sector + frame_end);
+    programmer.answers(ack_chunk);
+    programmer.answers(nak_chunk);
+    EXPECT_EQ(send(), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR),
+              (texts{nak_chunk, "error sending reading ack/nack " + failure_unsigned, "error for command"}));
+    EXPECT_EQ(programmer.usb.written.size(), 1U);
+}
+
+TEST_F(Program, AckThatSaysNothingOfRawModeBeginsAndEndsTheData)
+{
+    const std::string plain = "<response value=\"ACK\" />";
+    add_image(program_line, content(1000));
+    programmer.takes(frame_begin + program_line_1_sector + frame_end);
+    programmer.answers(plain);
+    programmer.takes(content(1000) + padding(3096));
+    programmer.takes_zero_length_packet();
+    programmer.answers(plain);
+    EXPECT_EQ(send(), 0);
+}
+
+TEST_F(Program, AckWithRawModeDoesNotEndTheData)
+{
+    add_image(program_line, content(1000));
+    programmer.takes(frame_begin + program_line_1_sector + frame_end);
+    programmer.answers(raw_ack_chunk);
+    programmer.takes(content(1000) + padding(3096));
+    programmer.takes_zero_length_packet();
+    programmer.answers(raw_ack_chunk);
+    programmer.answers(nak_chunk);
+    EXPECT_EQ(send(), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), (texts{nak_chunk, "error in sending binary " + path()}));
+}
+
+TEST_F(Program, AckWithRawModeDoesNotEndACommandWithoutData)
+{
+    add_command("<erase id=\"1\"/>");
+    programmer.takes(frame_begin + "<erase id=\"1\"/>" + frame_end);
+    programmer.answers(raw_ack_chunk);
+    programmer.answers_nothing(fake_programmer::timed_out);
+    EXPECT_EQ(send(), -102);
+}
+
+TEST_F(Program, AckWithRawModeDoesNotEndAnEraseThatNamesAFile)
+{
+    add_image("<erase start=\"0\"/>", content(1000));
+    programmer.takes(frame_begin + "<erase start=\"0\"/>" + frame_end);
+    programmer.answers(raw_ack_chunk);
+    programmer.answers(ack_chunk);
+    EXPECT_EQ(send(), 0);
 }
 
 // --- files of more than 4 GiB

@@ -3,10 +3,12 @@
 #include "core-device.hpp"
 #include "core.hpp"
 #include "fake_programmer.hpp"
+#include "file-identity.hpp"
 #include "firehose-session.hpp"
 #include "image-list.hpp"
 #include "libc-hooks.hpp"
 #include "log_capture.hpp"
+#include "open-descriptors.hpp"
 #include "package-check.hpp"
 #include "scripted-port.hpp"
 #include "temp_dir.hpp"
@@ -99,11 +101,6 @@ class PcieUpdate : public testing::Test {
     {
         fake_libusb::instance().verify();
         EXPECT_TRUE(fake_libusb::instance().calls.empty());
-    }
-    static size_t open_descriptors()
-    {
-        const std::filesystem::directory_iterator entries("/proc/self/fd");
-        return static_cast<size_t>(std::distance(begin(entries), end(entries)));
     }
 
     scripted_port port;
@@ -462,6 +459,258 @@ TEST_F(Serial, AckWaitSkipsLogChunks)
     EXPECT_EQ(read_ack_nack(&device), 0);
 }
 
+// --- what an ACK says of itself
+
+namespace {
+
+struct ack_row {
+    const char *name;
+    const char *chunk;
+    bool ends_a_command; // it may answer a request without data, or the data
+    bool begins_data;    // it may answer a request behind which data follow
+};
+
+// Shown behind the test's name.
+void PrintTo(const ack_row &row, std::ostream *out)
+{
+    *out << row.chunk;
+}
+
+class Ack : public testing::TestWithParam<ack_row> {};
+
+} // namespace
+
+TEST_P(Ack, AnswersWhatItIsMeantFor)
+{
+    firehose_chunk chunk{};
+    strlcpy(chunk.text, GetParam().chunk, sizeof chunk.text);
+    chunk.size = strlen(chunk.text);
+    EXPECT_EQ(firehose_has_ack_of(&chunk, raw_mode::off), GetParam().ends_a_command);
+    EXPECT_EQ(firehose_has_ack_of(&chunk, raw_mode::on), GetParam().begins_data);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, Ack,
+    testing::Values(
+        ack_row{"WithoutAWord", "<response value=\"ACK\" />", true, true},
+        ack_row{"RawModeOff", "<response value=\"ACK\" rawmode=\"false\" />", true, false},
+        ack_row{"RawModeOn", "<response value=\"ACK\" rawmode=\"true\" />", false, true},
+        ack_row{"RawModeOffInFront", "<response rawmode=\"false\" value=\"ACK\"/>", true, false},
+        ack_row{"RawModeOnInFront", "<response rawmode=\"true\" value=\"ACK\"/>", false, true},
+        ack_row{"RawModeOnInTheNextLine", "<response value=\"ACK\"\n rawmode=\"true\"/>", false, true},
+        ack_row{"AnotherWord", "<response value=\"ACK\" rawmode=\"TRUE\"/>", true, true},
+        ack_row{"CutShort", "<response value=\"ACK\" rawmode=\"tru", true, true},
+        ack_row{"RawModeOfTheNextElement", "<response value=\"ACK\"/><log rawmode=\"true\"/>", true, true},
+        ack_row{"RawModeOfTheElementBefore", "<log rawmode=\"true\"/><response value=\"ACK\"/>", true, true},
+        ack_row{"OnThenOff",
+                "<response value=\"ACK\" rawmode=\"true\"/><response value=\"ACK\" rawmode=\"false\"/>", true,
+                true},
+        ack_row{"OffThenOn",
+                "<response value=\"ACK\" rawmode=\"false\"/><response value=\"ACK\" rawmode=\"true\"/>", true,
+                true},
+        ack_row{"OffTwice",
+                "<response value=\"ACK\" rawmode=\"false\"/><response value=\"ACK\" rawmode=\"false\"/>",
+                true, false},
+        ack_row{"OnTwice",
+                "<response value=\"ACK\" rawmode=\"true\"/><response value=\"ACK\" rawmode=\"true\"/>", false,
+                true},
+        ack_row{"OutsideOfAnElement", "value=\"ACK\"", true, true},
+        ack_row{"OutsideOfAnElementWithRawMode", "value=\"ACK\" rawmode=\"true\"", false, true},
+        ack_row{"Nak", "<response value=\"NAK\" rawmode=\"false\"/>", false, false},
+        ack_row{"RawModeAlone", "<response rawmode=\"true\"/>", false, false},
+        ack_row{"Nothing", "", false, false}),
+    [](const testing::TestParamInfo<ack_row> &row) { return std::string(row.param.name); });
+
+TEST_F(Usb, AckThatBeginsDataDoesNotEndTheWait)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers(raw_ack_chunk);
+    programmer.answers(ack_chunk);
+    log.clear();
+    EXPECT_EQ(read_ack_nack(device), 0);
+    EXPECT_EQ(log.texts(CORE_LOG_DBG), (texts{raw_ack_chunk, ack_chunk}));
+}
+
+TEST_F(Usb, AckThatBeginsDataHidesNoNak)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers(raw_ack_chunk);
+    programmer.answers(nak_chunk);
+    EXPECT_EQ(read_ack_nack(device), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{nak_chunk});
+}
+
+TEST_F(Usb, AckThatBeginsDataHidesNoNakOfItsOwnChunk)
+{
+    firehose_device *const device = programmer.open();
+    const std::string both = raw_ack_chunk + nak_chunk;
+    programmer.answers(both);
+    EXPECT_EQ(read_ack_nack(device), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{both});
+}
+
+TEST_F(Usb, AckThatBeginsDataEndsTheWaitForIt)
+{
+    firehose_device *const device = programmer.open();
+    programmer.answers(ack_chunk);
+    programmer.answers(raw_ack_chunk);
+    log.clear();
+    EXPECT_EQ(read_ack_nack(device, raw_mode::on), 0);
+    EXPECT_EQ(log.texts(CORE_LOG_DBG), (texts{ack_chunk, raw_ack_chunk}));
+}
+
+// --- drain_answers
+
+TEST_F(Usb, DrainLooksOnceWhereNothingWaits)
+{
+    firehose_device *const device = programmer.open();
+    log.clear();
+    EXPECT_EQ(drain_answers(device), 0);
+    EXPECT_EQ(programmer.usb.looks, 1);
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(Usb, DrainTakes1024BytesWithin10Milliseconds)
+{
+    firehose_device *const device = programmer.open();
+    const std::string chunk(1024, 'x');
+    programmer.left_over(chunk);
+    log.clear();
+    EXPECT_EQ(drain_answers(device), 0);
+    EXPECT_EQ(log.texts(CORE_LOG_DBG), texts{chunk});
+    EXPECT_EQ(programmer.usb.calls[4], "in 81 1024");
+    EXPECT_EQ(programmer.usb.timeouts, std::vector<unsigned>{10});
+}
+
+TEST_F(Usb, DrainReadsAwaySeveralChunks)
+{
+    firehose_device *const device = programmer.open();
+    programmer.left_over(log_chunk);
+    programmer.left_over(ack_chunk);
+    programmer.left_over(raw_ack_chunk);
+    log.clear();
+    EXPECT_EQ(drain_answers(device), 0);
+    EXPECT_EQ(programmer.usb.looks, 4);
+    EXPECT_EQ(log.texts(CORE_LOG_DBG), texts{log_chunk});
+    EXPECT_EQ(log.texts(CORE_LOG_WRN),
+              (texts{"an answer too many: " + ack_chunk, "an answer too many: " + raw_ack_chunk}));
+    EXPECT_EQ(log.messages().back().file, "../firehose.c");
+    EXPECT_EQ(log.messages().back().function, "drain_answers");
+}
+
+TEST_F(Usb, DrainEndsWithARefusalBehindAnAnswerTooMany)
+{
+    firehose_device *const device = programmer.open();
+    programmer.left_over(ack_chunk);
+    programmer.left_over(nak_chunk);
+    EXPECT_EQ(drain_answers(device), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_WRN), texts{"an answer too many: " + ack_chunk});
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{nak_chunk});
+    EXPECT_EQ(log.messages().back().function, "drain_answers");
+}
+
+TEST_F(Usb, DrainEndsWithARefusalNextToAnAck)
+{
+    firehose_device *const device = programmer.open();
+    programmer.left_over(ack_and_nak_chunk);
+    EXPECT_EQ(drain_answers(device), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{ack_and_nak_chunk});
+    EXPECT_EQ(log.texts(CORE_LOG_WRN), texts{});
+}
+
+TEST_F(Usb, DrainLeavesThe65thChunk)
+{
+    firehose_device *const device = programmer.open();
+    for (int i = 0; i < 64; ++i)
+        programmer.left_over(log_chunk);
+    programmer.left_over("<data>the 65th</data>");
+    EXPECT_EQ(drain_answers(device), 0);
+    EXPECT_EQ(programmer.usb.looks, 64);
+    EXPECT_EQ(log.count(CORE_LOG_DBG, log_chunk), 64);
+    firehose_chunk chunk;
+    EXPECT_EQ(firehose_read(device, 500, &chunk), 0);
+    EXPECT_STREQ(chunk.text, "<data>the 65th</data>");
+}
+
+TEST_F(Usb, DrainTakesTheRefusalInThe64thChunk)
+{
+    firehose_device *const device = programmer.open();
+    for (int i = 0; i < 63; ++i)
+        programmer.left_over(log_chunk);
+    programmer.left_over(nak_chunk);
+    EXPECT_EQ(drain_answers(device), -102);
+}
+
+TEST_F(Usb, DrainLeavesAFailedConnectionToTheRequest)
+{
+    firehose_device *const device = programmer.open();
+    programmer.left_over("", fake_programmer::gone);
+    log.clear();
+    EXPECT_EQ(drain_answers(device), 0);
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(Usb, DrainLeavesAnInterfaceThatCannotBeClaimedToTheRequest)
+{
+    firehose_device *const device = programmer.open();
+    programmer.usb.claim_result = -6;
+    log.clear();
+    EXPECT_EQ(drain_answers(device), 0);
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(Serial, DrainWaitsTenMilliseconds)
+{
+    EXPECT_EQ(duration_of([this] { EXPECT_EQ(drain_answers(&device), 0); }), 10);
+    EXPECT_EQ(port.waits(), std::vector<int>{10});
+}
+
+TEST_F(Serial, DrainReadsAwayWhatWaits)
+{
+    port.sends(log_chunk);
+    port.sends(ack_chunk);
+    EXPECT_EQ(drain_answers(&device), 0);
+    EXPECT_EQ(log.texts(CORE_LOG_WRN), texts{"an answer too many: " + ack_chunk});
+    EXPECT_EQ(port.waits(), (std::vector<int>{10, 10, 10}));
+}
+
+TEST_F(Serial, DrainEndsWithARefusal)
+{
+    port.sends(ack_chunk);
+    port.sends(nak_chunk);
+    EXPECT_EQ(drain_answers(&device), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{nak_chunk});
+}
+
+TEST_F(Serial, DrainTakesWhatComesOnItsHeels)
+{
+    port.pauses(9).sends(nak_chunk);
+    EXPECT_EQ(drain_answers(&device), -102);
+}
+
+TEST_F(Serial, DrainDoesNotWaitForWhatComesLater)
+{
+    port.pauses(11).sends(nak_chunk);
+    EXPECT_EQ(drain_answers(&device), 0);
+    virtual_time::instance().pass(1000);
+    EXPECT_EQ(port.unread(), nak_chunk);
+}
+
+TEST_F(Serial, DrainLeavesAHangUpToTheRequest)
+{
+    port.hangs_up();
+    EXPECT_EQ(drain_answers(&device), 0);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{});
+}
+
+TEST_F(Serial, DrainLeavesThe65thChunk)
+{
+    for (int i = 0; i < 65; ++i)
+        port.sends(log_chunk);
+    EXPECT_EQ(drain_answers(&device), 0);
+    EXPECT_EQ(port.unread(), log_chunk);
+}
+
 // --- generic_ack_nack_request, send_nop
 
 TEST_F(Usb, PingIs57BytesWithoutATerminator)
@@ -478,9 +727,10 @@ TEST_F(Usb, PingIs57BytesWithoutATerminator)
 
 TEST_F(Serial, PingGoesOverTheSerialDevice)
 {
-    port.sends(ack_chunk);
     port.takes(ping_request);
+    port.sends(ack_chunk);
     EXPECT_EQ(send_nop(&device), 0);
+    EXPECT_EQ(port.waits(), (std::vector<int>{10, 5000}));
 }
 
 TEST_F(Usb, RequestThatCannotBeSentIsLoggedInTwoLines)
@@ -508,6 +758,27 @@ TEST_F(Serial, RequestGivesUpOnBackPressure)
         port.refuses_a_write(EAGAIN);
     EXPECT_EQ(send_nop(&device), -11);
     EXPECT_TRUE(log.has(CORE_LOG_ERR, "error " + try_again_unsigned + " sending request:"));
+}
+
+TEST_F(Usb, RefusalThatWaitsEndsARequestUnsent)
+{
+    firehose_device *const device = programmer.open();
+    programmer.left_over(nak_chunk);
+    EXPECT_EQ(generic_ack_nack_request(device, "<x/>"), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{nak_chunk});
+    EXPECT_TRUE(programmer.usb.written.empty());
+}
+
+TEST_F(Usb, AnswerTooManyIsNotTheAnswerToARequest)
+{
+    firehose_device *const device = programmer.open();
+    programmer.left_over(ack_chunk);
+    programmer.takes("<x/>");
+    programmer.answers(nak_chunk);
+    EXPECT_EQ(generic_ack_nack_request(device, "<x/>"), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_WRN), texts{"an answer too many: " + ack_chunk});
+    EXPECT_EQ(log.texts(CORE_LOG_ERR),
+              (texts{nak_chunk, "error sending reading ack/nack " + failure_unsigned}));
 }
 
 // --- get_config_xml, send_config
@@ -650,11 +921,37 @@ TEST_F(Usb, ConfigureReportsAFailedWrite)
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "error sending config " + timed_out_unsigned);
 }
 
+// Behind 10 ms in which nothing waits for the program.
 TEST_F(Serial, ConfigureFailsAfterHalfASecondOfSilence)
 {
     uint32_t payload = 1048576;
     port.takes(configure_request);
-    EXPECT_EQ(duration_of([&] { EXPECT_EQ(send_config(&device, &payload), -102); }), 500);
+    EXPECT_EQ(duration_of([&] { EXPECT_EQ(send_config(&device, &payload), -102); }), 510);
+    EXPECT_EQ(port.waits(), (std::vector<int>{10, 500}));
+}
+
+TEST_F(Usb, ConfigureIsNotSentBehindARefusalThatWaits)
+{
+    firehose_device *const device = programmer.open();
+    programmer.left_over("<response value=\"NAK\" MaxPayloadSizeToTargetInBytesSupported=\"16384\"/>");
+    uint32_t payload = 1048576;
+    EXPECT_EQ(send_config(device, &payload), -102);
+    EXPECT_EQ(payload, 1048576U);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR),
+              texts{"<response value=\"NAK\" MaxPayloadSizeToTargetInBytesSupported=\"16384\"/>"});
+    EXPECT_TRUE(programmer.usb.written.empty());
+}
+
+TEST_F(Usb, ConfigureTakesNoAnswerTooMany)
+{
+    firehose_device *const device = programmer.open();
+    programmer.left_over(ack_chunk);
+    programmer.takes(configure_request);
+    programmer.answers("<response value=\"NAK\" MaxPayloadSizeToTargetInBytesSupported=\"16384\"/>");
+    uint32_t payload = 1048576;
+    EXPECT_EQ(send_config(device, &payload), 0);
+    EXPECT_EQ(payload, 16384U);
+    EXPECT_EQ(log.texts(CORE_LOG_WRN), texts{"an answer too many: " + ack_chunk});
 }
 
 // --- send_reset, wait_reset_response
@@ -941,12 +1238,13 @@ TEST_F(Update, UsesTheNegotiatedPayloadForData)
     strlcpy(package->images[0].filename, dir.write("a.bin", std::string(1500, 'a')).c_str(), 1024);
     package->images[0].sector_size_in_bytes = 500;
     package->images[0].file_size = 1500;
+    package->images[0].identity = identity_of(dir.at("a.bin"));
     programmer.takes(ping_request);
     programmer.answers(ack_chunk);
     programmer.takes(configure_request);
     programmer.answers("<response value=\"NAK\" MaxPayloadSizeToTargetInBytesSupported=\"1000\"/>");
     programmer.takes("<?xml version=\"1.0\"?>\n<data>\n<program label=\"a\"/>\n</data>\n");
-    programmer.answers(ack_chunk);
+    programmer.answers(raw_ack_chunk);
     programmer.takes(std::string(1000, 'a'));
     programmer.takes(std::string(500, 'a'));
     programmer.answers(ack_chunk);
@@ -976,6 +1274,295 @@ TEST_F(Update, ResetsAfterAnOtpReadThatFailed)
     resets();
     EXPECT_EQ(run(true), -110);
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "error sending commands -110");
+}
+
+// --- firehose_update: what still waits
+
+namespace {
+
+const std::string erase_command = "<erase physical_partition_number=\"0\"/>";
+const std::string program_command = "<program SECTOR_SIZE_IN_BYTES=\"500\"/>";
+
+std::string framed(const std::string &command)
+{
+    return "<?xml version=\"1.0\"?>\n<data>\n" + command + "\n</data>\n";
+}
+
+// A package of one erase and one image; what is left over, the case puts between the steps.
+class LeftOver : public Update {
+  protected:
+    LeftOver()
+    {
+        add_command(erase_command.c_str());
+        add_command(program_command.c_str());
+        image &img = package->images[1];
+        strlcpy(img.filename, dir.write("a.bin", std::string(500, 'a')).c_str(), sizeof img.filename);
+        img.sector_size_in_bytes = 500;
+        img.file_size = 500;
+        img.identity = identity_of(dir.at("a.bin"));
+    }
+    void pings()
+    {
+        programmer.takes(ping_request);
+        programmer.answers(ack_chunk);
+    }
+    void configures()
+    {
+        programmer.takes(configure_request);
+        programmer.answers(ack_chunk);
+    }
+    void erases()
+    {
+        programmer.takes(framed(erase_command));
+        programmer.answers(ack_chunk);
+    }
+    void begins_data()
+    {
+        programmer.takes(framed(program_command));
+        programmer.answers(raw_ack_chunk);
+    }
+    void takes_data()
+    {
+        programmer.takes(std::string(500, 'a'));
+        programmer.answers(ack_chunk);
+    }
+    // A refusal waits, and only the reset is sent behind it; `told` is what is logged behind the refusal.
+    void expect_failure(const texts &told, bool otp = false)
+    {
+        programmer.left_over(nak_chunk);
+        resets();
+        texts errors = {nak_chunk};
+        errors.insert(errors.end(), told.begin(), told.end());
+        EXPECT_EQ(run(otp), -102);
+        EXPECT_EQ(log.texts(CORE_LOG_ERR), errors);
+        EXPECT_EQ(programmer.usb.written.back(), reset_request);
+    }
+    void expect_warning(const std::string &chunk = ack_chunk, bool otp = false)
+    {
+        EXPECT_EQ(run(otp), 0);
+        EXPECT_EQ(log.texts(CORE_LOG_WRN), texts{"an answer too many: " + chunk});
+        EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{});
+    }
+
+    temp_dir dir;
+};
+
+const std::string otp_request =
+    "<?xml version=\"1.0\"?>\n<data>\n<getstorageinfo  physical_partition_number=\"0\"/>\n</data>\n";
+
+} // namespace
+
+TEST_F(LeftOver, IsLookedForBeforeEachStep)
+{
+    pings();
+    configures();
+    erases();
+    begins_data();
+    takes_data();
+    resets();
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(programmer.usb.looks, 6);
+    EXPECT_EQ(log.texts(CORE_LOG_WRN), texts{});
+}
+
+TEST_F(LeftOver, RefusalBeforeThePingFailsTheRun)
+{
+    expect_failure({"error in nop handshake"});
+    EXPECT_EQ(programmer.usb.written.size(), 1U);
+}
+
+TEST_F(LeftOver, RefusalBeforeTheConfigureFailsTheRun)
+{
+    pings();
+    expect_failure({"error in config"});
+    EXPECT_EQ(programmer.usb.written.size(), 2U);
+}
+
+TEST_F(LeftOver, RefusalBeforeAnEraseFailsTheRun)
+{
+    pings();
+    configures();
+    expect_failure({"error for command", "error sending commands -102"});
+    EXPECT_EQ(programmer.usb.written.size(), 3U);
+}
+
+TEST_F(LeftOver, RefusalBeforeAProgramRequestFailsTheRun)
+{
+    pings();
+    configures();
+    erases();
+    expect_failure({"error for command", "error sending commands -102"});
+    EXPECT_EQ(programmer.usb.written.size(), 4U);
+}
+
+TEST_F(LeftOver, RefusalBeforeTheDataFailsTheRun)
+{
+    pings();
+    configures();
+    erases();
+    begins_data();
+    expect_failure({"error sending commands -102"});
+    EXPECT_EQ(programmer.usb.written.size(), 5U);
+}
+
+TEST_F(LeftOver, RefusalBeforeTheResetFailsTheRun)
+{
+    pings();
+    configures();
+    erases();
+    begins_data();
+    takes_data();
+    expect_failure({"error sending commands -102"});
+}
+
+TEST_F(LeftOver, RefusalBeforeTheOtpRequestFailsTheRun)
+{
+    pings();
+    configures();
+    expect_failure({"error sending commands -102"}, true);
+    EXPECT_EQ(programmer.usb.written.size(), 3U);
+}
+
+TEST_F(LeftOver, RefusalBehindADoubledAnswerFailsTheRun)
+{
+    pings();
+    configures();
+    erases();
+    begins_data();
+    takes_data();
+    programmer.left_over(ack_chunk);
+    expect_failure({"error sending commands -102"});
+    EXPECT_EQ(log.texts(CORE_LOG_WRN), texts{"an answer too many: " + ack_chunk});
+}
+
+TEST_F(LeftOver, AnswerBeforeThePingIsAWarning)
+{
+    programmer.left_over(ack_chunk);
+    pings();
+    configures();
+    erases();
+    begins_data();
+    takes_data();
+    resets();
+    expect_warning();
+}
+
+TEST_F(LeftOver, AnswerBeforeTheConfigureIsAWarning)
+{
+    pings();
+    programmer.left_over(ack_chunk);
+    configures();
+    erases();
+    begins_data();
+    takes_data();
+    resets();
+    expect_warning();
+}
+
+TEST_F(LeftOver, AnswerBeforeAnEraseIsAWarning)
+{
+    pings();
+    configures();
+    programmer.left_over(ack_chunk);
+    erases();
+    begins_data();
+    takes_data();
+    resets();
+    expect_warning();
+}
+
+TEST_F(LeftOver, AnswerBeforeAProgramRequestIsAWarning)
+{
+    pings();
+    configures();
+    erases();
+    programmer.left_over(ack_chunk);
+    begins_data();
+    takes_data();
+    resets();
+    expect_warning();
+}
+
+TEST_F(LeftOver, AnswerBeforeTheDataIsAWarning)
+{
+    pings();
+    configures();
+    erases();
+    begins_data();
+    programmer.left_over(raw_ack_chunk);
+    takes_data();
+    resets();
+    expect_warning(raw_ack_chunk);
+}
+
+TEST_F(LeftOver, AnswerBeforeTheResetIsAWarning)
+{
+    pings();
+    configures();
+    erases();
+    begins_data();
+    takes_data();
+    programmer.left_over(ack_chunk);
+    resets();
+    expect_warning();
+}
+
+TEST_F(LeftOver, AnswerBeforeTheOtpRequestIsAWarning)
+{
+    pings();
+    configures();
+    programmer.left_over(ack_chunk);
+    programmer.takes(otp_request);
+    programmer.answers("<log value=\"OTP 1\"/>");
+    programmer.answers(ack_chunk);
+    resets();
+    expect_warning(ack_chunk, true);
+    EXPECT_EQ(log.texts(CORE_LOG_INF), texts{"OTP 1"});
+}
+
+TEST_F(LeftOver, IsNotLookedForBehindAFailure)
+{
+    programmer.takes(ping_request);
+    programmer.answers(nak_chunk);
+    resets();
+    EXPECT_EQ(run(), -102);
+    EXPECT_EQ(programmer.usb.looks, 1);
+}
+
+TEST_F(LeftOver, IsNotLookedForBehindTheOtpValues)
+{
+    pings();
+    configures();
+    programmer.takes(otp_request);
+    programmer.answers(ack_chunk);
+    resets();
+    EXPECT_EQ(run(true), 0);
+    EXPECT_EQ(programmer.usb.looks, 3);
+}
+
+TEST_F(Update, LooksForNothingBehindTheResetOfThePackage)
+{
+    greets();
+    add_command("<power value=\"reset\"/>");
+    programmer.takes("<?xml version=\"1.0\"?>\n<data>\n<power value=\"reset\"/>\n</data>\n");
+    programmer.answers(ack_chunk);
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(programmer.usb.looks, 3);
+}
+
+TEST_F(PcieUpdate, FailsWithARefusalBehindADoubledAnswer)
+{
+    port.takes(ping_request);
+    port.sends(ack_chunk);
+    port.takes(configure_request);
+    port.sends(ack_chunk);
+    port.sends(ack_chunk);
+    port.sends(nak_chunk);
+    port.takes(reset_request);
+    port.sends(ack_chunk);
+    EXPECT_EQ(firehose_update(m.get(), package.get(), false), -102);
+    EXPECT_EQ(log.texts(CORE_LOG_WRN), texts{"an answer too many: " + ack_chunk});
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), (texts{nak_chunk, "error sending commands -102"}));
 }
 
 TEST_F(PcieUpdate, RunsOverThePort)

@@ -379,11 +379,23 @@ TEST(ParseContentXml, ReportsADirectoryInPlaceOfTheFile)
                      "unable to open xml file " + dir.path() + ", error = 4294967274"}));
 }
 
-TEST(ParseContentXml, ReportsAnUnknownSize)
+TEST(ParseContentXml, ReportsAFileThatCannotBeLookedAt)
 {
     log_capture log;
     description xml(content);
     misbehave({.failing_stat = 1});
+    EXPECT_EQ(xml.parse(), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR),
+              (texts{"error 5 Input/output error opening file '" + xml.path + "'\n",
+                     "unable to open xml file " + xml.path + ", error = 4294967291"}));
+    EXPECT_EQ(log.messages().back().function, "parse_content_xml");
+}
+
+TEST(ParseContentXml, ReportsAnUnknownSize)
+{
+    log_capture log;
+    description xml(content);
+    misbehave({.failing_stat = 2});
     EXPECT_EQ(xml.parse(), -5);
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "unable to get bin file size 4294967291");
 }
@@ -775,11 +787,23 @@ TEST(BuildImages, ReportsADirectoryInPlaceOfThePartitionFile)
                      "unable to open partition file " + path + ", err = 4294967274"}));
 }
 
+TEST(BuildImages, ReportsAPartitionFileThatCannotBeLookedAt)
+{
+    log_capture log;
+    package_directory package(frame(""));
+    misbehave({.failing_stat = 3}); // behind two of the description
+    EXPECT_EQ(package.build(), -5);
+    const std::string path = package.dir.at("rawprogram_nand.xml");
+    EXPECT_EQ(log.texts(CORE_LOG_ERR),
+              (texts{"error 5 Input/output error opening file '" + path + "'\n",
+                     "unable to open partition file " + path + ", err = 4294967291"}));
+}
+
 TEST(BuildImages, ReportsAnUnknownSizeOfThePartitionFile)
 {
     log_capture log;
     package_directory package(frame(""));
-    misbehave({.failing_stat = 2});
+    misbehave({.failing_stat = 4});
     EXPECT_EQ(package.build(), -5);
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "unable to get bin file size 4294967291");
     EXPECT_EQ(log.messages().back().function, "build_image_array_from_xml");
@@ -902,13 +926,27 @@ TEST(ValidateImages, ReportsADirectoryInPlaceOfAFile)
     EXPECT_TRUE(log.has(CORE_LOG_DBG, "\tFilename: boot.img"));
 }
 
+TEST(ValidateImages, ReportsAFileThatCannotBeLookedAt)
+{
+    log_capture log;
+    package_directory package(frame("<program filename=\"boot.img\"/>\n"));
+    package.dir.write("boot.img", "0123");
+    misbehave({.failing_stat = 5}); // behind two of each text
+    EXPECT_EQ(package.build(), -22);
+    EXPECT_TRUE(log.has(CORE_LOG_ERR,
+                        "error 5 Input/output error opening file '" + package.dir.at("boot.img") + "'\n"));
+    EXPECT_TRUE(log.has(CORE_LOG_ERR, "unable to open file err = 4294967291, for image"));
+    EXPECT_TRUE(log.has(CORE_LOG_DBG, "\tFilename: boot.img"));
+}
+
 TEST(ValidateImages, ReportsAnUnknownSize)
 {
     log_capture log;
     package_directory package(frame("<program filename=\"boot.img\"/>\n"));
     package.dir.write("boot.img", "0123");
-    misbehave({.failing_stat = 3});
+    misbehave({.failing_stat = 6});
     EXPECT_EQ(package.build(), -22);
+    EXPECT_TRUE(log.has(CORE_LOG_ERR, "could not get file status: error 5 Input/output error\n"));
     EXPECT_TRUE(log.has(CORE_LOG_ERR, "unable to get file size err = 4294967291, for image"));
     EXPECT_TRUE(log.has(CORE_LOG_DBG, "\tFilename: boot.img"));
 }
@@ -920,10 +958,28 @@ TEST(ValidateImages, ReportsAFailedClose)
     dir.write("boot.img", "0123");
     const auto images = std::make_unique<image[]>(1);
     strlcpy(images[0].filename, "boot.img", sizeof images[0].filename);
-    misbehave({.failing_close = 1});
+    misbehave({.failing_close = 3}); // behind those of the folder and of what was only looked at
     EXPECT_FALSE(validate_image_list(dir.path().c_str(), images.get(), 1));
     EXPECT_TRUE(log.has(CORE_LOG_ERR, "unable to close file err = 4294967291, for image"));
     EXPECT_TRUE(log.has(CORE_LOG_DBG, "\tFilename: boot.img"));
+}
+
+TEST(ValidateImages, KnowsEachImageByItsFile)
+{
+    package_directory package(frame("<program filename=\"boot.img\"/>\n<program filename=\"root.img\"/>\n"
+                                    "<erase/>\n"));
+    package.dir.write("boot.img", "0123");
+    package.dir.write("root.img", "012345");
+    EXPECT_EQ(package.build(), 0);
+    struct stat status {};
+    ASSERT_EQ(stat(package.dir.at("root.img").c_str(), &status), 0);
+    EXPECT_EQ(package.at(1).identity.device, status.st_dev);
+    EXPECT_EQ(package.at(1).identity.inode, status.st_ino);
+    EXPECT_EQ(package.at(1).identity.size, 6);
+    EXPECT_EQ(package.at(1).identity.changed_ns, status.st_ctim.tv_nsec);
+    EXPECT_EQ(package.at(0).identity.size, 4);
+    EXPECT_FALSE(package.at(0).identity == package.at(1).identity);
+    EXPECT_TRUE(package.at(2).identity == core_file_identity{});
 }
 
 TEST(ValidateImages, TakesAnEmptyFile)

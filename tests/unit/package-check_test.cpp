@@ -2,6 +2,7 @@
 
 #include "core.hpp"
 #include "image-list.hpp"
+#include "libc-hooks.hpp"
 #include "log_capture.hpp"
 #include "package.hpp"
 #include "temp_dir.hpp"
@@ -69,6 +70,17 @@ class PackageCheck : public testing::Test {
         write_lines(lines);
         return check();
     }
+    // Reads the package, which fails or is what the case is about.
+    int build()
+    {
+        log.clear();
+        return build_image_array_from_xml(list.get());
+    }
+    int build_lines(const std::string &lines)
+    {
+        write_lines(lines);
+        return build();
+    }
     texts errors() const { return log.texts(CORE_LOG_ERR); }
 
     temp_dir dir;
@@ -79,7 +91,33 @@ class PackageCheck : public testing::Test {
 
 // The names in a package, the lines in its rawprogram file, and the programmer.
 class PackageTexts : public PackageCheck {};
-class PackageNames : public PackageCheck {};
+class PackageNames : public PackageCheck {
+  protected:
+    // A second folder beside the package, with a package of its own.
+    class neighbour : public temp_dir {
+      public:
+        neighbour()
+        {
+            write("contents.xml", content);
+            write("information.contents", "PKG VER : 49.01.102\n");
+            write("rawprogram_nand.xml", std::string("<?xml?>\n") + erase);
+            write("prog.mbn", "programmer");
+            write("boot.img", "0123");
+        }
+        // What a file of it is called from within the package.
+        std::string name(const std::string &file) const
+        {
+            return "../" + std::filesystem::path(path()).filename().string() + "/" + file;
+        }
+    };
+
+    void link(const std::string &target, const std::string &name) const
+    {
+        std::filesystem::create_symlink(target, dir.at(name));
+    }
+
+    neighbour outside;
+};
 class PackageCommands : public PackageCheck {};
 class PackageProgrammer : public PackageCheck {};
 class PackageSectors : public PackageCheck {};
@@ -163,44 +201,146 @@ TEST_F(PackageTexts, OfAProgrammerAloneAreBesideIt)
 
 TEST_F(PackageNames, OfImagesStayInThePackage)
 {
-    dir.write("images/boot.img", "0123");
-    EXPECT_EQ(check_lines("<program filename=\"images/../boot.img\"/>\n"), -22);
-    EXPECT_EQ(errors(), texts{"file name leads out of the package: " + dir.path() + "/images/../boot.img"});
+    const std::string name = outside.name("boot.img");
+    EXPECT_EQ(build_lines("<program filename=\"" + name + "\"/>\n"), -22);
+    EXPECT_EQ(errors(),
+              (texts{"file name leads out of the package: " + dir.at(name),
+                     "unable to open file err = 4294967274, for image", "image list validation failure"}));
+    EXPECT_EQ(list->images[0].file_size, 0U);
 }
 
 TEST_F(PackageNames, OfErasedImagesStayInThePackage)
 {
-    dir.write("images/x", "");
-    EXPECT_EQ(check_lines("<erase filename=\"images/../boot.img\"/>\n"), -22);
+    const std::string name = outside.name("boot.img");
+    EXPECT_EQ(build_lines("<erase filename=\"" + name + "\"/>\n"), -22);
+    EXPECT_EQ(errors()[0], "file name leads out of the package: " + dir.at(name));
 }
 
-TEST_F(PackageNames, MayNotEndInTwoDots)
+TEST_F(PackageNames, OfImagesMayLeadUpwardsWithinThePackage)
+{
+    dir.write("images/x", "");
+    EXPECT_EQ(check_lines("<program filename=\"images/../boot.img\" SECTOR_SIZE_IN_BYTES=\"1\"/>\n"), 0);
+    EXPECT_EQ(list->images[0].filename, dir.at("images/../boot.img"));
+    EXPECT_EQ(list->images[0].file_size, 4U);
+}
+
+TEST_F(PackageNames, OfImagesMayBeLinksWithinThePackage)
+{
+    link("boot.img", "relative.img");
+    link(dir.at("boot.img"), "absolute.img");
+    EXPECT_EQ(check_lines("<program filename=\"relative.img\" SECTOR_SIZE_IN_BYTES=\"1\"/>\n"
+                          "<program filename=\"absolute.img\" SECTOR_SIZE_IN_BYTES=\"1\"/>\n"),
+              0);
+    EXPECT_EQ(list->images[0].file_size, 4U);
+    EXPECT_EQ(list->images[1].file_size, 4U);
+}
+
+TEST_F(PackageNames, OfImagesMayBeNoLinksOutOfThePackage)
+{
+    link(outside.path() + "/boot.img", "link.img");
+    EXPECT_EQ(build_lines("<program filename=\"link.img\"/>\n"), -22);
+    EXPECT_EQ(errors()[0], "file name leads out of the package: " + dir.at("link.img"));
+}
+
+TEST_F(PackageNames, OfImagesMayNotBeginLikeThePackage)
+{
+    const temp_dir around;
+    around.write("pkg2/boot.img", "0123");
+    around.write("pkg/contents.xml", content);
+    around.write("pkg/rawprogram_nand.xml", "<?xml?>\n<program filename=\"../pkg2/boot.img\"/>\n");
+    strlcpy(list->content_xml_path, around.at("pkg/contents.xml").c_str(), sizeof list->content_xml_path);
+    log.clear();
+    EXPECT_EQ(build_image_array_from_xml(list.get()), -22);
+    EXPECT_EQ(errors()[0], "file name leads out of the package: " + around.at("pkg/../pkg2/boot.img"));
+}
+
+TEST_F(PackageNames, OfTheProgrammerMayNotEndInTwoDots)
 {
     write_names("..", "rawprogram_nand.xml");
-    EXPECT_EQ(check(false, false), -22);
-    EXPECT_EQ(errors(), texts{"file name leads out of the package: " + dir.path() + "/.."});
+    EXPECT_EQ(check(), -22);
+    EXPECT_EQ(errors(), texts{"'" + dir.at("..") + "' is not a regular file"});
 }
 
 TEST_F(PackageNames, OfTheProgrammerStayInThePackage)
 {
-    write_names("../prog.mbn", "rawprogram_nand.xml");
+    const std::string name = outside.name("prog.mbn");
+    write_names(name, "rawprogram_nand.xml");
     EXPECT_EQ(check(), -22);
-    EXPECT_EQ(errors(), texts{"file name leads out of the package: " + dir.path() + "/../prog.mbn"});
+    EXPECT_EQ(errors(), texts{"file name leads out of the package: " + dir.at(name)});
+    EXPECT_TRUE(list->programmer == core_file_identity{});
 }
 
-TEST_F(PackageNames, OfTheProgrammerStayInThePackageAlsoWhenItIsNotUploaded)
+TEST_F(PackageNames, OfTheProgrammerMayLeadNowhere)
 {
-    write_names("../prog.mbn", "rawprogram_nand.xml");
-    EXPECT_EQ(check(false, false), -22);
+    write_names("../prog.mbn/absent", "rawprogram_nand.xml");
+    EXPECT_EQ(check(), -2);
+    EXPECT_EQ(errors(), texts{"file is not there: " + dir.at("../prog.mbn/absent")});
+}
+
+// No run asks for it then.
+TEST_F(PackageNames, OfTheProgrammerMayLeadAnywhereWhereItIsNotUploaded)
+{
+    write_names(outside.name("prog.mbn"), "rawprogram_nand.xml");
+    EXPECT_EQ(check(false, false), 0);
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(PackageNames, OfTheProgrammerMayBeALinkWithinThePackage)
+{
+    link("prog.mbn", "link.mbn");
+    write_names("link.mbn", "rawprogram_nand.xml");
+    EXPECT_EQ(check(), 0);
+    EXPECT_EQ(list->programmer.size, 10);
+}
+
+TEST_F(PackageNames, OfTheProgrammerMayBeNoLinkOutOfThePackage)
+{
+    link(outside.path() + "/prog.mbn", "link.mbn");
+    write_names("link.mbn", "rawprogram_nand.xml");
+    EXPECT_EQ(check(), -22);
+    EXPECT_EQ(errors(), texts{"file name leads out of the package: " + dir.at("link.mbn")});
 }
 
 TEST_F(PackageNames, OfTheRawprogramFileStayInThePackage)
 {
+    const std::string name = outside.name("rawprogram_nand.xml");
+    write_names("prog.mbn", name);
+    EXPECT_EQ(build(), -22);
+    EXPECT_EQ(errors(), (texts{"file name leads out of the package: " + dir.at(name),
+                               "unable to open partition file " + dir.at(name) + ", err = 4294967274"}));
+    EXPECT_TRUE(is_empty_image(&list->images[0]));
+}
+
+TEST_F(PackageNames, OfTheRawprogramFileMayLeadUpwardsWithinThePackage)
+{
     dir.write("lists/x", "");
     write_names("prog.mbn", "lists//../rawprogram_nand.xml");
-    EXPECT_EQ(check(), -22);
-    EXPECT_EQ(errors(),
-              texts{"file name leads out of the package: " + dir.path() + "/lists//../rawprogram_nand.xml"});
+    EXPECT_EQ(check(), 0);
+}
+
+TEST_F(PackageNames, OfTheRawprogramFileMayBeNoLinkOutOfThePackage)
+{
+    link(outside.path() + "/rawprogram_nand.xml", "link.xml");
+    write_names("prog.mbn", "link.xml");
+    EXPECT_EQ(build(), -22);
+    EXPECT_EQ(errors()[0], "file name leads out of the package: " + dir.at("link.xml"));
+}
+
+TEST_F(PackageNames, OfTheDescriptionMayBeNoLinkOutOfThePackage)
+{
+    std::filesystem::remove(dir.at("contents.xml"));
+    link(outside.path() + "/contents.xml", "contents.xml");
+    EXPECT_EQ(build(), -22);
+    EXPECT_EQ(errors()[0], "file name leads out of the package: " + dir.at("contents.xml"));
+}
+
+TEST_F(PackageNames, OfTheInformationFileMayBeNoLinkOutOfThePackage)
+{
+    std::filesystem::remove(dir.at("information.contents"));
+    link(outside.path() + "/information.contents", "information.contents");
+    EXPECT_EQ(get_new_pkgver(list.get()), nullptr);
+    EXPECT_EQ(errors(), (texts{"file name leads out of the package: " + dir.at("information.contents"),
+                               "get_new_pkgver: cannot open the file " + dir.at("information.contents")}));
 }
 
 TEST_F(PackageNames, MayHoldTwoDotsInAComponent)
@@ -211,13 +351,13 @@ TEST_F(PackageNames, MayHoldTwoDotsInAComponent)
 
 TEST_F(PackageNames, MayHoldASingleDot)
 {
-    EXPECT_EQ(check_lines("<program filename=\"./boot.img\"/>\n"), 0);
+    EXPECT_EQ(check_lines("<program filename=\"./boot.img\" SECTOR_SIZE_IN_BYTES=\"1\"/>\n"), 0);
 }
 
 TEST_F(PackageNames, ThatAreAbsoluteStandBelowThePackage)
 {
     dir.write("abs/boot.img", "0123");
-    EXPECT_EQ(check_lines("<program filename=\"/abs/boot.img\"/>\n"), 0);
+    EXPECT_EQ(check_lines("<program filename=\"/abs/boot.img\" SECTOR_SIZE_IN_BYTES=\"1\"/>\n"), 0);
     EXPECT_EQ(list->images[0].filename, dir.path() + "//abs/boot.img");
 }
 
@@ -405,7 +545,7 @@ TEST_F(PackageCommands, AreThoseOfTheImages)
     EXPECT_EQ(build_image_array_from_xml(list.get()), 0);
     log.clear();
     list->images[1].command[1] = 'x';
-    EXPECT_EQ(check_package(list.get(), false, true), -22);
+    EXPECT_EQ(check_package(list.get(), true, true), -22);
     EXPECT_EQ(errors(), texts{std::string(lost) + " in " + rawprogram +
                               ", line 4: <program SECTOR_SIZE_IN_BYTES=\"4096\" filename=\"boot.img\" num"});
 }
@@ -529,6 +669,31 @@ TEST_F(PackageProgrammer, MustBeAFile)
     EXPECT_EQ(errors(), texts{"'" + dir.at("prog.mbn") + "' is not a regular file"});
 }
 
+TEST_F(PackageProgrammer, ThatCannotBeLookedAtIsRefused)
+{
+    EXPECT_EQ(build(), 0);
+    libc::fstat = libc::fails(EIO);
+    EXPECT_EQ(check_package(list.get(), true, true), -5);
+    EXPECT_EQ(errors(), texts{"error 5 Input/output error opening file '" + dir.at("prog.mbn") + "'\n"});
+    EXPECT_EQ(log.messages().back().function, "check_package");
+}
+
+TEST_F(PackageProgrammer, IsKnownByItsFile)
+{
+    EXPECT_EQ(check(), 0);
+    struct stat status {};
+    ASSERT_EQ(stat(dir.at("prog.mbn").c_str(), &status), 0);
+    EXPECT_EQ(list->programmer.inode, status.st_ino);
+    EXPECT_EQ(list->programmer.size, 10);
+    EXPECT_EQ(list->programmer.modified_ns, status.st_mtim.tv_nsec);
+}
+
+TEST_F(PackageProgrammer, IsNotKnownWhereItIsNotUploaded)
+{
+    EXPECT_EQ(check(false, false), 0);
+    EXPECT_TRUE(list->programmer == core_file_identity{});
+}
+
 TEST_F(PackageProgrammer, MayBeMissingWhereItIsNotUploaded)
 {
     std::filesystem::remove(dir.at("prog.mbn"));
@@ -577,7 +742,7 @@ TEST_F(PackageSectors, MayBeAsLargeAsAPayloadAndNoLarger)
 TEST_F(PackageSectors, MustHaveANumberWithAnEnd)
 {
     const std::string line =
-        "<program SECTOR_SIZE_IN_BYTES=\"4096\" filename=\"boot.img\" num_partition_sectors=\"1/>";
+        "<program SECTOR_SIZE_IN_BYTES=\"4096\" filename=\"boot.img\" num_partition_sectors=\"\"/>";
     EXPECT_EQ(check_lines(line + "\n"), -22);
     EXPECT_EQ(errors(),
               texts{"number of sectors without an end in " + rawprogram + ": " + line.substr(0, 60)});
@@ -596,9 +761,9 @@ TEST_F(ImageFile, ThatIsUnchangedIsOpened)
     EXPECT_EQ(check(), 0);
     owned_file file;
     EXPECT_EQ(open_same_file(list->images[1].filename, list->images[1].identity, file.receive()), 0);
-    char content[8] = {};
-    EXPECT_EQ(read(file.get(), content, sizeof content), 4);
-    EXPECT_STREQ(content, "0123");
+    char bytes[8] = {};
+    EXPECT_EQ(read(file.get(), bytes, sizeof bytes), 4);
+    EXPECT_STREQ(bytes, "0123");
     EXPECT_EQ(write(file.get(), "x", 1), -1) << "open for reading only";
     EXPECT_TRUE(log.messages().empty());
 }
@@ -610,6 +775,29 @@ TEST_F(ImageFile, ThatHasGrownIsRefused)
     EXPECT_EQ(open_image(), -22);
     EXPECT_EQ(errors(), texts{"file of 4 bytes has changed to 5: " + dir.at("boot.img")});
     EXPECT_EQ(log.messages().back().function, "check_same_file");
+    EXPECT_EQ(log.messages().size(), 1U); // and no descriptor was closed twice
+}
+
+TEST_F(ImageFile, ThatIsRefusedLeavesNoDescriptor)
+{
+    EXPECT_EQ(check(), 0);
+    dir.write("boot.img", "01234");
+    int handle = 4711;
+    EXPECT_EQ(open_same_file(list->images[1].filename, list->images[1].identity, &handle), -22);
+    EXPECT_EQ(handle, -1);
+    std::filesystem::remove(dir.at("boot.img"));
+    handle = 4711;
+    EXPECT_EQ(open_same_file(list->images[1].filename, list->images[1].identity, &handle), -2);
+    EXPECT_EQ(handle, -1);
+}
+
+TEST_F(ImageFile, ThatCannotBeLookedAtIsRefused)
+{
+    EXPECT_EQ(check(), 0);
+    libc::fstat = libc::fails(EIO);
+    EXPECT_EQ(open_image(), -5);
+    EXPECT_EQ(errors(), texts{"error 5 Input/output error opening file '" + dir.at("boot.img") + "'\n"});
+    EXPECT_EQ(log.messages().back().function, "open_same_file");
 }
 
 TEST_F(ImageFile, ThatIsGoneIsRefused)

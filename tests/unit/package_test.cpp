@@ -290,8 +290,14 @@ TEST_F(PackageInit, RefusesAnAbsentDescriptionOfTheOption)
 {
     write_package();
     strlcpy(options.meta, dir.at("absent.xml").c_str(), sizeof options.meta);
-    EXPECT_EQ(fw_package_init(), -2);
-    EXPECT_TRUE(log.has(CORE_LOG_ERR, "programmer_path not found"));
+    const std::string path = dir.at("absent.xml");
+    EXPECT_EQ(fw_package_init(), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR),
+              (texts{"error 2 No such file or directory opening file '" + path + "'\n",
+                     "unable to open xml file " + path + ", error = 4294967294",
+                     "unable to parse content xml file " + path + ", err = 4294967274",
+                     "error in building the image list"}));
+    EXPECT_FALSE(std::filesystem::exists(path)); // not created
 }
 
 TEST_F(PackageInit, FreeReleasesTheVersion)
@@ -444,14 +450,41 @@ TEST(SearchPackageVersion, LosesTheLastCharacterWithoutALineFeed)
     EXPECT_EQ(version_in("PKG VER : 49.01.102"), "49.01.10");
 }
 
-TEST(SearchPackageVersion, KeepsACarriageReturn)
+TEST(SearchPackageVersion, LosesACarriageReturn)
 {
-    EXPECT_EQ(version_in("PKG VER : 49.01.102\r\n"), "49.01.102\r");
+    EXPECT_EQ(version_in("PKG VER : 49.01.102\r\n"), "49.01.102");
 }
 
-TEST(SearchPackageVersion, KeepsBlanks)
+TEST(SearchPackageVersion, LosesBlanksBehindIt)
 {
-    EXPECT_EQ(version_in("PKG VER :  49.01.102 \n"), " 49.01.102 ");
+    EXPECT_EQ(version_in("PKG VER : 49.01.102 \t \t\r\n"), "49.01.102");
+}
+
+TEST(SearchPackageVersion, KeepsBlanksBeforeAndWithinIt)
+{
+    EXPECT_EQ(version_in("PKG VER : \t 49.01 \t.102 \n"), "\t 49.01 \t.102");
+}
+
+TEST(SearchPackageVersion, KeepsAnythingElseBehindIt)
+{
+    EXPECT_EQ(version_in("PKG VER : 49.01.102\v\n"), "49.01.102\v");
+}
+
+TEST(SearchPackageVersion, OfBlanksAloneIsEmpty)
+{
+    EXPECT_EQ(version_in("PKG VER :  \t \r\n"), "");
+}
+
+TEST(SearchPackageVersion, LosesOneCharacterAndThenTheBlanksWithoutALineFeed)
+{
+    EXPECT_EQ(version_in("PKG VER : 49.01.102 \r"), "49.01.102");
+}
+
+TEST(SearchPackageVersion, LogsTheVersionWithoutTheBlanks)
+{
+    log_capture log;
+    version_in("PKG VER : 49.01.102 \r\n");
+    EXPECT_EQ(log.texts(CORE_LOG_DBG), texts{"PKG VER to be flashed: 49.01.102"});
 }
 
 TEST(SearchPackageVersion, MayBeEmpty)

@@ -2,11 +2,13 @@
 
 #include "core-device.hpp"
 #include "core.hpp"
+#include "file-identity.hpp"
 #include "image-list.hpp"
 #include "libc-hooks.hpp"
 #include "log-output.hpp"
 #include "log_capture.hpp"
 #include "memory-limit.hpp"
+#include "open-descriptors.hpp"
 #include "scripted-port.hpp"
 #include "temp_dir.hpp"
 #include "virtual-time.hpp"
@@ -159,11 +161,6 @@ class Stage : public Package {
     {
         package->platform = platform;
         return Sahara::run(script, [&] { return sahara_send_programmer(m.get(), package.get()); });
-    }
-    static size_t open_descriptors()
-    {
-        const std::filesystem::directory_iterator entries("/proc/self/fd");
-        return static_cast<size_t>(std::distance(begin(entries), end(entries)));
     }
 
     std::unique_ptr<modem> m = std::make_unique<modem>();
@@ -775,6 +772,61 @@ TEST_F(Upload, GivesUpAfterTenPacketsThatAreNoRequest)
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"read_data from modem expected instead of cmd 14"});
 }
 
+// --- send_programmer: the file that was validated
+
+TEST_F(Upload, ServesTheProgrammerThatWasValidated)
+{
+    package->programmer = identity_of(dir.at("prog.mbn"));
+    uint64_t missing = 4711;
+    port.sends(read_0_4);
+    port.takes("ABCD");
+    finish(port);
+    EXPECT_EQ(sahara::send_programmer(handle, package.get(), &missing), 0);
+    EXPECT_EQ(missing, 0U);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{});
+}
+
+TEST_F(Upload, RefusesAProgrammerThatHasGrown)
+{
+    package->programmer = identity_of(dir.at("prog.mbn"));
+    use_programmer("ABCDEFGHIJK");
+    port.sends(read_0_4);
+    EXPECT_EQ(sahara::send_programmer(handle, package.get()), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), (texts{"file of 10 bytes has changed to 11: " + dir.at("prog.mbn"),
+                                              "unable to open programmer image 4294967274"}));
+}
+
+TEST_F(Upload, RefusesAnotherProgrammerOfTheSameSize)
+{
+    package->programmer = identity_of(dir.at("prog.mbn"));
+    std::filesystem::rename(dir.write("other", "abcdefghij"), dir.at("prog.mbn"));
+    port.sends(read_0_4);
+    EXPECT_EQ(sahara::send_programmer(handle, package.get()), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), (texts{"file has changed: " + dir.at("prog.mbn"),
+                                              "unable to open programmer image 4294967274"}));
+}
+
+TEST_F(Upload, RefusesAProgrammerThatIsGone)
+{
+    package->programmer = identity_of(dir.at("prog.mbn"));
+    std::filesystem::remove(dir.at("prog.mbn"));
+    port.sends(read_0_4);
+    EXPECT_EQ(sahara::send_programmer(handle, package.get()), -2);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), (texts{"file is not there: " + dir.at("prog.mbn"),
+                                              "unable to open programmer image 4294967294"}));
+    EXPECT_FALSE(std::filesystem::exists(dir.at("prog.mbn")));
+}
+
+TEST_F(Upload, FailsWhenTheProgrammerChangesWhileItIsServed)
+{
+    port.sends(read_0_4);
+    port.takes("ABCD");
+    port.does([this] { std::filesystem::resize_file(dir.at("prog.mbn"), 11); });
+    port.sends(end_image);
+    EXPECT_EQ(sahara::send_programmer(handle, package.get()), -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"file of 10 bytes has changed to 11: " + dir.at("prog.mbn")});
+}
+
 // --- send_programmer: the file
 
 TEST_F(Upload, ReportsAProgrammerInAMissingDirectory)
@@ -785,9 +837,17 @@ TEST_F(Upload, ReportsAProgrammerInAMissingDirectory)
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "unable to open programmer image 4294967294");
 }
 
-TEST_F(Upload, ReportsAProgrammerWhoseSizeIsUnknown)
+TEST_F(Upload, ReportsAProgrammerThatCannotBeLookedAt)
 {
     libc::fstat = libc::fails(EIO);
+    port.sends(read_0_4);
+    EXPECT_EQ(sahara::send_programmer(handle, package.get()), -5);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"unable to open programmer image " + io_error_unsigned});
+}
+
+TEST_F(Upload, ReportsAProgrammerWhoseSizeIsUnknown)
+{
+    libc::fstat = libc::fails_in_call(2, EIO, fstat); // the first one asks what it is
     port.sends(read_0_4);
     EXPECT_EQ(sahara::send_programmer(handle, package.get()), -5);
     EXPECT_EQ(log.texts(CORE_LOG_ERR).back(), "unable to get bin file size " + io_error_unsigned);
@@ -804,12 +864,23 @@ TEST_F(Upload, RefusesAnEmptyProgrammer)
 TEST_F(Upload, RequestAcrossTheEndSendsNothingAndEndsWell)
 {
     port.sends(read_8_4);
-    EXPECT_EQ(sahara::send_programmer(handle, package.get()), 0);
+    uint64_t missing = 0;
+    EXPECT_EQ(sahara::send_programmer(handle, package.get(), &missing), 0);
+    EXPECT_EQ(missing, 2U);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"error 0 reading 4 bytes (read 2 bytes)"});
     EXPECT_EQ(log.texts(CORE_LOG_INF), texts{"Sending programmer"});
 }
 
 TEST_F(Upload, RequestBeyondTheEndSendsNothingAndEndsWell)
+{
+    port.sends(read_20_4);
+    uint64_t missing = 0;
+    EXPECT_EQ(sahara::send_programmer(handle, package.get(), &missing), 0);
+    EXPECT_EQ(missing, 4U);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"error 0 reading 4 bytes (read 0 bytes)"});
+}
+
+TEST_F(Upload, NeedsNobodyWhoAsksWhatIsMissing)
 {
     port.sends(read_20_4);
     EXPECT_EQ(sahara::send_programmer(handle, package.get()), 0);
@@ -820,7 +891,9 @@ TEST_F(Upload, LengthOf4GigabytesSendsNothing)
 {
     port.sends(bytes(
         "12 00 00 00 20 00 00 00 0D 00 00 00 00 00 00 00 04 00 00 00 00 00 00 00 00 00 00 00 01 00 00 00"));
-    EXPECT_EQ(sahara::send_programmer(handle, package.get()), 0);
+    uint64_t missing = 0;
+    EXPECT_EQ(sahara::send_programmer(handle, package.get(), &missing), 0);
+    EXPECT_EQ(missing, 4294967290U);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{"error 0 reading 4294967296 bytes (read 6 bytes)"});
 }
 
@@ -1358,6 +1431,40 @@ TEST_F(Stage, EmptyProgrammerEndsWithAReset)
         p.takes(reset);
     });
     EXPECT_EQ(result, -22);
+}
+
+TEST_F(Stage, ProgrammerThatIsTooShortEndsWithAReset)
+{
+    const int result = run(0, [](scripted_port &p) {
+        p.sends(hello);
+        p.takes(hello_response);
+        p.sends(read_0_4);
+        p.takes("ABCD");
+        p.sends(read_8_4);
+        p.takes(reset);
+    });
+    EXPECT_EQ(result, -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), (texts{"error 0 reading 4 bytes (read 2 bytes)",
+                                              "2 bytes that were asked for are not in " + dir.at("prog.mbn"),
+                                              "error in updating the programmer"}));
+}
+
+TEST_F(Stage, ProgrammerThatHasChangedEndsWithAReset)
+{
+    package->programmer = identity_of(dir.at("prog.mbn"));
+    use_programmer("ABCDEFGHI");
+    const size_t descriptors = open_descriptors();
+    const int result = run(0, [](scripted_port &p) {
+        p.sends(hello);
+        p.takes(hello_response);
+        p.sends(read_0_4);
+        p.takes(reset);
+    });
+    EXPECT_EQ(result, -22);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR),
+              (texts{"file of 10 bytes has changed to 9: " + dir.at("prog.mbn"),
+                     "unable to open programmer image 4294967274", "error in updating the programmer"}));
+    EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 TEST_F(Stage, UploadUnderLastingBackPressureEndsWithoutAReset)

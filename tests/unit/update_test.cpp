@@ -869,16 +869,25 @@ TEST_F(UpdateProcedure, RefusesADryRunOnAnIncompatibleModem)
     EXPECT_FALSE(log.has(CORE_LOG_ERR, bailing_out));
 }
 
-TEST_F(UpdateProcedure, RefusesAVersionThatEndsInACarriageReturn)
+TEST_F(UpdateProcedure, TakesAVersionOfALineThatEndsInACarriageReturn)
 {
     give_package("49.01.103\r");
+    options.dry_run = true;
+    strlcpy(modems[0].versions, "49.01.102-P0F", sizeof modems[0].versions);
+    EXPECT_EQ(start_update_procedure(modems, 8, false), 0);
+    EXPECT_STREQ(package.new_pkgver, "49.01.103");
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), texts{bailing_out});
+}
+
+TEST_F(UpdateProcedure, RefusesAVersionThatEndsInAnotherCharacter)
+{
+    give_package("49.01.103;");
     options.force = true;
     strlcpy(modems[0].versions, "49.01.102-P0F", sizeof modems[0].versions);
     EXPECT_EQ(start_update_procedure(modems, 8, false), -22);
-    EXPECT_EQ(
-        log.texts(CORE_LOG_ERR),
-        (texts{"invalid length of version: 49.01.103\r", "unsupported platform: 49.01.103\r; reason: -22",
-               "invalid length of version: 49.01.103\r", "wrong package version"}));
+    EXPECT_EQ(log.texts(CORE_LOG_ERR),
+              (texts{"invalid length of version: 49.01.103;", "unsupported platform: 49.01.103;; reason: -22",
+                     "invalid length of version: 49.01.103;", "wrong package version"}));
 }
 
 TEST_F(UpdateProcedure, ForcesADowngrade)
@@ -1076,9 +1085,33 @@ TEST_F(Interrupt, DoesNothingElse)
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(Interrupt, TellsThePlatformLibraryOfSigintOnly)
+TEST_F(Interrupt, MeansTheSameWhicheverSignalItIs)
 {
     interrupt_handler(15);
     EXPECT_EQ(keep_running, 0);
-    EXPECT_EQ(sigint_detected, 0);
+    EXPECT_EQ(sigint_detected, 1);
+}
+
+TEST_F(Interrupt, IsFollowedByOneThatEndsTheStepAsWell)
+{
+    interrupt_handler(2);
+    EXPECT_FALSE(must_end_at_once());
+    interrupt_handler(15);
+    EXPECT_TRUE(must_end_at_once());
+    interrupt_handler(2);
+    EXPECT_EQ(interruptions, 2);
+}
+
+TEST_F(Interrupt, IsOutlastedByAStepInHandOnly)
+{
+    int waits = 0;
+    const auto cut_short_once = [&waits] { return ++waits == 1 ? -4 : 0; };
+    EXPECT_EQ(outlast_interrupt(cut_short_once), -4);
+    waits = 0;
+    const uninterrupted_step step;
+    EXPECT_EQ(outlast_interrupt(cut_short_once), 0);
+    interrupt_handler(2);
+    interrupt_handler(2);
+    waits = 0;
+    EXPECT_EQ(outlast_interrupt(cut_short_once), -125);
 }

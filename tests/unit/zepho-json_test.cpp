@@ -930,7 +930,13 @@ INSTANTIATE_TEST_SUITE_P(
 
 INSTANTIATE_TEST_SUITE_P(Utf8, Escape,
                          testing::Values(escape_row{"two_bytes", "\xC3\xA4", "\xC3\xA4"},
-                                         escape_row{"lowest_of_two", "\xC2\x80", "\xC2\x80"},
+                                         escape_row{"lowest_of_two", "\xC2\x80", "\\u0080"},
+                                         escape_row{"last_of_c1", "\xC2\x9F", "\\u009F"},
+                                         escape_row{"csi",
+                                                    "\xC2\x9B"
+                                                    "2J",
+                                                    "\\u009B2J"},
+                                         escape_row{"first_behind_c1", "\xC2\xA0", "\xC2\xA0"},
                                          escape_row{"lowest_of_three", "\xE0\xA0\x80", "\xE0\xA0\x80"},
                                          escape_row{"last_before_surrogates", "\xED\x9F\xBF", "\xED\x9F\xBF"},
                                          escape_row{"first_after_surrogates", "\xEE\x80\x80", "\xEE\x80\x80"},

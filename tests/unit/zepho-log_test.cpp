@@ -10,10 +10,13 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ostream>
+#include <regex>
 #include <string>
 #include <syslog.h>
+#include <unistd.h>
 #include <vector>
 
 using testing::internal::CaptureStderr;
@@ -445,15 +448,15 @@ TEST_F(NewlinePrinter, AddsNothingAfterALineFeed)
     EXPECT_EQ(texts(lines), strings{"text\n"});
 }
 
-TEST_F(NewlinePrinter, AddsNothingAfterACarriageReturn)
+TEST_F(NewlinePrinter, AddsNothingAfterACarriageReturnOfTheFormat)
 {
-    log_line(CORE_LOG_INF, "text\r");
-    EXPECT_EQ(texts(lines), strings{"text\r"});
+    core_log(CORE_LOG_INF, nullptr, nullptr, 0, "%d%%\r", 50);
+    EXPECT_EQ(texts(lines), strings{"50%\r"});
 }
 
 TEST_F(NewlinePrinter, LooksAtTheLastCharacterOnly)
 {
-    log_line(CORE_LOG_INF, "\rfirst\nsecond");
+    core_log(CORE_LOG_INF, nullptr, nullptr, 0, "\rfirst\nsecond");
     EXPECT_EQ(texts(lines), strings{"\rfirst\nsecond\n"});
 }
 
@@ -513,6 +516,93 @@ TEST(PlainPrinter, IsChosenByAnyOtherMode)
         log_line(CORE_LOG_INF, "text");
     }
     EXPECT_EQ(texts(lines), (strings{"text", "text", "text"}));
+}
+
+// What others choose reaches no terminal raw, through whichever text printer.
+class TextPrinters : public testing::TestWithParam<int> {
+  protected:
+    TextPrinters() { core_log_set_pprint(GetParam()); }
+
+    // The text of a message, without the line feed that the newline printer adds.
+    std::string printed() const
+    {
+        std::string text = lines_.lines().empty() ? "" : lines_.lines().back().text;
+        if (GetParam() == 0 && text.ends_with('\n'))
+            text.pop_back();
+        return text;
+    }
+
+  private:
+    print_capture lines_;
+};
+
+TEST_P(TextPrinters, ShowEachByteAsItIsOrAsItsNumber)
+{
+    for (int byte = 1; byte < 256; ++byte) {
+        const std::string raw(1, static_cast<char>(byte));
+        char number[8];
+        snprintf(number, sizeof number, "\\x%02X", static_cast<unsigned>(byte));
+        const bool is_shown = byte == 9 || byte == 10 || (byte >= 32 && byte <= 126);
+        log_line(CORE_LOG_INF, ("a" + raw + "z").c_str());
+        EXPECT_EQ(printed(), "a" + (is_shown ? raw : number) + "z");
+    }
+}
+
+TEST_P(TextPrinters, ShowAMessageOfControlCharactersInFull)
+{
+    log_line(CORE_LOG_INF, std::string(1024, '\x1B').c_str());
+    std::string all;
+    for (int i = 0; i < 1024; ++i)
+        all += "\\x1B";
+    EXPECT_EQ(printed(), all);
+}
+
+TEST_P(TextPrinters, ShowTheBytesOfACharacterThatWasCut)
+{
+    log_line(CORE_LOG_INF, (std::string(1022, 'x') + "\xE2\x82\xAC").c_str());
+    EXPECT_EQ(printed(), std::string(1022, 'x') + "\\xE2\\x82");
+}
+
+TEST_P(TextPrinters, TellTheReturnsOfTheFormatFromOthers)
+{
+    core_log(CORE_LOG_INF, nullptr, nullptr, 0, "\r%s", "\rbanner\r");
+    EXPECT_EQ(printed(), "\r\\x0Dbanner\\x0D");
+    core_log(CORE_LOG_INF, nullptr, nullptr, 0, "%s\r", "\rpercent\r");
+    EXPECT_EQ(printed(), "\\x0Dpercent\\x0D\r");
+    core_log(CORE_LOG_INF, nullptr, nullptr, 0, "\r%s\r", "");
+    EXPECT_EQ(printed(), "\r\r");
+    core_log(CORE_LOG_INF, nullptr, nullptr, 0, "%s", "\r");
+    EXPECT_EQ(printed(), "\\x0D");
+    core_log(CORE_LOG_INF, nullptr, nullptr, 0, "\r");
+    EXPECT_EQ(printed(), "\r");
+}
+
+TEST_P(TextPrinters, TakeNoReturnForTheFormatsThatWasCutOff)
+{
+    core_log(CORE_LOG_INF, nullptr, nullptr, 0, "%s\r", (std::string(1023, 'x') + "\r").c_str());
+    EXPECT_EQ(printed(), std::string(1023, 'x') + "\\x0D");
+}
+
+TEST_P(TextPrinters, ShowTheReturnInFrontOfTheVersionBanner)
+{
+    core_print_ombra_version();
+    EXPECT_TRUE(printed().starts_with("\rOmbra version"));
+}
+
+TEST_P(TextPrinters, ShowNothingRawWhenTheyAreCalledDirectly)
+{
+    char message[] = "\rtext\x1B";
+    pretty_print_function(CORE_LOG_INF, nullptr, nullptr, 0, message);
+    EXPECT_EQ(printed(), "\\x0Dtext\\x1B");
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, TextPrinters, testing::Values(0, 1),
+                         [](const auto &mode) { return std::string(mode.param == 0 ? "newline" : "plain"); });
+
+TEST_F(NewlinePrinter, EndsALineBehindAReturnOfOthers)
+{
+    log_line(CORE_LOG_INF, "text\r");
+    EXPECT_EQ(texts(lines), strings{"text\\x0D\n"});
 }
 
 TEST(JsonMode, IsReported)
@@ -777,6 +867,130 @@ TEST(StdoutPrint, ReturnsTheNumberOfBytes)
     CaptureStdout();
     EXPECT_EQ(stdout_print(CORE_LOG_INF, "%s %d", "abc", 12), 6);
     EXPECT_EQ(GetCapturedStdout(), "abc 12");
+}
+
+// Standard output or standard error as a pipe that nobody reads.
+class unread_stream {
+  public:
+    explicit unread_stream(int descriptor) : descriptor_(descriptor), saved_(dup(descriptor))
+    {
+        EXPECT_EQ(pipe2(ends_, O_CLOEXEC | O_NONBLOCK), 0);
+        EXPECT_EQ(fcntl(ends_[1], F_SETPIPE_SZ, 4096), 4096);
+        EXPECT_EQ(write(ends_[1], "#", 1), 1); // one page, which is taken
+        dup2(ends_[1], descriptor_);
+    }
+    unread_stream(const unread_stream &) = delete;
+    unread_stream &operator=(const unread_stream &) = delete;
+    ~unread_stream()
+    {
+        read_all();
+        // Tells what is left to be told, so that the next test begins anew.
+        stdout_print(descriptor_ == STDERR_FILENO ? CORE_LOG_ERR : CORE_LOG_INF, "%s", "");
+        dup2(saved_, descriptor_);
+        for (const int handle : {saved_, ends_[0], ends_[1]})
+            close(handle);
+    }
+    std::string read_all() const
+    {
+        char text[4096];
+        const ssize_t length = read(ends_[0], text, sizeof text);
+        return {text, length > 0 ? static_cast<size_t>(length) : 0};
+    }
+
+  private:
+    int descriptor_;
+    int saved_;
+    int ends_[2] = {-1, -1};
+};
+
+TEST(StdoutPrint, ReturnsAnErrorForALineThatNobodyReads)
+{
+    const unread_stream out(STDOUT_FILENO);
+    EXPECT_EQ(stdout_print(CORE_LOG_INF, "text\n"), -1);
+    EXPECT_EQ(out.read_all(), "#");
+}
+
+static void check_match(const std::string &text, const char *pattern)
+{
+    EXPECT_TRUE(std::regex_match(text, std::regex(pattern))) << text;
+}
+
+TEST(DroppedLines, AreToldInFrontOfTheNextOne)
+{
+    core_log_set_pprint(0);
+    const unread_stream out(STDOUT_FILENO);
+    for (int i = 0; i < 3; ++i)
+        log_line(CORE_LOG_INF, "lost");
+    EXPECT_EQ(out.read_all(), "#");
+    log_line(CORE_LOG_INF, "text");
+    EXPECT_EQ(out.read_all(), "lines dropped here, as the output took none: 3\ntext\n");
+    log_line(CORE_LOG_INF, "next");
+    EXPECT_EQ(out.read_all(), "next\n");
+}
+
+TEST(DroppedLines, AreToldOnTheirStream)
+{
+    core_log_set_pprint(0);
+    const unread_stream err(STDERR_FILENO);
+    log_line(CORE_LOG_ERR, "lost");
+    CaptureStdout();
+    log_line(CORE_LOG_INF, "text");
+    EXPECT_EQ(GetCapturedStdout(), "text\n");
+    EXPECT_EQ(err.read_all(), "#");
+    log_line(CORE_LOG_ERR, "error");
+    EXPECT_EQ(err.read_all(), "lines dropped here, as the output took none: 1\nerror\n");
+}
+
+TEST(DroppedLines, AreCountedOnUntilTheyAreTold)
+{
+    core_log_set_pprint(0);
+    const unread_stream out(STDOUT_FILENO);
+    log_line(CORE_LOG_INF, "lost");
+    EXPECT_EQ(out.read_all(), "#");
+    log_line(CORE_LOG_INF, "one");
+    log_line(CORE_LOG_INF, "lost"); // the page is taken again
+    log_line(CORE_LOG_INF, "lost");
+    EXPECT_EQ(out.read_all(), "lines dropped here, as the output took none: 1\none\n");
+    log_line(CORE_LOG_INF, "two");
+    EXPECT_EQ(out.read_all(), "lines dropped here, as the output took none: 2\ntwo\n");
+}
+
+TEST(DroppedLines, AreAWarningAtTheThresholdDebug)
+{
+    core_log_set_pprint(0);
+    core_log_set_level(7);
+    const unread_stream out(STDOUT_FILENO);
+    log_anonymous(CORE_LOG_INF, "lost");
+    EXPECT_EQ(out.read_all(), "#");
+    log_anonymous(CORE_LOG_INF, "text");
+    check_match(out.read_all(), "[0-9]+\\.[0-9]+ WRN zepho-log.c:[0-9]+:stdout_print\\(\\) "
+                                "lines dropped here, as the output took none: 1\ntext\n");
+}
+
+TEST(DroppedLines, AreALineOfTheirOwnInFrontOfProgress)
+{
+    const unread_stream out(STDOUT_FILENO);
+    core_log_progress("firehose", "send_binary", 1, 0, 2, "boot.img");
+    EXPECT_EQ(out.read_all(), "#");
+    core_log_progress("firehose", "send_binary", 1, 1, 2, "boot.img");
+    EXPECT_EQ(out.read_all(), "lines dropped here, as the output took none: 1\n50.00% completed\r");
+}
+
+TEST(DroppedLines, AreAnObjectInJsonMode)
+{
+    core_log_set_pprint(2);
+    const unread_stream err(STDERR_FILENO);
+    log_line(CORE_LOG_ERR, "lost");
+    EXPECT_EQ(err.read_all(), "#");
+    give_time();
+    log_line(CORE_LOG_ERR, "error");
+    check_match(err.read_all(),
+                "\\{\"timestamp\": \"1234\\.000123456\", \"type\": \"LOG\", \"severity\":\"WRN\", "
+                "\"file\": \"zepho-log.c\", \"function\": \"stdout_print\", \"line\": [0-9]+, "
+                "\"msg\": \"lines dropped here, as the output took none: 1\"\\}\n"
+                "\\{\"timestamp\": \"1234\\.000123456\", \"type\": \"LOG\", \"severity\":\"ERR\", "
+                "\"file\": \"../main.c\", \"function\": \"check_args\", \"line\": 729, "
+                "\"msg\": \"error\"\\}\n");
 }
 
 TEST(FilePrintDeathTest, NeedsAnOpenLogFile)
