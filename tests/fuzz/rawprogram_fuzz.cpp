@@ -222,9 +222,9 @@ void check_decision(image_list &list, uint32_t used, const std::string &text, co
         fuzz_check(img.filename == file || (img.filename[0] == '\0' && elements[i].name != "program"));
         if (elements[i].name == "program" || (elements[i].name == "erase" && img.filename[0] != '\0'))
             fuzz_check(contains(img.command, "<" + elements[i].name + " ")); // as it is known when it is sent
-        owned_file file;
+        owned_file opened;
         fuzz_check(img.filename[0] == '\0' ||
-                   open_same_file(img.filename, img.identity, file.receive()) == CORE_OK);
+                   open_same_file(img.filename, img.identity, opened.receive()) == CORE_OK);
     }
 }
 
