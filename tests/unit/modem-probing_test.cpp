@@ -4,6 +4,7 @@
 #include "core.hpp"
 #include "libc-hooks.hpp"
 #include "log_capture.hpp"
+#include "port.hpp"
 #include "scripted-port.hpp"
 #include "virtual-time.hpp"
 
@@ -68,7 +69,7 @@ class ProbedModem : public testing::Test {
     ~ProbedModem() override
     {
         if (device >= 0)
-            core_device_close(device);
+            close_port(device);
     }
 
     // Answers the commands in the order in which they come; a command behind the script fails the test.
