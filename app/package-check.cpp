@@ -144,26 +144,10 @@ int refuse_line(const package_text &text, const char *why, size_t line_number, s
     return CORE_EINVAL;
 }
 
-// Lines that were read as commands and are no element are sent as they stand: a closing tag, a text with
-// brackets. One that begins like an element and is none was taken out by a comment.
-ending check_mere_line(const package_text &text, const char *line)
+int refuse_command(const package_text &text, const char *line)
 {
-    const std::string_view shown = without_blanks_around(text_before(line, "\n"));
-    if (shown.size() < 2 || shown[0] != '<' || !is_letter(shown[1]))
-        return go_on;
     const auto number = std::count<const char *>(text.bytes(), line, '\n') + 1;
-    return refuse_line(text, "line that is no element", static_cast<size_t>(number), shown);
-}
-
-// Passes over the commands whose lines begin before `end`.
-ending pass_mere_lines(const package_text &text, const command_lines &commands, const char *end,
-                       uint32_t *index)
-{
-    for (; *index < commands.count && commands.begins[*index] < end; ++*index) {
-        if (const ending refused = check_mere_line(text, commands.begins[*index]))
-            return refused;
-    }
-    return go_on;
+    return refuse_line(text, "line that is no element", static_cast<size_t>(number), text_before(line, "\n"));
 }
 
 // Every element is a command as it was read, and every command is an element: what was not read would be
@@ -175,20 +159,22 @@ int check_elements(const image_list *package, const command_lines &commands, siz
     uint32_t index = 0;
     while (const std::optional<package_element> element = elements.next()) {
         const std::string_view line = elements.line();
+        const char *const read = index < commands.count ? commands.begins[index] : nullptr;
+        const char *why = nullptr;
         if (without_blanks_around(line) != element->text)
-            return refuse_line(text, "command without a line of its own", elements.line_number(), line);
-        if (const ending refused = pass_mere_lines(text, commands, line.data(), &index))
-            return *refused;
-        const bool was_read = index < commands.count && commands.begins[index] == line.data();
-        const char *const why =
-            was_read ? find_misreading(*element, line, package->images[index], directory_length) : not_read;
+            why = "command without a line of its own";
+        else if (read != nullptr && read < line.data())
+            return refuse_command(text, read);
+        else if (read != line.data())
+            why = not_read;
+        else
+            why = find_misreading(*element, line, package->images[index++], directory_length);
         if (why != nullptr)
             return refuse_line(text, why, elements.line_number(), line);
-        ++index;
     }
     if (elements.problem() != nullptr)
         return refuse_line(text, elements.problem(), elements.line_number(), elements.line());
-    return pass_mere_lines(text, commands, text.bytes() + text.size(), &index).value_or(CORE_OK);
+    return index < commands.count ? refuse_command(text, commands.begins[index]) : CORE_OK;
 }
 
 int check_partition(const image_list *package, size_t directory_length)

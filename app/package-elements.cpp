@@ -74,27 +74,27 @@ std::optional<std::string_view> take_value(std::string_view *text)
 
 std::optional<element_attribute> attribute_cursor::next()
 {
-    std::string_view rest = rest_;
-    skip_blanks(&rest);
-    if (rest.size() == rest_.size())
+    std::string_view text = rest_;
+    skip_blanks(&text);
+    if (text.size() == rest_.size())
         return std::nullopt;
-    const std::string_view name = take_name(&rest);
-    skip_blanks(&rest);
-    if (name.empty() || !take(&rest, "="))
+    const std::string_view name = take_name(&text);
+    skip_blanks(&text);
+    if (name.empty() || !take(&text, "="))
         return std::nullopt;
-    skip_blanks(&rest);
-    const std::optional<std::string_view> value = take_value(&rest);
+    skip_blanks(&text);
+    const std::optional<std::string_view> value = take_value(&text);
     if (!value)
         return std::nullopt;
-    rest_ = rest;
+    rest_ = text;
     return element_attribute{name, *value};
 }
 
 attribute_cursor package_element::attributes() const
 {
-    std::string_view rest = text;
-    rest.remove_prefix(1 + name.size());
-    return attribute_cursor(rest);
+    std::string_view behind_name = text;
+    behind_name.remove_prefix(1 + name.size());
+    return attribute_cursor(behind_name);
 }
 
 std::optional<package_element> element_cursor::next()

@@ -45,7 +45,7 @@ size_t log_text_escape(std::string_view text, char *out)
     char *end = out;
     while (!text.empty()) {
         const size_t length = utf8_sequence_length(text);
-        const std::string_view character = text.substr(0, std::max(length, size_t{1}));
+        const std::string_view character(text.data(), std::max(length, size_t{1}));
         text.remove_prefix(character.size());
         const bool is_shown = length > 0 && !is_control_character(character);
         if (is_shown || character == "\t" || character == "\n") {

@@ -67,14 +67,20 @@ own_returns own = {};
 struct shown_message {
     explicit shown_message(const char *message)
     {
-        const std::string_view whole(message, strnlen(message, CORE_LOG_MESSAGE_SIZE));
-        const size_t first = own.first && whole.starts_with('\r') ? 1 : 0;
-        const size_t last = own.last && whole.size() > first && whole.ends_with('\r') ? 1 : 0;
-        const std::string_view foreign = whole.substr(first, whole.size() - first - last);
-        char *end = std::ranges::copy(whole.substr(0, first), text).out;
+        std::string_view foreign(message, strnlen(message, CORE_LOG_MESSAGE_SIZE));
+        char *end = text;
+        if (own.first && foreign.starts_with('\r')) {
+            foreign.remove_prefix(1);
+            *end++ = '\r';
+        }
+        const bool returns = own.last && foreign.ends_with('\r');
+        if (returns)
+            foreign.remove_suffix(1);
         end += log_text_escape(foreign, end);
-        *std::ranges::copy(whole.substr(whole.size() - last), end).out = '\0';
-        ends_line = last == 1 || foreign.ends_with('\n');
+        if (returns)
+            *end++ = '\r';
+        *end = '\0';
+        ends_line = returns || foreign.ends_with('\n');
     }
 
     char text[CORE_LOG_MESSAGE_SIZE * LOG_TEXT_GROWTH + 1];

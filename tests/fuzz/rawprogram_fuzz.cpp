@@ -9,6 +9,7 @@
 #include "xml.hpp"
 
 #include <algorithm>
+#include <strings.h>
 #include <sys/stat.h>
 
 namespace {
@@ -97,22 +98,133 @@ void check_image(const image &img, const std::string &line, const std::string &f
     fuzz_check(stat(img.filename, &status) == 0 && static_cast<uint64_t>(status.st_size) == img.file_size);
 }
 
-// What passes the check of the whole package: a text that was read to its end, with a command in it, and
-// files as they were measured.
-void check_decision(image_list &list, uint32_t used, const std::string &text)
+// An element of a file that passes the check of the whole package.
+struct element {
+    std::string line;
+    std::string name;
+    std::string file; // the value of its attribute filename
+};
+
+std::string stripped(const std::string &line)
+{
+    const size_t begin = std::min(line.find_first_not_of(" \t\r"), line.size());
+    return line.substr(begin, line.find_last_not_of(" \t\r") + 1 - begin);
+}
+
+// Reads a line that must hold one element and nothing else.
+element read_element(const std::string &line)
+{
+    element found{line, "", ""};
+    std::string rest = stripped(line);
+    const auto take_until = [&rest](const char *ends) {
+        const size_t end = rest.find_first_of(ends);
+        fuzz_check(end != std::string::npos);
+        const std::string taken = rest.substr(0, end);
+        rest = stripped(rest.substr(end));
+        return taken;
+    };
+    fuzz_check(rest[0] == '<');
+    rest.erase(0, 1);
+    found.name = take_until(" \t\r/>");
+    fuzz_check(!found.name.empty());
+    std::vector<std::string> names;
+    while (rest[0] != '/' && rest[0] != '>') {
+        names.push_back(take_until(" \t\r="));
+        fuzz_check(rest.find_first_not_of("= \t\r") == rest.find_first_of("\"'") && rest[0] == '=');
+        rest = stripped(rest.substr(1));
+        const std::string quote = rest.substr(0, 1);
+        rest.erase(0, 1);
+        const size_t end = rest.find(quote);
+        fuzz_check(end != std::string::npos);
+        const std::string value = rest.substr(0, end);
+        fuzz_check(!names.back().empty() && !contains(names.back() + value, "<"));
+        if (names.back() == "filename")
+            found.file = value;
+        else
+            fuzz_check(found.name != "program" || strcasecmp(names.back().c_str(), "filename") != 0);
+        rest = rest.substr(end + 1);
+        fuzz_check(!rest.empty() && contains(" \t\r/>", rest.substr(0, 1)));
+        rest = stripped(rest);
+    }
+    std::sort(names.begin(), names.end());
+    fuzz_check(std::adjacent_find(names.begin(), names.end()) == names.end());
+    if (rest == "/>")
+        return found;
+    rest = stripped(rest.substr(1));
+    fuzz_check(starts_with(rest, "</" + found.name) && stripped(rest.substr(2 + found.name.size())) == ">");
+    return found;
+}
+
+bool has_brackets(const std::string &text)
+{
+    return text.find_first_of("<>") != std::string::npos;
+}
+
+// Takes out the declaration, and leaves only marks and line feeds of the comments.
+std::string without_comments(std::string text)
+{
+    const std::string mark(1, '\1');
+    const size_t first = text.find('<');
+    if (first != std::string::npos && text.compare(first, 2, "<?") == 0) {
+        const size_t end = text.find("?>", first);
+        fuzz_check(end != std::string::npos);
+        text.erase(first, end + 2 - first);
+    }
+    for (size_t at = text.find("<!--"); at != std::string::npos; at = text.find("<!--")) {
+        const size_t end = text.find("-->", at + 4);
+        fuzz_check(end != std::string::npos);
+        const auto lines = static_cast<size_t>(std::count(&text[at], &text[end], '\n'));
+        text.replace(at, end + 3 - at, mark + std::string(lines, '\n') + mark);
+    }
+    return text;
+}
+
+// The elements of a file that was accepted, which is built as such a file must be: one <data>, in it lines
+// that hold an element each, and text without brackets.
+std::vector<element> find_elements(const std::string &read)
+{
+    const std::string text = without_comments(read);
+    const size_t begin = text.find("<data>");
+    const size_t end = text.find("</data>");
+    fuzz_check(begin < end && end != std::string::npos);
+    fuzz_check(!has_brackets(text.substr(0, begin)) && !has_brackets(text.substr(end + 7)));
+    std::vector<element> elements;
+    const size_t first = text.find('\n', begin);
+    const size_t last = text.rfind('\n', end);
+    fuzz_check(first != std::string::npos && last >= first && last < end);
+    fuzz_check(!has_brackets(text.substr(begin + 6, first - begin - 6)));
+    fuzz_check(!has_brackets(text.substr(last, end - last)));
+    for (size_t at = first; at < last;) {
+        const size_t next = text.find('\n', at + 1);
+        const std::string line = text.substr(at + 1, next - at - 1);
+        at = next;
+        if (has_brackets(line))
+            elements.push_back(read_element(line));
+    }
+    return elements;
+}
+
+// What passes the check of the whole package: a text that was read to its end, all of whose elements, and
+// nothing else, are commands, with the files that they name, as they were measured.
+void check_decision(image_list &list, uint32_t used, const std::string &text, const std::string &folder)
 {
     const int decision = check_package(&list, true, true);
     fuzz_check(decision <= 0);
     if (decision != CORE_OK)
         return;
     fuzz_check(used > 0 && !contains(text, std::string(1, '\0')));
+    const std::vector<element> elements = find_elements(text);
+    fuzz_check(elements.size() == used);
     for (uint32_t i = 0; i < used; ++i) {
         const image &img = list.images[i];
-        const bool is_cut = strlen(img.command) == sizeof img.command - 1;
-        fuzz_check(!is_cut || contains(img.command, ">"));
-        owned_file file;
+        fuzz_check(stripped(elements[i].line) == stripped(img.command));
+        const std::string file = elements[i].file.empty() ? "" : folder + "/" + elements[i].file;
+        fuzz_check(img.filename == file || (img.filename[0] == '\0' && elements[i].name != "program"));
+        if (elements[i].name == "program" || (elements[i].name == "erase" && img.filename[0] != '\0'))
+            fuzz_check(contains(img.command, "<" + elements[i].name + " ")); // as it is known when it is sent
+        owned_file opened;
         fuzz_check(img.filename[0] == '\0' ||
-                   open_same_file(img.filename, img.identity, file.receive()) == CORE_OK);
+                   open_same_file(img.filename, img.identity, opened.receive()) == CORE_OK);
     }
 }
 
@@ -148,7 +260,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (uint32_t i = 0; i < used; ++i)
         check_image(list.images[i], commands[i], package.folder.path(), result == CORE_OK);
     if (result == CORE_OK)
-        check_decision(list, used, text);
+        check_decision(list, used, text, package.folder.path());
     memset(list.images, 0, used * sizeof(image)); // for the next execution
     return 0;
 }

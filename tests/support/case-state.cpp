@@ -51,8 +51,8 @@ struct registered_state {
 
 std::vector<registered_state> &registered()
 {
-    static std::vector<registered_state> all;
-    return all;
+    static auto *const all = new std::vector<registered_state>;
+    return *all;
 }
 
 // ---- of the code under test
@@ -70,6 +70,7 @@ const restored_state log_core([] {
 const restored_state program([] {
     sigint_detected = 0;
     keep_running = 1;
+    interruptions = 0;
     options = {};
     fw_package_free();
     release_modems();

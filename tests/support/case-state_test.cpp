@@ -82,6 +82,7 @@ TEST_P(State, OfTheProgramIsPutBack)
 {
     EXPECT_EQ(sigint_detected, 0);
     EXPECT_EQ(keep_running, 1);
+    EXPECT_EQ(interruptions, 0);
     EXPECT_FALSE(options.force);
     EXPECT_EQ(package.image_count, 0U);
     EXPECT_EQ(package.new_pkgver, nullptr);

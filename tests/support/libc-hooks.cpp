@@ -16,8 +16,8 @@ const restored_state restored(libc::reset);
 
 std::vector<libc::any_hook *> &hooks()
 {
-    static std::vector<libc::any_hook *> all;
-    return all;
+    static auto *const all = new std::vector<libc::any_hook *>;
+    return *all;
 }
 
 bool is_time_virtual()

@@ -24,6 +24,7 @@ namespace libc {
 
 bool is_test_thread();
 
+// Hooks live as long as the process: the C library is called to the very end of it.
 class any_hook {
   public:
     any_hook();
@@ -40,17 +41,22 @@ template <typename Result, typename... Arguments> class hook<Result(Arguments...
   public:
     template <typename Replacement> hook &operator=(Replacement replacement)
     {
-        replacement_ = std::move(replacement);
+        reset();
+        replacement_ = new std::function<Result(Arguments...)>(std::move(replacement));
         return *this;
     }
-    void reset() override { replacement_ = nullptr; }
+    void reset() override
+    {
+        delete replacement_;
+        replacement_ = nullptr;
+    }
 
     // True where the replacement is to take the call.
-    explicit operator bool() const { return replacement_ && !is_running_ && is_test_thread(); }
+    explicit operator bool() const { return replacement_ != nullptr && !is_running_ && is_test_thread(); }
     Result operator()(Arguments... arguments)
     {
         const running guard(&is_running_);
-        return replacement_(arguments...);
+        return (*replacement_)(arguments...);
     }
 
   private:
@@ -62,7 +68,7 @@ template <typename Result, typename... Arguments> class hook<Result(Arguments...
         bool *is_running;
     };
 
-    std::function<Result(Arguments...)> replacement_;
+    std::function<Result(Arguments...)> *replacement_ = nullptr;
     bool is_running_ = false;
 };
 

@@ -17,8 +17,17 @@
 
 namespace {
 
-std::vector<scripted_port *> ports;
-std::vector<struct stat> identities; // of the files that stand for them
+struct known_port {
+    scripted_port *port;
+    struct stat identity; // of the file that stands for it
+};
+
+// As long as the process lives: the C library is called to the very end of it.
+std::vector<known_port> &ports()
+{
+    static auto *const all = new std::vector<known_port>;
+    return *all;
+}
 
 // fstat(2) that no test replaces.
 bool identify(int handle, struct stat *status)
@@ -54,8 +63,7 @@ scripted_port::scripted_port() : file_(memfd_create("scripted-port", MFD_CLOEXEC
         abort();
     path_ = "/proc/self/fd/" + std::to_string(file_);
     cfmakeraw(&settings);
-    ports.push_back(this);
-    identities.push_back(status);
+    ports().push_back({this, status});
 }
 
 scripted_port::~scripted_port()
@@ -77,9 +85,7 @@ scripted_port::~scripted_port()
         close(opened_);
     EXPECT_EQ(open_descriptors(), 0U) << "left open";
     EXPECT_FALSE(is_exclusive) << "left exclusive";
-    const auto index = std::find(ports.begin(), ports.end(), this) - ports.begin();
-    ports.erase(ports.begin() + index);
-    identities.erase(identities.begin() + index);
+    std::erase_if(ports(), [this](const known_port &known) { return known.port == this; });
     virtual_time::instance().forget(this);
     close(file_);
 }
@@ -224,11 +230,11 @@ size_t scripted_port::open_descriptors() const
 scripted_port *scripted_port::of(int handle)
 {
     struct stat status {};
-    if (ports.empty() || !identify(handle, &status))
+    if (ports().empty() || !identify(handle, &status))
         return nullptr;
-    for (size_t i = 0; i < ports.size(); ++i) {
-        if (is_same_file(identities[i], status))
-            return ports[i];
+    for (const known_port &known : ports()) {
+        if (is_same_file(known.identity, status))
+            return known.port;
     }
     return nullptr;
 }

@@ -13,8 +13,8 @@ const restored_state restored([] { virtual_time::instance().reset(); });
 
 virtual_time &virtual_time::instance()
 {
-    static virtual_time only;
-    return only;
+    static auto *const only = new virtual_time; // the C library is called to the very end of the process
+    return *only;
 }
 
 void virtual_time::reset()

@@ -74,7 +74,7 @@ class OpenBeneath : public Reading {
         EXPECT_EQ(open_beneath(outer, path), -22);
         EXPECT_EQ(errno, 0);
         EXPECT_EQ(file.get(), -1);
-        EXPECT_EQ(errors(), texts{"file name leads out of the package: " + path});
+        ASSERT_EQ(errors(), texts{"file name leads out of the package: " + path});
         EXPECT_EQ(log.messages().back().file, "core-file.c");
         EXPECT_EQ(log.messages().back().function, "core_file_open");
     }
@@ -184,7 +184,7 @@ TEST_F(OpenToRead, RefusesALinkToNothingAndCreatesNothing)
     EXPECT_EQ(open_to_read(path), -2);
     EXPECT_EQ(errno, 0);
     EXPECT_EQ(file.get(), -1);
-    EXPECT_EQ(errors(), texts{"'" + path + "' is a link to a file that is not there"});
+    ASSERT_EQ(errors(), texts{"'" + path + "' is a link to a file that is not there"});
     EXPECT_EQ(log.messages().back().file, "core-file.c");
     EXPECT_EQ(log.messages().back().function, "core_file_open");
     EXPECT_FALSE(std::filesystem::exists(dir.at("nothing")));
@@ -274,7 +274,7 @@ class NoFile : public Reading, public testing::WithParamInterface<no_file> {
         EXPECT_EQ(result, -22);
         EXPECT_EQ(errno, 0);
         EXPECT_EQ(file.get(), -1);
-        EXPECT_EQ(errors(), texts{"'" + path + "' is not a regular file"});
+        ASSERT_EQ(errors(), texts{"'" + path + "' is not a regular file"});
         EXPECT_EQ(log.messages().back().file, "core-file.c");
         EXPECT_EQ(log.messages().back().function, "core_file_open");
     }
@@ -673,7 +673,7 @@ TEST_F(Identity, OfADescriptorThatIsNotOpenIsReported)
 {
     core_file_identity identity{1, 2, 3, 4, 5, 6, 7};
     EXPECT_EQ(core_file_identify(-1, &identity), -102);
-    EXPECT_EQ(errors(), texts{"could not get file status: error 9 Bad file descriptor\n"});
+    ASSERT_EQ(errors(), texts{"could not get file status: error 9 Bad file descriptor\n"});
     EXPECT_EQ(log.messages().back().file, "core-file.c");
     EXPECT_EQ(log.messages().back().function, "core_file_identify");
     EXPECT_TRUE((identity == core_file_identity{1, 2, 3, 4, 5, 6, 7}));

@@ -10,6 +10,7 @@
 #include "log-output.hpp"
 #include "log_capture.hpp"
 #include "memory-limit.hpp"
+#include "open-descriptors.hpp"
 #include "pty.hpp"
 #include "scripted-port.hpp"
 #include "temp_dir.hpp"
@@ -114,11 +115,6 @@ class Program : public testing::Test {
         return send_binary(device, payload, sector, path.c_str());
     }
     std::string path() const { return dir.at("image.bin"); }
-    static size_t open_descriptors()
-    {
-        const std::filesystem::directory_iterator entries("/proc/self/fd");
-        return static_cast<size_t>(std::distance(begin(entries), end(entries)));
-    }
 
     temp_dir dir;
     fake_programmer programmer;

@@ -8,8 +8,8 @@
 #include "image-list.hpp"
 #include "libc-hooks.hpp"
 #include "log_capture.hpp"
+#include "open-descriptors.hpp"
 #include "package-check.hpp"
-#include "run-lock.hpp"
 #include "scripted-port.hpp"
 #include "temp_dir.hpp"
 #include "virtual-time.hpp"
@@ -101,13 +101,6 @@ class PcieUpdate : public testing::Test {
     {
         fake_libusb::instance().verify();
         EXPECT_TRUE(fake_libusb::instance().calls.empty());
-    }
-    // Without the run's own, which outlast the step.
-    static size_t open_descriptors()
-    {
-        release_modems();
-        const std::filesystem::directory_iterator entries("/proc/self/fd");
-        return static_cast<size_t>(std::distance(begin(entries), end(entries)));
     }
 
     scripted_port port;

@@ -69,7 +69,7 @@ class ProbedModem : public testing::Test {
     ~ProbedModem() override
     {
         if (device >= 0)
-            close_port(device);
+            static_cast<void>(close_port(device));
     }
 
     // Answers the commands in the order in which they come; a command behind the script fails the test.

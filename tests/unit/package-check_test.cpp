@@ -451,6 +451,8 @@ INSTANTIATE_TEST_SUITE_P(
         bad_line{"BehindTwoComments", "<!--\n--> <!-- a -->\n<power/>", lost, 6, "<power/>"},
         bad_line{"BehindTwoCommentsWithAnotherBehind",
                  "<!--\n--> <!-- a -->\n<power/>\n<!-- a -->\n-- \n<erase/>", lost, 6, "<power/>"},
+        bad_line{"BehindTwoCommentsWithTheSameBehind", "<!--\n--> <!-- a -->\n<power/>\n<!--\n-->\n<power/>",
+                 lost, 6, "<power/>"},
         bad_line{"InTheSecondComment", "<!-- a --> <!--\n<power/>\n-->", no_element, 5, "<power/>"},
         bad_line{"InTheSecondCommentWithTheSameBehind", "<!-- a --> <!--\n<power/>\n-->\n<power/>",
                  no_element, 5, "<power/>"},
@@ -545,7 +547,7 @@ TEST_F(PackageCommands, AreThoseOfTheImages)
     EXPECT_EQ(build_image_array_from_xml(list.get()), 0);
     log.clear();
     list->images[1].command[1] = 'x';
-    EXPECT_EQ(check_package(list.get(), false, true), -22);
+    EXPECT_EQ(check_package(list.get(), true, true), -22);
     EXPECT_EQ(errors(), texts{std::string(lost) + " in " + rawprogram +
                               ", line 4: <program SECTOR_SIZE_IN_BYTES=\"4096\" filename=\"boot.img\" num"});
 }
@@ -742,7 +744,7 @@ TEST_F(PackageSectors, MayBeAsLargeAsAPayloadAndNoLarger)
 TEST_F(PackageSectors, MustHaveANumberWithAnEnd)
 {
     const std::string line =
-        "<program SECTOR_SIZE_IN_BYTES=\"4096\" filename=\"boot.img\" num_partition_sectors=\"1/>";
+        "<program SECTOR_SIZE_IN_BYTES=\"4096\" filename=\"boot.img\" num_partition_sectors=\"\"/>";
     EXPECT_EQ(check_lines(line + "\n"), -22);
     EXPECT_EQ(errors(),
               texts{"number of sectors without an end in " + rawprogram + ": " + line.substr(0, 60)});
@@ -761,9 +763,9 @@ TEST_F(ImageFile, ThatIsUnchangedIsOpened)
     EXPECT_EQ(check(), 0);
     owned_file file;
     EXPECT_EQ(open_same_file(list->images[1].filename, list->images[1].identity, file.receive()), 0);
-    char content[8] = {};
-    EXPECT_EQ(read(file.get(), content, sizeof content), 4);
-    EXPECT_STREQ(content, "0123");
+    char bytes[8] = {};
+    EXPECT_EQ(read(file.get(), bytes, sizeof bytes), 4);
+    EXPECT_STREQ(bytes, "0123");
     EXPECT_EQ(write(file.get(), "x", 1), -1) << "open for reading only";
     EXPECT_TRUE(log.messages().empty());
 }

@@ -264,6 +264,7 @@ INSTANTIATE_TEST_SUITE_P(
         bad_text{"NoEndOfAValue", "<data>\n<a x=\"1/>\n<b y=\"2\"/></data>", {unreadable}},
         bad_text{"MixedQuotes", "<data>\n<a x=\"1'/></data>", {unreadable}},
         bad_text{"BracketInAValue", "<data>\n<a x=\"<\"/></data>", {unreadable}},
+        bad_text{"BracketAndBlankInAValue", "<data>\n<a x=\"< y=\"2\"/></data>", {unreadable}},
         bad_text{"BlankInTheEnd", "<data>\n<a / ></data>", {unreadable}},
         bad_text{"SlashInTheTag", "<data>\n<a/b/></data>", {unreadable}},
         bad_text{"CommentInATag", "<data>\n<a <!-- --> x=\"1\"/></data>", {unreadable}}),

@@ -8,7 +8,7 @@
 #include "log-output.hpp"
 #include "log_capture.hpp"
 #include "memory-limit.hpp"
-#include "run-lock.hpp"
+#include "open-descriptors.hpp"
 #include "scripted-port.hpp"
 #include "temp_dir.hpp"
 #include "virtual-time.hpp"
@@ -161,13 +161,6 @@ class Stage : public Package {
     {
         package->platform = platform;
         return Sahara::run(script, [&] { return sahara_send_programmer(m.get(), package.get()); });
-    }
-    // Without the run's own, which outlast the step.
-    static size_t open_descriptors()
-    {
-        release_modems();
-        const std::filesystem::directory_iterator entries("/proc/self/fd");
-        return static_cast<size_t>(std::distance(begin(entries), end(entries)));
     }
 
     std::unique_ptr<modem> m = std::make_unique<modem>();

@@ -1085,9 +1085,33 @@ TEST_F(Interrupt, DoesNothingElse)
     EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(Interrupt, TellsThePlatformLibraryOfSigintOnly)
+TEST_F(Interrupt, MeansTheSameWhicheverSignalItIs)
 {
     interrupt_handler(15);
     EXPECT_EQ(keep_running, 0);
-    EXPECT_EQ(sigint_detected, 0);
+    EXPECT_EQ(sigint_detected, 1);
+}
+
+TEST_F(Interrupt, IsFollowedByOneThatEndsTheStepAsWell)
+{
+    interrupt_handler(2);
+    EXPECT_FALSE(must_end_at_once());
+    interrupt_handler(15);
+    EXPECT_TRUE(must_end_at_once());
+    interrupt_handler(2);
+    EXPECT_EQ(interruptions, 2);
+}
+
+TEST_F(Interrupt, IsOutlastedByAStepInHandOnly)
+{
+    int waits = 0;
+    const auto cut_short_once = [&waits] { return ++waits == 1 ? -4 : 0; };
+    EXPECT_EQ(outlast_interrupt(cut_short_once), -4);
+    waits = 0;
+    const uninterrupted_step step;
+    EXPECT_EQ(outlast_interrupt(cut_short_once), 0);
+    interrupt_handler(2);
+    interrupt_handler(2);
+    waits = 0;
+    EXPECT_EQ(outlast_interrupt(cut_short_once), -125);
 }
