@@ -106,8 +106,14 @@ bool tell_own_place(const struct stat &node, place_text place)
 {
     if (S_ISCHR(node.st_mode) && !core_is_pseudo_terminal(node))
         return core_compose(place, "device/%u:%u", major(node.st_rdev), minor(node.st_rdev));
-    return core_compose(place, "file/%llu:%llu", static_cast<unsigned long long>(node.st_dev),
-                        static_cast<unsigned long long>(node.st_ino));
+    const auto device = static_cast<unsigned long long>(node.st_dev);
+    const auto inode = static_cast<unsigned long long>(node.st_ino);
+    if (!core_is_pseudo_terminal(node))
+        return core_compose(place, "file/%llu:%llu", device, inode);
+    // One is given the number, and with it the inode, of another that has just gone: when it was made tells
+    // them apart.
+    return core_compose(place, "file/%llu:%llu:%lld.%09ld", device, inode,
+                        static_cast<long long>(node.st_ctim.tv_sec), static_cast<long>(node.st_ctim.tv_nsec));
 }
 
 bool read_number(const char *folder, const char *attribute, int base, unsigned *number)

@@ -139,12 +139,16 @@ TEST_F(Place, OfAPortWithoutABusIsItsNumber)
 
 TEST_F(Place, OfAPseudoTerminalIsItsFileSinceEachContainerCountsThemAnew)
 {
-    EXPECT_EQ(find("/dev/pts/3", node_of(S_IFCHR, makedev(136, 3))), "file/7:4711");
+    EXPECT_EQ(find("/dev/pts/3", node_of(S_IFCHR, makedev(136, 3))), "file/7:4711:0.000000000");
 }
 
 TEST_F(Place, OfAFifoIsItsFile)
 {
     EXPECT_EQ(find("/run/fifo", node_of(S_IFIFO)), "file/7:4711");
+    // The same number once more is another terminal.
+    struct stat later = node_of(S_IFCHR, makedev(136, 3));
+    later.st_ctim = {1234, 5};
+    EXPECT_EQ(find("/dev/pts/3", later), "file/7:4711:1234.000000005");
 }
 
 TEST_F(Place, OfWhatIsNotThereIsNone)
