@@ -71,13 +71,16 @@ bool is_file_data(const std::string &sent, const std::string &content)
 }
 
 // What was received before event `index`, behind what was sent before: an empty chunk stands for a read that
-// failed or brought nothing.
+// failed or brought nothing. One that a signal cut short was none where another one follows, as within a step
+// that is finished first.
 std::vector<std::string> chunks_before(const fuzz_peer &peer, size_t index)
 {
     std::vector<std::string> chunks;
     for (; index > 0 && peer.events()[index - 1].what != peer_event::sent; --index) {
-        if (peer.events()[index - 1].what != peer_event::send_failed)
-            chunks.insert(chunks.begin(), peer.events()[index - 1].bytes);
+        const peer_event &event = peer.events()[index - 1];
+        const bool is_repeated = event.interrupted && !chunks.empty();
+        if (event.what != peer_event::send_failed && !is_repeated)
+            chunks.insert(chunks.begin(), event.bytes);
     }
     return chunks;
 }
