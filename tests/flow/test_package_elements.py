@@ -6,10 +6,14 @@ its attribute names. A file that lost none, and has nothing that is refused on p
 
 Where expat refuses a file, so does the updater, with the exceptions that mend() lists: they change neither where an
 element begins nor what its attributes say. A file without them must be one that expat takes, and is judged as the
-others are."""
+others are.
+
+Sectors are looked at after the elements: a run that is refused for them has passed the elements as an accepted one
+has, and is judged like that."""
 import os
 import random
 import re
+from collections import Counter
 from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
 from pathlib import Path
@@ -25,7 +29,9 @@ SEED = int(os.environ.get('KESTREL_SEED', '1'))
 COUNT = int(os.environ.get('KESTREL_FILES', '600' if SANITIZED else '2000'))
 WORKERS = os.cpu_count()
 CORPUS = SOURCE / 'tests/fuzz/corpus/rawprogram'
-IMAGES = ['a.bin', 'b.bin', 'a&amp;b.bin', 'sub/b.bin', 'empty.bin']
+PAYLOAD = 1048576
+# What is no whole number of payloads needs a sector size.
+IMAGES = {'a.bin': 1, 'b.bin': PAYLOAD, 'a&amp;b.bin': 1, 'sub/b.bin': PAYLOAD, 'empty.bin': 0}
 
 
 # --- the files
@@ -43,7 +49,7 @@ def pair(name, start, label):
 REALISTIC = [
     ['<?xml version="1.0" ?>', '<data>', *pair('a.bin', 0, 'boot'), *pair('b.bin', 640, 'system'), '</data>', ''],
     ['<?xml version="1.0" encoding="utf-8"?>', '<data>', '<!--NOTE: made by hand-->', '<erase start_sector="0" />',
-     '<program label="one" filename="a.bin" />', '<program label="two" filename=""/>',
+     '<program label="one" filename="a.bin" SECTOR_SIZE_IN_BYTES="512" />', '<program label="two" filename=""/>',
      '<power value="reset" DelayInSeconds="1"/>', '</data>', ''],
     ['<?xml version="1.0"?>', '<data>', '  <!--', *pair('b.bin', 0, 'unused'), '  -->', *pair('a&amp;b.bin', 0, 'used'),
      '</data>'],
@@ -67,6 +73,8 @@ OTHERS = [('filename=', 'FILENAME='), ('filename=', 'FileName='), ('filename=', 
           ('-->', '--->'), ('-->', '->'), ('<!--', '<!-->'), ('<!--', '<!---'), ('?>', '>'), ('\n', '\r\n'), ('\n', '\r'),
           ('boot', '>'), ('boot', '-->'), ('boot', '<!--'), ('boot', '<data>'), ('boot', 'filename'), ('a.bin', 'b.bin'),
           ('a.bin', 'c.bin'), ('program', 'partition_file')]
+SECTOR_SIZES = ['', 'SECTOR_SIZE_IN_BYTES=""', 'SECTOR_SIZE_IN_BYTES="0"', 'SECTOR_SIZE_IN_BYTES="1048576"',
+                'SECTOR_SIZE_IN_BYTES="2097152"', 'sector_size_in_bytes="512"']
 
 
 def put_somewhere(dice, text):
@@ -108,6 +116,10 @@ def reorder_lines(dice, text):
     return '\n'.join(lines)
 
 
+def change_sector_sizes(dice, text):
+    return re.sub('SECTOR_SIZE_IN_BYTES="[0-9]*"', dice.choice(SECTOR_SIZES), text)
+
+
 def comment_out(dice, text):
     lines = text.split('\n')
     first = dice.randrange(len(lines))
@@ -129,7 +141,7 @@ def harmless(dice, text):
 
 
 MUTATIONS = [put_somewhere, put_beside_a_line, put_beside_a_line, replace_one, replace_one, replace_one, replace_all,
-             remove_some, join_lines, reorder_lines, comment_out, harmless]
+             remove_some, join_lines, reorder_lines, change_sector_sizes, comment_out, harmless]
 
 
 def make_file(number):
@@ -166,8 +178,20 @@ class Answer:
     def is_refused_for_its_elements(self):
         return self.status == 234 and re.search(rb', line \d+: |no command in ', self.err) is not None
 
+    def is_refused_for_its_sectors(self):
+        return self.status == 234 and (MISFIT.search(self.err) or NO_END.search(self.err)) is not None
+
 
 MESSAGE = re.compile(rb'\d+\.\d{9} (\w+) (\S+?):\d+:(\w+)\(\) ')
+MISFIT = re.compile(rb'sector size (\d+) does not fit payload size %d for (.*)' % PAYLOAD)
+NO_END = re.compile(rb'number of sectors without an end in ')
+SECTOR_SIZE = re.compile(rb'\sSECTOR_SIZE_IN_BYTES="0*[1-9]\d*"')
+SECTORS = b'num_partition_sectors="'
+
+
+def take_back(shown):
+    """What stands in the log for bytes that would harm a terminal. No file has such a text of its own."""
+    return re.sub(rb'\\x([0-9A-F]{2})', lambda match: bytes([int(match[1], 16)]), shown)
 
 
 def ask(package, text):
@@ -175,12 +199,12 @@ def ask(package, text):
     outcome = run(package, '--port', '/nowhere', '--force', '--dry-run', '--debug', limit=20)
     pieces = MESSAGE.split(outcome.raw_out)[1:]
     dumped = [message.rstrip(b'\n') for function, message in zip(pieces[2::4], pieces[3::4]) if function == b'dump_image']
-    files = [line[len('\tFilename: '):] for line in dumped if line.startswith(b'\tFilename: ')]
-    commands = [line[len('\tCommand: '):] for line in dumped if line.startswith(b'\tCommand: ')]
+    files = [take_back(line[len('\tFilename: '):]) for line in dumped if line.startswith(b'\tFilename: ')]
+    commands = [take_back(line[len('\tCommand: '):]) for line in dumped if line.startswith(b'\tCommand: ')]
     base = os.fsencode(package) + b'/'
     kept = [Kept(command, b'' if file == b'<none>' else file.removeprefix(base))
             for command, file in zip(commands, files, strict=True)]
-    return Answer(outcome.status, outcome.raw_err,
+    return Answer(outcome.status, outcome.raw_err.replace(base, b''),
                   None if b'error in building the image list' in outcome.raw_err else kept)
 
 
@@ -293,10 +317,31 @@ def is_refused_on_purpose(text, document, kept):
     ])
 
 
+def find_unfounded(answer):
+    """What a refusal for sectors is wrong about."""
+    misfit = MISFIT.search(answer.err)
+    if misfit is None:
+        unended = [each.command for each in answer.kept
+                   if SECTORS in each.command and b'"' not in each.command.partition(SECTORS)[2][1:]]
+        return None if unended else f'every number ends: {answer.err!r}'
+    size, file = int(misfit[1]), take_back(misfit[2])
+    is_partial = IMAGES[os.fsdecode(file)] % PAYLOAD != 0
+    without_size = [each.command for each in answer.kept
+                    if each.file == file and b'<erase ' not in each.command and not SECTOR_SIZE.search(each.command)]
+    return None if size > PAYLOAD or (size == 0 and is_partial and without_size) else f'it fits: {answer.err!r}'
+
+
 def judge(text, answer):
     """The verdict on a run, and what is wrong with it."""
+    if answer.kept is not None and answer.is_refused_for_its_sectors():
+        _, wrong = judge_elements(text, answer, True)
+        return 'refused for its sectors', wrong or find_unfounded(answer)
+    return judge_elements(text, answer, answer.is_accepted())
+
+
+def judge_elements(text, answer, have_passed):
     document = Document(text)
-    if not answer.is_accepted():
+    if not have_passed:
         if answer.kept is None:
             return 'not read', None
         if document.error is not None:
@@ -320,15 +365,17 @@ def verdicts(tmp_path_factory):
     files = all_files()
     names = list(files)
 
-    def judge_some(first):
-        package = packages.write(tmp_path_factory.mktemp('package'), [])
+    def judge_some(first, folder):
+        package = packages.write(folder, [])
         (package / 'sub').mkdir()
-        for name in IMAGES:
-            (package / name).write_bytes(b'' if name == 'empty.bin' else b'1')
+        for name, size in IMAGES.items():
+            (package / name).touch()
+            os.truncate(package / name, size)
         return {name: judge(files[name], ask(package, files[name])) for name in names[first::WORKERS]}
 
+    folders = [tmp_path_factory.mktemp('package') for _ in range(WORKERS)]  # which threads cannot make
     with ThreadPoolExecutor(WORKERS) as pool:
-        return {name: verdict for some in pool.map(judge_some, range(WORKERS)) for name, verdict in some.items()}
+        return {name: verdict for some in pool.map(judge_some, range(WORKERS), folders) for name, verdict in some.items()}
 
 
 def with_verdict(verdicts, wanted):
@@ -356,11 +403,16 @@ def test_accepted_run_of_what_expat_refuses_keeps_the_elements_of_the_mended_fil
     assert wrong_ones(verdicts, 'tolerated') == {}
 
 
+def test_refusal_for_sectors_is_founded_and_loses_no_element(verdicts):
+    assert wrong_ones(verdicts, 'refused for its sectors') == {}
+
+
 @pytest.mark.parametrize('verdict, at_least', [
-    ('accepted', 10), ('refused for a loss', 5), ('refused on purpose', 2), ('tolerated', 1), ('refused by both', 10)])
+    ('accepted', 10), ('refused for a loss', 5), ('refused on purpose', 2), ('refused for its sectors', 1),
+    ('tolerated', 1), ('refused by both', 10)])
 def test_no_verdict_is_rare(verdict, at_least, verdicts):
     """In percent."""
-    print(f'seed {SEED}')
+    print(f'seed {SEED}', Counter(found for found, _ in verdicts.values()))
     assert 100 * len(with_verdict(verdicts, verdict)) >= at_least * COUNT
 
 

@@ -35,19 +35,20 @@ const std::string erase =
 const std::string program = framed("<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"one\" filename=\"one.bin\" "
                                    "num_partition_sectors=\"2\" start_sector=\"0\" />");
 
-void add_image(image_list *list, const char *command, const char *path)
+void add_image(image_list *list, const char *command, const fuzz_file *file)
 {
     image &img = list->images[list->image_count++];
     strlcpy(img.command, command, sizeof img.command);
-    if (path == nullptr)
+    if (file == nullptr)
         return;
-    strlcpy(img.filename, path, sizeof img.filename);
+    strlcpy(img.filename, file->path(), sizeof img.filename);
+    img.identity = file->identity();
     strlcpy(img.label, "one", sizeof img.label);
     img.sector_size_in_bytes = 512;
     img.file_size = file_size;
 }
 
-void make_package(image_list *list, const char *path, bool with_reset)
+void make_package(image_list *list, const fuzz_file &file, bool with_reset)
 {
     list->image_count = 0;
     memset(list->images, 0, 4 * sizeof(image));
@@ -57,7 +58,7 @@ void make_package(image_list *list, const char *path, bool with_reset)
         list,
         "<program SECTOR_SIZE_IN_BYTES=\"512\" label=\"one\" filename=\"one.bin\" num_partition_sectors=\"9\" "
         "start_sector=\"0\" />",
-        path);
+        &file);
     if (with_reset)
         add_image(list, "<power value=\"reset\" DelayInSeconds=\"1\"/>", nullptr);
 }
@@ -70,13 +71,16 @@ bool is_file_data(const std::string &sent, const std::string &content)
 }
 
 // What was received before event `index`, behind what was sent before: an empty chunk stands for a read that
-// failed or brought nothing.
+// failed or brought nothing. One that a signal cut short was none where another one follows, as within a step
+// that is finished first.
 std::vector<std::string> chunks_before(const fuzz_peer &peer, size_t index)
 {
     std::vector<std::string> chunks;
     for (; index > 0 && peer.events()[index - 1].what != peer_event::sent; --index) {
-        if (peer.events()[index - 1].what != peer_event::send_failed)
-            chunks.insert(chunks.begin(), peer.events()[index - 1].bytes);
+        const peer_event &event = peer.events()[index - 1];
+        const bool is_repeated = event.interrupted && !chunks.empty();
+        if (event.what != peer_event::send_failed && !is_repeated)
+            chunks.insert(chunks.begin(), event.bytes);
     }
     return chunks;
 }
@@ -127,6 +131,15 @@ size_t check_requests(const fuzz_peer &peer, const std::vector<std::string> &req
     return sent;
 }
 
+// A programmer that accepts each of six requests, on a port that takes all.
+std::string accepting_script()
+{
+    std::string script(1, '\0');
+    for (int i = 0; i < 6; ++i)
+        script += "\xFFw<?xml version=\"1.0\" ?><data><response value=\"ACK\" /></data>";
+    return script;
+}
+
 // What a port still took that would not take all: a part of what was due, and of the reset behind it.
 void check_cut_end(std::vector<std::string> rest, const std::string &due)
 {
@@ -149,7 +162,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const bool own = (flags & 2) != 0 && !otp_only;
     quiet_log();
     file.set(content);
-    make_package(&package, file.path(), own);
+    make_package(&package, file, own);
     package.platform = (flags & 4) != 0 ? 1 : 0;
 
     fuzz_peer peer(input.rest());
@@ -159,6 +172,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     strlcpy(m.modem_port[0].port_name, peer.lend(), sizeof m.modem_port[0].port_name);
     const int result = firehose_update(&m, &package, otp_only);
     fuzz_check(peer.was_closed());
+    fuzz_check(result == CORE_OK || package.platform != 0 || otp_only || input.rest() != accepting_script());
 
     std::vector<std::string> requests = {ping, configure}; // an empty one is the file's data
     if (otp_only)

@@ -200,6 +200,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     static image_list package;
     if (package.programmer_path[0] == '\0') {
         file.set(programmer);
+        package.programmer = file.identity();
         strlcpy(package.programmer_path, file.path(), sizeof package.programmer_path);
         m.modem_port_size = 1;
         m.modem_port[0].port_type = PORT_FIRMWARE_UPDATE;

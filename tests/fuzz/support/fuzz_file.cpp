@@ -1,5 +1,6 @@
 #include "fuzz_file.hpp"
 
+#include "core.hpp"
 #include "fuzz.hpp"
 
 #include <fcntl.h>
@@ -27,4 +28,11 @@ void fuzz_file::set(const std::string &content)
 {
     fuzz_check(ftruncate(handle_, 0) == 0);
     fuzz_check(pwrite(handle_, content.data(), content.size(), 0) == static_cast<ssize_t>(content.size()));
+}
+
+core_file_identity fuzz_file::identity() const
+{
+    core_file_identity found{};
+    fuzz_check(core_file_identify(handle_, &found) == CORE_OK);
+    return found;
 }

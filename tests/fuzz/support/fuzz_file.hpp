@@ -1,6 +1,8 @@
 // A file whose content is a fuzz input: one descriptor for the whole run, rewritten for each execution.
 #pragma once
 
+#include "core-reading.hpp"
+
 #include <cstddef>
 #include <string>
 
@@ -17,6 +19,8 @@ class fuzz_file {
     const char *path() const { return path_.c_str(); }
     // Makes these bytes the whole content.
     void set(const std::string &content);
+    // What a package notes of the file when it is checked; another one after each set().
+    core_file_identity identity() const;
 
   private:
     int handle_;

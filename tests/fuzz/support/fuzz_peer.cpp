@@ -161,10 +161,11 @@ int fuzz_peer::poll(short wanted, short *got)
         polled_ = true;
         return 1;
     }
-    events_.push_back({peer_event::receive_failed, {}});
+    const bool interrupted = event == 'i' && !gone_;
+    events_.push_back({peer_event::receive_failed, {}, false, interrupted});
     if (!steps_.empty() && event != 'w')
         steps_.pop_front();
-    if (event == 'i' && !gone_) {
+    if (interrupted) {
         errno = EINTR;
         return -1;
     }

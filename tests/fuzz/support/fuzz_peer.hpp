@@ -38,7 +38,8 @@ enum class write_mode : uint8_t {
 struct peer_event {
     enum kind : uint8_t { received, receive_failed, sent, send_failed } what;
     std::string bytes;
-    bool polled = false; // a read that followed a poll: one that waited
+    bool polled = false;      // a read that followed a poll: one that waited
+    bool interrupted = false; // a poll that a signal cut short
 };
 
 class fuzz_peer {
