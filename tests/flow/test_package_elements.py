@@ -22,7 +22,7 @@ from harness import SANITIZED, SOURCE, run
 from packages import RAWPROGRAM
 
 SEED = int(os.environ.get('KESTREL_SEED', '1'))
-COUNT = int(os.environ.get('KESTREL_FILES', '600' if SANITIZED else '2000'))
+COUNT = int(os.environ.get('KESTREL_FILES', '600' if SANITIZED else '3000'))
 WORKERS = os.cpu_count()
 CORPUS = SOURCE / 'tests/fuzz/corpus/rawprogram'
 IMAGES = ['a.bin', 'b.bin', 'a&amp;b.bin', 'sub/b.bin', 'empty.bin']
@@ -256,6 +256,10 @@ def attribute_value(raw, encoding):
     return document.root[1]['a'] if document.error is None else None
 
 
+def is_other_spelling(attribute):
+    return attribute != 'filename' and re.sub('[^a-z]', '', attribute.lower()) == 'filename'
+
+
 def find_differences(document, kept):
     """How the kept commands differ from the document's elements."""
     expected = list(document.elements)
@@ -271,23 +275,21 @@ def find_differences(document, kept):
         read = attribute_value(each.file, document.encoding)
         if read != named and (each.file or name == 'program'):
             return f'file: {named!r} became {each.file!r}'
-        if name == 'program' and b'<program ' not in each.command:
-            return f'sent as if it were no program command: {each.command!r}'
+        if name == 'program' and any(is_other_spelling(attribute) for attribute in attributes):
+            return f'file that is not read: {each.command!r}'
+        if (name == 'program' or (name == 'erase' and attributes)) and f'<{name} '.encode() not in each.command:
+            return f'sent as if it were no {name} command: {each.command!r}'
     return None
 
 
 def is_refused_on_purpose(text, document, kept):
     """What expat takes and nothing is lost of, and is refused all the same."""
-    attributes_of_programs = [attribute for name, attributes in document.elements if name == 'program'
-                              for attribute in attributes]
     return any([
         not document.elements,
         document.root != ('data', {}) or b'<data>' not in text or b'</data>' not in text,
         document.others,
         not document.is_flat,
         '>' in document.text,
-        any(re.sub('[^a-z]', '', attribute.lower()) == 'filename' != attribute for attribute in attributes_of_programs),
-        any(re.search(rb'<erase[\t\r]', each.command) for each in kept),
         # A command may have been kept in place of one that is written alike.
         any(text.count(each.command.strip()) > 1 for each in kept),
     ])
@@ -314,18 +316,23 @@ def judge(text, answer):
     return 'tolerated', mended.error or find_differences(mended, kept)
 
 
+def make_package(folder):
+    packages.write(folder, [])
+    (folder / 'sub').mkdir()
+    for name in IMAGES:
+        (folder / name).write_bytes(b'' if name == 'empty.bin' else b'1')
+    return folder
+
+
 @pytest.fixture(scope='module')
 def verdicts(tmp_path_factory):
     """Of each file, the verdict and what is wrong."""
     files = all_files()
     names = list(files)
+    folders = [make_package(tmp_path_factory.mktemp('package')) for _ in range(WORKERS)]
 
     def judge_some(first):
-        package = packages.write(tmp_path_factory.mktemp('package'), [])
-        (package / 'sub').mkdir()
-        for name in IMAGES:
-            (package / name).write_bytes(b'' if name == 'empty.bin' else b'1')
-        return {name: judge(files[name], ask(package, files[name])) for name in names[first::WORKERS]}
+        return {name: judge(files[name], ask(folders[first], files[name])) for name in names[first::WORKERS]}
 
     with ThreadPoolExecutor(WORKERS) as pool:
         return {name: verdict for some in pool.map(judge_some, range(WORKERS)) for name, verdict in some.items()}
@@ -357,7 +364,7 @@ def test_accepted_run_of_what_expat_refuses_keeps_the_elements_of_the_mended_fil
 
 
 @pytest.mark.parametrize('verdict, at_least', [
-    ('accepted', 10), ('refused for a loss', 5), ('refused on purpose', 2), ('tolerated', 1), ('refused by both', 10)])
+    ('accepted', 10), ('refused for a loss', 5), ('refused on purpose', 1), ('tolerated', 1), ('refused by both', 10)])
 def test_no_verdict_is_rare(verdict, at_least, verdicts):
     """In percent."""
     print(f'seed {SEED}')
