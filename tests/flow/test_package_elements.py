@@ -1,5 +1,5 @@
-"""What a rawprogram file holds by the rules of XML, and what the updater makes of it: expat is the judge. A few thousand
-files, made from realistic ones by mutations that the seed decides, each in a dry run of its own.
+"""What a rawprogram file holds by the rules of XML, and what the updater makes of it: expat is the judge. A few
+thousand files, made from realistic ones by mutations that the seed decides, each in a dry run of its own.
 
 A run that is accepted has kept just the elements that expat finds, each in a command of its own, with the file that
 its attribute names. A file that lost none, and has nothing that is refused on purpose, is accepted.
@@ -58,15 +58,16 @@ TOKENS = ['<!--', '-->', '<!-- a -->', '<!-- <program filename="a.bin"/> -->', '
           '<program filename="b.bin"/>', '<power/> ', 'text', 'filename="a.bin"', ' filename="b.bin" ', ' label=""',
           '\ufeff', '\f', '\x1a', '\xe9', '<a>', '</a>', '<a></a>']
 # What takes the place of something that is there.
-OTHERS = [('filename=', 'FILENAME='), ('filename=', 'FileName='), ('filename=', 'file_name='), ('filename=', 'xfilename='),
-          ('filename="', 'filename = "'), ('label=', 'filename='), ('="', "='"), ('"', "'"), ('"/>', "'/>"), ('" ', '"\n'),
-          ('" ', '"\t'), ('" ', '"'), ('<program ', '<program\t'), ('<program ', '<program\n'), ('<erase ', '<erase\t'),
-          ('<program ', '<PROGRAM '), ('<program ', '<x:program '), ('<erase', '<power'), ('/>', '></program>'),
-          ('/>', '></erase>'), ('/>', '>'), ('/>', ' / >'), ('<data>', '<data >'), ('<data>', '<data a="1">'),
-          ('<data>', '<DATA>'), ('data>', 'patches>'), ('</data>', '</data >'), ('</data>', ''), ('<data>', ''),
-          ('-->', '--->'), ('-->', '->'), ('<!--', '<!-->'), ('<!--', '<!---'), ('?>', '>'), ('\n', '\r\n'), ('\n', '\r'),
-          ('boot', '>'), ('boot', '-->'), ('boot', '<!--'), ('boot', '<data>'), ('boot', 'filename'), ('a.bin', 'b.bin'),
-          ('a.bin', 'c.bin'), ('program', 'partition_file')]
+OTHERS = [('filename=', 'FILENAME='), ('filename=', 'FileName='), ('filename=', 'file_name='),
+          ('filename=', 'xfilename='), ('filename="', 'filename = "'), ('label=', 'filename='), ('="', "='"),
+          ('"', "'"), ('"/>', "'/>"), ('" ', '"\n'), ('" ', '"\t'), ('" ', '"'), ('<program ', '<program\t'),
+          ('<program ', '<program\n'), ('<erase ', '<erase\t'), ('<program ', '<PROGRAM '),
+          ('<program ', '<x:program '), ('<erase', '<power'), ('/>', '></program>'), ('/>', '></erase>'),
+          ('/>', '>'), ('/>', ' / >'), ('<data>', '<data >'), ('<data>', '<data a="1">'), ('<data>', '<DATA>'),
+          ('data>', 'patches>'), ('</data>', '</data >'), ('</data>', ''), ('<data>', ''), ('-->', '--->'),
+          ('-->', '->'), ('<!--', '<!-->'), ('<!--', '<!---'), ('?>', '>'), ('\n', '\r\n'), ('\n', '\r'),
+          ('boot', '>'), ('boot', '-->'), ('boot', '<!--'), ('boot', '<data>'), ('boot', 'filename'),
+          ('a.bin', 'b.bin'), ('a.bin', 'c.bin'), ('program', 'partition_file')]
 
 
 def put_somewhere(dice, text):
@@ -174,7 +175,8 @@ def ask(package, text):
     (package / RAWPROGRAM).write_bytes(text)
     outcome = run(package, '--port', '/nowhere', '--force', '--dry-run', '--debug', limit=20)
     pieces = MESSAGE.split(outcome.raw_out)[1:]
-    dumped = [message.rstrip(b'\n') for function, message in zip(pieces[2::4], pieces[3::4]) if function == b'dump_image']
+    dumped = [message.rstrip(b'\n') for function, message in zip(pieces[2::4], pieces[3::4])
+              if function == b'dump_image']
     files = [line[len('\tFilename: '):] for line in dumped if line.startswith(b'\tFilename: ')]
     commands = [line[len('\tCommand: '):] for line in dumped if line.startswith(b'\tCommand: ')]
     base = os.fsencode(package) + b'/'
