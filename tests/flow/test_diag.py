@@ -105,13 +105,6 @@ def test_otp_with_the_stop_ends_with_the_otp_line(result_of):
     assert done.outcome.out == VERSION + 'Entered QDL mode, stopping\n\nOTP values read successfully\n'
 
 
-def test_port_may_be_anything_that_can_be_written(package, folder):
-    (folder / 'port').write_bytes(b'')
-    outcome = run(package, '--port', folder / 'port', '--force', '--enter-qdl')
-    assert (outcome.status, outcome.out, outcome.err) == (0, ENTERED, '')
-    assert (folder / 'port').read_bytes() == FRAME
-
-
 @pytest.mark.parametrize('port, error', [('/nowhere/port', errno.ENOENT), ('/', errno.EISDIR)])
 def test_port_that_cannot_be_opened(port, error, package):
     text = {errno.ENOENT: 'error 2 No such file or directory', errno.EISDIR: 'error 21 Is a directory'}[error]
