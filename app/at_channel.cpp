@@ -3,6 +3,8 @@
 #include "core-device.hpp"
 #include "core-owners.hpp"
 #include "core.hpp"
+#include "time-limit.hpp"
+#include "timeouts.hpp"
 #include "write-all.hpp"
 #include "zepho-log.hpp"
 
@@ -30,17 +32,36 @@ std::string_view skip_white(std::string_view text)
     return text;
 }
 
+// Tells once of an answer that is long in coming.
+class patience {
+  public:
+    explicit patience(const char *command) : command_(command) {}
+    void look()
+    {
+        if (told_ || !limit_.passed())
+            return;
+        told_ = true;
+        log_as(in_at_send_command, CORE_LOG_INF, "waiting for the modem to answer %s", command_);
+    }
+
+  private:
+    const char *command_;
+    time_limit limit_{timeouts::at_announced};
+    bool told_ = false;
+};
+
 // Reads until a final response; goes on when the modem has stayed silent.
-ending read_answer(int device, at_command *command, at_response *response)
+ending read_answer(int device, at_command *command, at_response *response, patience *waiting)
 {
     constexpr int max_idle_reads = 10; // a port that is ready but delivers nothing must not hold the program
     const auto fail = [](int line, const char *text, int result) -> ending {
         core_log(CORE_LOG_ERR, log_source, in_at_send_command, line, "%s", text);
         return result;
     };
+    const time_limit limit(timeouts::at_answer_in_all);
     size_t received = 0;
     int idle_reads = 0;
-    for (;;) {
+    for (;; waiting->look()) {
         size_t bytes = 0;
         const size_t room = sizeof response->text - 1 - received;
         const int err =
@@ -53,6 +74,7 @@ ending read_answer(int device, at_command *command, at_response *response)
                 --command->retries;
             log_as(in_at_send_command, CORE_LOG_DBG, "command timeout, remaining %u retries",
                    command->retries);
+            waiting->look();
             return go_on;
         }
         if (err != CORE_OK)
@@ -65,6 +87,8 @@ ending read_answer(int device, at_command *command, at_response *response)
         idle_reads = bytes == 0 ? idle_reads + 1 : 0;
         if (room == 0 || idle_reads == max_idle_reads)
             return fail(__LINE__, room == 0 ? "response too long" : "read failed", CORE_EPROTO);
+        if (limit.passed()) // a byte now and then would keep the command for half an hour
+            return fail(__LINE__, "response without final response", CORE_EPROTO);
     }
 }
 
@@ -119,6 +143,7 @@ int at_send_command(int device, at_command *command, at_response *response)
     const auto write_some = [device](const void *data, size_t size, size_t *written) {
         return core_device_write(device, data, size, written);
     };
+    patience waiting(command->command);
     ending end = go_on;
     do {
         flush_port(device);
@@ -127,7 +152,7 @@ int at_send_command(int device, at_command *command, at_response *response)
             log_err("write failed");
             return err;
         }
-        end = read_answer(device, command, response);
+        end = read_answer(device, command, response, &waiting);
     } while (!end && command->retries != 0 && sigint_detected == 0);
     if (!end)
         return CORE_ETIMEDOUT;

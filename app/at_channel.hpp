@@ -33,8 +33,8 @@ struct at_response {
 
 // Sends the command, followed by a carriage return, and reads its answer; SIGINT ends the retries. 0, also
 // when the modem refused the command: test `ok`. CORE_ETIMEDOUT (silence, or an answer that stopped short);
-// CORE_ENOMEM; CORE_EPROTO for an answer that does not fit or a port that delivers nothing; or the error of a
-// read or write.
+// CORE_ENOMEM; CORE_EPROTO for an answer that does not fit or has no end after 15 s, or a port that delivers
+// nothing; or the error of a read or write.
 [[nodiscard]] int at_send_command(int device, at_command *command, at_response *response);
 // Takes the next information line out of the text into `line` of `line_size` bytes. 0; CORE_EINVAL when no
 // line is left or it was truncated; CORE_EPROTO for a line without "\r\n"; CORE_ENOMEM for one too long.

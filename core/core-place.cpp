@@ -102,16 +102,18 @@ bool find_place_of_controller(const char *sys, std::string_view name, place_text
            find_place_behind(link, place);
 }
 
-// Each container counts its pseudo-terminals anew, and gives the number of one that has gone to the next; the
-// time of its making, which no use changes, tells them apart.
 bool tell_own_place(const struct stat &node, place_text place)
 {
     if (S_ISCHR(node.st_mode) && !core_is_pseudo_terminal(node))
         return core_compose(place, "device/%u:%u", major(node.st_rdev), minor(node.st_rdev));
-    const timespec made = S_ISCHR(node.st_mode) ? node.st_ctim : timespec{};
-    return core_compose(place, "file/%llu:%llu:%lld.%09ld", static_cast<unsigned long long>(node.st_dev),
-                        static_cast<unsigned long long>(node.st_ino), static_cast<long long>(made.tv_sec),
-                        static_cast<long>(made.tv_nsec));
+    const auto device = static_cast<unsigned long long>(node.st_dev);
+    const auto inode = static_cast<unsigned long long>(node.st_ino);
+    if (!core_is_pseudo_terminal(node))
+        return core_compose(place, "file/%llu:%llu", device, inode);
+    // One is given the number, and with it the inode, of another that has just gone: when it was made tells
+    // them apart.
+    return core_compose(place, "file/%llu:%llu:%lld.%09ld", device, inode,
+                        static_cast<long long>(node.st_ctim.tv_sec), static_cast<long>(node.st_ctim.tv_nsec));
 }
 
 bool read_number(const char *folder, const char *attribute, int base, unsigned *number)

@@ -27,6 +27,7 @@ constexpr unsigned sahara_retry_pause = ms(2000);
 constexpr unsigned at_echo_off = ms(2000);
 constexpr unsigned at_query = ms(500);
 constexpr unsigned echo_off_pause = ms(500);
+constexpr unsigned at_announced = ms(5000); // a wait that is longer is told of
 
 // Sahara
 constexpr unsigned sahara_settle = ms(500);
@@ -58,6 +59,7 @@ constexpr int empty_write_tries = 10;
 // Waits that each message of the peer begins anew end as a whole, too: a modem that talks on and on, or takes
 // a byte now and then, would hold the program for ever. Far above what a slow programmer needs.
 constexpr unsigned answer_in_all = ms(300000);
+constexpr unsigned at_answer_in_all = ms(15000);
 constexpr unsigned write_in_all = ms(300000);
 constexpr unsigned upload_in_all = ms(600000);
 constexpr unsigned flush_in_all = ms(30000);

@@ -1,5 +1,6 @@
 """The switch into download mode over the diagnostic port, and the wait for the download device that follows."""
 import errno
+import re
 import os
 import pty
 import signal
@@ -105,6 +106,15 @@ def test_otp_with_the_stop_ends_with_the_otp_line(result_of):
     assert done.outcome.out == VERSION + 'Entered QDL mode, stopping\n\nOTP values read successfully\n'
 
 
+def test_regular_file_is_no_port_and_stays_as_it_is(package, folder):
+    path = folder / 'port'
+    path.write_bytes(b'something else')
+    outcome = run(package, '--port', path, '--force', '--enter-qdl')
+    assert (outcome.status, outcome.out) == (234, VERSION)
+    assert outcome.err == f"'{path}' is not a character device\nunable to open device path {path}\n" + NOT_SET
+    assert path.read_bytes() == b'something else'
+
+
 @pytest.mark.parametrize('port, error', [('/nowhere/port', errno.ENOENT), ('/', errno.EISDIR)])
 def test_port_that_cannot_be_opened(port, error, package):
     text = {errno.ENOENT: 'error 2 No such file or directory', errno.EISDIR: 'error 21 Is a directory'}[error]
@@ -137,5 +147,7 @@ def test_device_that_never_comes_is_waited_for_20_seconds(result_of):
 
 def test_interrupt_ends_the_wait_at_once(result_of):
     outcome = result_of('interrupted')
-    assert (outcome.status, outcome.out, outcome.err) == (131, VERSION, FAILED)
+    assert (outcome.status, outcome.err) == (131, FAILED)
+    assert re.fullmatch(re.escape(VERSION) + 'interrupted; this completes the modem: kestrel .*/package '
+                        '--port /dev/ttyUSB0 --skip-enter-qdl --force\n', outcome.out)
     assert outcome.seconds < 3

@@ -81,7 +81,7 @@ OTHERS = [
         'nop=nak', 'nop=silence', 'nop=garbage', 'nop=hangup', 'configure=nak', 'configure=silence',
         'configure=garbage', 'configure=hangup', 'erase=nak', 'erase=silence', 'erase=hangup', 'program=hangup',
         'data=nak', 'data=silence', 'data=garbage', 'data=hangup', 'reset=nak', 'reset=silence', 'reset=hangup',
-        'target-reset=skip', 'hangup in data', 'stall', 'offer of nothing', 'no sector size', 'interrupted']),
+        'target-reset=skip', 'hangup in data', 'stall', 'offer of nothing', 'interrupted']),
     (test_otp, ['values', 'none', 'nak', 'silence', 'hangup', 'unclosed', 'cut value']),
     (test_sahara, ['forward', '64 bit', 'twice', 'platform 0', 'debug']),
     (test_sahara_failures, [

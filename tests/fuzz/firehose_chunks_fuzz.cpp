@@ -4,6 +4,7 @@
 #include "firehose-otp.hpp"
 #include "firehose-session.hpp"
 #include "firehose.hpp"
+#include "fuzz-answers.hpp"
 #include "fuzz.hpp"
 #include "fuzz_peer.hpp"
 #include "package-check.hpp"
@@ -17,25 +18,35 @@ constexpr char configure[] =
     "MemoryName=\"nand\" />\n</data>\n";
 constexpr char ping[] = "<?xml version=\"1.0\"?>\n<data>\n<nop value=\"ping\"/>\n</data>\n";
 
-bool has_ack(const std::string &chunk)
+bool is_write(const peer_event &event)
 {
-    return contains(chunk.c_str(), "value=\"ACK\"");
+    return event.what == peer_event::sent || event.what == peer_event::send_failed;
 }
 
-bool has_nak(const std::string &chunk)
+// The chunks that were received, in order; an empty one stands for a read that failed or brought nothing.
+struct conversation {
+    std::vector<std::string> waiting; // before the first write
+    std::vector<std::string> answers; // after it
+    bool has_written = false;
+};
+
+conversation follow(const fuzz_peer &peer)
 {
-    return contains(chunk.c_str(), "value=\"NAK\"");
+    conversation c;
+    for (const peer_event &event : peer.events()) {
+        c.has_written = c.has_written || is_write(event);
+        if (!is_write(event))
+            (c.has_written ? c.answers : c.waiting).push_back(event.bytes);
+    }
+    return c;
 }
 
-// The chunks that were received; the last one is empty when reading failed.
+// What a wait without a request received: it writes nothing.
 std::vector<std::string> chunks_of(const fuzz_peer &peer)
 {
-    std::vector<std::string> chunks;
-    for (const peer_event &event : peer.events()) {
-        if (event.what == peer_event::received || event.what == peer_event::receive_failed)
-            chunks.push_back(event.bytes);
-    }
-    return chunks;
+    const conversation c = follow(peer);
+    fuzz_check(!c.has_written);
+    return c.waiting;
 }
 
 bool was_silent_or_failed(const fuzz_peer &peer)
@@ -43,40 +54,61 @@ bool was_silent_or_failed(const fuzz_peer &peer)
     return peer.events().back().what == peer_event::receive_failed || peer.events().back().bytes.empty();
 }
 
-// All but the last chunk say neither yes nor no.
-void check_skipped(const std::vector<std::string> &chunks)
+// The updater has looked for what waits. False where that was a refusal: the request failed then, and nothing
+// was written.
+bool check_waiting(const conversation &c, int result)
 {
-    for (size_t i = 0; i + 1 < chunks.size(); ++i)
-        fuzz_check(!chunks[i].empty() && !has_ack(chunks[i]) && !has_nak(chunks[i]));
+    fuzz_check(is_look_for_strays(c.waiting));
+    if (!has_nak(c.waiting.back()))
+        return true;
+    fuzz_check(result == CORE_EGENERIC && !c.has_written);
+    return false;
+}
+
+// All but the last answer say neither yes nor no.
+template <typename IsAck> void check_skipped(const std::vector<std::string> &answers, IsAck is_ack)
+{
+    for (size_t i = 0; i + 1 < answers.size(); ++i)
+        fuzz_check(!answers[i].empty() && !is_ack(answers[i]) && !has_nak(answers[i]));
+}
+
+// An ACK that announces raw data answers something else.
+bool has_own_ack(const std::string &chunk)
+{
+    return has_ack_without(chunk, "rawmode=\"true\"");
 }
 
 void check_request(firehose_device *device, const fuzz_peer &peer)
 {
     const int result = send_nop(device);
+    const conversation c = follow(peer);
+    if (!check_waiting(c, result))
+        return;
     if (peer.write_failed()) {
         fuzz_check(result != CORE_OK && starts_with(ping, peer.written()));
         return;
     }
     fuzz_check(peer.written() == ping);
-    const auto chunks = chunks_of(peer);
-    check_skipped(chunks);
-    fuzz_check((result == CORE_OK) == has_ack(chunks.back()));
+    check_skipped(c.answers, has_own_ack);
+    fuzz_check((result == CORE_OK) == has_own_ack(c.answers.back()));
     fuzz_check(result == CORE_OK ||
-               (result == CORE_EGENERIC && (was_silent_or_failed(peer) || has_nak(chunks.back()))));
+               (result == CORE_EGENERIC && (was_silent_or_failed(peer) || has_nak(c.answers.back()))));
 }
 
 void check_configure(firehose_device *device, const fuzz_peer &peer)
 {
     uint32_t payload = FIREHOSE_PAYLOAD_SIZE;
     const int result = send_config(device, &payload);
+    const conversation c = follow(peer);
+    if (!check_waiting(c, result))
+        return;
     if (peer.write_failed()) {
         fuzz_check(result != CORE_OK && starts_with(configure, peer.written()));
         return;
     }
     fuzz_check(peer.written() == configure);
-    const auto chunks = chunks_of(peer);
-    check_skipped(chunks);
-    const std::string last = chunks.back().c_str();
+    check_skipped(c.answers, has_ack);
+    const std::string last = c.answers.back().c_str();
     if (has_ack(last)) {
         fuzz_check(result == CORE_OK && payload == 1048576);
     } else if (has_nak(last)) {

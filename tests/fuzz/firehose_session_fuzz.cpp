@@ -2,11 +2,12 @@
 // the OTP values instead of the package (1), a package that resets the modem itself (2), a platform that is
 // waited for (4). The programmer's script follows (fuzz_peer.hpp).
 //
-// Whatever the programmer says: the requests come in order, none before the one in front of it was answered,
-// and each session ends with one reset.
+// Whatever the programmer says: the requests come in order, none before the one in front of it was answered
+// and what waited behind the answer was read away, and each session ends with one reset.
 #include "core.hpp"
 #include "firehose-session.hpp"
 #include "firehose.hpp"
+#include "fuzz-answers.hpp"
 #include "fuzz.hpp"
 #include "fuzz_file.hpp"
 #include "fuzz_peer.hpp"
@@ -68,20 +69,39 @@ bool is_file_data(const std::string &sent, const std::string &content)
            sent.find_first_not_of('\xFF', file_size) == std::string::npos;
 }
 
-// What came last before event `index`, up to what was sent before.
-std::string answer_before(const fuzz_peer &peer, size_t index)
+// What was received before event `index`, behind what was sent before: an empty chunk stands for a read that
+// failed or brought nothing.
+std::vector<std::string> chunks_before(const fuzz_peer &peer, size_t index)
 {
-    while (index > 0 && peer.events()[index - 1].what == peer_event::send_failed)
-        --index;
-    const bool received = index > 0 && peer.events()[index - 1].what == peer_event::received;
-    return received ? peer.events()[index - 1].bytes.c_str() : "";
+    std::vector<std::string> chunks;
+    for (; index > 0 && peer.events()[index - 1].what != peer_event::sent; --index) {
+        if (peer.events()[index - 1].what != peer_event::send_failed)
+            chunks.insert(chunks.begin(), peer.events()[index - 1].bytes);
+    }
+    return chunks;
 }
 
-bool is_good_answer(const std::string &request, const std::string &answer)
+// An ACK that says of itself the other of what is awaited answers something else; to configure, each will do.
+bool is_ack_of(const std::string &request, const std::string &chunk)
 {
-    return contains(answer, "value=\"ACK\"") ||
-           (request == configure && contains(answer, "value=\"NAK\"") &&
-            contains(answer, "MaxPayloadSizeToTargetInBytesSupported=\""));
+    if (request == configure)
+        return has_ack(chunk);
+    return has_ack_without(chunk, request == program ? "rawmode=\"false\"" : "rawmode=\"true\"");
+}
+
+// The first chunk that says yes or no says yes, and behind it was looked for what still waits; a refusal
+// among that ends the session.
+void check_answered(const std::string &request, const std::vector<std::string> &chunks)
+{
+    const auto decides = [&request](const std::string &chunk) {
+        return is_ack_of(request, chunk) || has_nak(chunk);
+    };
+    const auto answer = std::find_if(chunks.begin(), chunks.end(), decides);
+    fuzz_check(answer != chunks.end());
+    fuzz_check(is_ack_of(request, *answer) ||
+               (request == configure && contains(*answer, "MaxPayloadSizeToTargetInBytesSupported=\"")));
+    const std::vector<std::string> behind(answer + 1, chunks.end());
+    fuzz_check(is_look_for_strays(behind) && !has_nak(behind.back()));
 }
 
 // Compares the bursts with the requests that are due; returns how many of them went out. `*rest` receives the
@@ -96,8 +116,11 @@ size_t check_requests(const fuzz_peer &peer, const std::vector<std::string> &req
         const bool is_due = requests[sent].empty() ? is_file_data(bytes, content) : bytes == requests[sent];
         if (!is_due)
             break;
+        const std::vector<std::string> chunks = chunks_before(peer, bursts[sent].first_event);
         if (sent > 0)
-            fuzz_check(is_good_answer(requests[sent - 1], answer_before(peer, bursts[sent].first_event)));
+            check_answered(requests[sent - 1], chunks);
+        else
+            fuzz_check(is_look_for_strays(chunks) && !has_nak(chunks.back()));
     }
     for (size_t i = sent; i < bursts.size(); ++i)
         rest->push_back(bursts[i].bytes);
@@ -153,7 +176,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
     const bool reset_itself = own && sent == requests.size();
     fuzz_check(rest == (reset_itself ? std::vector<std::string>() : std::vector<std::string>{reset}));
-    if (result == CORE_OK)
-        fuzz_check(sent == requests.size());
+    if (result != CORE_OK)
+        return 0;
+    fuzz_check(sent == requests.size());
+    if (!otp_only && !own) // the package's last answer, in front of the reset
+        check_answered(requests.back(), chunks_before(peer, peer.bursts().back().first_event));
     return 0;
 }

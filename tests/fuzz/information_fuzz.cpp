@@ -9,8 +9,9 @@
 #include <algorithm>
 #include <cstring>
 
-// What the format says: the first line of at most 1023 characters that begins with the mark, without the mark
-// and without its last character. False when no line does, or nothing stands behind the mark.
+// What the format says: the first line of at most 1023 characters that begins with the mark, without the
+// mark, without its last character and then without the blanks, tabs and carriage returns at its end. False
+// when no line does, or nothing stands behind the mark.
 static bool find_version(const std::string &text, std::string *version)
 {
     const std::string mark = "PKG VER : ";
@@ -24,6 +25,8 @@ static bool find_version(const std::string &text, std::string *version)
         if (line.size() == mark.size())
             return false;
         *version = line.substr(mark.size(), line.size() - mark.size() - 1);
+        while (!version->empty() && strchr(" \t\r", version->back()) != nullptr)
+            version->pop_back();
         return true;
     }
     return false;

@@ -359,6 +359,41 @@ TEST(SendCommand, GivesEveryReadTheWholeTimeOut)
     EXPECT_EQ(at.port.waits(), (std::vector<int>{1234, 1234, 1234}));
 }
 
+TEST(SendCommand, EndsAnAnswerThatDripsForFifteenSeconds)
+{
+    const log_capture log;
+    exchange at({});
+    at.port.takes("AT#CGSN\r");
+    for (int i = 0; i < 38; ++i) // a byte each 0.4 s: the last one after 15.2 s
+        at.port.pauses(400).sends("x");
+    EXPECT_EQ(at_send_command(at.port.open(), &at.command, &at.response), -71);
+    EXPECT_EQ(at.response.ok, 0U);
+    EXPECT_EQ(log.texts(CORE_LOG_ERR), std::vector<std::string>{"response without final response"});
+    EXPECT_EQ(log.count(CORE_LOG_INF, "waiting for the modem to answer AT#CGSN"), 1);
+}
+
+TEST(SendCommand, TellsOfNoAnswerThatComesWithinFiveSeconds)
+{
+    const log_capture log;
+    exchange at({});
+    at.command.timeout = 4900;
+    at.port.takes("AT#CGSN\r").pauses(4800).sends("\r\nOK\r\n");
+    EXPECT_EQ(at_send_command(at.port.open(), &at.command, &at.response), 0);
+    EXPECT_TRUE(log.texts(CORE_LOG_INF).empty());
+}
+
+TEST(SendCommand, TellsOnceOfASilenceOfMoreThanFiveSeconds)
+{
+    const log_capture log;
+    exchange at({});
+    at.command.timeout = 2000;
+    at.command.retries = 8;
+    for (int i = 0; i < 8; ++i)
+        at.port.takes("AT#CGSN\r").pauses(2000);
+    EXPECT_EQ(at_send_command(at.port.open(), &at.command, &at.response), -110);
+    EXPECT_EQ(log.texts(CORE_LOG_INF), std::vector<std::string>{"waiting for the modem to answer AT#CGSN"});
+}
+
 TEST(SendCommand, DropsWhatIsGluedToTheFinalResponse)
 {
     exchange at({comes("\r\n123\r\nOK\r\n\r\nRING\r\n")});

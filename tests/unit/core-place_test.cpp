@@ -22,7 +22,6 @@ struct stat node_of(mode_t type, dev_t number = 0)
     node.st_rdev = number;
     node.st_dev = 7;
     node.st_ino = 4711;
-    node.st_ctim = {1234, 5678};
     return node;
 }
 
@@ -138,14 +137,18 @@ TEST_F(Place, OfAPortWithoutABusIsItsNumber)
     EXPECT_EQ(find("/dev/ttyS1", node_of(S_IFCHR, makedev(4, 65))), "device/4:65");
 }
 
-TEST_F(Place, OfAPseudoTerminalIsItsFileAsOldAsItIs)
+TEST_F(Place, OfAPseudoTerminalIsItsFileSinceEachContainerCountsThemAnew)
 {
-    EXPECT_EQ(find("/dev/pts/3", node_of(S_IFCHR, makedev(136, 3))), "file/7:4711:1234.000005678");
+    EXPECT_EQ(find("/dev/pts/3", node_of(S_IFCHR, makedev(136, 3))), "file/7:4711:0.000000000");
 }
 
 TEST_F(Place, OfAFifoIsItsFile)
 {
-    EXPECT_EQ(find("/run/fifo", node_of(S_IFIFO)), "file/7:4711:0.000000000");
+    EXPECT_EQ(find("/run/fifo", node_of(S_IFIFO)), "file/7:4711");
+    // The same number once more is another terminal.
+    struct stat later = node_of(S_IFCHR, makedev(136, 3));
+    later.st_ctim = {1234, 5};
+    EXPECT_EQ(find("/dev/pts/3", later), "file/7:4711:1234.000000005");
 }
 
 TEST_F(Place, OfWhatIsNotThereIsNone)

@@ -185,23 +185,23 @@ static bool is_pcie(uint32_t vid, uint32_t pid)
     return is_pcie_modem(&id);
 }
 
-TEST(PcieModem, IsTheFirst)
+TEST(PcieIdentifier, IsTheFirst)
 {
     EXPECT_TRUE(is_pcie(0x17CB, 0x011A));
 }
-TEST(PcieModem, IsTheSecond)
+TEST(PcieIdentifier, IsTheSecond)
 {
     EXPECT_TRUE(is_pcie(0x17CB, 0x0309));
 }
-TEST(PcieModem, IsNoOtherProduct)
+TEST(PcieIdentifier, IsNoOtherProduct)
 {
     EXPECT_FALSE(is_pcie(0x17CB, 0x0308));
 }
-TEST(PcieModem, IsNoOtherVendor)
+TEST(PcieIdentifier, IsNoOtherVendor)
 {
     EXPECT_FALSE(is_pcie(0x05C6, 0x011A));
 }
-TEST(PcieModem, IsNotTheDownloadDevice)
+TEST(PcieIdentifier, IsNotTheDownloadDevice)
 {
     EXPECT_FALSE(is_pcie(0x05C6, 0x9008));
 }

@@ -35,6 +35,8 @@ INSTANTIATE_TEST_SUITE_P(
                     shipped_wait{"at_echo_off", timeouts::at_echo_off, 2000},
                     shipped_wait{"at_query", timeouts::at_query, 500},
                     shipped_wait{"echo_off_pause", timeouts::echo_off_pause, 500},
+                    shipped_wait{"at_announced", timeouts::at_announced, 5000},
+                    shipped_wait{"at_answer_in_all", timeouts::at_answer_in_all, 15000},
                     shipped_wait{"sahara_settle", timeouts::sahara_settle, 500},
                     shipped_wait{"hello_header", timeouts::hello_header, 3000},
                     shipped_wait{"hello_remainder", timeouts::hello_remainder, 5000},

@@ -856,13 +856,13 @@ TEST(ComposeLargeArrays, SurviveTheLargestCount)
     EXPECT_EQ(buffer, expected + "{}], \"port_size\": 255");
 }
 
-class Update : public testing::Test {
+class EntryUpdate : public testing::Test {
   protected:
     json_entry entries[3] = {text_row("type", "ADD"), text_row("imei", "1"), end_row()};
     log_capture log;
 };
 
-TEST_F(Update, ReplacesValueAndType)
+TEST_F(EntryUpdate, ReplacesValueAndType)
 {
     static constexpr int32_t number = 7;
     EXPECT_TRUE(json_update(entries, 1, &number, JSON_INT32));
@@ -871,14 +871,14 @@ TEST_F(Update, ReplacesValueAndType)
     EXPECT_EQ(entries[1].type, 1U);
 }
 
-TEST_F(Update, LeavesOtherEntries)
+TEST_F(EntryUpdate, LeavesOtherEntries)
 {
     json_update(entries, 1, "2", JSON_TEXT);
     EXPECT_STREQ(static_cast<const char *>(entries[0].value), "ADD");
     EXPECT_EQ(entries[2].type, 7U);
 }
 
-TEST_F(Update, RefusesANegativeId)
+TEST_F(EntryUpdate, RefusesANegativeId)
 {
     EXPECT_FALSE(json_update(entries, -1, "2", JSON_TEXT));
     ASSERT_EQ(log.messages().size(), 1U);
@@ -887,7 +887,7 @@ TEST_F(Update, RefusesANegativeId)
     EXPECT_EQ(log.messages()[0].function, "json_update");
 }
 
-TEST_F(Update, RefusesANullValue)
+TEST_F(EntryUpdate, RefusesANullValue)
 {
     EXPECT_FALSE(json_update(entries, 1, nullptr, JSON_INT32));
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"could not update JSON ID 1 (imei): value address is NULL\n"});

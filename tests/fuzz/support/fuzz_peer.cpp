@@ -8,7 +8,9 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -276,6 +278,21 @@ int ioctl(int handle, unsigned long request, ...) __THROW
         return static_cast<int>(syscall(SYS_ioctl, handle, request, argument));
     *static_cast<int *>(argument) = peer->available();
     return 0;
+}
+
+// The locks of a run. No name is to be had where nobody may bind one, and a socket would take the number that
+// is meant for the port; on the device's node, which all programs share, a lock would be met by others.
+int socket(int domain, int type, int protocol) __THROW
+{
+    if (current == nullptr || domain != AF_UNIX)
+        return static_cast<int>(syscall(SYS_socket, domain, type, protocol));
+    errno = EACCES;
+    return -1;
+}
+
+int flock(int handle, int operation) __THROW
+{
+    return peer_of(handle) != nullptr ? 0 : static_cast<int>(syscall(SYS_flock, handle, operation));
 }
 
 int usleep(useconds_t)

@@ -1,6 +1,6 @@
 // The device at the other end of a descriptor, played from a fuzz input. While an object lives, poll, read,
 // write and ioctl(FIONREAD) on its descriptor are answered from the script, at once, and pauses take no time;
-// everything is put down in order.
+// everything is put down in order. Its lock is always granted, and no other name is locked meanwhile.
 //
 // The first byte of the script says how writes go: the low three bits are a `write_mode`, the rest its
 // number. What follows comes from the device. A byte 0xFF with one of these behind it is an event, any other
