@@ -14,9 +14,9 @@ constexpr size_t CORE_PLACE_SIZE = 80;
 
 // Tells the place of the device that a port belongs to: "usb/1-2.3" (bus and ports on the way), "pci/" and
 // the PCI address of a modem on the MHI bus. A port without such a place is its own: "device/4:64" by its
-// number, or "file/" and what tells a file from all others, for a FIFO, and for a pseudo-terminal, whose
-// number each container counts anew. `node` is what stat(2) tells of the port, null where there is none; a
-// wwan port, whose name tells the controller, has its place also then. False where there is none.
+// number, or "file/" and what tells a FIFO or a pseudo-terminal from all others. `node` is what stat(2) tells
+// of the port, null where there is none; a wwan port, whose name tells the controller, has its place also
+// then. False where there is none.
 [[nodiscard]] bool core_find_place(const char *sys, const char *port, const struct stat *node,
                                    std::span<char, CORE_PLACE_SIZE> place);
 // True for the far end of a pseudo-terminal; who plays the modem may keep it open as well.

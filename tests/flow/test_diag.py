@@ -106,15 +106,6 @@ def test_otp_with_the_stop_ends_with_the_otp_line(result_of):
     assert done.outcome.out == VERSION + 'Entered QDL mode, stopping\n\nOTP values read successfully\n'
 
 
-def test_regular_file_is_no_port_and_stays_as_it_is(package, folder):
-    path = folder / 'port'
-    path.write_bytes(b'something else')
-    outcome = run(package, '--port', path, '--force', '--enter-qdl')
-    assert (outcome.status, outcome.out) == (234, VERSION)
-    assert outcome.err == f"'{path}' is not a character device\nunable to open device path {path}\n" + NOT_SET
-    assert path.read_bytes() == b'something else'
-
-
 @pytest.mark.parametrize('port, error', [('/nowhere/port', errno.ENOENT), ('/', errno.EISDIR)])
 def test_port_that_cannot_be_opened(port, error, package):
     text = {errno.ENOENT: 'error 2 No such file or directory', errno.EISDIR: 'error 21 Is a directory'}[error]

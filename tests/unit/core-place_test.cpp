@@ -137,18 +137,20 @@ TEST_F(Place, OfAPortWithoutABusIsItsNumber)
     EXPECT_EQ(find("/dev/ttyS1", node_of(S_IFCHR, makedev(4, 65))), "device/4:65");
 }
 
-TEST_F(Place, OfAPseudoTerminalIsItsFileSinceEachContainerCountsThemAnew)
+TEST_F(Place, OfAPseudoTerminalIsItsFileAndWhenItWasMade)
 {
-    EXPECT_EQ(find("/dev/pts/3", node_of(S_IFCHR, makedev(136, 3))), "file/7:4711:0.000000000");
+    // The same number once more is another terminal.
+    struct stat node = node_of(S_IFCHR, makedev(136, 3));
+    EXPECT_EQ(find("/dev/pts/3", node), "file/7:4711:0.000000000");
+    node.st_ctim = {1234, 5};
+    EXPECT_EQ(find("/dev/pts/3", node), "file/7:4711:1234.000000005");
 }
 
 TEST_F(Place, OfAFifoIsItsFile)
 {
-    EXPECT_EQ(find("/run/fifo", node_of(S_IFIFO)), "file/7:4711");
-    // The same number once more is another terminal.
-    struct stat later = node_of(S_IFCHR, makedev(136, 3));
-    later.st_ctim = {1234, 5};
-    EXPECT_EQ(find("/dev/pts/3", later), "file/7:4711:1234.000000005");
+    struct stat node = node_of(S_IFIFO);
+    node.st_ctim = {1234, 5}; // of what was written to it last
+    EXPECT_EQ(find("/run/fifo", node), "file/7:4711");
 }
 
 TEST_F(Place, OfWhatIsNotThereIsNone)

@@ -5,6 +5,7 @@
 #include "log_capture.hpp"
 #include "other-process.hpp"
 #include "private_mounts.hpp"
+#include "pty.hpp"
 #include "temp_dir.hpp"
 
 #include <fcntl.h>
@@ -158,6 +159,28 @@ TEST_F(RunLock, OfAPathIsNoObstacleForAnotherPortUnderIt)
     fs::rename(port, dir.at("kept")); // whose number is not to be had again
     add_fifo("port");
     EXPECT_EQ(hold(port), 0);
+}
+
+TEST_F(RunLock, OfAPseudoTerminalThatHasGoneIsNotThatOfTheNextWithItsNumber)
+{
+    auto first = std::make_unique<pty>();
+    const std::string path = first->path();
+    const other_process other([&] {
+        const bool held = hold(path) == 0;
+        first = nullptr;
+        return held;
+    });
+    ASSERT_EQ(hold(path), -16);
+    first = nullptr;
+    const timespec tick{0, 20000000}; // what the kernel makes in one of its ticks is of one age
+    nanosleep(&tick, nullptr);
+    std::vector<std::unique_ptr<pty>> all;
+    do
+        all.push_back(std::make_unique<pty>());
+    while (all.back()->path() != path && all.size() < 100);
+    if (all.back()->path() != path)
+        GTEST_SKIP() << "the number is somebody else's now";
+    EXPECT_EQ(hold(path), 0);
 }
 
 TEST_F(RunLock, OfAPathIsNotTakenByWhoFindsNothingThere)
