@@ -61,14 +61,14 @@ int core_signal_handler(int signo);
 int core_sleep(unsigned ms);
 
 // Reads the monotonic clock into `out`. 0, or -1 on failure; logs nothing.
-int core_get_time(timespec *out);
+[[nodiscard]] int core_get_time(timespec *out);
 
 // Whether `part` occurs in `text`, and what stands behind its first occurrence.
-inline bool text_contains(std::string_view text, std::string_view part)
+[[nodiscard]] inline bool text_contains(std::string_view text, std::string_view part)
 {
     return text.find(part) != std::string_view::npos;
 }
-inline std::optional<std::string_view> text_behind(std::string_view text, std::string_view part)
+[[nodiscard]] inline std::optional<std::string_view> text_behind(std::string_view text, std::string_view part)
 {
     const size_t found = text.find(part);
     if (found == std::string_view::npos)
@@ -77,7 +77,7 @@ inline std::optional<std::string_view> text_behind(std::string_view text, std::s
     return text;
 }
 // The text up to the first of `marks`, all of it where there is none.
-inline std::string_view text_before(std::string_view text, std::string_view marks)
+[[nodiscard]] inline std::string_view text_before(std::string_view text, std::string_view marks)
 {
     return {text.data(), std::min(text.find_first_of(marks), text.size())};
 }

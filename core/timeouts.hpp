@@ -49,8 +49,7 @@ constexpr unsigned otp = ms(500);
 // Back-pressure of a port or endpoint
 constexpr unsigned device_write = ms(5000);
 constexpr unsigned usb_transfer = ms(30000);
-constexpr unsigned stray_answer =
-    ms(10); // on its heels: a doubled answer's second comes in a transfer of its own
+constexpr unsigned stray_answer = ms(10); // after an answer: a doubled one's second is a transfer of its own
 constexpr unsigned write_retry_pause = ms(1000);
 constexpr int write_retries = 5;
 constexpr unsigned empty_write_pause = ms(10); // after a write that took nothing
@@ -67,7 +66,7 @@ constexpr unsigned flush_in_all = ms(30000);
 // The log: how long whoever reads it may make the run wait in all, and a write that was to take at once what
 // it got.
 constexpr unsigned output_in_all = ms(1000);
-constexpr unsigned output_write = 1;
+constexpr unsigned output_write = ms(1);
 
 // Devices on the bus
 constexpr unsigned arrived_device_pause = ms(1000);

@@ -19,6 +19,7 @@
 namespace {
 
 constexpr char log_source[] = "zepho-log.c";
+constexpr char in_stdout_print[] = "stdout_print";
 
 FILE *output_stream = nullptr; // the log file, null when none is open
 
@@ -50,7 +51,7 @@ void add_dropped(standard_stream &stream)
 {
     open_sink = &stream.sink;
     const core_log_print_fn in_force = std::exchange(print_function, add_to_line);
-    log_as("stdout_print", CORE_LOG_WRN, "lines dropped here, as the output took none: %lu\n",
+    log_as(in_stdout_print, CORE_LOG_WRN, "lines dropped here, as the output took none: %lu\n",
            stream.dropped);
     print_function = in_force;
 }
