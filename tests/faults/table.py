@@ -9,7 +9,7 @@ Some rows look odd and are as they have to be:
    none; what is glued to it is lost with it, or taken for the next one.
  - A packet of the boot loader that is too short ends the upload as if it were done. The programmer, which then does not
    run, does not answer, and the run fails there.
- - Firehose has no numbers: an answer that comes twice is taken for that to the next request.
+ - Firehose has no numbers: an answer that comes twice is read away before the next request, with a warning.
  - Whatever becomes of the power reset, the images are written: the run is a success.
  - A value of the OTP report that gets lost cannot be missed by a program that does not know how many there are.
 """
@@ -99,6 +99,18 @@ class Place:
         right = None if status == KILLED else self.complete  # what is under way then may still get there
         return (Outcome(status, err, self.before + b''.join(more), right, ms),)
 
+    def finishes(self, outcomes):
+        """What becomes of runs that would go on when SIGINT comes: the step in hand is finished, then the modem is
+        reset. A step is the upload, or a request to erase, to program with its data, or to read the OTP values."""
+        steps = [index for index, each in enumerate(self.walk.messages) if index > self.index and
+                 isinstance(each, Say) and each.kind in ('erase', 'program', 'otp', 'power')]
+        if not steps or self.walk.messages[steps[0]].kind == 'power':
+            return outcomes  # nothing was left to do
+        left_out = self.walk.said(steps[0])
+        assert all(each.sent.endswith(left_out) for each in outcomes)
+        return tuple(replace(each, status=131, err=self.end, right=False,
+                             sent=each.sent[:len(each.sent) - len(left_out)] + POWER) for each in outcomes)
+
     def heard(self):
         """The place behind this one: the modem got this message."""
         return Place(self.walk, self.index + 1)
@@ -164,8 +176,7 @@ def at_answers(place):
     if forced:
         rows['hangup'] = place.stops(154, AT_OPEN_FAILED, ms=6000)
     wait = 2000 if kind == 'echo' else 500
-    cut = (place.stops(131, 'read failed\n' + AT_FAILED[kind] + FAILED) if forced else
-           place.stops(234, 'read failed\n' + AT_FAILED[kind] + NO_VERSION))
+    cut = place.stops(131, 'read failed\n' + AT_FAILED[kind] + FAILED)  # the modem has not been touched
     return {**rows, 'split': place.goes_on(), 'twice': place.goes_on(), 'repeat': stale(place, kind),
             **late(wait, place.goes_on(ms=wait), stale(place, kind, text, ms=2 * wait)),
             'WAIT': cut, 'DEAF': place.stops(KILLED, None)}
@@ -266,7 +277,7 @@ def hello(place):
                unasked if zero else asked, before=500),  # a HELLO too many is none of the requests
         # An error of the first read is met by the one state reset as well, but on platform 0.
         'WAIT': (place.stops(252, 'error -4\n' + NO_HANDSHAKE + NOT_SENT, RESET, ms=2000) if zero else
-                 place.goes_on('error -4\n', STATE_RESET, ms=2000)),
+                 place.finishes(place.goes_on('error -4\n', STATE_RESET, ms=2000))),
         'WAIT:2': place.stops(185, 'error reading the HELLO packet remainder -4\n' + NO_HANDSHAKE + NOT_SENT, RESET,
                               ms=2000),
         'DEAF': place.stops(KILLED, None),
@@ -293,7 +304,7 @@ def read_request(place):
         'skip': timed_out, 'silence': timed_out, 'hangup': upload_hung_up(place),
         'repeat': served_again(place, block),
         **late(500, place.goes_on(), timed_out),
-        'WAIT': upload_failed(place, 252, 'error 4294967292\n'), 'DEAF': place.stops(KILLED, None),
+        'WAIT': place.finishes(place.goes_on()), 'DEAF': place.stops(KILLED, None),
         **{f'length:{value}': place.goes_on() for value in LENGTHS},
         'bytes:0': timed_out,
         'bytes:1': upload_failed(place, 146, TIMED_OUT, PROGRAMMER[offset:offset + 1], ms=3000),
@@ -303,12 +314,17 @@ def read_request(place):
     wide = WIDE if place.walk.bits == 64 else ()
     left = len(PROGRAMMER) - offset
     for value in LENGTHS[2:] + wide:
-        rows[f'bytes:{value}'] = believed_done(place, f'error 0 reading {value} bytes (read {left} bytes)\n')
+        rows[f'bytes:{value}'] = upload_failed(place, 234, not_all(value, left))
     for value in LENGTHS[2:]:
-        rows[f'offset:{value}'] = believed_done(place, f'error 0 reading {length} bytes (read 0 bytes)\n')
+        rows[f'offset:{value}'] = upload_failed(place, 234, not_all(length, 0))
     for value in wide:
         rows[f'offset:{value}'] = upload_failed(place, 154, f'lseek error at {value}\n')
     return rows
+
+
+def not_all(asked, there):
+    return (f'error 0 reading {asked} bytes (read {there} bytes)\n'
+            f'{asked - there} bytes that were asked for are not in {{folder}}/programmer.mbn\n')
 
 
 def offset_moved(place, offset):
@@ -361,7 +377,7 @@ def end_of_image(place):
         'twice': place.goes_on() if wide else upload_failed(place, 154, 'unexpected command 16\n', DONE),
         'repeat': upload_failed(place, 154, 'unexpected command 4\n', DONE),
         **late(500, place.goes_on(), timed_out),
-        'WAIT': upload_failed(place, 252, 'error 4294967292\n'), 'DEAF': place.stops(KILLED, None),
+        'WAIT': place.finishes(place.goes_on()), 'DEAF': place.stops(KILLED, None),
         **{f'length:{value}': place.goes_on() for value in LENGTHS},
     }
 
@@ -381,15 +397,16 @@ def done_response(place):
         'split': place.goes_on() if zero else refused,
         'twice': place.goes_on(), 'repeat': place.goes_on(),  # the rest is thrown away
         **late(5000, place.goes_on(ms=5000), timed_out),
-        'WAIT': upload_failed(place, 252, 'error 4294967292\n'), 'DEAF': place.stops(KILLED, None),
-        'WAIT:2': place.goes_on('error -4\n'), 'DEAF:2': place.stops(KILLED, None),  # while the port is emptied
+        'WAIT': place.finishes(place.goes_on()), 'DEAF': place.stops(KILLED, None),
+        'WAIT:2': place.finishes(place.goes_on('error -4\n')), 'DEAF:2': place.stops(KILLED, None),  # while the port is emptied
         **{f'length:{value}': place.goes_on() for value in LENGTHS},
     }
 
 
 def sahara_write(place, failed):
     """Writes that fail; failed(code) is what is said then."""
-    rows = {'EAGAIN': place.goes_on(write_error('EAGAIN'), ms=1000), 'INT': place.goes_on(),
+    rows = {'EAGAIN': place.goes_on(write_error('EAGAIN'), ms=1000),
+            'INT': place.finishes(place.goes_on()),
             'KILL': place.stops(KILLED, None)}
     for name in ('EIO', 'ENOSPC'):
         number = WRITE_ERRORS[name][0]
@@ -518,8 +535,9 @@ class Session:
 
     def interrupted(self):
         """A USB transfer is not cut."""
-        if not self.serial:
-            return self.place.goes_on()
+        in_step = self.kind in ('erase', 'program', 'data')
+        if in_step or not self.serial:
+            return self.place.finishes(self.place.goes_on())
         return self.fails('', '', *((-4, 252) if self.is_otp else (-102, 154)))
 
 
@@ -569,12 +587,10 @@ def answers(place):
     if kind == 'configure':
         rows['nak'] = session.fails(NO_OFFER)
         rows.update(offer_comes_late(session))
-    if kind in ('nop', 'configure') and offered:  # the offer is taken for the answer to the erase
-        at = place.walk.find('program')
-        rows['repeat'] = (Outcome(154, OFFER_TEXT + COMMAND_FAILED + FIREHOSE_FAILED,
+    if kind == 'configure' and offered:  # the offer once more is a refusal that nobody awaits
+        at = place.walk.find('erase')
+        rows['repeat'] = (Outcome(154, OFFER_TEXT + 'error for command\nerror sending commands -102\n' + FIREHOSE_FAILED,
                                   place.walk.said(0, at) + POWER, False, 2000),)
-    elif kind in ('nop', 'configure'):  # and the answer that comes early ends the report
-        rows['repeat'] = place.goes_on(right=False)
     return rows
 
 
@@ -651,7 +667,7 @@ def session_writes(place, said, eaten=False, within=0):
     walk = place.walk
     reset = () if place.message.kind == 'power' else (POWER,)
     silence = place.lost if eaten else ''
-    rows = {'INT': place.goes_on(), 'KILL': place.stops(KILLED, None)}
+    rows = {'INT': place.finishes(place.goes_on()), 'KILL': place.stops(KILLED, None)}
 
     def stops(status, cause, code):
         return place.stops(status, cause + said(code) + silence + FIREHOSE_FAILED, *reset,
