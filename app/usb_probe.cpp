@@ -37,7 +37,8 @@ uint32_t classify_port(const port_map &map, bool is_pcie, const char *interface,
 int add_modem(modem *slot, const core_device_info &info, uint8_t max_ports)
 {
     slot->probing_mode = PROBING_USB;
-    core_usb_id_from_str(&slot->usb_id, info.vid, info.pid);
+    static_cast<void>(
+        core_usb_id_from_str(&slot->usb_id, info.vid, info.pid)); // which matched the list by it
     slot->is_pcie = is_pcie_modem(&slot->usb_id);
     strlcpy(slot->usb_serial, info.serial[0] != '\0' ? info.serial : "unknown", sizeof slot->usb_serial);
     strlcpy(slot->dev_path, info.path, sizeof slot->dev_path);

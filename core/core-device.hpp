@@ -14,14 +14,14 @@
 
 // Opens `path` for reading and writing, non-blocking; `*handle` receives the descriptor, -1 on failure. 0 or
 // the mapped errno. No terminal settings are touched.
-int core_device_open(const char *path, int *handle);
+[[nodiscard]] int core_device_open(const char *path, int *handle);
 // Closes the descriptor. 0 or the mapped errno.
 int core_device_close(int handle);
 using owned_device = owned_handle<core_device_close>;
 
 // Makes the terminal raw (cfmakeraw(3)) and sets or clears hardware flow control (CRTSCTS). 0, also for a
 // handle that is no terminal, or the mapped errno.
-int core_set_hw_flow_control(int handle, bool enable);
+[[nodiscard]] int core_set_hw_flow_control(int handle, bool enable);
 // Raw, without hardware flow control.
 [[nodiscard]] int core_device_set_raw_mode(int handle);
 
@@ -29,7 +29,7 @@ int core_set_hw_flow_control(int handle, bool enable);
 int core_set_control_signals(int handle, bool dtr, bool rts);
 // Sets both speeds: 115200, 230400, 460800, 921600, 2000000 or 3000000; any other rate is CORE_EINVAL. A
 // driver that ignores the rate is no error. 0 or the mapped errno.
-int core_device_set_baud_rate(int handle, unsigned rate);
+[[nodiscard]] int core_device_set_baud_rate(int handle, unsigned rate);
 
 // One read(2) of at most `len` bytes; `*nread` receives the count. 0; CORE_EAGAIN, silently, when nothing is
 // there; or the mapped errno.
@@ -44,7 +44,7 @@ int core_device_set_baud_rate(int handle, unsigned rate);
 [[nodiscard]] int core_device_read_timeout(int handle, void *buf, size_t len, unsigned timeout_ms,
                                            size_t *nread);
 // Waits for room, then one write(2); `*written` may be less than `len`. 0 or the error of poll or write.
-int core_device_write(int handle, const void *buf, size_t len, size_t *written);
+[[nodiscard]] int core_device_write(int handle, const void *buf, size_t len, size_t *written);
 // Bytes waiting to be read. 0 or the mapped errno.
 [[nodiscard]] int core_device_get_bytes_available(int handle, int *count);
 
@@ -62,7 +62,7 @@ struct core_serial_state {
 [[nodiscard]] int core_get_serial_state(int handle, core_serial_state *state);
 // Writes the whole buffer again from its start until `len` bytes in all were taken. 0; CORE_EIO after ten
 // writes in a row that took nothing, 10 ms apart; or the error of poll or write.
-int core_device_recoursive_write(int handle, const void *buf, size_t len);
+[[nodiscard]] int core_device_recoursive_write(int handle, const void *buf, size_t len);
 // Discards what waits in both directions (tcflush(3)). 0 or CORE_EIO.
 [[nodiscard]] int core_device_flush(int handle);
 // Resolves `path` into `out`, which holds PATH_MAX bytes (realpath(3)). 0, CORE_EINVAL for a null or empty
@@ -74,4 +74,4 @@ int core_device_recoursive_write(int handle, const void *buf, size_t len);
 
 // True when the record's identifier texts equal `vid` and `pid` in their first five characters; case counts.
 // All three must be non-null (assertion).
-bool core_device_has_vid_pid(const core_device_info *info, const char *vid, const char *pid);
+[[nodiscard]] bool core_device_has_vid_pid(const core_device_info *info, const char *vid, const char *pid);

@@ -32,7 +32,7 @@ struct core_endpoint {
 // Opens the device of `info` (by the system path in `info->name`, or by its identifier when that is empty)
 // and takes the last non-control endpoint of each direction over all interfaces. 0; CORE_EINVAL for an empty
 // identifier text; CORE_EGENERIC; CORE_ENODEV; or a libusb code. A failed record may be closed.
-int endpoint_open(const core_device_info *info, core_endpoint *ep);
+[[nodiscard]] int endpoint_open(const core_device_info *info, core_endpoint *ep);
 // Closes what is open. Always 0; a null record is an assertion failure.
 int endpoint_close(core_endpoint *ep);
 // One bulk transfer of `len` bytes (at most INT_MAX) in the given direction; `*transferred` receives the

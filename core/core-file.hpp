@@ -21,7 +21,7 @@
 // Opens for reading and writing, non-blocking; a missing file is created empty (mode 0644), an existing one
 // is not truncated. `*handle` receives the descriptor, -1 on failure. 0, the mapped errno or the refusal of
 // core_file_check_regular.
-int core_file_open(const char *path, int *handle);
+[[nodiscard]] int core_file_open(const char *path, int *handle);
 // Opens a regular file for reading only, as a stream that the caller closes. Null with errno, after a refusal
 // of core_file_check_regular with EINVAL. Reading does not wait: some files of the kernel are regular ones
 // that bring something when there is news.

@@ -34,7 +34,7 @@ struct core_device_info {
 
 // Parses two hexadecimal texts ("05c6", "0x9008"). True when both parse; `out->vid` may be set when the
 // product id then fails. Null texts give false without a message.
-bool core_usb_id_from_str(core_usb_id *out, const char *vid, const char *pid);
+[[nodiscard]] bool core_usb_id_from_str(core_usb_id *out, const char *vid, const char *pid);
 [[nodiscard]] bool core_usb_id_is_empty(const core_usb_id *id);
 [[nodiscard]] bool core_usb_id_equals(const core_usb_id *a, const core_usb_id *b);
 // True when the device's identifier is in the list; texts that do not parse are logged and match nothing.

@@ -8,7 +8,7 @@
 
 // Looks for the first connected device in list order and fills `info`. 0; CORE_ENODEV for an empty list;
 // CORE_ENOTSUPPORTED; or the enumeration's last result.
-int core_usb_id_get_device_if_connected(const core_usb_id_list *list, core_device_info *info);
+[[nodiscard]] int core_usb_id_get_device_if_connected(const core_usb_id_list *list, core_device_info *info);
 // Returns 0 when a device of the list is connected, and else waits for one, without a time-out. Results of
 // the discovery's two entry points.
-int core_usb_id_wait_for_devices(const core_usb_id_list *list);
+[[nodiscard]] int core_usb_id_wait_for_devices(const core_usb_id_list *list);

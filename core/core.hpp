@@ -7,7 +7,7 @@
 #include "core-base.hpp"
 
 // Starts the library. Always 0.
-int core_init();
+[[nodiscard]] int core_init();
 
 // Stops the library: closes the log file, if one is open. May be called more than once.
 void core_deinit();

@@ -33,11 +33,11 @@ struct option_descriptor {
 // Parses the arguments after argv[0]. 0; CORE_EAGAIN (-11) when "-h" or "--help" was met; CORE_EINVAL for
 // every parse error (logged). Values stored before a failure stay stored. More than MAX_CLI_ARGS arguments or
 // a null table are assertion failures.
-int get_opts(int argc, char **argv, const option_descriptor *flags);
+[[nodiscard]] int get_opts(int argc, char **argv, const option_descriptor *flags);
 // Converts `text` and stores it in the option's destination. 0 or CORE_EINVAL.
 [[nodiscard]] int get_value(const option_descriptor *flag, const char *text);
 // True when the first character is "-". A null text is an assertion failure.
-bool is_flag(const char *string);
+[[nodiscard]] bool is_flag(const char *string);
 // True for "-x" (x not a dash) and for three or more characters that begin with "--".
 [[nodiscard]] bool is_valid_flag_syntax(const char *string);
 

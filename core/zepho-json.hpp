@@ -44,13 +44,13 @@ int core_log_json(int level, const char *file, const char *function, int line, c
 // Composes the body (no braces) of an object into `buffer` of `size` bytes. Returns the length that the body
 // needed, without terminator; 0 for an unknown entry type. A body longer than the buffer is cut after the
 // last whole entry.
-size_t json_compose(const json_entry *entries, char *buffer, size_t size);
+[[nodiscard]] size_t json_compose(const json_entry *entries, char *buffer, size_t size);
 
 // Sets value and type of entry `id` of a table; false (and an ERR line) for a negative id or a null value.
 bool json_update(json_entry *entries, int8_t id, const void *value, uint32_t type);
 
 // Registers the caller's buffer for custom objects; false when either is 0. It must live as long as logging.
-bool core_log_set_json_buffer(char *buffer, size_t size);
+[[nodiscard]] bool core_log_set_json_buffer(char *buffer, size_t size);
 
 // Writes `text` escaped as the inside of a JSON string, terminated, and returns its length. At most `size`-1
 // bytes, cut between characters, never inside an escape. A null text is empty.

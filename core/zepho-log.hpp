@@ -104,6 +104,6 @@ void log_strip_newline(char *text);
 // False drops the messages whose source file name contains "core-".
 void core_log_enable_core_messages(bool enabled);
 // Opens a log file and installs file_print. 0, or the mapped errno of fopen(3).
-int core_log_set_output(const char *path, bool append);
+[[nodiscard]] int core_log_set_output(const char *path, bool append);
 // As core_print_buffer_to_level, at CORE_LOG_DBG.
 void core_print_buffer(const void *buffer, uint32_t length, uint32_t bytes_per_line);

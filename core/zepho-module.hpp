@@ -9,7 +9,7 @@
 
 // Stores the platform id (0, 1 or 2) of `version`. 0; CORE_EINVAL for a malformed version or an author suffix
 // where the platform has none; CORE_EGENERIC for an unsupported platform. Failures are logged.
-int get_platform(const char *version, uint32_t *platform);
+[[nodiscard]] int get_platform(const char *version, uint32_t *platform);
 // Whether `new_version` (the package's) may follow `old_version` (the modem's): 0 upgrade or the same,
 // CORE_EVERSION downgrade, CORE_EPERM not compatible (other platform or class), or an error of get_platform.
-int fw_version_compare(const char *old_version, const char *new_version);
+[[nodiscard]] int fw_version_compare(const char *old_version, const char *new_version);

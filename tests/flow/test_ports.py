@@ -140,6 +140,8 @@ def second_after(delay, folder, *arguments):
     package = packages.one_image(folder / 'package')
     with Sim(folder, '--fault', 'firehose.data=late:1000') as modem:
         first = start(KESTREL, package, '--port', modem.port, '--force', *SERIAL)
+        if delay > 0.1:
+            eventually(lambda: is_in(modem.transcript, 'nop'), 'the ping of the first')
         time.sleep(delay)
         other = start(KESTREL, package, '--port', modem.port, '--force', *SERIAL, *arguments)
         outcomes = [finish(first, 40), finish(other, 40)]
@@ -218,8 +220,9 @@ def assert_alone(outcome, modem):
     assert [path.read_bytes() for path in sorted(modem.flash.glob('*-program.bin'))] == [ONE_IMAGE_IN_FLASH]
 
 
-def test_of_two_runs_that_begin_at_once_one_is_alone(result_of):
-    outcomes, processes, modem = result_of('at once')
+@pytest.mark.parametrize('case', ['at once', 'after 20 ms'])  # which a busy machine turns round now and then
+def test_of_two_runs_that_begin_together_one_is_alone(case, result_of):
+    outcomes, processes, modem = result_of(case)
     winner = 0 if outcomes[0].status == 0 else 1
     assert_alone(outcomes[winner], modem)
     other = outcomes[1 - winner]
@@ -229,7 +232,7 @@ def test_of_two_runs_that_begin_at_once_one_is_alone(result_of):
     assert other.err.endswith(': wait until it has ended\n' + FAILED)
 
 
-@pytest.mark.parametrize('case', ['after 20 ms', 'after 200 ms', 'after 500 ms'])
+@pytest.mark.parametrize('case', ['after 200 ms', 'after 500 ms'])
 def test_second_run_is_refused_and_the_first_is_alone(case, result_of):
     outcomes, processes, modem = result_of(case)
     assert_alone(outcomes[0], modem)

@@ -64,7 +64,7 @@ const restored_state log_core([] {
     core_log_set_pprint(CORE_LOG_PPRINT_PLAIN);
     core_log_set_level(CORE_LOG_INF);
     core_log_enable_core_messages(true);
-    core_log_set_json_buffer(json_buffer, sizeof json_buffer);
+    static_cast<void>(core_log_set_json_buffer(json_buffer, sizeof json_buffer));
 });
 
 const restored_state program([] {

@@ -72,7 +72,7 @@ TEST_P(State, OfTheLogCoreIsPutBack)
     core_log_set_level(CORE_LOG_VRB);
     core_log_enable_core_messages(false);
     core_log_set_native(true);
-    core_log_set_output(dir.at("log").c_str(), false);
+    static_cast<void>(core_log_set_output(dir.at("log").c_str(), false));
     core_log_set_pprint(CORE_LOG_PPRINT_JSON);
     EXPECT_TRUE(core_log_is_json());
     EXPECT_EQ(__fbufsize(stdout), 1U);

@@ -385,12 +385,10 @@ TEST(SendCommand, TellsOfNoAnswerThatComesWithinFiveSeconds)
 TEST(SendCommand, TellsOnceOfASilenceOfMoreThanFiveSeconds)
 {
     const log_capture log;
-    exchange at({});
+    exchange at(std::deque<event>(8, silence));
     at.command.timeout = 2000;
     at.command.retries = 8;
-    for (int i = 0; i < 8; ++i)
-        at.port.takes("AT#CGSN\r").pauses(2000);
-    EXPECT_EQ(at_send_command(at.port.open(), &at.command, &at.response), -110);
+    EXPECT_EQ(at.send(), -110);
     EXPECT_EQ(log.texts(CORE_LOG_INF), std::vector<std::string>{"waiting for the modem to answer AT#CGSN"});
 }
 

@@ -232,7 +232,7 @@ TEST(DeviceOpenDeathTest, MakesNoControllingTerminalOfThePort)
 TEST_F(DeviceClose, ClosesTheHandle)
 {
     int second = -1;
-    core_device_open(port.path().c_str(), &second);
+    static_cast<void>(core_device_open(port.path().c_str(), &second));
     EXPECT_EQ(core_device_close(second), 0);
     EXPECT_EQ(fcntl(second, F_GETFL), -1);
     EXPECT_TRUE(log.messages().empty());
@@ -271,21 +271,21 @@ TEST_F(FlowControl, IsSet)
 
 TEST_F(FlowControl, IsCleared)
 {
-    core_set_hw_flow_control(handle, true);
+    static_cast<void>(core_set_hw_flow_control(handle, true));
     EXPECT_EQ(core_set_hw_flow_control(handle, false), 0);
     EXPECT_EQ(attributes().c_cflag & CRTSCTS, 0U);
 }
 
 TEST_F(FlowControl, IsClearedByRawMode)
 {
-    core_set_hw_flow_control(handle, true);
+    static_cast<void>(core_set_hw_flow_control(handle, true));
     EXPECT_EQ(core_device_set_raw_mode(handle), 0);
     EXPECT_EQ(attributes().c_cflag & CRTSCTS, 0U);
 }
 
 TEST_F(FlowControl, KeepsTheSpeed)
 {
-    core_device_set_baud_rate(handle, 460800);
+    static_cast<void>(core_device_set_baud_rate(handle, 460800));
     EXPECT_EQ(core_set_hw_flow_control(handle, true), 0);
     const termios now = attributes();
     EXPECT_EQ(cfgetospeed(&now), static_cast<speed_t>(B460800));
@@ -478,7 +478,7 @@ class UnsupportedRate : public Device, public testing::WithParamInterface<unsign
 
 TEST_P(UnsupportedRate, IsRefusedAndThePortNotTouched)
 {
-    core_device_set_baud_rate(handle, 230400);
+    static_cast<void>(core_device_set_baud_rate(handle, 230400));
     log.clear();
     EXPECT_EQ(core_device_set_baud_rate(handle, GetParam()), -22);
     EXPECT_EQ(log.texts(CORE_LOG_ERR), strings{"invalid baud rate " + std::to_string(GetParam()) + "\n"});
@@ -784,7 +784,7 @@ TEST_F(DeviceWrite, WritesNothingWithoutRoom)
     let_polls_expire();
     write_results = {2};
     size_t count = 77;
-    core_device_write(handle, "AT", 2, &count);
+    static_cast<void>(core_device_write(handle, "AT", 2, &count));
     EXPECT_TRUE(written_blocks.empty());
 }
 
@@ -895,7 +895,7 @@ TEST_F(RetryingWrite, GivesUpAfterTenWritesThatTookNothing)
 TEST_F(RetryingWrite, PausesTenMillisecondsAfterEachThatTookNothing)
 {
     write_results.assign(20, 0);
-    core_device_recoursive_write(handle, "abcdefgh", 8);
+    static_cast<void>(core_device_recoursive_write(handle, "abcdefgh", 8));
     EXPECT_EQ(slept(), std::vector<unsigned>(10, 10));
 }
 
@@ -1025,18 +1025,18 @@ using HasVidPidDeathTest = HasVidPid;
 
 TEST_F(HasVidPidDeathTest, NeedsARecord)
 {
-    EXPECT_EXIT(core_device_has_vid_pid(nullptr, "05c6", "9008"), testing::KilledBySignal(SIGABRT),
-                "assertion failed: info\n");
+    EXPECT_EXIT(static_cast<void>(core_device_has_vid_pid(nullptr, "05c6", "9008")),
+                testing::KilledBySignal(SIGABRT), "assertion failed: info\n");
 }
 
 TEST_F(HasVidPidDeathTest, NeedsAVendor)
 {
-    EXPECT_EXIT(core_device_has_vid_pid(&info, nullptr, "9008"), testing::KilledBySignal(SIGABRT),
-                "assertion failed: vid\n");
+    EXPECT_EXIT(static_cast<void>(core_device_has_vid_pid(&info, nullptr, "9008")),
+                testing::KilledBySignal(SIGABRT), "assertion failed: vid\n");
 }
 
 TEST_F(HasVidPidDeathTest, NeedsAProduct)
 {
-    EXPECT_EXIT(core_device_has_vid_pid(&info, "05c6", nullptr), testing::KilledBySignal(SIGABRT),
-                "assertion failed: pid\n");
+    EXPECT_EXIT(static_cast<void>(core_device_has_vid_pid(&info, "05c6", nullptr)),
+                testing::KilledBySignal(SIGABRT), "assertion failed: pid\n");
 }

@@ -200,7 +200,7 @@ TEST_F(EndpointOpen, RefusesAnIdentifierThatDoesNotParse)
 TEST_F(EndpointOpen, LogsAsItsSourceFile)
 {
     const core_device_info info = device_info("05c6", "9o08");
-    endpoint_open(&info, &ep);
+    static_cast<void>(endpoint_open(&info, &ep));
     EXPECT_EQ(log.messages().back().file, "core-endpoint.c");
     EXPECT_EQ(log.messages().back().function, "endpoint_open");
 }

@@ -289,7 +289,7 @@ TEST_F(ConnectedDevice, ClearsTheRecordBeforeEachQuestion)
     strlcpy(info.serial, "old", sizeof info.serial);
     answer(-19);
     answer(-19);
-    core_usb_id_get_device_if_connected(&list, &info);
+    static_cast<void>(core_usb_id_get_device_if_connected(&list, &info));
     EXPECT_STREQ(info.serial, "");
 }
 
@@ -322,7 +322,7 @@ TEST_F(WaitForDevices, EndsAtOnceWhenOneIsConnected)
 TEST_F(WaitForDevices, AsksForAllIdentifiersAtOnce)
 {
     answer(0);
-    core_usb_id_wait_for_devices(&list);
+    static_cast<void>(core_usb_id_wait_for_devices(&list));
     ASSERT_EQ(questions().size(), 1U);
     ASSERT_EQ(questions()[0].size(), 2U);
     EXPECT_EQ(questions()[0][0].pid, 0x9008U);
@@ -353,7 +353,7 @@ TEST_F(WaitForDevices, AsksForTheAttachedDeviceOnly)
     answer(-19);
     event(0, diagnostic);
     answer(0, "05c6", "900e");
-    core_usb_id_wait_for_devices(&list);
+    static_cast<void>(core_usb_id_wait_for_devices(&list));
     ASSERT_EQ(questions().size(), 2U);
     ASSERT_EQ(questions()[1].size(), 1U);
     EXPECT_EQ(questions()[1][0].pid, 0x900EU);
@@ -416,7 +416,7 @@ TEST_F(WaitForDevices, LogsItsTriesUnderItsName)
     event(0);
     answer(-19);
     answer(0);
-    core_usb_id_wait_for_devices(&list);
+    static_cast<void>(core_usb_id_wait_for_devices(&list));
     ASSERT_FALSE(log.messages().empty());
     EXPECT_EQ(log.messages().back().text, "no device found, maybe not ready yet. Retrying after 1000ms...\n");
     EXPECT_EQ(log.messages().back().file, "core-usb-id.c");

@@ -81,7 +81,7 @@ TEST(ModemEventDeathTest, IsEmptyBeforeItIsSet)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto print_to_standard_error = [] {
-        core_log_set_output("/dev/stderr", true);
+        static_cast<void>(core_log_set_output("/dev/stderr", true));
         const bool is_set_up = setup_json_output();
         const modem m = described("KA100");
         json_print_modems(&m, 1);

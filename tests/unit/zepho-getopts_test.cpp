@@ -380,7 +380,7 @@ TEST_F(GetOptsDeathTest, NeedsATable)
 {
     char name[] = "kestrel";
     char *argv[] = {name, nullptr};
-    EXPECT_EXIT(get_opts(1, argv, nullptr), testing::KilledBySignal(SIGABRT), "assertion failed: flags\n");
+    EXPECT_EXIT(static_cast<void>(get_opts(1, argv, nullptr)), testing::KilledBySignal(SIGABRT), "assertion failed: flags\n");
 }
 
 namespace {
@@ -535,7 +535,7 @@ TEST(IsFlag, LooksAtTheFirstCharacter)
 
 TEST(IsFlagDeathTest, NeedsAText)
 {
-    EXPECT_EXIT(is_flag(nullptr), testing::KilledBySignal(SIGABRT), "assertion failed: string != NULL");
+    EXPECT_EXIT(static_cast<void>(is_flag(nullptr)), testing::KilledBySignal(SIGABRT), "assertion failed: string != NULL");
 }
 
 TEST(IsValidFlagSyntax, AcceptsADashAndOneCharacter)

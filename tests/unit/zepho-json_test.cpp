@@ -440,7 +440,7 @@ TEST_F(CustomObject, IsComposedInTheRegisteredBuffer)
 TEST_F(CustomObject, ThatFillsTheRegisteredBufferIsPrinted)
 {
     char buffer[14]; // 13 bytes of body and the terminator
-    core_log_set_json_buffer(buffer, sizeof buffer);
+    static_cast<void>(core_log_set_json_buffer(buffer, sizeof buffer));
     print({text_row("type", "ADD"), text_row("imei", "123")});
     EXPECT_EQ(only_line(), STAMP "\"type\": \"ADD\", \"imei\": \"123\"}\n");
 }
@@ -448,7 +448,7 @@ TEST_F(CustomObject, ThatFillsTheRegisteredBufferIsPrinted)
 TEST_F(CustomObject, ThatNeedsMoreThanTheRegisteredBufferIsNotPrinted)
 {
     char buffer[10];
-    core_log_set_json_buffer(buffer, sizeof buffer);
+    static_cast<void>(core_log_set_json_buffer(buffer, sizeof buffer));
     EXPECT_EQ(print({text_row("type", "ADD"), text_row("imei", "123")}), 0);
     EXPECT_EQ(logged(), strings{"json string error: not enough space (10 < 13)"});
     EXPECT_EQ(lines.lines()[0].level, CORE_LOG_ERR);
@@ -457,7 +457,7 @@ TEST_F(CustomObject, ThatNeedsMoreThanTheRegisteredBufferIsNotPrinted)
 TEST_F(CustomObject, ThatLeavesNoRoomForTheTerminatorIsNotPrinted)
 {
     char buffer[13];
-    core_log_set_json_buffer(buffer, sizeof buffer);
+    static_cast<void>(core_log_set_json_buffer(buffer, sizeof buffer));
     EXPECT_EQ(print({text_row("type", "ADD"), text_row("imei", "123")}), 0);
     EXPECT_EQ(lines.lines().size(), 1U);
     EXPECT_EQ(logged().size(), 1U);
@@ -504,7 +504,7 @@ TEST_F(CustomObject, IsCutBeforeAnEntryThatIsTooLong)
 TEST_F(CustomObject, IsNotPrintedWhenItsOnlyEntryIsTooLong)
 {
     char buffer[2048];
-    core_log_set_json_buffer(buffer, sizeof buffer);
+    static_cast<void>(core_log_set_json_buffer(buffer, sizeof buffer));
     const std::string text(1000, 'x');
     EXPECT_EQ(print({text_row("type", "ADD"), text_row("path", text.c_str())}), 0);
     EXPECT_EQ(lines.lines().size(), 1U);
@@ -634,7 +634,7 @@ TEST_F(Compose, ClearsTheBufferFirst)
 {
     char buffer[8] = {'z', 'z', 'z', 'z', 'z', 'z', 'z', 'z'};
     const json_entry table[] = {end_row()};
-    json_compose(table, buffer, sizeof buffer);
+    static_cast<void>(json_compose(table, buffer, sizeof buffer));
     EXPECT_EQ(std::string(buffer, 8), std::string(8, '\0'));
 }
 
@@ -665,7 +665,7 @@ TEST_F(Compose, TouchesNothingBehindTheBuffer)
     char buffer[24];
     memset(buffer, 'z', sizeof buffer);
     const json_entry table[] = {text_row("a", "one"), text_row("b", "two"), end_row()};
-    json_compose(table, buffer, 12);
+    static_cast<void>(json_compose(table, buffer, 12));
     EXPECT_EQ(std::string(buffer + 12, 12), std::string(12, 'z'));
 }
 
@@ -849,7 +849,7 @@ TEST(ComposeLargeArrays, SurviveTheLargestCount)
     const std::vector<json_entry> elements(255, end_row());
     const json_entry table[] = {{"port", elements.data(), 5}, {"port_size", &most, 6}, end_row()};
     char buffer[10240];
-    json_compose(table, buffer, sizeof buffer);
+    static_cast<void>(json_compose(table, buffer, sizeof buffer));
     std::string expected = "\"port\": [";
     for (int i = 0; i < 254; ++i)
         expected += "{},";

@@ -710,7 +710,7 @@ TEST(SetPrint, RefusesTheLogFileWhileNoneIsOpen)
 TEST(SetPrint, GoesBackToAnOpenLogFile)
 {
     const temp_dir dir;
-    core_log_set_output(dir.at("log").c_str(), false);
+    static_cast<void>(core_log_set_output(dir.at("log").c_str(), false));
     core_log_set_print(other_print);
     EXPECT_EQ(core_log_set_print(file_print), 0);
     EXPECT_EQ(print_function, file_print);
@@ -720,7 +720,7 @@ TEST(SetPrint, RefusesALogFileThatWasClosed)
 {
     const log_capture log;
     const temp_dir dir;
-    core_log_set_output(dir.at("log").c_str(), false);
+    static_cast<void>(core_log_set_output(dir.at("log").c_str(), false));
     core_log_close_output();
     EXPECT_EQ(core_log_set_print(file_print), -1);
     EXPECT_EQ(print_function, stdout_print);
@@ -742,7 +742,7 @@ TEST(LogFile, TakesTheLinesFromTheTerminal)
     const temp_dir dir;
     CaptureStdout();
     CaptureStderr();
-    core_log_set_output(dir.at("log").c_str(), false);
+    static_cast<void>(core_log_set_output(dir.at("log").c_str(), false));
     log_line(CORE_LOG_ERR, "error\n");
     log_line(CORE_LOG_INF, "information\n");
     EXPECT_EQ(GetCapturedStdout(), "");
@@ -753,7 +753,7 @@ TEST(LogFile, IsTruncatedWithoutAppend)
 {
     const temp_dir dir;
     const std::string path = dir.write("log", "old\n");
-    core_log_set_output(path.c_str(), false);
+    static_cast<void>(core_log_set_output(path.c_str(), false));
     log_line(CORE_LOG_INF, "new\n");
     core_log_close_output();
     EXPECT_EQ(read_file(path), "new\n");
@@ -763,7 +763,7 @@ TEST(LogFile, IsKeptWithAppend)
 {
     const temp_dir dir;
     const std::string path = dir.write("log", "old\n");
-    core_log_set_output(path.c_str(), true);
+    static_cast<void>(core_log_set_output(path.c_str(), true));
     log_line(CORE_LOG_INF, "new\n");
     core_log_close_output();
     EXPECT_EQ(read_file(path), "old\nnew\n");
@@ -802,15 +802,15 @@ TEST(LogFile, ThatCannotBeOpenedLeavesThePrintFunction)
 {
     const log_capture log;
     core_log_set_print(other_print);
-    core_log_set_output("/nonexistent/log", false);
+    static_cast<void>(core_log_set_output("/nonexistent/log", false));
     EXPECT_EQ(print_function, other_print);
 }
 
 TEST(LogFile, ThatCannotBeOpenedLeavesTheOneBeforeInUse)
 {
     const temp_dir dir;
-    core_log_set_output(dir.at("log").c_str(), false);
-    core_log_set_output("/nonexistent/log", false);
+    static_cast<void>(core_log_set_output(dir.at("log").c_str(), false));
+    static_cast<void>(core_log_set_output("/nonexistent/log", false));
     log_line(CORE_LOG_INF, "text\n");
     core_log_close_output();
     EXPECT_EQ(read_file(dir.at("log")),
@@ -820,9 +820,9 @@ TEST(LogFile, ThatCannotBeOpenedLeavesTheOneBeforeInUse)
 TEST(LogFile, TakesThePlaceOfTheOneBefore)
 {
     const temp_dir dir;
-    core_log_set_output(dir.at("first").c_str(), false);
+    static_cast<void>(core_log_set_output(dir.at("first").c_str(), false));
     log_line(CORE_LOG_INF, "one\n");
-    core_log_set_output(dir.at("second").c_str(), false);
+    static_cast<void>(core_log_set_output(dir.at("second").c_str(), false));
     log_line(CORE_LOG_INF, "two\n");
     core_log_close_output();
     EXPECT_EQ(read_file(dir.at("first")), "one\n");
@@ -832,7 +832,7 @@ TEST(LogFile, TakesThePlaceOfTheOneBefore)
 TEST(CloseOutput, FlushesAndGoesBackToStandardOutput)
 {
     const temp_dir dir;
-    core_log_set_output(dir.at("log").c_str(), false);
+    static_cast<void>(core_log_set_output(dir.at("log").c_str(), false));
     log_line(CORE_LOG_INF, "text\n");
     core_log_close_output();
     EXPECT_EQ(print_function, stdout_print);
@@ -849,7 +849,7 @@ TEST(CloseOutput, ChangesNothingWhileNoLogFileIsOpen)
 TEST(Deinit, WritesOutTheLogFile)
 {
     const temp_dir dir;
-    core_log_set_output(dir.at("log").c_str(), false);
+    static_cast<void>(core_log_set_output(dir.at("log").c_str(), false));
     log_line(CORE_LOG_INF, "text\n");
     core_log_deinit();
     EXPECT_EQ(read_file(dir.at("log")), "text\n");
@@ -1002,7 +1002,7 @@ TEST(FilePrintDeathTest, NeedsAnOpenLogFile)
 TEST(FilePrint, ReturnsTheNumberOfBytes)
 {
     const temp_dir dir;
-    core_log_set_output(dir.at("log").c_str(), false);
+    static_cast<void>(core_log_set_output(dir.at("log").c_str(), false));
     EXPECT_EQ(file_print(CORE_LOG_ERR, "%s %d", "abc", 12), 6);
 }
 

@@ -74,7 +74,7 @@ TEST_P(RefusedVersion, HasItsMessage)
 {
     const log_capture log;
     uint32_t platform = 0;
-    get_platform(GetParam().version, &platform);
+    static_cast<void>(get_platform(GetParam().version, &platform));
     ASSERT_EQ(log.messages().size(), 1U);
     EXPECT_EQ(log.messages()[0].level, CORE_LOG_ERR);
     EXPECT_EQ(log.messages()[0].text, GetParam().message);
@@ -204,7 +204,7 @@ INSTANTIATE_TEST_SUITE_P(Platforms, Compare,
 TEST(CompareMessages, NameBothVersionsAndPlatforms)
 {
     const log_capture log;
-    fw_version_compare("49.01.102", "50.01.103");
+    static_cast<void>(fw_version_compare("49.01.102", "50.01.103"));
     EXPECT_EQ(log.texts(CORE_LOG_DBG),
               (strings{"oldver: 49.01.102; oldplat: 1", "newver: 50.01.103; newver: 2"}));
     EXPECT_EQ(log.messages()[0].function, "fw_version_compare");
