@@ -122,7 +122,7 @@ def interrupted(folder):
     with Sim(folder, '--fault', 'firehose.nop=silence') as modem:
         updater = start(KESTREL, package, '--port', modem.port, '--force', '--pcie', '--skip-enter-qdl')
         end = time.monotonic() + 20
-        while 'nop' not in modem.transcript.read_text() and time.monotonic() < end:
+        while '"kind":"nop"' not in modem.transcript.read_text() and time.monotonic() < end:
             time.sleep(0.02)
         time.sleep(0.3)  # it goes to wait right after it has sent the request
         begun = time.monotonic()
