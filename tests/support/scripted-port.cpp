@@ -69,15 +69,15 @@ scripted_port::scripted_port() : file_(memfd_create("scripted-port", MFD_CLOEXEC
 scripted_port::~scripted_port()
 {
     for (const step &left : script_) {
-        if (left.what == step::takes || left.what == step::takes_up_to)
+        if (left.what == step::kind::takes || left.what == step::kind::takes_up_to)
             ADD_FAILURE() << "never written: " << shown(left.bytes);
         else
             ADD_FAILURE() << "the script was not played to its end: " << shown(left.bytes);
     }
     for (const step &left : arrived_) {
-        if (left.what == step::sends)
+        if (left.what == step::kind::sends)
             ADD_FAILURE() << "never read: " << shown(left.bytes);
-        else if (left.what == step::lets_a_wait_pass || left.what == step::fails_a_read)
+        else if (left.what == step::kind::lets_a_wait_pass || left.what == step::kind::fails_a_read)
             ADD_FAILURE() << "never waited for";
     }
     EXPECT_TRUE(outcomes_.empty()) << outcomes_.size() << " writes never came";
@@ -106,7 +106,7 @@ scripted_port &scripted_port::add(step::kind what, const std::string &bytes, int
 
 scripted_port &scripted_port::sends(const std::string &bytes)
 {
-    return add(step::sends, bytes);
+    return add(step::kind::sends, bytes);
 }
 
 scripted_port &scripted_port::trickles(const std::string &bytes)
@@ -118,42 +118,42 @@ scripted_port &scripted_port::trickles(const std::string &bytes)
 
 scripted_port &scripted_port::takes(const std::string &bytes)
 {
-    return bytes.empty() ? *this : add(step::takes, bytes);
+    return bytes.empty() ? *this : add(step::kind::takes, bytes);
 }
 
 scripted_port &scripted_port::takes_up_to(char end)
 {
-    return add(step::takes_up_to, std::string(1, end));
+    return add(step::kind::takes_up_to, std::string(1, end));
 }
 
 scripted_port &scripted_port::pauses(int64_t ms)
 {
-    return add(step::pauses, "", ms);
+    return add(step::kind::pauses, "", ms);
 }
 
 scripted_port &scripted_port::lets_a_wait_pass()
 {
-    return add(step::lets_a_wait_pass);
+    return add(step::kind::lets_a_wait_pass);
 }
 
 scripted_port &scripted_port::hangs_up()
 {
-    return add(step::hangs_up);
+    return add(step::kind::hangs_up);
 }
 
 scripted_port &scripted_port::breaks()
 {
-    return add(step::breaks);
+    return add(step::kind::breaks);
 }
 
 scripted_port &scripted_port::fails_a_read(int number)
 {
-    return add(step::fails_a_read, "", number);
+    return add(step::kind::fails_a_read, "", number);
 }
 
 scripted_port &scripted_port::does(std::function<void()> what)
 {
-    return add(step::does, "", 0, std::move(what));
+    return add(step::kind::does, "", 0, std::move(what));
 }
 
 scripted_port &scripted_port::lets_a_write_pass()
@@ -176,7 +176,7 @@ scripted_port &scripted_port::refuses_a_write(int number)
 bool scripted_port::awaits_bytes() const
 {
     return !script_.empty() &&
-           (script_.front().what == step::takes || script_.front().what == step::takes_up_to);
+           (script_.front().what == step::kind::takes || script_.front().what == step::kind::takes_up_to);
 }
 
 // Plays the script up to where it waits for the code under test, or for time to pass.
@@ -186,7 +186,7 @@ void scripted_port::go_on()
         step next = std::move(script_.front());
         script_.pop_front();
         switch (next.what) {
-        case step::pauses:
+        case step::kind::pauses:
             is_pausing_ = true;
             virtual_time::instance().after(
                 next.number,
@@ -196,7 +196,7 @@ void scripted_port::go_on()
                 },
                 this);
             break;
-        case step::does:
+        case step::kind::does:
             next.action();
             break;
         default:
@@ -210,9 +210,9 @@ std::string scripted_port::unread()
 {
     std::string bytes;
     std::erase_if(arrived_, [&bytes](const step &each) {
-        if (each.what == step::sends)
+        if (each.what == step::kind::sends)
             bytes += each.bytes;
-        return each.what == step::sends;
+        return each.what == step::kind::sends;
     });
     return bytes;
 }
@@ -242,11 +242,11 @@ scripted_port *scripted_port::of(int handle)
 // What poll(2) sees now.
 short scripted_port::events() const
 {
-    if (is_at(step::hangs_up))
+    if (is_at(step::kind::hangs_up))
         return POLLHUP | POLLIN | POLLOUT;
-    if (is_at(step::breaks))
+    if (is_at(step::kind::breaks))
         return POLLERR | POLLOUT;
-    return is_at(step::sends) || is_at(step::fails_a_read) ? POLLIN | POLLOUT : POLLOUT;
+    return is_at(step::kind::sends) || is_at(step::kind::fails_a_read) ? POLLIN | POLLOUT : POLLOUT;
 }
 
 int scripted_port::wait(pollfd *watched, int timeout_ms)
@@ -265,7 +265,7 @@ int scripted_port::wait(pollfd *watched, int timeout_ms)
     if (virtual_time::instance().pass(int64_t{timeout_ms} * 1000, is_ready))
         return 1;
     ++waits_in_vain_;
-    if (is_at(step::lets_a_wait_pass)) {
+    if (is_at(step::kind::lets_a_wait_pass)) {
         arrived_.pop_front();
         go_on();
     }
@@ -274,14 +274,14 @@ int scripted_port::wait(pollfd *watched, int timeout_ms)
 
 ssize_t scripted_port::read(int handle, void *data, size_t size)
 {
-    if (is_at(step::hangs_up) || is_at(step::breaks))
+    if (is_at(step::kind::hangs_up) || is_at(step::kind::breaks))
         return refused(EIO);
-    if (is_at(step::fails_a_read)) {
+    if (is_at(step::kind::fails_a_read)) {
         const auto number = static_cast<int>(arrived_.front().number);
         arrived_.pop_front();
         return refused(number);
     }
-    if (!is_at(step::sends)) {
+    if (!is_at(step::kind::sends)) {
         EXPECT_NE(fcntl(handle, F_GETFL) & O_NONBLOCK, 0) << "a read that would not return";
         return refused(EAGAIN);
     }
@@ -306,7 +306,7 @@ void scripted_port::take(std::string bytes)
         step &now = script_.front();
         bool is_done = false;
         size_t count = 0;
-        if (now.what == step::takes_up_to) {
+        if (now.what == step::kind::takes_up_to) {
             const size_t end = bytes.find(now.bytes);
             is_done = end != std::string::npos;
             count = is_done ? end + 1 : bytes.size();
@@ -328,7 +328,7 @@ ssize_t scripted_port::write(int handle, const void *data, size_t size)
 {
     if ((fcntl(handle, F_GETFL) & O_ACCMODE) == O_RDONLY)
         return refused(EBADF);
-    if (is_at(step::hangs_up))
+    if (is_at(step::kind::hangs_up))
         return refused(EIO);
     writes_.emplace_back(static_cast<const char *>(data), size);
     size_t count = std::min(size, largest_write);
@@ -355,7 +355,7 @@ int scripted_port::control(unsigned long request, void *argument)
     auto *const number = static_cast<int *>(argument);
     switch (request) {
     case FIONREAD:
-        *number = is_at(step::sends) ? static_cast<int>(arrived_.front().bytes.size()) : 0;
+        *number = is_at(step::kind::sends) ? static_cast<int>(arrived_.front().bytes.size()) : 0;
         return 0;
     case TIOCEXCL:
     case TIOCNXCL:

@@ -93,7 +93,7 @@ class scripted_port {
 
   private:
     struct step {
-        enum kind {
+        enum class kind {
             sends,
             takes,
             takes_up_to,
