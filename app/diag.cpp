@@ -33,8 +33,12 @@ int switch_QDload_mode(const modem *m)
         log_err("unable to open device path %s", port->port_name);
         return port_error(err);
     }
-    if (const int err = refuse_port_holders(device.get(), port->port_name); err != CORE_OK)
-        return err;
+    // A modem that the scan found is found again whatever its port is called then; the scan has named the
+    // holders.
+    if (m->probing_mode != PROBING_USB) {
+        if (const int err = refuse_port_holders(device.get(), port->port_name); err != CORE_OK)
+            return err;
+    }
     const auto write_some = [&device](const void *data, size_t size, size_t *written) {
         return core_device_write(device.get(), data, size, written);
     };

@@ -129,6 +129,12 @@ int lock_node(const core_usb_place &device)
     return CORE_EBUSY;
 }
 
+bool holds_place_of(const core_usb_place &device)
+{
+    lock_name name;
+    return core_compose(name, name_of_place, device.place) && find_held(name.data()) != nullptr;
+}
+
 } // namespace
 
 int hold_port(const char *port, const struct stat &node)
@@ -154,8 +160,12 @@ int hold_modem(const modem *m)
 int hold_usb_devices(const core_usb_id &id)
 {
     std::array<core_usb_place, MAX_MODEM_NUMBER> devices{};
-    const size_t count = core_find_usb_places(sys, id, devices);
-    for (const core_usb_place &device : std::span(devices).first(count)) {
+    const std::span found = std::span(devices).first(core_find_usb_places(sys, id, devices));
+    // Once the modem's own place is held, the devices at other places are other runs' business.
+    const bool is_place_known = std::any_of(found.begin(), found.end(), holds_place_of);
+    for (const core_usb_place &device : found) {
+        if (is_place_known && !holds_place_of(device))
+            continue;
         if (const int err = hold_place(device.place, in_hold_usb_devices, "USB device", device.place);
             err != CORE_OK)
             return err;

@@ -18,8 +18,9 @@
 [[nodiscard]] int hold_port(const char *port);
 // The same for all ports of a modem.
 [[nodiscard]] int hold_modem(const modem *m);
-// Holds every attached USB device of that identifier, and locks its node for other programs: libusb opens the
-// first that it finds. The same results.
+// Locks the node of the attached USB device of that identifier, for other programs: of the one at a place
+// that this run holds; where it holds none, of all, and their places, since libusb opens the first that it
+// finds. The same results.
 [[nodiscard]] int hold_usb_devices(const core_usb_id &id);
 // Logs in one way who has what: `what` and `which`, "port" and its path; `advice` may be empty.
 void report_in_use(const char *function, const char *what, const char *which, const core_process &holder,

@@ -289,6 +289,21 @@ TEST_F(RunLockOnABus, IsRefusedForAUsbDeviceOfAnotherRun)
     EXPECT_EQ(log.messages().back().function, "hold_usb_devices");
 }
 
+TEST_F(RunLockOnABus, IsNotRefusedForTheUsbDeviceOfAnotherModem)
+{
+    add_usb_device("1-2", "05c6", 5);
+    add_usb_device("1-3", "05c6", 6);
+    add_port("1-2", "ttyUSB0");
+    add_port("1-3", "ttyUSB1");
+    const other_process other(
+        [this] { return hold("/dev/ttyUSB0") == 0 && hold_usb_devices(download_id) == 0; });
+    EXPECT_EQ(hold("/dev/ttyUSB1"), 0);
+    EXPECT_EQ(hold_usb_devices(download_id), 0);
+    EXPECT_TRUE(log.texts(CORE_LOG_ERR).empty());
+    const owned_lock node(open("/dev/bus/usb/001/006", O_RDONLY));
+    EXPECT_EQ(core_lock_file(node.get()), -16) << "its own node is locked";
+}
+
 TEST_F(RunLockOnABus, IsRefusedForAUsbDeviceWhoseNodeIsLocked)
 {
     add_usb_device("1-2", "05c6", 5);
