@@ -280,6 +280,10 @@ def attribute_value(raw, encoding):
     return document.root[1]['a'] if document.error is None else None
 
 
+def is_other_spelling(attribute):
+    return attribute != 'filename' and re.sub('[^a-z]', '', attribute.lower()) == 'filename'
+
+
 def find_differences(document, kept):
     """How the kept commands differ from the document's elements."""
     expected = list(document.elements)
@@ -295,23 +299,21 @@ def find_differences(document, kept):
         read = attribute_value(each.file, document.encoding)
         if read != named and (each.file or name == 'program'):
             return f'file: {named!r} became {each.file!r}'
-        if name == 'program' and b'<program ' not in each.command:
-            return f'sent as if it were no program command: {each.command!r}'
+        if name == 'program' and any(is_other_spelling(attribute) for attribute in attributes):
+            return f'file that is not read: {each.command!r}'
+        if (name == 'program' or (name == 'erase' and attributes)) and f'<{name} '.encode() not in each.command:
+            return f'sent as if it were no {name} command: {each.command!r}'
     return None
 
 
 def is_refused_on_purpose(text, document, kept):
     """What expat takes and nothing is lost of, and is refused all the same."""
-    attributes_of_programs = [attribute for name, attributes in document.elements if name == 'program'
-                              for attribute in attributes]
     return any([
         not document.elements,
         document.root != ('data', {}) or b'<data>' not in text or b'</data>' not in text,
         document.others,
         not document.is_flat,
         '>' in document.text,
-        any(re.sub('[^a-z]', '', attribute.lower()) == 'filename' != attribute for attribute in attributes_of_programs),
-        any(re.search(rb'<erase[\t\r]', each.command) for each in kept),
         # A command may have been kept in place of one that is written alike.
         any(text.count(each.command.strip()) > 1 for each in kept),
     ])
@@ -408,7 +410,7 @@ def test_refusal_for_sectors_is_founded_and_loses_no_element(verdicts):
 
 
 @pytest.mark.parametrize('verdict, at_least', [
-    ('accepted', 10), ('refused for a loss', 5), ('refused on purpose', 2), ('refused for its sectors', 1),
+    ('accepted', 10), ('refused for a loss', 5), ('refused on purpose', 1), ('refused for its sectors', 1),
     ('tolerated', 1), ('refused by both', 10)])
 def test_no_verdict_is_rare(verdict, at_least, verdicts):
     """In percent."""
